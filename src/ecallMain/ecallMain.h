@@ -1,0 +1,57 @@
+// The service frame: process-wide bus handles, the system log and fatal-error
+// helpers, the bus method handler and the two signal emitters.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "ecallMain/ecallTypes.h"
+#include "platform/serviceBus.h"
+#include "platform/trace.h"
+
+// Version text of the service, written to the emergency log at start.
+inline const char* const ecallServiceVersion = "1.2.1r";
+
+// The process-wide bus connection and the service's registration (used for
+// every reply and every emitted signal).
+extern SVCIPC_tConnection svcIPCConn;
+extern SVCIPC_tSvcRegHnd svcIPCRegHnd;
+
+// Set by the SIGTERM/SIGINT handler; read by nothing: the service runs until
+// it is killed.
+extern std::atomic<unsigned char> gQuit;
+
+// The "ecallModeActive" value of the last "ecall" signal; answered by
+// "IsECallInProgess".
+extern std::atomic<bool> bECallInProgress;
+
+// Trace scope of the service frame.
+extern CQVTraceScopeDef ecallMainTraceScope;
+
+void sigHandler(int sig);
+
+// Formats into a 500-byte line (longer texts are cut, never overflowed) and
+// writes it to the system log as "ecallService: <text>".
+void sendtoSlog(int severity, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Prints the message to standard error, shuts the bus down and aborts.
+[[noreturn]] void die(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Handler of every bus method of the service.
+void onECallRequest(SVCIPC_tReqContext context, const char* method, const char* params, int noReplyExpected,
+                    SVCIPC_tUserToken token);
+// Answers a call with {"result":"OK"}.
+void sendGeneralResponse(SVCIPC_tReqContext context, SVCIPC_tUserToken token, const char* method);
+
+// Builds and emits the "ecall" signal.
+void emitEmergencySignal(bool ecall, ecallMain::eEmergencyType type, std::string phoneNumber,
+                         ecallMain::eCallModeType mode, bool BTCallActive, bool ecallModeActive);
+// Builds and emits the "ecallProgress" signal.
+void emitECallProgressSignal(unsigned int progress);
+
+// The mode text last emitted in the "ecall" signal ("none" at start).
+std::string getCurCallModeString();
+
+// Progress codes of the "ecallProgress" signal.
+constexpr unsigned int ECALL_PROGRESS_MIC_MUTED = 0xDA80;    // 55936
+constexpr unsigned int ECALL_PROGRESS_MIC_UNMUTED = 0xDA6B;  // 55915

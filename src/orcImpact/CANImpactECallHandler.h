@@ -1,0 +1,94 @@
+// The emergency inputs and the mirror LED: the restraint controller channel
+// reader, the mirror button reader, the LED and Assist messages to the vehicle
+// micro, the blink timer and the reset of the cellular module.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "ecallMain/ecallTypes.h"
+#include "platform/trace.h"
+
+extern CQVTraceScopeDef orcImpactTraceScope;  // "ecallService_orcImpact"
+
+// Mirror LED states.
+enum eLedStatus : int32_t {
+  LED_OFF = 0,
+  LED_SOLID_GREEN = 1,
+  LED_BLINKING_GREEN = 2,
+  LED_RED = 3,
+};
+
+// Messages written to the restraint controller channel (first byte).
+constexpr uint8_t ORC_MSG_LED_STATUS = 1;
+constexpr uint8_t ORC_MSG_ASSIST_STATUS = 2;
+constexpr uint8_t ORC_MSG_RESET_CELL_MODULE = 3;
+
+// Messages read from it (first byte).
+constexpr uint8_t ORC_MSG_IMPACT = 0;
+constexpr uint8_t ORC_MSG_LOC = 1;
+constexpr int ORC_IMPACT_MSG_MIN_SIZE = 7;
+constexpr int ORC_LOC_MSG_MIN_SIZE = 4;
+constexpr int ORC_READ_SIZE = 254;
+
+// Where each of the thirteen impact kinds sits in the two impact bytes of a
+// path: the byte (0 or 1) and the bit mask.
+struct orcIpcLocation {
+  uint8_t byte;
+  uint8_t mask;
+};
+extern const orcIpcLocation orcIpcLocationTable[ecallMain::IMPACT_KIND_COUNT];
+// Kinds that start an emergency, in order of checking, ended by 13.
+extern const uint8_t orcSerialTriggers[];
+extern const uint8_t orcCanTriggers[];
+
+// Maximum number of module resets until the module is seen working again.
+constexpr uint32_t V850_RESET_LIMIT = 3;
+
+extern pthread_t blinkTimerThreadHnd;
+
+void* canImpactThrdFunc(void* arg);
+void* ecallReadThrdFunc(void* arg);
+void* BlinkTimerThreadFunc(void* arg);
+
+class CANImpactECallHandler {
+ public:
+  CANImpactECallHandler();  // opens the mirror button PPS object
+  ~CANImpactECallHandler();
+  CANImpactECallHandler(const CANImpactECallHandler&) = delete;
+  CANImpactECallHandler& operator=(const CANImpactECallHandler&) = delete;
+
+  // Starts both input threads and blocks until both end.
+  void monitorCANForEmergency();
+
+  // One message read from the restraint controller channel (n bytes).
+  void processOrcMessage(const uint8_t* msg, int n);
+  // One read of the mirror button PPS object (zero-terminated text); armed is
+  // the emergency button's arm flag of the reader thread.
+  void processButtonPpsText(char* text, bool& armed);
+
+  int openPPSObj(std::string path, int& fd);
+  int closePPSObj(int& fd);
+
+  // ---- Mirror LED (mirrorLed.cpp) ----
+  eLedStatus getLastLedSetStatus() const { return mLastLedSetStatus.load(); }
+  void setLedStatus(eLedStatus status);
+  void sendAssistAppStatus(bool active);
+  void startBlinkTimer();
+
+  // ---- Module reset (moduleReset.cpp) ----
+  bool v850ResetSierra();
+  void resetV850ResetPhCounter();
+
+  int getPpsFd() const { return mPpsFd.load(); }
+  int getOrcFd() const { return mOrcFd.load(); }
+
+ private:
+  std::atomic<int> mPpsFd{-1};
+  std::atomic<int> mOrcFd{-1};
+  std::atomic<eLedStatus> mLastLedSetStatus{LED_OFF};
+  std::atomic<uint32_t> mV850ResetCounter{0};
+};

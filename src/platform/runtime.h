@@ -1,0 +1,29 @@
+// Process-wide settings of the platform layer: the root folder under which
+// every absolute path of the service is resolved (--root), and the time
+// scale that shortens every wait for simulation (--time-scale).
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace platform {
+
+// Root folder, "/" by default. Set once from the command line, before any
+// process object is created.
+void setRoot(const std::string& dir);
+const std::string& root();
+// An absolute path of the service ("/fs/etfs/...") under the root.
+std::string rootPath(const std::string& absolutePath);
+
+// 0 < scale <= 1; 1 by default.
+void setTimeScale(double scale);
+double timeScale();
+// A duration the service waits for, scaled (never below 1 ms for a non-zero
+// duration, so a 1 ms "run now" stays a real timer expiry).
+int64_t scaledMs(int64_t ms);
+int64_t scaledNs(int64_t ns);
+// nanosleep for a scaled duration (retried on EINTR).
+void sleepMs(int64_t ms);
+void sleepNs(int64_t ns);
+
+}  // namespace platform

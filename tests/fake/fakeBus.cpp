@@ -1,0 +1,479 @@
+#include "fake/fakeBus.h"
+
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+struct SvcIpcConnection {
+  int unused;
+};
+struct SvcIpcRegistration {
+  std::string busName;
+  std::string objPath;
+  SVCIPC_tRequestCallback handler;
+  void* userData;
+};
+struct SvcIpcRequest {
+  bool replied = false;
+  std::string result;
+  bool freed = false;
+};
+struct SvcIpcSubscription {
+  bool owner = false;
+  std::string objPath;  // signals
+  std::string name;     // signal name, or bus name for owner changes
+  SVCIPC_tSignalCallback signalHandler = nullptr;
+  SVCIPC_tNameOwnerChangedCallback ownerHandler = nullptr;
+  void* context = nullptr;
+  bool active = true;
+};
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct State {
+  std::mutex mutex;
+  std::condition_variable changed;  // a call was recorded
+  std::vector<fakeBus::Call> calls;
+  std::map<std::pair<std::string, std::string>, fakeBus::Responder> responders;
+  std::set<std::string> absent;
+  std::vector<SvcIpcSubscription*> subscriptions;
+  SvcIpcRegistration* registration = nullptr;
+  SVCIPC_tError registrationFailure = SVCIPC_ERROR_NONE;
+  SvcIpcConnection connection{};
+
+  // The bus thread.
+  std::mutex queueMutex;
+  std::condition_variable queueChanged;
+  std::deque<std::function<void()>> queue;
+  uint64_t posted = 0;
+  uint64_t done = 0;
+  std::thread::id busThreadId;
+  bool started = false;
+};
+
+State& state() {
+  static State* s = new State();  // never destroyed: the bus thread outlives static destruction
+  return *s;
+}
+
+void busThreadBody() {
+  State& s = state();
+  for (;;) {
+    std::function<void()> job;
+    {
+      std::unique_lock<std::mutex> lock(s.queueMutex);
+      s.queueChanged.wait(lock, [&] { return !s.queue.empty(); });
+      job = std::move(s.queue.front());
+      s.queue.pop_front();
+    }
+    job();
+    {
+      std::lock_guard<std::mutex> lock(s.queueMutex);
+      ++s.done;
+    }
+    s.queueChanged.notify_all();
+  }
+}
+
+// Queues a job on the bus thread; returns its sequence number.
+uint64_t post(std::function<void()> job) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.queueMutex);
+  if (!s.started) {
+    s.started = true;
+    std::thread t(busThreadBody);
+    s.busThreadId = t.get_id();
+    t.detach();
+  }
+  s.queue.push_back(std::move(job));
+  s.queueChanged.notify_all();
+  return ++s.posted;
+}
+
+void waitDone(uint64_t seq) {
+  State& s = state();
+  std::unique_lock<std::mutex> lock(s.queueMutex);
+  if (std::this_thread::get_id() == s.busThreadId) return;  // called from a callback: cannot wait for ourselves
+  s.queueChanged.wait(lock, [&] { return s.done >= seq; });
+}
+
+void record(const fakeBus::Call& call) {
+  State& s = state();
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.calls.push_back(call);
+  }
+  s.changed.notify_all();
+}
+
+std::string text(const char* p) { return p ? std::string(p) : std::string(); }
+
+fakeBus::Reply replyOf(const std::string& busName, const std::string& method, const std::string& params) {
+  fakeBus::Responder responder;
+  {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.responders.find({busName, method});
+    if (it != s.responders.end()) responder = it->second;
+  }
+  if (responder) return responder(params);
+  return fakeBus::Reply{};
+}
+
+bool hasOwner(const std::string& busName) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return s.absent.count(busName) == 0;
+}
+
+const SVCIPC_tError kServiceUnknown = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
+const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
+
+}  // namespace
+
+// ---- The bus functions the service calls ----
+
+SVCIPC_tError SVCIPC_initialize(void) { return state().registrationFailure; }
+SVCIPC_tError SVCIPC_shutdown(void) { return SVCIPC_ERROR_NONE; }
+
+SVCIPC_tError SVCIPC_getConnection(int, int, SVCIPC_tConnection* conn) {
+  if (!conn) return SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_BAD_ARGS);
+  *conn = &state().connection;
+  return state().registrationFailure;
+}
+
+SVCIPC_tError SVCIPC_getConnectionByAddress(const char*, SVCIPC_tConnection* conn) {
+  return SVCIPC_getConnection(0, 0, conn);
+}
+
+SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection) { return SVCIPC_ERROR_NONE; }
+
+SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection, const char* busName, const char* objPath, int,
+                                     SVCIPC_tRequestCallback handler, void* userData, SVCIPC_tSvcRegHnd* regHnd) {
+  State& s = state();
+  if (s.registrationFailure != SVCIPC_ERROR_NONE) return s.registrationFailure;
+  auto* reg = new SvcIpcRegistration{text(busName), text(objPath), handler, userData};
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.registration = reg;
+  }
+  if (regHnd) *regHnd = reg;
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_unregisterService(SVCIPC_tSvcRegHnd) { return SVCIPC_ERROR_NONE; }
+
+SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* result, int, SVCIPC_tUserToken) {
+  if (!context) return SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_BAD_ARGS);
+  context->replied = true;
+  context->result = text(result);
+  fakeBus::Call call{fakeBus::Call::ReturnResult};
+  call.params = context->result;
+  record(call);
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_freeReqContext(SVCIPC_tReqContext context) {
+  if (context) context->freed = true;
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tSvcRegHnd regHnd, const char* sigName, const char* data,
+                               SVCIPC_tResultCallback onStatus, void* context) {
+  fakeBus::Call call{fakeBus::Call::Emit};
+  if (regHnd) {
+    call.busName = regHnd->busName;
+    call.objPath = regHnd->objPath;
+  }
+  call.method = text(sigName);
+  call.params = text(data);
+  record(call);
+  if (onStatus) {
+    post([onStatus, context] {
+      SVCIPC_tCallbackStatus status{SVCIPC_ERROR_NONE, nullptr, nullptr};
+      onStatus(&status, nullptr, context);
+    });
+  }
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection, const char* busName, const char* objPath, const char* method,
+                            const char* params, int timeoutMsec, SVCIPC_tResponse** response) {
+  if (response) *response = nullptr;
+  fakeBus::Call call{fakeBus::Call::Invoke, text(busName), text(objPath), text(method), text(params), timeoutMsec};
+  record(call);
+  if (!hasOwner(call.busName)) return kServiceUnknown;
+  fakeBus::Reply reply = replyOf(call.busName, call.method, call.params);
+  if (reply.rc < 0) return reply.rc;
+  if (reply.noAnswer) return kNoReply;
+  if (response) {
+    auto* r = new SVCIPC_tResponse;
+    r->result = strdup(reply.result.c_str());
+    *response = r;
+  }
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const char* objPath, const char* method,
+                                 const char* params, int noReplyExpected, int timeoutMsec,
+                                 SVCIPC_tResultCallback onResult, void* context) {
+  fakeBus::Call call{fakeBus::Call::AsyncInvoke, text(busName), text(objPath), text(method), text(params),
+                     timeoutMsec, noReplyExpected, context ? text(static_cast<const char*>(context)) : ""};
+  record(call);
+  if (!hasOwner(call.busName)) return kServiceUnknown;
+  fakeBus::Reply reply = replyOf(call.busName, call.method, call.params);
+  if (reply.rc < 0) return reply.rc;
+  if (reply.noAnswer || noReplyExpected || !onResult) return SVCIPC_ERROR_NONE;
+  post([reply, onResult, context] {
+    SVCIPC_tCallbackStatus status{reply.callbackErr, nullptr, nullptr};
+    if (reply.callbackErr != SVCIPC_ERROR_NONE) {
+      status.errName = "com.nordak.service.Error";
+      status.errMsg = "failed";
+      onResult(&status, nullptr, context);
+    } else {
+      onResult(&status, reply.result.c_str(), context);
+    }
+  });
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection, const char* objPath, const char* sigName,
+                               SVCIPC_tSignalCallback handler, void* context, SVCIPC_tSigSubHnd* subHnd) {
+  auto* sub = new SvcIpcSubscription;
+  sub->objPath = text(objPath);
+  sub->name = text(sigName);
+  sub->signalHandler = handler;
+  sub->context = context;
+  {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.subscriptions.push_back(sub);
+  }
+  fakeBus::Call call{fakeBus::Call::Subscribe, "", text(objPath), text(sigName)};
+  call.context = context ? text(static_cast<const char*>(context)) : "";
+  record(call);
+  if (subHnd) *subHnd = sub;
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection, const char* busName,
+                                           SVCIPC_tNameOwnerChangedCallback handler, void* context,
+                                           SVCIPC_tSigSubHnd* subHnd) {
+  auto* sub = new SvcIpcSubscription;
+  sub->owner = true;
+  sub->name = text(busName);
+  sub->ownerHandler = handler;
+  sub->context = context;
+  {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.subscriptions.push_back(sub);
+  }
+  fakeBus::Call call{fakeBus::Call::SubscribeOwner, text(busName)};
+  call.context = context ? text(static_cast<const char*>(context)) : "";
+  record(call);
+  if (subHnd) *subHnd = sub;
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_unsubscribe(SVCIPC_tSigSubHnd subHnd) {
+  if (subHnd) {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    subHnd->active = false;
+  }
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection, const char* busName, int* hasOwnerOut) {
+  fakeBus::Call call{fakeBus::Call::HasOwner, text(busName)};
+  record(call);
+  if (hasOwnerOut) *hasOwnerOut = hasOwner(text(busName)) ? 1 : 0;
+  return SVCIPC_ERROR_NONE;
+}
+
+SVCIPC_tError SVCIPC_freeResponse(SVCIPC_tResponse* response) {
+  if (response) {
+    free(const_cast<char*>(response->result));
+    delete response;
+  }
+  return SVCIPC_ERROR_NONE;
+}
+
+namespace platform {
+void setDefaultBus(const char*) {}
+}  // namespace platform
+
+// ---- The test's side ----
+
+namespace fakeBus {
+
+void reset() {
+  drain();
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.calls.clear();
+  s.responders.clear();
+  s.absent.clear();
+  for (auto* sub : s.subscriptions) sub->active = false;
+  s.subscriptions.clear();
+  s.registrationFailure = SVCIPC_ERROR_NONE;
+}
+
+void setReply(const std::string& busName, const std::string& method, const Reply& reply) {
+  setResponder(busName, method, [reply](const std::string&) { return reply; });
+}
+
+void setResponder(const std::string& busName, const std::string& method, Responder responder) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.responders[{busName, method}] = std::move(responder);
+}
+
+void setOwner(const std::string& busName, bool owned) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (owned)
+    s.absent.erase(busName);
+  else
+    s.absent.insert(busName);
+}
+
+void failRegistration(SVCIPC_tError rc) {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().registrationFailure = rc;
+}
+
+std::vector<Call> calls() {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return s.calls;
+}
+
+std::vector<Call> callsOf(Call::Kind kind) {
+  std::vector<Call> out;
+  for (auto& c : calls())
+    if (c.kind == kind) out.push_back(c);
+  return out;
+}
+
+std::vector<Call> requests(const std::string& busName, const std::string& method) {
+  std::vector<Call> out;
+  for (auto& c : calls())
+    if ((c.kind == Call::Invoke || c.kind == Call::AsyncInvoke) && (busName.empty() || c.busName == busName) &&
+        c.method == method)
+      out.push_back(c);
+  return out;
+}
+
+std::vector<std::pair<std::string, std::string>> emitted() {
+  std::vector<std::pair<std::string, std::string>> out;
+  for (auto& c : calls())
+    if (c.kind == Call::Emit) out.emplace_back(c.method, c.params);
+  return out;
+}
+
+std::vector<std::string> emittedData(const std::string& sigName) {
+  std::vector<std::string> out;
+  for (auto& e : emitted())
+    if (e.first == sigName) out.push_back(e.second);
+  return out;
+}
+
+void clearCalls() {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().calls.clear();
+}
+
+bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds deadline) {
+  State& s = state();
+  auto until = Clock::now() + deadline;
+  std::unique_lock<std::mutex> lock(s.mutex);
+  for (;;) {
+    lock.unlock();
+    bool ok = pred();
+    lock.lock();
+    if (ok) return true;
+    // Also wake regularly: some predicates watch state outside the fake.
+    if (s.changed.wait_until(lock, std::min(until, Clock::now() + std::chrono::milliseconds(20))) ==
+            std::cv_status::timeout &&
+        Clock::now() >= until) {
+      lock.unlock();
+      return pred();
+    }
+  }
+}
+
+bool waitForRequests(const std::string& busName, const std::string& method, size_t count,
+                     std::chrono::milliseconds deadline) {
+  return waitFor([&] { return requests(busName, method).size() >= count; }, deadline);
+}
+
+bool waitForEmitted(const std::string& sigName, size_t count, std::chrono::milliseconds deadline) {
+  return waitFor([&] { return emittedData(sigName).size() >= count; }, deadline);
+}
+
+int deliverSignal(const std::string& objPath, const std::string& sigName, const std::string& data) {
+  std::vector<SvcIpcSubscription*> targets;
+  {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    for (auto* sub : s.subscriptions)
+      if (sub->active && !sub->owner && sub->objPath == objPath && sub->name == sigName) targets.push_back(sub);
+  }
+  uint64_t seq = post([targets, sigName, data] {
+    for (auto* sub : targets) sub->signalHandler(sigName.c_str(), data.c_str(), sub->context);
+  });
+  waitDone(seq);
+  return static_cast<int>(targets.size());
+}
+
+int changeOwner(const std::string& busName, const std::string& oldOwner, const std::string& newOwner) {
+  setOwner(busName, !newOwner.empty());
+  std::vector<SvcIpcSubscription*> targets;
+  {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    for (auto* sub : s.subscriptions)
+      if (sub->active && sub->owner && sub->name == busName) targets.push_back(sub);
+  }
+  uint64_t seq = post([targets, busName, oldOwner, newOwner] {
+    for (auto* sub : targets) sub->ownerHandler(busName.c_str(), oldOwner.c_str(), newOwner.c_str(), sub->context);
+  });
+  waitDone(seq);
+  return static_cast<int>(targets.size());
+}
+
+MethodResult callMethod(const std::string& method, const char* params, int noReplyExpected) {
+  SvcIpcRegistration* reg;
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    reg = state().registration;
+  }
+  MethodResult out;
+  if (!reg || !reg->handler) return out;
+  SvcIpcRequest request;
+  std::string paramText = params ? params : "";
+  bool hasParams = params != nullptr;
+  uint64_t seq = post([&] {
+    reg->handler(&request, method.c_str(), hasParams ? paramText.c_str() : nullptr, noReplyExpected, reg->userData);
+  });
+  waitDone(seq);
+  out.handled = true;
+  out.replied = request.replied;
+  out.result = request.result;
+  out.contextFreed = request.freed;
+  return out;
+}
+
+void drain() {
+  uint64_t seq = post([] {});
+  waitDone(seq);
+}
+
+}  // namespace fakeBus
