@@ -1,0 +1,8 @@
+#include "support/privateBus.h"
+
+namespace testSupport {
+
+PrivateBus::PrivateBus() {}
+PrivateBus::~PrivateBus() {}
+
+}  // namespace testSupport
