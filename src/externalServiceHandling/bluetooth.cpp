@@ -1,0 +1,4 @@
+#include "externalServiceHandling/externalServiceHandling.h"
+
+void externalServiceHandling::disableBluetooth() {}
+void externalServiceHandling::enableBluetooth() {}
