@@ -1,0 +1,1 @@
+#include "support/e2eHarness.h"

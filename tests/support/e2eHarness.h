@@ -1,0 +1,2 @@
+// End-to-end harness (work in progress).
+#pragma once
