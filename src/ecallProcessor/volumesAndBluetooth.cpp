@@ -1,8 +1,84 @@
+// Phone and prompt volumes at the audio mixer, the ring volume during a
+// callback, and the call state of a Bluetooth-connected phone.
+#include <cstring>
+
+#include "ecallMain/ecallMain.h"
+#include "ecallMain/jsonText.h"
+#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 
 std::atomic<int32_t> defaultPhoneVol{15};
 std::atomic<int32_t> defaultPromptVol{15};
 
-void ecallProcessor::getDefaultVolumes() {}
-void ecallProcessor::setRingVolume(int) {}
-void ecallProcessor::onSubcribedBTSignal(const char*, const char*, void*) {}
+namespace {
+
+const char* const kAudioMixerName = "com.nordak.service.AudioMixerManager";
+const char* const kAudioMixerPath = "/com/nordak/service/AudioMixerManager";
+// The prompt volume used once the mixer has answered.
+constexpr int32_t kPromptVolume = 12;
+
+Json::Value memberOf(const Json::Value& value, const char* name) {
+  return value.isObject() ? value.get(name, Json::Value()) : Json::Value();
+}
+
+}  // namespace
+
+void ecallProcessor::getDefaultVolumes() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  Json::Value query(Json::objectValue);
+  query["props"].append("volumeLevel");
+  SVCIPC_tResponse* response = nullptr;
+  SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, kAudioMixerName, kAudioMixerPath, "getProperties",
+                                   jsonWrite(query).c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
+  if (rc < 0 || response == nullptr) return;
+
+  Json::Value root;
+  const bool parsed = jsonParse(response->result, root);
+  SVCIPC_freeResponse(response);
+  if (!parsed) return;
+
+  const Json::Value phone = memberOf(memberOf(memberOf(root, "volumeLevel"), "FRONT_L_SPKR"), "PHONE");
+  defaultPhoneVol = phone.isInt() ? phone.asInt() : 0;
+  defaultPromptVol = kPromptVolume;
+}
+
+void ecallProcessor::setRingVolume(int step) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  Json::Value body(Json::objectValue);
+  body["source"] = "PHONE";
+  body["step"] = step;
+  body["user"] = "driver";
+  // The reply is handled like the dial request's.
+  SVCIPC_asyncInvoke(svcIPCConn, kAudioMixerName, kAudioMixerPath, "adjustVolume", jsonWrite(body).c_str(),
+                     0 /*reply expected*/, SVCIPC_TIMEOUT_DEFAULT, onAsyncResult, const_cast<char*>("dial"));
+}
+
+void ecallProcessor::onSubcribedBTSignal(const char* sigName, const char* data, void* context) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const bool willDisconnect = ecallHandler.mWillDisconnBT;
+  // While Bluetooth is being switched off its phone's call state means nothing.
+  if (willDisconnect || sigName == nullptr || std::strcmp(sigName, "callState") != 0) {
+    scope.sendFormattedMessage("mWillDisconnBT = %d", willDisconnect ? 1 : 0);
+    return;
+  }
+  const char* text = data != nullptr ? data : "";
+  scope.sendFormattedMessage("Received BT call state info %s\n", text);
+
+  Json::Value root;
+  if (!jsonParse(text, root)) {
+    scope.sendFormattedError("failed to parse bluetooth callstate json value\n");
+    return;
+  }
+  const Json::Value calls = memberOf(root, "callStateInfo");
+  const Json::ArrayIndex count = calls.isArray() ? calls.size() : 0;
+  scope.sendFormattedMessage("callstateArray size %d\n", static_cast<int>(count));
+
+  // Any call that is not idle means the Bluetooth phone is busy.
+  bool active = false;
+  for (Json::ArrayIndex i = 0; i < count && !active; ++i) {
+    const Json::Value state = memberOf(calls[i], "callState");
+    if (state.isNull()) continue;
+    active = !(state.isString() && state.asString() == "idle");
+  }
+  ecallHandler.btCallActive = active;
+}

@@ -1,8 +1,62 @@
+// The external services object and the request helpers the module shares.
 #include "externalServiceHandling/externalServiceHandling.h"
 
+#include "ecallMain/ecallMain.h"
+#include "ecallMain/jsonText.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "externalServiceHandling/serviceRequests.h"
+
 CQVTraceScopeDef externalServiceHandlingTraceScope("ecallService_externalServiceHandling", "all");
+
 std::atomic<int> platformDBUSAvail{0};
 SVCIPC_tSigSubHnd platformOwnerSubHnd = nullptr;
 
-externalServiceHandling::externalServiceHandling() {}
-externalServiceHandling::~externalServiceHandling() {}
+externalServiceHandling::externalServiceHandling() {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+}
+
+externalServiceHandling::~externalServiceHandling() {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  unregisterMuteClient();
+}
+
+namespace extServ {
+
+SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
+                         std::string* result) {
+  SVCIPC_tResponse* response = nullptr;
+  SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, service.name, service.path, method, params.c_str(),
+                                   SVCIPC_TIMEOUT_DEFAULT, &response);
+  if (response != nullptr) {
+    if (result != nullptr && response->result != nullptr) *result = response->result;
+    SVCIPC_freeResponse(response);
+  }
+  return rc;
+}
+
+SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
+                          const char* context) {
+  return SVCIPC_asyncInvoke(svcIPCConn, service.name, service.path, method, params.c_str(), 0 /*reply expected*/,
+                            SVCIPC_TIMEOUT_DEFAULT, ecallProcessor::onAsyncResult,
+                            const_cast<char*>(context));
+}
+
+std::string propertyQuery(const char* name) {
+  Json::Value query(Json::objectValue);
+  query["props"].append(name);
+  return jsonWrite(query);
+}
+
+Json::Value member(const Json::Value& value, const char* name) {
+  if (!value.isObject()) return Json::Value();
+  return value.get(name, Json::Value());
+}
+
+std::string textOf(const Json::Value& value, const std::string& fallback) {
+  if (value.isString() || value.isNumeric() || value.isBool()) return value.asString();
+  return fallback;
+}
+
+int intOf(const Json::Value& value, int fallback) { return value.isInt() ? value.asInt() : fallback; }
+
+}  // namespace extServ

@@ -1,6 +1,154 @@
-#include "externalServiceHandling/externalServiceHandling.h"
+// What vehicle the service runs in: the variant (embedded phone fitted or
+// not), the brand and the occupants' language for the prompts, and the head
+// unit's software version for the emergency record.
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
 
-bool externalServiceHandling::getEmebeddedPhoneEnabledInVariant() { return true; }
-void externalServiceHandling::getVehicleBrand() {}
-void externalServiceHandling::getCurrentLanguage() {}
-void externalServiceHandling::logSystemSWInfo() {}
+#include "ecallMain/ecallMain.h"
+#include "ecallMain/jsonText.h"
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "externalServiceHandling/externalServiceHandling.h"
+#include "externalServiceHandling/serviceRequests.h"
+#include "platform/runtime.h"
+#include "platform/slog.h"
+
+namespace {
+
+constexpr int kVariantAttempts = 5;
+constexpr int64_t kVariantRetryPauseMs = 1000;
+const char* const kNotPresent = "NOT PRESENT";
+
+// The number of a brand sent as an integer or as its decimal text; anything
+// else reads as 0, which is no brand.
+int brandNumberOf(const Json::Value& brand) {
+  if (brand.isInt()) return brand.asInt();
+  if (!brand.isString()) return 0;
+  errno = 0;
+  long number = std::strtol(brand.asCString(), nullptr, 10);
+  if (errno != 0 || number < INT_MIN || number > INT_MAX) return 0;
+  return static_cast<int>(number);
+}
+
+}  // namespace
+
+bool externalServiceHandling::getEmebeddedPhoneEnabledInVariant() {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  if (mVariantInfoKnown) return mEmbeddedPhoneEnabled;
+
+  // Several threads may ask at start-up; whoever learns the answer first ends
+  // the others' attempts.
+  for (int attemptsLeft = kVariantAttempts - 1; attemptsLeft >= 0 && !mVariantInfoKnown; --attemptsLeft) {
+    std::string reply;
+    SVCIPC_tError rc = extServ::invokeSync(extServ::platformService, "get_variantinfo", "", &reply);
+    if (rc < 0) {
+      scope.sendFormattedError("Unable to get the CMC variant info, rc %d, attempts left %d\n", rc, attemptsLeft);
+      sendtoSlog(_SLOG_WARNING, "Unable to get the vehicle Brand, rc 0x%0X, attempt left %d\n", rc, attemptsLeft);
+    } else {
+      scope.sendFormattedMessage("Received variant info: %s\n", reply.c_str());
+      Json::Value root;
+      jsonParse(reply.c_str(), root);
+      const std::string ecell = extServ::textOf(extServ::member(root, "VARIANT_ECELL"), kNotPresent);
+      if (ecell == kNotPresent && attemptsLeft > 0) {
+        scope.sendFormattedMessage("ECELL not in the varinat info response, trying %d more times to get it\n",
+                                   attemptsLeft);
+      } else {
+        // The flag first, so that a thread seeing the answer known reads it.
+        mEmbeddedPhoneEnabled = ecell != "NO";
+        mVariantInfoKnown = true;
+        scope.sendFormattedMessage(
+            "ECELL state in variant determined to be, %s, setting EmbeddedPhoneEnabled flag to %d\n", ecell.c_str(),
+            mEmbeddedPhoneEnabled ? 1 : 0);
+      }
+    }
+    if (!mVariantInfoKnown) platform::sleepMs(kVariantRetryPauseMs);
+  }
+
+  if (!mVariantInfoKnown) {
+    scope.sendFormattedError(
+        "ERROR Obtaining VARIANT_ECELL!!!!  %d attempts were made against a compile time option that will not "
+        "change.  Defaulting embedded phone enabled to TRUE\n",
+        kVariantAttempts);
+    mEmbeddedPhoneEnabled = true;
+    mVariantInfoKnown = true;
+  }
+  return mEmbeddedPhoneEnabled;
+}
+
+void externalServiceHandling::getVehicleBrand() {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  std::string reply;
+  SVCIPC_tError rc =
+      extServ::invokeSync(extServ::vehicleConfigService, "getProperties", extServ::propertyQuery("vehicleBrand"), &reply);
+  if (rc < 0) {
+    scope.sendFormattedError("Unable to get the vehicle Brand, rc %d\n", rc);
+    sendtoSlog(_SLOG_WARNING, "Unable to get the vehicle Brand, rc 0x%0X\n", rc);
+    return;
+  }
+  Json::Value root;
+  jsonParse(reply.c_str(), root);
+  const Json::Value brand = extServ::member(root, "vehicleBrand");
+  if (brand.isNull()) return;
+
+  const int number = brandNumberOf(brand);
+  if (number >= 1 && number <= 12) {
+    mVehicleBrandIndex = number;
+    scope.sendFormattedMessage("Venicle brand received, %s\n", strVehicleBrands[number]);
+    ecallHandler.addFormattedEntryToEmergencyLog("Vehicle brand %s\n", strVehicleBrands[number]);
+    return;
+  }
+  int current = mVehicleBrandIndex;
+  if (current < 0 || current >= VEHICLE_BRAND_COUNT) current = VEHICLE_BRAND_NONE;
+  scope.sendFormattedMessage("Vehicle brand received invalid, using current brand %s\n", strVehicleBrands[current]);
+  ecallHandler.addFormattedEntryToEmergencyLog("Vehicle brand received invalid, using current brand %s\n",
+                                               strVehicleBrands[current]);
+}
+
+void externalServiceHandling::getCurrentLanguage() {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  std::string reply;
+  SVCIPC_tError rc =
+      extServ::invokeSync(extServ::vehicleStatusService, "getProperties", extServ::propertyQuery("language"), &reply);
+  if (rc < 0) {
+    scope.sendFormattedError("Unable to get the language, rc %d\n", rc);
+    sendtoSlog(_SLOG_WARNING, "Unable to get the language, rc 0x%0X\n", rc);
+    return;
+  }
+  Json::Value root;
+  jsonParse(reply.c_str(), root);
+  const Json::Value languageValue = extServ::member(root, "language");
+  if (languageValue.isNull()) return;
+
+  const std::string language = extServ::textOf(languageValue, "");
+  scope.sendFormattedMessage("Language received, %s\n", language.c_str());
+  // "en_US", "fr_CA", "es_MX" and the like: the country part does not matter.
+  // Any other language keeps the one the prompts use now.
+  if (language.find("en_") != std::string::npos) {
+    mTtsLanguage = 0;
+  } else if (language.find("fr_") != std::string::npos) {
+    mTtsLanguage = 1;
+  } else if (language.find("es_") != std::string::npos) {
+    mTtsLanguage = 2;
+  }
+  int current = mTtsLanguage;
+  if (current < 0 || current >= TTS_LANGUAGE_COUNT) current = 0;
+  ecallHandler.addFormattedEntryToEmergencyLog("Speaker TTS language %s\n", strTtsLanguage[current]);
+  scope.sendFormattedMessage("Speaker TTS language %s\n", strTtsLanguage[current]);
+}
+
+void externalServiceHandling::logSystemSWInfo() {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  std::string reply;
+  SVCIPC_tError rc = extServ::invokeSync(extServ::platformService, "get_all_versions", "", &reply);
+  if (rc < 0) {
+    scope.sendFormattedError("Unable to get system software version, rc %d\n", rc);
+    sendtoSlog(_SLOG_WARNING, "Unable to get system software version, rc 0x%0X\n", rc);
+    return;
+  }
+  scope.sendFormattedMessage("Received system software versions: %s\n", reply.c_str());
+  Json::Value root;
+  jsonParse(reply.c_str(), root);
+  const std::string version = extServ::textOf(extServ::member(root, "app_version"), kNotPresent);
+  ecallHandler.addFormattedEntryToEmergencyLog("System Software Version: %s\n", version.c_str());
+}

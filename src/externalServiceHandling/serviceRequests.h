@@ -1,0 +1,58 @@
+// Module-internal helpers of the external services: the head-unit services
+// this module talks to, the two request forms it uses, and safe reads of
+// members from their JSON answers (a peer's answer never makes the service
+// throw, whatever its shape).
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+
+#include "platform/serviceBus.h"
+
+namespace extServ {
+
+// A head-unit service: its bus name and the object path it serves.
+struct busService {
+  const char* name;
+  const char* path;
+};
+
+inline constexpr busService ttsService{"com.nordak.service.TextToSpeechService",
+                                       "/com/nordak/service/TextToSpeechService"};
+inline constexpr busService navigationService{"com.nordak.service.NDR", "/com/nordak/service/NDR"};
+inline constexpr busService audioMixerService{"com.nordak.service.AudioMixerManager",
+                                              "/com/nordak/service/AudioMixerManager"};
+inline constexpr busService audioCtrlService{"com.nordak.service.AudioCtrlSvc", "/com/nordak/service/AudioCtrlSvc"};
+inline constexpr busService psseService{"com.nordak.service.psseControlService",
+                                        "/com/nordak/service/psseControlService"};
+inline constexpr busService bluetoothService{"com.nordak.service.BluetoothService",
+                                             "/com/nordak/service/BluetoothService"};
+inline constexpr busService platformService{"com.nordak.service.platform", "/com/nordak/service/platform"};
+inline constexpr busService vehicleConfigService{"com.nordak.service.VehicleConfig",
+                                                 "/com/nordak/service/VehicleConfig"};
+inline constexpr busService vehicleStatusService{"com.nordak.service.VehicleStatus",
+                                                 "/com/nordak/service/VehicleStatus"};
+
+// A synchronous request with the default reply time-out. The answer's text
+// goes to *result when the caller wants it; the response is released here.
+SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
+                         std::string* result = nullptr);
+
+// An asynchronous request whose reply goes to the processor's completion
+// handler, named by context (a text that lives for the process).
+SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
+                          const char* context);
+
+// {"props":[name]}: the one-property query of the configuration services.
+std::string propertyQuery(const char* name);
+
+// Member name of an object, or null when value is not an object or lacks it.
+Json::Value member(const Json::Value& value, const char* name);
+// A scalar read as text (numbers and booleans spelled out); null, arrays and
+// objects give fallback.
+std::string textOf(const Json::Value& value, const std::string& fallback);
+// An integer value, or fallback for anything that is not one.
+int intOf(const Json::Value& value, int fallback);
+
+}  // namespace extServ
