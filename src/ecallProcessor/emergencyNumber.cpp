@@ -1,7 +1,138 @@
-#include "ecallProcessor/ecallProcessor.h"
+// The emergency (PSAP) number. It is programmed into the embedded phone, not
+// into this service: it is asked of the phone before every emergency call and
+// whenever the phone says its numbers may have changed. The first usable
+// number of the phone's list is kept; a reply without one never erases it.
+#include <json/json.h>
 
-int ecallProcessor::parseEcallNumber(const char*) { return 0; }
-bool ecallProcessor::readECallNumber() { return false; }
-void ecallProcessor::asyncReadECallNumber() {}
-void ecallProcessor::onAsyncEcallNumberResult(const SVCIPC_tCallbackStatus*, const char*, void*) {}
-bool ecallProcessor::isPhoneNumberValid(const char*) { return false; }
+#include <cstring>
+#include <string>
+
+#include "ecallMain/ecallMain.h"
+#include "ecallMain/jsonText.h"
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "platform/runtime.h"
+#include "platform/slog.h"
+
+namespace {
+
+constexpr int ECALL_NUMBER_MAX_COUNT = 10;
+// Pause after a failed request or an error reply.
+constexpr int64_t ECALL_NUMBER_RETRY_PAUSE_NS = 500000000;
+constexpr int ECALL_NUMBER_MAX_FAILURES = 3;
+// A reply that is well formed but holds no number is asked again at once
+// and does not count as a failure. A phone that keeps answering so must
+// still not hold the emergency start for ever: after this many such replies
+// in a row, one failure is counted.
+constexpr int ECALL_NUMBER_EMPTY_REPLIES_PER_FAILURE = 50;
+
+constexpr int PARSE_ERROR = -1;
+constexpr int PARSE_NO_NUMBER = 0;
+constexpr int PARSE_NUMBER_STORED = 1;
+
+std::string ecallNumberQuery() {
+  Json::Value params(Json::objectValue);
+  params["maxCount"] = ECALL_NUMBER_MAX_COUNT;
+  return jsonWrite(params);
+}
+
+}  // namespace
+
+int ecallProcessor::parseEcallNumber(const char* reply) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  scope.sendFormattedMessage("parse ecallnumber result %s", reply != nullptr ? reply : "NULL");
+  Json::Value value;
+  jsonParse(reply, value);
+
+  // A count of 0 is deliberately an error reply, not a reply without number.
+  if (jsonGetInt(value, "code", 0) != 0 || jsonGetInt(value, "count", 0) <= 0) {
+    scope.sendFormattedWarning("Get ecall number response error.");
+    sendtoSlog(_SLOG_ERROR, "Get ecall number response error.\n");
+    return PARSE_ERROR;
+  }
+
+  const Json::Value list = value.get("numberList", Json::Value());
+  if (!list.isArray() || list.empty()) return PARSE_NO_NUMBER;
+
+  for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+    if (!list[i].isString()) continue;
+    const std::string number = list[i].asString();
+    if (number.empty()) continue;
+    localEcallNumber.set(number);
+    scope.sendFormattedMessage("ecall phone number value %s\n", number.c_str());
+    ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
+    return PARSE_NUMBER_STORED;
+  }
+  scope.sendFormattedWarning("ecall number does not exist!  Please set it.\n");
+  sendtoSlog(_SLOG_ERROR, "ecall number does not exist!  Please set it.\n");
+  return PARSE_NO_NUMBER;
+}
+
+bool ecallProcessor::readECallNumber() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const std::string params = ecallNumberQuery();
+  int failures = 0;
+  int emptyReplies = 0;
+  bool result = false;
+  while (failures < ECALL_NUMBER_MAX_FAILURES) {
+    SVCIPC_tResponse* response = nullptr;
+    const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
+                                           "getEmergencyNumbers", params.c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
+    bool pause = false;
+    if (SVCIPC_IS_ERROR(rc)) {
+      scope.sendFormattedWarning("Failed to get ecall number, rc %d\n", rc);
+      sendtoSlog(_SLOG_ERROR, "Failed to get ecall number %d, resp is %s\n", rc,
+                 response != nullptr ? "not NULL" : "NULL");
+      pause = true;
+    } else {
+      const char* text = response != nullptr ? response->result : nullptr;
+      if (text != nullptr) scope.sendFormattedMessage("Get PSAP (emergency) number result %s\n", text);
+      const int parsed = parseEcallNumber(text);
+      if (parsed == PARSE_ERROR) {
+        pause = true;
+      } else if (parsed == PARSE_NUMBER_STORED) {
+        result = true;
+      } else {
+        result = false;
+        if (++emptyReplies >= ECALL_NUMBER_EMPTY_REPLIES_PER_FAILURE) {
+          emptyReplies = 0;
+          ++failures;
+        }
+      }
+    }
+    if (response != nullptr) SVCIPC_freeResponse(response);
+    if (result) break;
+    if (pause) {
+      platform::sleepNs(ECALL_NUMBER_RETRY_PAUSE_NS);
+      ++failures;
+    }
+  }
+  return result;
+}
+
+void ecallProcessor::asyncReadECallNumber() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const SVCIPC_tError rc = SVCIPC_asyncInvoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
+                                              "getEmergencyNumbers", ecallNumberQuery().c_str(), 0,
+                                              SVCIPC_TIMEOUT_DEFAULT, onAsyncEcallNumberResult,
+                                              const_cast<char*>("getEmergencyNumbers"));
+  if (SVCIPC_IS_ERROR(rc)) {
+    scope.sendFormattedError("failed to send async request to get ecall number, rc %d\n", rc);
+    sendtoSlog(_SLOG_WARNING, "failed to send async request to get ecall number, rc 0x%0X\n",
+               static_cast<unsigned>(rc));
+  }
+}
+
+void ecallProcessor::onAsyncEcallNumberResult(const SVCIPC_tCallbackStatus* status, const char* result,
+                                              void* context) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  scope.sendFormattedMessage("receive async ecall number result %s", result != nullptr ? result : "NULL");
+  ecallHandler.parseEcallNumber(result);
+}
+
+// "#777" is the phone's own service number, never the emergency centre.
+bool ecallProcessor::isPhoneNumberValid(const char* number) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  if (number == nullptr || number[0] == '\0') return false;
+  return std::strcmp(number, "#777") != 0;
+}

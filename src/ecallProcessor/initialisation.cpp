@@ -1,8 +1,117 @@
-#include "ecallProcessor/ecallProcessor.h"
+// Start-up of the processor: its two locks, the state machine thread, the
+// Assist identifier, the registration with the embedded phone service with
+// the signal subscriptions, and the default volumes.
+#include <pthread.h>
 
-void ecallProcessor::initEcallProcessor() {}
-void ecallProcessor::subscribeEmbPhSignals(const char*) {}
-void ecallProcessor::subscribeTtsSignals(const char*) {}
-void ecallProcessor::subscribeBtSignals(const char*) {}
-void ecallProcessor::subscribeAudioCtrlSignals(const char*) {}
-void ecallProcessor::subscribeAppManagerSignals(const char*) {}
+#include <chrono>
+
+#include "ecallMain/ecallMain.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "platform/runtime.h"
+#include "platform/slog.h"
+
+namespace {
+
+// How long start-up waits for the state machine thread to have made its
+// timers.
+constexpr auto STATE_MACHINE_READY_LIMIT = std::chrono::seconds(2);
+
+// The registration that follows starts the phone-not-present timer, and the
+// timers are made by the state machine thread before its first receive; its
+// send channel id is published once they exist. A short, bounded wait at
+// start-up only.
+void waitForStateMachineTimers(CQVTraceScope& scope) {
+  const auto deadline = std::chrono::steady_clock::now() + STATE_MACHINE_READY_LIMIT;
+  while (stateMachineThreadSendChannelId.load() <= 0) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      scope.sendFormattedWarning("ecall state machine not ready, its timers may not run\n");
+      return;
+    }
+    platform::sleepMs(1);
+  }
+}
+
+// One subscription; a failure is reported with the service's own words and
+// start-up goes on.
+void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCallback handler, const char* context,
+                     const char* traceFormat, const char* slogFormat) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  SVCIPC_tSigSubHnd subscription = nullptr;
+  const SVCIPC_tError rc =
+      SVCIPC_subscribe(svcIPCConn, objPath, sigName, handler, const_cast<char*>(context), &subscription);
+  if (SVCIPC_IS_ERROR(rc)) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    scope.sendFormattedError(traceFormat, sigName, static_cast<unsigned>(rc));
+    sendtoSlog(_SLOG_WARNING, slogFormat, sigName, static_cast<unsigned>(rc));
+#pragma GCC diagnostic pop
+  }
+}
+
+}  // namespace
+
+void ecallProcessor::initEcallProcessor() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const bool logMutexMade = pthread_mutex_init(&logWriteMutex, nullptr) == 0;
+  if (logMutexMade) {
+    scope.sendFormattedMessage("Log file mutex init success\n");
+  } else {
+    scope.sendFormattedError("Log file mutex init failed, not thread safe log writes may occur!!!\n");
+  }
+  uselogWriteMutex.store(logMutexMade);
+
+  const bool generalMutexMade = pthread_mutex_init(&generalEcallProcessorMutex, nullptr) == 0;
+  if (generalMutexMade) {
+    scope.sendFormattedMessage("General use mutex for ecallProcessor init success\n");
+  } else {
+    scope.sendFormattedError(
+        "General use mutex for ecallProcessor init failed, not thread safe interactions may occur!!!\n");
+  }
+  useGeneralEcallProcessorMutex.store(generalMutexMade);
+
+  if (pthread_create(&mainStateMachineThreadHnd, nullptr, mainStateMachineThreadFunc, nullptr) != 0) {
+    scope.sendFormattedError("Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
+    sendtoSlog(_SLOG_WARNING, "Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
+  } else {
+    waitForStateMachineTimers(scope);
+  }
+
+  getAssistAppUUID();
+  registerEmdPhSvc();
+  getDefaultVolumes();
+}
+
+void ecallProcessor::subscribeEmbPhSignals(const char* sigName) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  subscribeSignal(EMBEDDED_PHONE_PATH, sigName, onSubcribedSignal, "ecallProcessor",
+                  "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n",
+                  "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n");
+}
+
+void ecallProcessor::subscribeTtsSignals(const char* sigName) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  subscribeSignal(TTS_PATH, sigName, onSubcribedSignal, "ecallProcessor",
+                  "Failed to subscribe with TTS service signal %s, error=0x%0X\n",
+                  "Failed to subscribe with TTS service signal %s, error=0x%0X\n");
+}
+
+void ecallProcessor::subscribeBtSignals(const char* sigName) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  subscribeSignal(BLUETOOTH_PATH, sigName, onSubcribedBTSignal, "callstate",
+                  "Failed to subscribe with BT service signal %s, error=0x%0X\n",
+                  "Failed to subscribe with BT service signal %s, error=0x%0X\n");
+}
+
+void ecallProcessor::subscribeAudioCtrlSignals(const char* sigName) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  subscribeSignal(AUDIO_CTRL_PATH, sigName, onSubcribedSignal, "ecallProcessor",
+                  "Failed to subscribe with audio control service signal %s, error=0x%0X\n",
+                  "Failed to subscribe with audio control signal %s, error=0x%0X\n");
+}
+
+void ecallProcessor::subscribeAppManagerSignals(const char* sigName) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  subscribeSignal(APP_MANAGER_PATH, sigName, onSubcribedAppMngrSignal, "ecallProcessor",
+                  "Failed to subscribe with app manager service signal %s, error=0x%0X\n",
+                  "Failed to subscribe with app manager signal %s, error=0x%0X\n");
+}
