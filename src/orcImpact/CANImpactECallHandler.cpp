@@ -1,9 +1,125 @@
+// The emergency input handler: its descriptors, the PPS object of the mirror
+// buttons, and the start of the two input reader threads.
 #include "orcImpact/CANImpactECallHandler.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ecallMain/ecallMain.h"
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "platform/ipcChannel.h"
+#include "platform/pps.h"
+#include "platform/slog.h"
 
 CQVTraceScopeDef orcImpactTraceScope("ecallService_orcImpact", "all");
 
-CANImpactECallHandler::CANImpactECallHandler() {}
-CANImpactECallHandler::~CANImpactECallHandler() {}
-void CANImpactECallHandler::monitorCANForEmergency() {}
-int CANImpactECallHandler::openPPSObj(std::string path, int& fd) { return 0; }
-int CANImpactECallHandler::closePPSObj(int& fd) { return 0; }
+namespace {
+
+// The target's open flag for the vehicle micro's IPC device; the platform
+// layer drops it where it has no meaning.
+constexpr int ORC_IPC_OPEN_FLAG = 0x2000;
+
+}  // namespace
+
+CANImpactECallHandler::CANImpactECallHandler() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  int fd = -1;
+  openPPSObj(ecallBtnPPSPath, fd);
+  mPpsFd = fd;
+}
+
+CANImpactECallHandler::~CANImpactECallHandler() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  int ppsFd = mPpsFd.load();
+  if (ppsFd != 0) {
+    closePPSObj(ppsFd);
+    mPpsFd = ppsFd;
+  }
+  // A negative descriptor was never opened; 0 is never ours.
+  int orcFd = mOrcFd.exchange(-1);
+  if (orcFd > 0) close(orcFd);
+}
+
+int CANImpactECallHandler::openPPSObj(std::string path, int& fd) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  int err = 0;
+  if (path.empty()) {
+    // Nothing to open; only a descriptor that is still unopened is a failure.
+    if (fd == -1) err = ENOENT;
+  } else {
+    do {
+      fd = platform::ppsOpen(path.c_str(), O_RDONLY);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+      err = errno;
+      fd = -1;
+    }
+  }
+  if (err != 0) {
+    scope.sendFormattedError("failed to open pps %s, err: %d - %s\n", path.c_str(), err, strerror(err));
+    slogf(ECALL_SLOG_OPCODE, _SLOG_ERROR, "failed to open pps %s, err: %d - %s\n", path.c_str(), err, strerror(err));
+  }
+  return err;
+}
+
+int CANImpactECallHandler::closePPSObj(int& fd) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  if (fd < 0) return 0;
+  int rc;
+  do {
+    rc = platform::ppsClose(fd);
+  } while (rc < 0 && errno == EINTR);
+  int err = rc < 0 ? errno : 0;
+  fd = 0;
+  return err;
+}
+
+bool CANImpactECallHandler::openOrcIpcChannel() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  int fd = platform::ipcOpen(orcIpcChannelPath.c_str(), O_RDWR | ORC_IPC_OPEN_FLAG);
+  mOrcFd = fd;
+  if (fd < 0) {
+    scope.sendFormattedError("cannot open ORC IPC channel %s", orcIpcChannelPath.c_str());
+    sendtoSlog(_SLOG_WARNING, "cannot open ORC IPC channel %s", orcIpcChannelPath.c_str());
+    return false;
+  }
+  return true;
+}
+
+void CANImpactECallHandler::monitorCANForEmergency() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  bool allStarted = true;
+
+  pthread_t buttonThread{};
+  bool buttonThreadRunning = pthread_create(&buttonThread, nullptr, ecallReadThrdFunc, this) == 0;
+  if (!buttonThreadRunning) {
+    scope.sendFormattedError("Failed to create ecall reading thread");
+    sendtoSlog(_SLOG_WARNING, "Failed to create ecall reading thread");
+    allStarted = false;
+  }
+
+  pthread_t channelThread{};
+  bool channelThreadRunning = false;
+  if (!openOrcIpcChannel()) {
+    allStarted = false;
+  } else {
+    channelThreadRunning = pthread_create(&channelThread, nullptr, canImpactThrdFunc, &mOrcFd) == 0;
+    if (!channelThreadRunning) {
+      scope.sendFormattedError("Failed to create canImpact reading thread");
+      sendtoSlog(_SLOG_WARNING, "Failed to create canImpact reading thread");
+      allStarted = false;
+    }
+  }
+
+  // The Assist status may only be sent to the controller once its channel
+  // is read and written by a running input side.
+  ecallHandler.orcMonitoringStarted = allStarted;
+
+  if (buttonThreadRunning) pthread_join(buttonThread, nullptr);
+  if (channelThreadRunning) pthread_join(channelThread, nullptr);
+}

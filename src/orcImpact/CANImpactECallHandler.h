@@ -63,6 +63,9 @@ class CANImpactECallHandler {
 
   // Starts both input threads and blocks until both end.
   void monitorCANForEmergency();
+  // Opens the restraint controller channel into the handler's descriptor
+  // (a step of monitorCANForEmergency); false, logged, when it cannot.
+  bool openOrcIpcChannel();
 
   // One message read from the restraint controller channel (n bytes).
   void processOrcMessage(const uint8_t* msg, int n);

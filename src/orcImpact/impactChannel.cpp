@@ -1,8 +1,163 @@
+// The restraint controller channel: impact messages become emergencies,
+// link-loss (LOC) messages become system failure sources.
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+
+#include "ecallMain/ecallMain.h"
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/runtime.h"
+#include "platform/slog.h"
 
-const orcIpcLocation orcIpcLocationTable[ecallMain::IMPACT_KIND_COUNT] = {};
-const uint8_t orcSerialTriggers[] = {13};
-const uint8_t orcCanTriggers[] = {13};
+using namespace ecallMain;
 
-void* canImpactThrdFunc(void* arg) { return nullptr; }
-void CANImpactECallHandler::processOrcMessage(const uint8_t* msg, int n) {}
+// Byte (within the two impact bytes of a path) and bit of each impact kind,
+// in the order of the emergency types.
+const orcIpcLocation orcIpcLocationTable[IMPACT_KIND_COUNT] = {
+    {0, 0x01},  // A
+    {0, 0x02},  // B
+    {0, 0x04},  // C
+    {0, 0x08},  // D
+    {0, 0x20},  // F
+    {0, 0x80},  // Tgl
+    {1, 0x01},  // H
+    {1, 0x02},  // I
+    {1, 0x04},  // K
+    {1, 0x08},  // L
+    {1, 0x10},  // M
+    {1, 0x40},  // O
+    {1, 0x80},  // X
+};
+
+// The serial path also calls on rollover 2 (H); the CAN path also on the
+// toggle bit and on any impact. A, D, K, M and O are only logged.
+const uint8_t orcSerialTriggers[] = {1, 2, 4, 6, 7, 9, IMPACT_KIND_COUNT};
+const uint8_t orcCanTriggers[] = {1, 2, 4, 5, 7, 9, 12, IMPACT_KIND_COUNT};
+
+namespace {
+
+// Offsets within an impact message.
+constexpr int CAN_VALID = 1;
+constexpr int CAN_BITS = 2;
+constexpr int SERIAL_VALID = 4;
+constexpr int SERIAL_BITS = 5;
+// Offsets within a LOC message.
+constexpr int LOC_CAN_LOST = 1;
+constexpr int LOC_SERIAL_LOST = 2;
+constexpr int LOC_MIRROR_LOST = 3;
+
+// The dump covers bytes 0 to 252: two hex digits for the first, a blank and
+// two for each further one, and the terminator.
+constexpr int ORC_DUMP_LAST_BYTE = 252;
+constexpr size_t ORC_DUMP_SIZE = (ORC_DUMP_LAST_BYTE + 1) * 3 + 1;
+
+void formatOrcDump(const uint8_t* msg, int n, char (&dump)[ORC_DUMP_SIZE]) {
+  int last = n - 1 < ORC_DUMP_LAST_BYTE ? n - 1 : ORC_DUMP_LAST_BYTE;
+  int used = snprintf(dump, sizeof dump, "%02x", msg[0]);
+  for (int i = 1; i <= last && used > 0 && static_cast<size_t>(used) < sizeof dump; ++i) {
+    used += snprintf(dump + used, sizeof dump - used, " %02x", msg[i]);
+  }
+}
+
+// Prints the message to standard output and traces it.
+void reportOrcRx(CQVTraceScope& scope, bool isImpact, const uint8_t* msg, int n) {
+  char dump[ORC_DUMP_SIZE];
+  formatOrcDump(msg, n, dump);
+  if (isImpact) {
+    printf("Ecall - IPC %s Read Impact: %s\n", orcIpcChannelPath.c_str(), dump);
+  } else {
+    printf("Ecall - IPC %s Read LOC: %s\n", orcIpcChannelPath.c_str(), dump);
+  }
+  fflush(stdout);
+  scope.sendFormattedMessage("IPC %s Rx: %s\n", orcIpcChannelPath.c_str(), dump);
+}
+
+// The first kind of the trigger list whose bit is set in the two impact
+// bytes, or -1.
+int findTriggeredKind(const uint8_t* triggers, const uint8_t* impactBytes) {
+  for (const uint8_t* kind = triggers; *kind < IMPACT_KIND_COUNT; ++kind) {
+    const orcIpcLocation& location = orcIpcLocationTable[*kind];
+    if (impactBytes[location.byte] & location.mask) return *kind;
+  }
+  return -1;
+}
+
+void processImpactMessage(CQVTraceScope& scope, const uint8_t* msg, int n) {
+  reportOrcRx(scope, true, msg, n);
+  bool serialValid = msg[SERIAL_VALID] == 1;
+  bool canValid = msg[CAN_VALID] == 1;
+  if (serialValid) {
+    ecallHandler.addFormattedEntryToEmergencyLog("Rx ORC serial 0x%02x%02x\n", msg[SERIAL_BITS], msg[SERIAL_BITS + 1]);
+  }
+  if (canValid) {
+    ecallHandler.addFormattedEntryToEmergencyLog("Rx ORC CAN 0x%02x%02x\n", msg[CAN_BITS], msg[CAN_BITS + 1]);
+  }
+
+  // One emergency per message at most; the serial path is trusted first.
+  if (serialValid) {
+    int kind = findTriggeredKind(orcSerialTriggers, msg + SERIAL_BITS);
+    if (kind >= 0) {
+      auto type = static_cast<eEmergencyType>(SERIAL_IMPACT_FIRST + kind);
+      printf("Ecall - Serial Emergency %s\n", EmergencyEvent[type].c_str());
+      fflush(stdout);
+      ecallHandler.emergencyHappened(type);
+      return;
+    }
+  }
+  if (canValid) {
+    int kind = findTriggeredKind(orcCanTriggers, msg + CAN_BITS);
+    if (kind >= 0) {
+      auto type = static_cast<eEmergencyType>(CAN_IMPACT_FIRST + kind);
+      printf("Ecall - CAN Emergency %s\n", EmergencyEvent[type].c_str());
+      fflush(stdout);
+      ecallHandler.emergencyHappened(type);
+    }
+  }
+}
+
+// Every LOC message states all three links, so each source is set or cleared.
+void processLocMessage(CQVTraceScope& scope, const uint8_t* msg, int n) {
+  reportOrcRx(scope, false, msg, n);
+  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::ORC_CAN_LOC, msg[LOC_CAN_LOST] == 1);
+  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::ORC_SERIAL_LOC, msg[LOC_SERIAL_LOST] == 1);
+  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::MIRROR_LOC, msg[LOC_MIRROR_LOST] == 1);
+}
+
+}  // namespace
+
+void CANImpactECallHandler::processOrcMessage(const uint8_t* msg, int n) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  if (msg == nullptr || n <= 0) return;
+  if (msg[0] == ORC_MSG_IMPACT && n >= ORC_IMPACT_MSG_MIN_SIZE) {
+    processImpactMessage(scope, msg, n);
+  } else if (msg[0] == ORC_MSG_LOC && n >= ORC_LOC_MSG_MIN_SIZE) {
+    processLocMessage(scope, msg, n);
+  }
+  // Anything else (another kind, or too short for its kind) is dropped.
+}
+
+// arg points to the handler's channel descriptor (std::atomic<int>), opened
+// before the thread starts and never changed afterwards.
+void* canImpactThrdFunc(void* arg) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  auto* orcFd = static_cast<std::atomic<int>*>(arg);
+  uint8_t msg[ORC_READ_SIZE];
+  for (;;) {
+    ssize_t n = read(orcFd->load(), msg, sizeof msg);
+    // An empty read means the vehicle micro side has gone; it is retried
+    // like an error so that the thread never spins.
+    if (n <= 0) {
+      scope.sendFormattedError("Error reading ORC IPC channel %s.  Attempt to read again after 1000ms.",
+                               orcIpcChannelPath.c_str());
+      sendtoSlog(_SLOG_WARNING, "Error reading ORC IPC channel %s.  Attempt to read again after 1000ms.",
+                 orcIpcChannelPath.c_str());
+      platform::sleepMs(1000);
+      continue;
+    }
+    canIpcEmergencyHandler.processOrcMessage(msg, static_cast<int>(n));
+  }
+  return nullptr;
+}

@@ -1,8 +1,136 @@
+// The mirror LED and the Assist status, both sent to the vehicle micro over
+// the restraint controller channel, and the 5-second blink timer.
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <mutex>
+
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/pulses.h"
+#include "platform/runtime.h"
 
 pthread_t blinkTimerThreadHnd;
 
-void CANImpactECallHandler::setLedStatus(eLedStatus status) {}
-void CANImpactECallHandler::sendAssistAppStatus(bool active) {}
-void CANImpactECallHandler::startBlinkTimer() {}
-void* BlinkTimerThreadFunc(void* arg) { return nullptr; }
+namespace {
+
+constexpr int BLINK_TIMER_PULSE_CODE = 2;
+constexpr time_t BLINK_TIMER_SECONDS = 5;
+
+// Blink timers are started from several threads; the handle is kept whole.
+std::mutex blinkTimerHandleMutex;
+
+// Every message to the vehicle micro is one write; its result is not
+// checked (a closed channel just loses the message).
+void writeOrcMessage(int fd, uint8_t kind, uint8_t value) {
+  const uint8_t msg[2] = {kind, value};
+  ssize_t rc = write(fd, msg, sizeof msg);
+  (void)rc;
+}
+
+// Waits on a private channel for the timer's pulse. False when the timer
+// could not be set up or the wait failed.
+bool waitForBlinkTimer(CQVTraceScope& scope) {
+  int chid = qnx::ChannelCreate(0);
+  int coid = chid > 0 ? qnx::ConnectAttach(0, 0, chid, qnx::_NTO_SIDE_CHANNEL, 0) : -1;
+  qnx::timer_t timerId = -1;
+  bool armed = false;
+  if (coid > 0) {
+    qnx::sigevent event{};
+    event.sigev_notify = qnx::SIGEV_PULSE;
+    event.sigev_coid = coid;
+    event.sigev_value = 0;
+    event.sigev_code = BLINK_TIMER_PULSE_CODE;
+    event.sigev_priority = static_cast<int16_t>(qnx::getprio(0));
+    if (qnx::timer_create(CLOCK_MONOTONIC, &event, &timerId) == 0) {
+      itimerspec expiry{};
+      expiry.it_value.tv_sec = BLINK_TIMER_SECONDS;
+      armed = qnx::timer_settime(timerId, 0, &expiry, nullptr) == 0;
+    }
+  }
+
+  bool expired = false;
+  while (armed) {
+    qnx::_pulse pulse{};
+    if (qnx::MsgReceive(chid, &pulse, sizeof pulse, nullptr) == 0) {
+      if (pulse.type == qnx::_PULSE_TYPE && pulse.code == BLINK_TIMER_PULSE_CODE) {
+        expired = true;
+        break;
+      }
+    } else if (errno != EINTR) {
+      break;
+    }
+  }
+  if (!expired) scope.sendFormattedError("blink timer failed, chid %d, coid %d, errno %d", chid, coid, errno);
+
+  // Released so that repeated blinking cannot use up descriptors.
+  if (timerId != -1) qnx::timer_delete(timerId);
+  if (coid > 0) qnx::ConnectDetach(coid);
+  if (chid > 0) qnx::ChannelDestroy(chid);
+  return expired;
+}
+
+}  // namespace
+
+void CANImpactECallHandler::setLedStatus(eLedStatus status) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  if (!extServHandle.getEmebeddedPhoneEnabledInVariant()) return;
+
+  eLedStatus last = mLastLedSetStatus.load();
+  if (status == LED_RED && (last == LED_SOLID_GREEN || last == LED_BLINKING_GREEN)) {
+    // A call in progress keeps its green LED.
+    scope.sendFormattedMessage("system error happened during ecall. ignore setting LED status to red request");
+    return;
+  }
+  if (status == LED_OFF && ecallHandler.systemError.load() != 0) {
+    // A system error is never hidden behind a dark LED.
+    scope.sendFormattedMessage("system error exist. maybe happened during the call. change LED_OFF request to LED_RED");
+    status = LED_RED;
+  }
+
+  mLastLedSetStatus = status;
+  writeOrcMessage(mOrcFd.load(), ORC_MSG_LED_STATUS, static_cast<uint8_t>(status));
+  ecallHandler.addFormattedEntryToEmergencyLog("send LED status %d\n", static_cast<int>(status));
+}
+
+void CANImpactECallHandler::sendAssistAppStatus(bool active) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  writeOrcMessage(mOrcFd.load(), ORC_MSG_ASSIST_STATUS, active ? 1 : 0);
+}
+
+void CANImpactECallHandler::startBlinkTimer() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  pthread_t thread;
+  if (pthread_create(&thread, &attr, BlinkTimerThreadFunc, nullptr) != 0) {
+    printf("Failed to create blink timer thread!\n");
+    fflush(stdout);
+  } else {
+    std::lock_guard<std::mutex> lock(blinkTimerHandleMutex);
+    blinkTimerThreadHnd = thread;
+  }
+  pthread_attr_destroy(&attr);
+}
+
+// One blink timer: after 5 seconds the LED returns to the steady state of the
+// moment, solid green in an emergency, otherwise off (red on a system error).
+void* BlinkTimerThreadFunc(void* arg) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  scope.sendFormattedMessage("start 5 seconds blink timer");
+  if (!waitForBlinkTimer(scope)) {
+    // Without a timer the pause is slept, so the LED still stops blinking.
+    platform::sleepMs(BLINK_TIMER_SECONDS * 1000);
+  }
+  if (ecallHandler.getEcallModeActive()) {
+    canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
+  } else {
+    canIpcEmergencyHandler.setLedStatus(LED_OFF);
+  }
+  return nullptr;
+}
