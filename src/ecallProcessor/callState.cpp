@@ -1,7 +1,223 @@
-#include "ecallProcessor/ecallProcessor.h"
+// Signals of the embedded phone, the speech service and the audio control:
+// the phone's call state and end reasons keep the processor's call fields up
+// to date and wake the state machine; the prompt completions chain the
+// announcement for the emergency centre; DTMF keys let the operator ask for
+// the position. All of it runs on the bus thread and leaves every decision
+// about the call to the state machine.
+#include <cstring>
 
-void ecallProcessor::onSubcribedSignal(const char*, const char*, void*) {}
-void ecallProcessor::processEmdPhCallState(const char*) {}
-void ecallProcessor::processWendReason(const char*) {}
-void ecallProcessor::processTtsPlayState(const char*) {}
-void ecallProcessor::processDtmf(const char*) {}
+#include "ecallMain/ecallMain.h"
+#include "ecallMain/jsonText.h"
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorTimers.h"
+#include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/externalServiceHandling.h"
+
+namespace {
+
+// The emergency call's entries carry these call types.
+constexpr int emergencyCallTypeFirst = 1;
+constexpr int emergencyCallTypeLast = 2;
+// The phone's own service number; its calls are never the emergency call.
+const char* const phoneServiceNumber = "#777";
+
+// End reasons of the phone that mean the call is over even when no call
+// state follows.
+constexpr int callEndingWendReasons[] = {3, 17, 68, 32768};
+
+// A member read as an integer, with a default for a missing member or one
+// that has no integer form (a peer's text must never throw).
+int intMember(const Json::Value& object, const char* name, int fallback) {
+  const Json::Value& member = object[name];
+  if (member.isNull() || !member.isConvertibleTo(Json::intValue)) return fallback;
+  return member.asInt();
+}
+
+std::string textMember(const Json::Value& object, const char* name) {
+  const Json::Value& member = object[name];
+  return member.isString() ? member.asString() : std::string();
+}
+
+// Parses a signal's data; anything but an object reads as an empty object.
+Json::Value parseObject(const char* data) {
+  Json::Value root;
+  if (!jsonParse(data, root) || !root.isObject()) return Json::Value(Json::objectValue);
+  return root;
+}
+
+bool isPsapPrompt(int prompt) { return prompt >= TTS_PROMPT_ECALL_PSAP1 && prompt <= TTS_PROMPT_GPS_COORDINATES; }
+
+}  // namespace
+
+void ecallProcessor::onSubcribedSignal(const char* sigName, const char* data, void* context) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  if (!sigName) return;
+  const char* payload = data ? data : "";
+  if (strcmp(sigName, "callState") == 0) {
+    scope.sendFormattedMessage("received embedded phone call state %s\n", payload);
+    ecallHandler.processEmdPhCallState(payload);
+  } else if (strcmp(sigName, "embeddedPhoneStatus") == 0) {
+    ecallHandler.processEmdPhStatusSignal(payload);
+  } else if (strcmp(sigName, "wendReason") == 0) {
+    scope.sendFormattedMessage("received embedded wendReason %s\n", payload);
+    ecallHandler.processWendReason(payload);
+  } else if (strcmp(sigName, "antennaStatus") == 0) {
+    ecallHandler.processAntennaStatusSignal(payload);
+  } else if (strcmp(sigName, "ttsPlayState") == 0) {
+    ecallHandler.processTtsPlayState(payload);
+  } else if (strcmp(sigName, "DTMF") == 0) {
+    ecallHandler.processDtmf(payload);
+  }
+}
+
+void ecallProcessor::processEmdPhCallState(const char* data) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const Json::Value root = parseObject(data);
+  const Json::Value& entries = root["callStateInfo"];
+  if (!entries.isArray()) return;
+
+  // The emergency call is the last entry of an emergency call type that is
+  // not the phone's service number; an empty number is judged by its type.
+  bool found = false;
+  std::string number;
+  for (const Json::Value& entry : entries) {
+    if (!entry.isObject()) continue;
+    const bool hasNumber = entry["number"].isString();
+    const std::string entryNumber = textMember(entry, "number");
+    const int callType = intMember(entry, "callType", 0);
+    if (entryNumber == phoneServiceNumber) continue;
+    if (callType < emergencyCallTypeFirst || callType > emergencyCallTypeLast) continue;
+    const std::string entryState = textMember(entry, "callState");
+    curCallState.set(entryState);
+    number = entryNumber;
+    found = true;
+    scope.sendFormattedMessage("ecallState %s, phonenumber %s\n", entryState.c_str(),
+                               hasNumber ? entryNumber.c_str() : "isNULL");
+  }
+  // A report that holds no emergency call entry says nothing about it.
+  if (!found) return;
+  if (curCallState.empty() || !extServHandle.getEmebeddedPhoneEnabledInVariant()) return;
+
+  if (curECallType == ecallMain::NONE) {
+    // Any ringing call from a real number while no emergency is in hand is
+    // taken as the emergency centre calling back.
+    if (curCallState.equals("CALL_STATE_RINGING") && isPhoneNumberValid(number.c_str())) {
+      curECallType = ecallMain::Emergency_Callback;
+      curCallModeType = ecallMain::CALL_EMERGENCY_CALLBACK;
+      sendStateMachinePulse(ECALL_PULSE_EMERGENCY_INCOMING_CALL);
+    } else if (curCallState.equals("CALL_STATE_TERMINATED")) {
+      curCallState.set("CALL_STATE_IDLE");
+      callConnected = false;
+    }
+    return;
+  }
+
+  const bool dialing = curCallState.equals("CALL_STATE_DIALING");
+  const bool alerting = curCallState.equals("CALL_STATE_ALERTING");
+  const bool active = curCallState.equals("CALL_STATE_ACTIVE");
+  if (dialing || alerting) {
+    startEcallStateMachineTimer(1);
+  } else if (active) {
+    callConnected = true;
+    startEcallStateMachineTimer(1);
+    if (curECallType == ecallMain::Emergency_Callback && !number.empty()) {
+      addFormattedEntryToEmergencyLog("Incoming Call from number %s\n", number.c_str());
+    }
+  } else if (curCallState.equals("CALL_STATE_TERMINATED")) {
+    curCallState.set("CALL_STATE_IDLE");
+    callConnected = false;
+    btCallActive = false;
+    sendStateMachinePulse(ECALL_PULSE_PSAP_CALL_ENDED);
+  }
+  if ((dialing || alerting || active) && curCallModeType == ecallMain::CALL_ECALL_DELAY) {
+    // The call is under way: the delay can no longer be cancelled.
+    curCallModeType = ecallMain::CALL_ECALL;
+    scope.sendFormattedMessage("switch curECallType from CALL_ECALL_DELAY to CALL_ECALL");
+  }
+}
+
+void ecallProcessor::processWendReason(const char* data) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const Json::Value root = parseObject(data);
+  const Json::Value& member = root["serviceNumber"];
+  if (!member.isInt()) return;
+  const int serviceNumber = member.asInt();
+  scope.sendFormattedMessage("wendReason service number = %d\n", serviceNumber);
+  for (int reason : callEndingWendReasons) {
+    if (serviceNumber != reason) continue;
+    scope.sendFormattedMessage("Ecall mode CALL END due to wend service number = %d\n", serviceNumber);
+    curCallState.set("CALL_STATE_IDLE");
+    callConnected = false;
+    btCallActive = false;
+    sendStateMachinePulse(ECALL_PULSE_PSAP_CALL_ENDED);
+    return;
+  }
+}
+
+// The announcement for the emergency centre is two prompts in a row (8 then
+// 9, or 10 then 11 after a crash); the microphones open again after the
+// second.
+void ecallProcessor::processTtsPlayState(const char* data) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  if (activeTts == TTS_PROMPT_NONE) return;
+  const std::string playState = textMember(parseObject(data), "state");
+  scope.sendFormattedMessage("tts play state %s, active prompt %d\n", playState.c_str(), activeTts.load());
+  if (playState == "aborted") {
+    if (activeTts == TTS_PROMPT_INCOMING) startEcallStateMachineTimer(1);
+    extServHandle.playTtsMsgHasCompleted();
+    return;
+  }
+  if (playState != "notPlaying") return;
+
+  extServHandle.playTtsMsgHasCompleted();
+  std::lock_guard<std::mutex> lock(promptSequenceMutex);
+  const int prompt = activeTts;
+  if (firstPsapTtsWaitForComplete) {
+    // The dialling prompt ended: the centre's first prompt may start now.
+    firstPsapTtsWaitForComplete = false;
+    if (prompt == TTS_PROMPT_ECALL_PSAP1 || prompt == TTS_PROMPT_ACN_PSAP1) {
+      extServHandle.ayncPlayTtsMsg(static_cast<eECallTtsPrompt>(prompt));
+    } else {
+      activeTts = TTS_PROMPT_NONE;
+    }
+  } else if (firstPsapTtsCount > 0) {
+    if (--firstPsapTtsCount == 0) {
+      extServHandle.asyncSetMicInputMuteState(false);
+      activeTts = TTS_PROMPT_NONE;
+    } else if (prompt == TTS_PROMPT_ECALL_PSAP1 || prompt == TTS_PROMPT_ECALL_PSAP2) {
+      activeTts = TTS_PROMPT_ECALL_PSAP2;
+      extServHandle.ayncPlayTtsMsg(TTS_PROMPT_ECALL_PSAP2);
+    } else if (prompt == TTS_PROMPT_ACN_PSAP1 || prompt == TTS_PROMPT_ACN_PSAP2) {
+      activeTts = TTS_PROMPT_ACN_PSAP2;
+      extServHandle.ayncPlayTtsMsg(TTS_PROMPT_ACN_PSAP2);
+    }
+  } else {
+    // The callback prompt ended: answer now rather than after the pause.
+    if (prompt == TTS_PROMPT_INCOMING) startEcallStateMachineTimer(1);
+    activeTts = TTS_PROMPT_NONE;
+  }
+  if (activeTts == TTS_PROMPT_NONE) errorSentForNoEcallNumberLoaded = false;
+}
+
+// The operator's keys: 0 to speak with the occupants (the announcement
+// stops and the microphones open), 1 for the position.
+void ecallProcessor::processDtmf(const char* data) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const int key = intMember(parseObject(data), "KeyPressed", -1);
+  scope.sendFormattedMessage("dtmf detected: %d\n", key);
+  if (!ecallModeActive || (key != 0 && key != 1)) return;
+  addFormattedEntryToEmergencyLog("Rx DTMF: %d\n", key);
+  std::lock_guard<std::mutex> lock(promptSequenceMutex);
+  if (isPsapPrompt(activeTts)) {
+    scope.sendFormattedMessage("DTMF received, abort current TTS");
+    firstPsapTtsCount = 0;
+    activeTts = TTS_PROMPT_NONE;
+    extServHandle.asyncAbortCurrentTtsMsg();
+    extServHandle.asyncSetMicInputMuteState(false);
+  }
+  if (key == 1) {
+    activeTts = TTS_PROMPT_GPS_COORDINATES;
+    extServHandle.ayncPlayTtsMsg(TTS_PROMPT_GPS_COORDINATES);
+  }
+}

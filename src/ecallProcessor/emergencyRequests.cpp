@@ -1,11 +1,242 @@
-#include "ecallProcessor/ecallProcessor.h"
+// Emergency requests and call modes. Every emergency (impact, mirror button,
+// bus request, the centre's callback, a button press cached while the phone
+// was off) enters through emergencyHappened on the caller's thread; it
+// records type and mode and hands over to the state machine by the 1 ms
+// request timers, never by a direct call.
+#include <cstdio>
 
-void ecallProcessor::setEcallFailedToStart() {}
-void ecallProcessor::clearECallEvent() {}
-void ecallProcessor::setEcallModeActive(bool) {}
-void ecallProcessor::exitEmergencyMode() {}
-void ecallProcessor::assistButtonPressed() {}
-void ecallProcessor::processCachedEcallStatus() {}
-void ecallProcessor::emergencyHappened(ecallMain::eEmergencyType) {}
-void ecallProcessor::processEcallBtnPressWithSystemError() {}
-void ecallProcessor::requestHMIDisplayPleaseWaitPopup() {}
+#include "ecallMain/ecallMain.h"
+#include "ecallMain/jsonText.h"
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorTimers.h"
+#include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/externalServiceHandling.h"
+#include "orcImpact/CANImpactECallHandler.h"
+#include "platform/slog.h"
+
+using ecallMain::eCallModeType;
+using ecallMain::eEmergencyType;
+
+namespace {
+
+// Message of the user interface: "please wait", shown while the phone may
+// still come up.
+constexpr int pleaseWaitPopupMsgId = 2672;
+constexpr int pleaseWaitPopupTimeoutMs = 5000;
+
+bool isImpact(eEmergencyType type) { return type >= ecallMain::CAN_IMPACT_A && type <= ecallMain::SERIAL_IMPACT_X; }
+
+// The failure word, read under the processor's general lock when it exists.
+uint32_t readSystemError() {
+  if (!useGeneralEcallProcessorMutex) return ecallHandler.systemError.load();
+  pthread_mutex_lock(&generalEcallProcessorMutex);
+  const uint32_t value = ecallHandler.systemError.load();
+  pthread_mutex_unlock(&generalEcallProcessorMutex);
+  return value;
+}
+
+}  // namespace
+
+void ecallProcessor::setEcallFailedToStart() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  curECallType = ecallMain::NONE;
+  curCallModeType = ecallMain::CALL_NONE;
+}
+
+void ecallProcessor::clearECallEvent() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  curECallType = ecallMain::NONE;
+  curCallModeType = ecallMain::CALL_NONE;
+  stopDelayEcallRequest();
+  // The state machine sees the cleared request and ends the emergency.
+  startEcallStateMachineTimer(1);
+}
+
+// The flag file tells other components that the emergency mode is on.
+void ecallProcessor::setEcallModeActive(bool active) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  ecallModeActive = active;
+  createFlagInTmp(active, embeddedCallActiveFlag);
+}
+
+// Takes the cellular module out of its emergency mode.
+void ecallProcessor::exitEmergencyMode() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  Json::Value params(Json::objectValue);
+  params["atString"] = "at+wsos=0\r";
+  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("debugAT", jsonWrite(params), "debugAT");
+  if (rc < 0) {
+    scope.sendFormattedError("Failed to exit emergency mode, rc %d\n", rc);
+    sendtoSlog(_SLOG_WARNING, "Failed to exit emergency mode, rc 0x%0X\n", static_cast<unsigned>(rc));
+  }
+}
+
+// The Assist button: if Assist does not come up within the time-out, the
+// state machine turns the mirror LED off again.
+void ecallProcessor::assistButtonPressed() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  if (isRunningAssistTimeoutTimer() || bAssistAppActive || ecallModeActive) return;
+  startAssistTimeoutTimer();
+}
+
+// A button press recorded while the phone was off is served once the phone
+// reports ON, if it is still waiting and no call is in progress.
+void ecallProcessor::processCachedEcallStatus() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const eEmergencyType type = curECallType;
+  const eCallModeType mode = curCallModeType;
+  const std::string callState = curCallState.get();
+  if (type == ecallMain::E_CALL_BtnStat && mode == ecallMain::CALL_ECALL_DELAY && callState == "CALL_STATE_IDLE") {
+    scope.sendFormattedMessage("Handle Ecall caching status. curECallType: %d, curCallModeType: %d, curCallState %s",
+                               type, mode, callState.c_str());
+    addFormattedEntryToEmergencyLog("Handle Ecall caching status. curECallType: %d, curCallModeType: %d, curCallState %s\n",
+                                    type, mode, callState.c_str());
+    emergencyHappened(ecallMain::E_CALL_BtnStat);
+  } else {
+    scope.sendFormattedMessage("Ecall caching status not handled. curECallType: %d, curCallModeType: %d, curCallState %s",
+                               type, mode, callState.c_str());
+  }
+}
+
+void ecallProcessor::emergencyHappened(eEmergencyType newType) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  if (!extServHandle.getEmebeddedPhoneEnabledInVariant()) {
+    const char* text =
+        "Emergency event detected but since the VARIANT_ECELL indicates no embedded phone, do not act on the event\n";
+    scope.sendFormattedMessage("%s", text);
+    addEntryToEmergencyLog(text);
+    return;
+  }
+  scope.sendFormattedMessage("emergency happened");
+  if (newType == ecallMain::NONE) {
+    scope.sendFormattedWarning("Emergency request with type 0 (none).  Current active type %d\n",
+                               curECallType.load());
+    return;
+  }
+  if (newType < ecallMain::NONE || newType >= ecallMain::EMERGENCY_TYPE_COUNT) {
+    scope.sendFormattedWarning("Emergency request with type %d out of range, ignored\n", newType);
+    return;
+  }
+
+  // The mode: a repeat keeps it, an impact is a crash notification, the
+  // first button press starts the delay, a later one calls at once.
+  eCallModeType newMode = ecallMain::CALL_NONE;
+  if (newType == curECallType) {
+    newMode = curCallModeType;
+  } else if (isImpact(newType)) {
+    newMode = ecallMain::CALL_ACN;
+  } else if (newType == ecallMain::E_CALL_BtnStat && curCallModeType == ecallMain::CALL_NONE) {
+    // Checked before the mode is taken so the user hears why at once.
+    if (readSystemError() != 0) processEcallBtnPressWithSystemError();
+    newMode = ecallMain::CALL_ECALL_DELAY;
+  } else if (newType == ecallMain::E_CALL_BtnStat) {
+    newMode = ecallMain::CALL_ECALL;
+  } else if (newType == ecallMain::Emergency_Callback) {
+    newMode = ecallMain::CALL_EMERGENCY_CALLBACK;
+  }
+  scope.sendFormattedMessage("emergency happened. curCallModeType %d, newCallModeType %d, curECallType %d",
+                             curCallModeType.load(), newMode, curECallType.load());
+
+  // A press during an emergency: cancels during the delay, redials in the
+  // callback period, blinks the LED during a call.
+  if (newType == ecallMain::E_CALL_BtnStat && curCallModeType != ecallMain::CALL_NONE && emdPhOn == 1) {
+    scope.sendFormattedMessage("start delay ecall request");
+    startDelayEcallRequest();
+  }
+
+  if (!embeddedPhAvail || emdPhOn != 1) {
+    // The phone cannot call now: the request is kept for when it reports ON.
+    scope.sendFormattedWarning("emergency happened. type %d, embedded phone not available\n", newType);
+    processEcallBtnPressWithSystemError();
+    curECallType = newType;
+    curCallModeType = newMode;
+    scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
+                               ecallMain::eCallModeTypeString[newMode].c_str());
+    return;
+  }
+
+  if (curCallModeType == ecallMain::CALL_ECALL && newMode == ecallMain::CALL_ACN) {
+    // A crash during a button call turns it into a crash notification.
+    scope.sendFormattedMessage("stop delay ecall request.");
+    stopDelayEcallRequest();
+  } else if (curECallType != ecallMain::NONE) {
+    scope.sendFormattedMessage("ecall already requested. Current type %d", curECallType.load());
+    if (curCallModeType != ecallMain::CALL_ECALL_DELAY && newType == ecallMain::E_CALL_BtnStat) {
+      scope.sendFormattedMessage("ecall ongoing, blink LED");
+      addEntryToEmergencyLog("ECall Button pressed again during ecall process. Send LED blink green\n");
+      printf("start delay ecall request. blink LED\n");
+      fflush(stdout);
+      canIpcEmergencyHandler.setLedStatus(LED_BLINKING_GREEN);
+      canIpcEmergencyHandler.startBlinkTimer();
+      emitEmergencySignal(true, curECallType, "", ecallMain::CALL_ECALL_BUTTON_REPEAT, btCallActive,
+                          ecallModeActive);
+    }
+    return;
+  }
+
+  curECallType = newType;
+  curCallModeType = newMode;
+  scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
+                             ecallMain::eCallModeTypeString[newMode].c_str());
+  if (newMode == ecallMain::CALL_ACN) {
+    startEcallImmediateTimer();
+  } else if (newMode == ecallMain::CALL_ECALL_DELAY) {
+    startDelayEcallRequest();
+  } else {
+    // The callback is started by the call state, not from here.
+    scope.sendFormattedError(
+        "Ecall type %d not recognized.  Someone added types and code without updating function "
+        "emergencyHappened()\n",
+        newMode);
+    sendtoSlog(_SLOG_WARNING,
+               "Ecall type %d not recognized.  Someone added types and code without updating function "
+               "emergencyHappened()\n",
+               newMode);
+  }
+}
+
+// A button press that cannot be served: while the phone may still come up the
+// user is asked to wait, otherwise told of the system error.
+void ecallProcessor::processEcallBtnPressWithSystemError() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const uint32_t error = systemError;
+  if (error == 0 || error == ecallSystemFailure::bitMask[ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT]) {
+    if (isTimerActive(timerDelaySysErr4NoSierraComm) || isTimerActive(timerTimeoutPhoneNotPresent)) {
+      scope.sendFormattedMessage(
+          "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. system error: "
+          "%d\n",
+          error);
+      addFormattedEntryToEmergencyLog(
+          "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. System error: "
+          "%d\n",
+          error);
+      requestHMIDisplayPleaseWaitPopup();
+    }
+    return;
+  }
+  scope.sendFormattedMessage("Send System error message due to ECall Button press\n");
+  addFormattedEntryToEmergencyLog("Send System error message due to ECall Button press. System error %d\n", error);
+  emitEmergencySignal(ecallSignalActive, curECallType, "", ecallMain::CALL_SYSTEM_ERROR, btCallActive,
+                      ecallModeActive);
+}
+
+void ecallProcessor::requestHMIDisplayPleaseWaitPopup() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  Json::Value params(Json::objectValue);
+  params["msgId"] = pleaseWaitPopupMsgId;
+  params["showonDisplayoff"] = true;
+  params["timeout"] = pleaseWaitPopupTimeoutMs;
+  const std::string text = jsonWrite(params);
+  scope.sendFormattedMessage("HMIGateWay displayGlobalPopup, params %s\n", text.c_str());
+  SVCIPC_tResponse* response = nullptr;
+  const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, HMI_GATEWAY_SERVICE, HMI_GATEWAY_PATH,
+                                         "displayGlobalPopupByMsgId", text.c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
+  if (rc < 0) {
+    const char* failure =
+        "Failed to request HMI to display please wait popup for ecall button press but no emb phone comm.";
+    scope.sendFormattedError("%s rc %d\n", failure, rc);
+    sendtoSlog(_SLOG_WARNING, "%s rc 0x%0X\n", failure, static_cast<unsigned>(rc));
+  }
+  if (response) SVCIPC_freeResponse(response);
+}

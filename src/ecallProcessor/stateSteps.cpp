@@ -1,0 +1,353 @@
+// The step of each state of the main state machine: what one pulse does in
+// that state. Everything here runs on the state machine thread; the request
+// (type and mode) was read once at the start of the turn.
+#include "ecallMain/ecallMain.h"
+#include "ecallMain/jsonText.h"
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorTimers.h"
+#include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/externalServiceHandling.h"
+#include "orcImpact/CANImpactECallHandler.h"
+#include "platform/slog.h"
+
+namespace {
+
+constexpr int ecallDelaySeconds = 10;
+constexpr unsigned dialRetryMs = 60000;
+constexpr unsigned psapPromptDelayMs = 6000;
+constexpr unsigned ringToneOpenMs = 100;
+constexpr unsigned ringTonesMs = 8000;
+constexpr unsigned answerAfterPromptMs = 5000;
+
+// The vehicle type the emergency centre is told with every dial request.
+const char* const dialVehicleType = "Corvane";
+
+bool callStateIs(const char* part) { return ecallHandler.curCallState.contains(part); }
+
+}  // namespace
+
+// ---- ECALL_SM_IDLE ----
+
+void ecallStateMachine::stepIdle() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (startCall || delayStart) {
+    startEmergency();
+  } else if (type == ecallMain::Emergency_Callback) {
+    startCallback();
+  }
+}
+
+// Without an emergency number there is nothing to dial: the request is
+// dropped and, once per loss of the number, the failure is raised.
+bool ecallStateMachine::readNumberOrRaiseFailure() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (ecallHandler.readECallNumber()) {
+    errorSentForNoEcallNumberLoaded = false;
+    return true;
+  }
+  scope.sendFormattedError("PSAP ecall number not set in the embedded phone\n");
+  sendtoSlog(_SLOG_WARNING, "PSAP ecall number not set in the embedded phone\n");
+  ecallHandler.setEcallFailedToStart();
+  if (errorSentForNoEcallNumberLoaded.exchange(true)) return false;
+  if (systemErrorSent) {
+    const std::string& cause = ecallSystemFailure::sDescription[ecallSystemFailure::NO_ECALL_NUMBER];
+    ecallHandler.addFormattedEntryToEmergencyLog("System error message generated again due to %s\n", cause.c_str());
+    emitEcall(false, type, ecallMain::CALL_SYSTEM_ERROR);
+  }
+  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, true);
+  ecallHandler.addEntryToEmergencyLog("Error failed to obtain PSAP number\n");
+  return false;
+}
+
+void ecallStateMachine::startEmergency() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  extServHandle.getCurrentLanguage();
+  extServHandle.getVehicleBrand();
+  if (!readNumberOrRaiseFailure()) return;
+  if (startCall) {
+    scope.sendFormattedMessage("State Machine: prep for Ecall.\n");
+    ecallHandler.addFormattedEntryToEmergencyLog("ACR triggered on %s\n",
+                                                 ecallMain::EmergencyEventDescription[type].c_str());
+    startEcallStateMachineTimer(1);
+    state = ECALL_SM_MAKE_CALL;
+  } else {
+    scope.sendFormattedMessage("State Machine: Delay start prep for Ecall.\n");
+    ecallHandler.addFormattedEntryToEmergencyLog("Ecall delay %d before calling\n", ecallDelaySeconds);
+    startDelayEcallStartTimer();
+    state = ECALL_SM_CALL_DELAY;
+  }
+  scope.sendFormattedMessage("emit ecall true signal case 1, in statemachine, for acn ecall or btn ecall");
+  ecallHandler.setEcallModeActive(true);
+  canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
+  emitEcall(true, type, mode);
+  // The call takes the audio, Assist and Bluetooth give way, any other call
+  // on the embedded phone is ended and the cabin microphones are closed.
+  extServHandle.requestEcallAudioSource();
+  ecallHandler.asyncStopAssistApp();
+  extServHandle.disableBluetooth();
+  ecallHandler.hangUpCall();
+  extServHandle.requestEcallAudioSource();
+  extServHandle.setMicInputMuteState(true);
+  playPrompt(state == ECALL_SM_CALL_DELAY ? TTS_PROMPT_INITIATE : TTS_PROMPT_DIALING);
+}
+
+void ecallStateMachine::startCallback() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  scope.sendFormattedMessage("State Machine: Handle incoming call.\n");
+  ecallHandler.setEcallModeActive(true);
+  canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
+  emitEcall(true, ecallMain::Emergency_Callback, mode);
+  extServHandle.getCurrentLanguage();
+  extServHandle.getVehicleBrand();
+  extServHandle.requestEcallAudioSource();
+  ecallHandler.getDefaultVolumes();
+  scope.sendFormattedMessage("emit ecall true signal case 5, in statemachine, for callback");
+  extServHandle.disableBluetooth();
+  extServHandle.setMicInputMuteState(false);
+  ecallHandler.addEntryToEmergencyLog("Incoming Call\n");
+  startEcallStateMachineTimer(ringToneOpenMs);
+  state = ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES;
+}
+
+// ---- ECALL_SM_CALL_DELAY ----
+
+void ecallStateMachine::stepCallDelay() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (delayStart) {
+    // A second press during the delay is the user's cancel.
+    ecallHandler.clearECallEvent();
+    ecallHandler.addEntryToEmergencyLog("User cancelled mode during Ecall delay\n");
+  } else if (startCall) {
+    scope.sendFormattedMessage("State Machine: make Ecall.\n");
+    playPrompt(TTS_PROMPT_DIALING);
+    startEcallStateMachineTimer(1);
+    state = ECALL_SM_MAKE_CALL;
+  }
+}
+
+// ---- ECALL_SM_MAKE_CALL ----
+
+void ecallStateMachine::stepMakeCall() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  const bool redialPulse = pulseCode == ECALL_PULSE_PSAP_CALL_ENDED || pulseCode == ECALL_PULSE_RUN_STATE_MACHINE;
+  if (callStateIs("CALL_STATE_IDLE") && (redialPulse || dialAllowed)) {
+    dial();
+  } else if (callStateIs("CALL_STATE_DIALING") || callStateIs("CALL_STATE_ALERTING") ||
+             callStateIs("CALL_STATE_ACTIVE")) {
+    scope.sendFormattedMessage("callstate alerting. wait to connect");
+    startEcallTimeoutTimer();
+    state = ECALL_SM_WAIT_TO_CONNECT;
+  } else if (pulseCode == ECALL_PULSE_CONNECT_TIMEOUT) {
+    // The dial was accepted but the phone never left idle. The next run or
+    // call-ended pulse dials again.
+    stopEcallTimeoutTimer();
+    scope.sendFormattedError(
+        "PSAP ecall timeout when attempting to make the call (no transition out of IDLE), sending failed so retry "
+        "strategy can kick in\n");
+    ecallHandler.addEntryToEmergencyLog("Error: Call state did not transition after successful dial request\n");
+    emitEcall(true, type, ecallMain::CALL_FAILED);
+  }
+}
+
+void ecallStateMachine::dial() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  const std::string number = ecallHandler.getLocalEcallNumber();
+  scope.sendFormattedMessage("callstate idle. dial the number now");
+  ecallHandler.addFormattedEntryToEmergencyLog("Calling %s\n", number.c_str());
+  Json::Value params(Json::objectValue);
+  params["address"] = number;
+  params["callType"] = "MVA";
+  params["vehicleType"] = dialVehicleType;
+  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("ecallDial", jsonWrite(params), "dial");
+  dialAllowed = false;
+  if (rc >= 0) {
+    startEcallTimeoutTimer();
+    return;
+  }
+  // Refused: tell the user it failed and try again after the retry period.
+  scope.sendFormattedError("Failed dial emergency number, rc %d\n", rc);
+  sendtoSlog(_SLOG_WARNING, "Failed to dial emergency number, rc 0x%0X\n", static_cast<unsigned>(rc));
+  scope.sendFormattedMessage("emit ecall true signal case 3, type failed. in statemachine. async dial failed, will try again");
+  emitEcall(true, type, ecallMain::CALL_FAILED);
+  ecallHandler.addEntryToEmergencyLog("Error dial PSAP number failed\n");
+  startEcallStateMachineTimer(dialRetryMs);
+}
+
+// ---- ECALL_SM_WAIT_TO_CONNECT ----
+
+void ecallStateMachine::stepWaitToConnect() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (callEnded) {
+    // Ended before it became active: redial after the retry period.
+    scope.sendFormattedError("PSAP ecall failed, trying again in %dms\n", static_cast<int>(dialRetryMs));
+    stopEcallTimeoutTimer();
+    if (!callFailedLogged) {
+      ecallHandler.addEntryToEmergencyLog("Error Call Failed\n");
+      callFailedLogged = true;
+    }
+    emitEcall(true, type, ecallMain::CALL_FAILED);
+    startEcallStateMachineTimer(dialRetryMs);
+    state = ECALL_SM_MAKE_CALL;
+  } else if (pulseCode == ECALL_PULSE_CONNECT_TIMEOUT) {
+    // No timer is armed: the call state decides what comes next.
+    stopEcallTimeoutTimer();
+    scope.sendFormattedError("PSAP ecall timeout, sending failed so retry strategy can kick in\n");
+    emitEcall(true, type, ecallMain::CALL_FAILED);
+  } else if (callStateIs("CALL_STATE_ACTIVE")) {
+    stopEcallTimeoutTimer();
+    psapPrompt = mode == ecallMain::CALL_ACN ? TTS_PROMPT_ACN_PSAP1 : TTS_PROMPT_ECALL_PSAP1;
+    scope.sendFormattedMessage("Call active, delay %d ms for PSAP TTS", static_cast<int>(psapPromptDelayMs));
+    ecallHandler.addFormattedEntryToEmergencyLog("Call Active.  Delay %d ms for PSAP TTS\n",
+                                                 static_cast<int>(psapPromptDelayMs));
+    startEcallStateMachineTimer(psapPromptDelayMs);
+    state = ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS;
+  }
+}
+
+// ---- ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS ----
+
+void ecallStateMachine::stepWaitForPsapTts() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  scope.sendFormattedMessage("ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS");
+  if (callEnded) {
+    scope.sendFormattedMessage("ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS, ecall ended");
+    ecallHandler.clearECallEvent();
+    ecallHandler.addEntryToEmergencyLog("Call ended\n");
+    return;
+  }
+  if (pulseCode != ECALL_PULSE_RUN_STATE_MACHINE) return;
+  bool playNow = false;
+  {
+    std::lock_guard<std::mutex> lock(promptSequenceMutex);
+    firstPsapTtsCount = 2;
+    if (activeTts == TTS_PROMPT_DIALING) {
+      // The dialling prompt is still speaking: the completion handler starts
+      // the centre's prompt when it ends.
+      scope.sendFormattedMessage("ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS, active tts is still ECAll dialing???? No way!!!");
+      firstPsapTtsWaitForComplete = true;
+    } else {
+      scope.sendFormattedMessage("ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS, should play first PSAP TTS now");
+      firstPsapTtsWaitForComplete = false;
+      playNow = true;
+    }
+    activeTts = psapPrompt;
+  }
+  if (playNow) extServHandle.playTtsMsg(psapPrompt);
+  startEcallStateMachineTimer(1);
+  state = ECALL_SM_CALL_ACTIVE;
+}
+
+// ---- ECALL_SM_CALL_ACTIVE ----
+
+void ecallStateMachine::stepCallActive() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (!callEnded) return;
+  ecallHandler.clearECallEvent();
+  ecallHandler.addEntryToEmergencyLog("Call ended\n");
+}
+
+// ---- ECALL_SM_WAIT_FOR_END_FROM_HMI: the 30 s callback period ----
+
+void ecallStateMachine::stepWaitForEndFromHmi() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (startCall || delayStart) {
+    // A new emergency while the emergency mode is still on: dial at once.
+    emitEcall(true, type, ecallMain::CALL_REDIAL_DURING_END);
+    extServHandle.abortCurrentTtsMsg();
+    extServHandle.getCurrentLanguage();
+    canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
+    playPrompt(TTS_PROMPT_DIALING);
+    ecallHandler.addEntryToEmergencyLog("ecall/acr happened during wait for exit emergency mode\n");
+    startEcallImmediateTimer();
+    dialAllowed = true;
+    state = ECALL_SM_MAKE_CALL;
+  } else if (type == ecallMain::Emergency_Callback) {
+    emitEcall(true, ecallMain::Emergency_Callback, mode);
+    ecallHandler.addEntryToEmergencyLog("Incoming call during wait for exit emergency mode\n");
+    startEcallStateMachineTimer(ringToneOpenMs);
+    state = ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES;
+  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
+    endEmergencyMode();
+  }
+}
+
+// The callback period is over: give back everything the call took.
+void ecallStateMachine::endEmergencyMode() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (!callStateIs("CALL_STATE_IDLE")) ecallHandler.hangUpCall();
+  if (!ecallHandler.bAssistAppActive) extServHandle.enableBluetooth();
+  ecallHandler.exitEmergencyMode();
+  extServHandle.setMicInputMuteState(false);
+  extServHandle.releaseEcallAudioSource();
+  scope.sendFormattedMessage(
+      "emit ecall false since ecall mode is completed. in statemachine. sm idle, type none, mode none");
+  ecallHandler.setEcallModeActive(false);
+  emitEcall(false, type, mode);
+  canIpcEmergencyHandler.setLedStatus(LED_OFF);
+  ecallHandler.addEntryToEmergencyLog("End emergency mode\n");
+  dialAllowed = true;
+  callFailedLogged = false;
+  state = ECALL_SM_IDLE;
+}
+
+// ---- The emergency centre's callback ----
+// In each of these states a call-ended pulse means the centre gave up before
+// the call was answered; only the run pulse moves on.
+
+void ecallStateMachine::stepOpenAudioForRingTones() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (callEnded) {
+    ecallHandler.logPsapEndedIncomingCallAndClearCall();
+  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
+    ecallHandler.addEntryToEmergencyLog("Incoming Call - opening audio for 2 rings\n");
+    ecallHandler.setRingVolume(defaultPromptVol - 1);
+    extServHandle.statePsseForRingTone(true);
+    startEcallStateMachineTimer(ringTonesMs);
+    state = ECALL_SM_INCOMING_CALL_WAIT_RING_TONES_COMPLETE;
+  }
+}
+
+void ecallStateMachine::stepWaitRingTonesComplete() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  ecallHandler.setRingVolume(defaultPhoneVol);
+  if (callEnded) {
+    ecallHandler.logPsapEndedIncomingCallAndClearCall();
+  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
+    extServHandle.statePsseForRingTone(false);
+    ecallHandler.addEntryToEmergencyLog("Incoming Call - close audio and play TTS\n");
+    playPrompt(TTS_PROMPT_INCOMING);
+    startEcallStateMachineTimer(answerAfterPromptMs);
+    state = ECALL_SM_INCOMING_CALL_ANSWER;
+  }
+}
+
+void ecallStateMachine::stepAnswer() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (callEnded) {
+    extServHandle.abortCurrentTtsMsg();
+    ecallHandler.logPsapEndedIncomingCallAndClearCall();
+  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
+    if (!ecallHandler.acceptEmergencyCallback()) ecallHandler.acceptEmergencyCallback();
+    ecallHandler.addEntryToEmergencyLog("Incoming Call - answer phone cmd sent to embedded phone\n");
+    startEcallTimeoutTimer();
+    state = ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE;
+  }
+}
+
+void ecallStateMachine::stepWaitForCallActive() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (callEnded) {
+    ecallHandler.logPsapEndedIncomingCallAndClearCall();
+  } else if (pulseCode == ECALL_PULSE_CONNECT_TIMEOUT) {
+    stopEcallTimeoutTimer();
+    scope.sendFormattedError("Incoming Call - ecall timeout, ending the ecall state\n");
+    ecallHandler.addEntryToEmergencyLog("Incoming Call - embedded phone was not able to answer, so ending the call\n");
+    ecallHandler.clearECallEvent();
+  } else if (callStateIs("CALL_STATE_ACTIVE")) {
+    stopEcallTimeoutTimer();
+    ecallHandler.addEntryToEmergencyLog("Incoming Call - Active\n");
+    startEcallStateMachineTimer(1);
+    state = ECALL_SM_CALL_ACTIVE;
+  }
+}
