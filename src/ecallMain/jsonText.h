@@ -13,3 +13,9 @@ std::string jsonWrite(const Json::Value& value);
 // Parses text (null reads as ""); on failure value becomes null and false is
 // returned.
 bool jsonParse(const char* text, Json::Value& value);
+
+// A member read with its default: the library's conversion of the member,
+// or the default when the member is missing, cannot be converted, or object
+// is not an object. Never throws, whatever a peer sent.
+int jsonGetInt(const Json::Value& object, const char* name, int defaultValue);
+std::string jsonGetString(const Json::Value& object, const char* name, const std::string& defaultValue);
