@@ -1,2 +1,253 @@
-// vehicle-sim: the rest of the head unit and the vehicle micro (work in progress).
-int main() { return 0; }
+// vehicle-sim: the rest of the head unit and the vehicle micro, so that the
+// emergency call service can run, be driven and be watched without a car.
+//
+//   vehicle-sim [--root DIR] [--bus session|system|ADDRESS] [--record FILE]
+//               [--speak DIR] [--time-scale F] [--show] [--script FILE] [--help]
+//
+// With only --root it serves the healthy car on the session bus. Commands
+// are read from the script, then from standard input; the car keeps running
+// when standard input ends, until "quit", SIGINT or SIGTERM.
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+#include "console.h"
+#include "platform/runtime.h"
+#include "platform/serviceBus.h"
+#include "simCore.h"
+
+namespace {
+
+struct Options {
+  std::string root = "/";
+  std::string bus = "session";
+  std::string record;
+  std::string speak;
+  std::string script;
+  double timeScale = 1.0;
+  bool show = false;
+};
+
+const char* kUsage =
+    "usage: vehicle-sim [--root DIR] [--bus session|system|ADDRESS] [--record FILE]\n"
+    "                   [--speak DIR] [--time-scale F] [--show] [--script FILE] [--help]\n"
+    "Plays the head-unit services, the vehicle micro and the mirror buttons around\n"
+    "ecallService. Type 'help' for the console commands.\n";
+
+bool parseOptions(int argc, char** argv, Options& options, std::string& why) {
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    auto value = [&](std::string& into) {
+      if (i + 1 >= argc) {
+        why = arg + " needs a value";
+        return false;
+      }
+      into = argv[++i];
+      return true;
+    };
+    if (arg == "--help" || arg == "-h") {
+      fputs(kUsage, stdout);
+      exit(0);
+    } else if (arg == "--show") {
+      options.show = true;
+    } else if (arg == "--root") {
+      if (!value(options.root)) return false;
+    } else if (arg == "--bus") {
+      if (!value(options.bus)) return false;
+    } else if (arg == "--record") {
+      if (!value(options.record)) return false;
+    } else if (arg == "--speak") {
+      if (!value(options.speak)) return false;
+    } else if (arg == "--script") {
+      if (!value(options.script)) return false;
+    } else if (arg == "--time-scale") {
+      std::string text;
+      if (!value(text)) return false;
+      char* end = nullptr;
+      options.timeScale = strtod(text.c_str(), &end);
+      if (!end || *end != '\0' || !(options.timeScale > 0.0 && options.timeScale <= 1.0)) {
+        why = "--time-scale needs a number in (0, 1]";
+        return false;
+      }
+    } else {
+      why = "unknown option " + arg;
+      return false;
+    }
+  }
+  return true;
+}
+
+// The D-Bus address of --bus.
+bool busAddress(const std::string& bus, std::string& address, std::string& why) {
+  if (bus == "session") {
+    const char* env = getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (!env || !*env) {
+      why = "no session bus (DBUS_SESSION_BUS_ADDRESS is not set); give --bus ADDRESS";
+      return false;
+    }
+    address = env;
+  } else if (bus == "system") {
+    const char* env = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    address = env && *env ? env : "unix:path=/run/dbus/system_bus_socket";
+  } else {
+    address = bus;
+  }
+  return true;
+}
+
+// The car's own folders: the flash with the emergency log folder, the USB
+// stick, the marker folder, the channel and PPS folders.
+void makeCarFolders() {
+  for (const char* folder : {"/fs/etfs/usr/var/ecall", "/fs/usb0", "/tmp", "/dev/ipc", "/pps/can"}) {
+    std::error_code ec;
+    std::filesystem::create_directories(platform::rootPath(folder), ec);
+  }
+}
+
+// Reads lines from standard input until "quit" or a termination signal;
+// standard input may end before that.
+void consoleLoop(sim::Console& console, sim::Recorder& recorder, int signals) {
+  std::string pending;
+  bool inputOpen = true;
+  char buffer[4096];
+  while (true) {
+    struct pollfd fds[2] = {{inputOpen ? STDIN_FILENO : -1, POLLIN, 0}, {signals, POLLIN, 0}};
+    if (poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    if (fds[1].revents) return;
+    if (!fds[0].revents) continue;
+    ssize_t n = read(STDIN_FILENO, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      inputOpen = false;
+      continue;
+    }
+    pending.append(buffer, static_cast<size_t>(n));
+    size_t end;
+    while ((end = pending.find('\n')) != std::string::npos) {
+      std::string line = pending.substr(0, end);
+      pending.erase(0, end + 1);
+      bool quit = false;
+      std::string reply = console.run(line, quit);
+      if (!reply.empty()) recorder.reply(reply);
+      if (quit) return;
+    }
+  }
+}
+
+// Runs a script's commands in order; false when it says "quit".
+bool runScript(const std::string& path, sim::Console& console, sim::Recorder& recorder) {
+  std::ifstream in(path);
+  if (!in) {
+    recorder.reply("error cannot read script " + path);
+    return true;
+  }
+  std::string line;
+  while (std::getline(in, line)) {
+    bool quit = false;
+    std::string reply = console.run(line, quit);
+    if (reply.empty()) continue;
+    recorder.show("> " + line);
+    recorder.reply(reply);
+    if (quit) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  std::string why;
+  std::string address;
+  if (!parseOptions(argc, argv, options, why) || !busAddress(options.bus, address, why)) {
+    fprintf(stderr, "vehicle-sim: %s\n%s", why.c_str(), kUsage);
+    return 2;
+  }
+
+  // Termination arrives as a readable descriptor for the console loop; every
+  // thread started below inherits the blocked mask. A peer that hangs up
+  // must not kill the car.
+  sigset_t mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGINT);
+  sigaddset(&mask, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+  int signals = signalfd(-1, &mask, SFD_CLOEXEC);
+  signal(SIGPIPE, SIG_IGN);
+
+  platform::setRoot(options.root);
+  platform::setTimeScale(options.timeScale);
+  platform::setDefaultBus(options.bus.c_str());
+
+  sim::Recorder recorder;
+  recorder.setShow(options.show);
+  if (!options.record.empty() && !recorder.open(options.record)) {
+    fprintf(stderr, "vehicle-sim: cannot write %s: %s\n", options.record.c_str(), strerror(errno));
+    return 1;
+  }
+  sim::Scheduler scheduler;
+  sim::CarSettings settings;
+  sim::SimContext context{recorder, scheduler, settings, address};
+
+  sim::Speaker speaker(recorder);
+  if (!options.speak.empty()) {
+    std::error_code ec;
+    std::filesystem::create_directories(options.speak, ec);
+    speaker.start(options.speak);
+  }
+
+  makeCarFolders();
+  sim::Car car(context, options.speak.empty() ? nullptr : &speaker);
+  sim::ServiceWatcher watcher(context);
+  bool started = car.vehstat.start(platform::rootPath("/pps/can/vehstat"), why) &&
+                 car.micro.start(platform::rootPath("/dev/ipc/ch12"), why);
+  if (started && SVCIPC_IS_ERROR(SVCIPC_initialize())) {
+    why = "the bus library did not start";
+    started = false;
+  }
+  for (sim::SimService* service : car.services()) started = started && service->join(why);
+  started = started && watcher.startBus(why) &&
+            watcher.startFiles(platform::rootPath("/fs/etfs/usr/var/ecall"), platform::rootPath("/fs/usb0"), why);
+  if (!started) {
+    fprintf(stderr, "vehicle-sim: %s\n", why.c_str());
+    fflush(stderr);
+    _exit(1);  // threads of a half-built car are not worth an orderly stop
+  }
+
+  Json::Value ready(Json::objectValue);
+  ready["kind"] = "sim";
+  ready["event"] = "ready";
+  ready["root"] = platform::root();
+  ready["bus"] = address;
+  recorder.record(ready, "the car is ready (root " + platform::root() + ")");
+
+  sim::Console console(context, car);
+  bool keepGoing = options.script.empty() || runScript(options.script, console, recorder);
+  if (keepGoing) consoleLoop(console, recorder, signals);
+
+  // Stop the paced events first, so that nothing emits while the services
+  // leave the bus.
+  scheduler.stop();
+  watcher.stop();
+  for (sim::SimService* service : car.services()) service->leave();
+  car.micro.stop();
+  speaker.stop();
+  SVCIPC_shutdown();
+  Json::Value done(Json::objectValue);
+  done["kind"] = "sim";
+  done["event"] = "stopped";
+  recorder.record(done, "the car is parked");
+  return 0;
+}
