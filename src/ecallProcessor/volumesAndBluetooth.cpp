@@ -6,39 +6,28 @@
 #include "ecallMain/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
+#include "externalServiceHandling/serviceRequests.h"
 
 std::atomic<int32_t> defaultPhoneVol{15};
 std::atomic<int32_t> defaultPromptVol{15};
 
 namespace {
 
-const char* const kAudioMixerName = "com.nordak.service.AudioMixerManager";
-const char* const kAudioMixerPath = "/com/nordak/service/AudioMixerManager";
 // The prompt volume used once the mixer has answered.
 constexpr int32_t kPromptVolume = 12;
-
-Json::Value memberOf(const Json::Value& value, const char* name) {
-  return value.isObject() ? value.get(name, Json::Value()) : Json::Value();
-}
 
 }  // namespace
 
 void ecallProcessor::getDefaultVolumes() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  Json::Value query(Json::objectValue);
-  query["props"].append("volumeLevel");
-  SVCIPC_tResponse* response = nullptr;
-  SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, kAudioMixerName, kAudioMixerPath, "getProperties",
-                                   jsonWrite(query).c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
-  if (rc < 0 || response == nullptr) return;
-
+  std::string reply;
+  SVCIPC_tError rc = extServ::invokeSync(extServ::audioMixerService, "getProperties",
+                                         extServ::propertyQuery("volumeLevel"), &reply);
+  if (rc < 0) return;
   Json::Value root;
-  const bool parsed = jsonParse(response->result, root);
-  SVCIPC_freeResponse(response);
-  if (!parsed) return;
+  if (!jsonParse(reply.c_str(), root)) return;
 
-  const Json::Value phone = memberOf(memberOf(memberOf(root, "volumeLevel"), "FRONT_L_SPKR"), "PHONE");
-  defaultPhoneVol = phone.isInt() ? phone.asInt() : 0;
+  defaultPhoneVol = jsonGetInt(extServ::member(extServ::member(root, "volumeLevel"), "FRONT_L_SPKR"), "PHONE", 0);
   defaultPromptVol = kPromptVolume;
 }
 
@@ -49,8 +38,7 @@ void ecallProcessor::setRingVolume(int step) {
   body["step"] = step;
   body["user"] = "driver";
   // The reply is handled like the dial request's.
-  SVCIPC_asyncInvoke(svcIPCConn, kAudioMixerName, kAudioMixerPath, "adjustVolume", jsonWrite(body).c_str(),
-                     0 /*reply expected*/, SVCIPC_TIMEOUT_DEFAULT, onAsyncResult, const_cast<char*>("dial"));
+  extServ::invokeAsync(extServ::audioMixerService, "adjustVolume", jsonWrite(body), "dial");
 }
 
 void ecallProcessor::onSubcribedBTSignal(const char* sigName, const char* data, void* context) {
@@ -69,14 +57,14 @@ void ecallProcessor::onSubcribedBTSignal(const char* sigName, const char* data, 
     scope.sendFormattedError("failed to parse bluetooth callstate json value\n");
     return;
   }
-  const Json::Value calls = memberOf(root, "callStateInfo");
+  const Json::Value calls = extServ::member(root, "callStateInfo");
   const Json::ArrayIndex count = calls.isArray() ? calls.size() : 0;
   scope.sendFormattedMessage("callstateArray size %d\n", static_cast<int>(count));
 
   // Any call that is not idle means the Bluetooth phone is busy.
   bool active = false;
   for (Json::ArrayIndex i = 0; i < count && !active; ++i) {
-    const Json::Value state = memberOf(calls[i], "callState");
+    const Json::Value state = extServ::member(calls[i], "callState");
     if (state.isNull()) continue;
     active = !(state.isString() && state.asString() == "idle");
   }

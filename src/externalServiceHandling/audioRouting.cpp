@@ -74,7 +74,7 @@ void externalServiceHandling::registerMuteClient() {
   }
   Json::Value root;
   jsonParse(reply.c_str(), root);
-  mMuteClientId = extServ::intOf(extServ::member(root, "id"), 0);
+  mMuteClientId = jsonGetInt(root, "id", 0);
 }
 
 void externalServiceHandling::unregisterMuteClient() {
@@ -152,7 +152,7 @@ void externalServiceHandling::stopAnyNonEmbeddedPsseSource() {
   }
   Json::Value root;
   jsonParse(reply.c_str(), root);
-  const std::string scenario = extServ::textOf(extServ::member(root, "scenario"), "");
+  const std::string scenario = jsonGetString(root, "scenario", "");
   // No scenario named, or one of the embedded phone's own: leave it running.
   if (scenario.empty() || scenario.find("Embedded") != std::string::npos) return;
   extServ::invokeSync(extServ::psseService, "setSHF_Scenario", scenarioBody("STOP", scenario));

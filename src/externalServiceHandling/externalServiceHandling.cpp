@@ -52,11 +52,4 @@ Json::Value member(const Json::Value& value, const char* name) {
   return value.get(name, Json::Value());
 }
 
-std::string textOf(const Json::Value& value, const std::string& fallback) {
-  if (value.isString() || value.isNumeric() || value.isBool()) return value.asString();
-  return fallback;
-}
-
-int intOf(const Json::Value& value, int fallback) { return value.isInt() ? value.asInt() : fallback; }
-
 }  // namespace extServ

@@ -47,12 +47,8 @@ SVCIPC_tError invokeAsync(const busService& service, const char* method, const s
 // {"props":[name]}: the one-property query of the configuration services.
 std::string propertyQuery(const char* name);
 
-// Member name of an object, or null when value is not an object or lacks it.
+// Member name of an object, or null when value is not an object or lacks it
+// (for walking down nested answers).
 Json::Value member(const Json::Value& value, const char* name);
-// A scalar read as text (numbers and booleans spelled out); null, arrays and
-// objects give fallback.
-std::string textOf(const Json::Value& value, const std::string& fallback);
-// An integer value, or fallback for anything that is not one.
-int intOf(const Json::Value& value, int fallback);
 
 }  // namespace extServ

@@ -49,7 +49,7 @@ bool externalServiceHandling::getEmebeddedPhoneEnabledInVariant() {
       scope.sendFormattedMessage("Received variant info: %s\n", reply.c_str());
       Json::Value root;
       jsonParse(reply.c_str(), root);
-      const std::string ecell = extServ::textOf(extServ::member(root, "VARIANT_ECELL"), kNotPresent);
+      const std::string ecell = jsonGetString(root, "VARIANT_ECELL", kNotPresent);
       if (ecell == kNotPresent && attemptsLeft > 0) {
         scope.sendFormattedMessage("ECELL not in the varinat info response, trying %d more times to get it\n",
                                    attemptsLeft);
@@ -120,7 +120,7 @@ void externalServiceHandling::getCurrentLanguage() {
   const Json::Value languageValue = extServ::member(root, "language");
   if (languageValue.isNull()) return;
 
-  const std::string language = extServ::textOf(languageValue, "");
+  const std::string language = jsonGetString(root, "language", "");
   scope.sendFormattedMessage("Language received, %s\n", language.c_str());
   // "en_US", "fr_CA", "es_MX" and the like: the country part does not matter.
   // Any other language keeps the one the prompts use now.
@@ -149,6 +149,6 @@ void externalServiceHandling::logSystemSWInfo() {
   scope.sendFormattedMessage("Received system software versions: %s\n", reply.c_str());
   Json::Value root;
   jsonParse(reply.c_str(), root);
-  const std::string version = extServ::textOf(extServ::member(root, "app_version"), kNotPresent);
+  const std::string version = jsonGetString(root, "app_version", kNotPresent);
   ecallHandler.addFormattedEntryToEmergencyLog("System Software Version: %s\n", version.c_str());
 }
