@@ -2,6 +2,7 @@
 // with its retries, the asynchronous fetch, and the callback number test.
 #include <chrono>
 #include <deque>
+#include <memory>
 #include <mutex>
 
 #include "phoneFixture.h"
@@ -12,31 +13,27 @@ namespace {
 
 class EmergencyNumberTest : public ProcessorFixture {
  protected:
-  // The phone answers the number requests with these replies in turn (rc < 0
-  // for a failed request), repeating the last one.
+  // The phone answers with these replies in turn (rc < 0: failed request).
   void answerInTurn(std::deque<std::pair<SVCIPC_tError, std::string>> replies) {
     auto queue = std::make_shared<std::deque<std::pair<SVCIPC_tError, std::string>>>(std::move(replies));
     auto mutex = std::make_shared<std::mutex>();
     fakeBus::setResponder(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers", [queue, mutex](const std::string&) {
       std::lock_guard<std::mutex> lock(*mutex);
       fakeBus::Reply reply;
-      reply.rc = queue->front().first;
-      reply.result = queue->front().second;
+      std::tie(reply.rc, reply.result) = queue->front();
       if (queue->size() > 1) queue->pop_front();
       return reply;
     });
   }
 };
 
-const SVCIPC_tError kFailed = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
-
 TEST_F(EmergencyNumberTest, EveryReplyFormOfThePhone) {
-  struct Case {
+  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, true);
+  const struct {
     const char* reply;
     int result;
     const char* numberAfter;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {R"({"code":0,"count":2,"numberList":["","911"]})", 1, "911"},
       {R"({"count":2,"numberList":["112","911"]})", 1, "112"},
       {R"({"count":3,"numberList":[null,7,"999"]})", 1, "999"},
@@ -45,22 +42,14 @@ TEST_F(EmergencyNumberTest, EveryReplyFormOfThePhone) {
       {R"({"code":5,"count":1,"numberList":["911"]})", -1, "999"},
       {"not json", -1, "999"},
       {R"({"count":1,"numberList":[]})", 0, "999"},
-      {R"({"count":1})", 0, "999"},
       {R"({"count":1,"numberList":[""]})", 0, "999"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     EXPECT_EQ(c.result, ecallHandler.parseEcallNumber(c.reply)) << c.reply;
     EXPECT_EQ(c.numberAfter, ecallHandler.getLocalEcallNumber()) << c.reply;
   }
-  EXPECT_EQ(3u, log.countTrace("Get ecall number response error."));
-  EXPECT_EQ(1u, log.countTrace("ecall number does not exist!  Please set it.\n"));
-}
-
-TEST_F(EmergencyNumberTest, FoundNumberClearsTheMissingNumberFailure) {
-  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, true);
-  ASSERT_EQ(0x80u, ecallHandler.systemError.load());
-  EXPECT_EQ(1, ecallHandler.parseEcallNumber(R"({"count":1,"numberList":["911"]})"));
   EXPECT_EQ(0u, ecallHandler.systemError.load());
+  EXPECT_EQ(1u, log.countTrace("ecall number does not exist!  Please set it.\n"));
 }
 
 TEST_F(EmergencyNumberTest, FetchGivesUpAfterTheThirdFailureWithPauses) {
@@ -68,43 +57,30 @@ TEST_F(EmergencyNumberTest, FetchGivesUpAfterTheThirdFailureWithPauses) {
   answerInTurn({{kFailed, ""}, {SVCIPC_ERROR_NONE, R"({"code":3})"}, {kFailed, ""}, {SVCIPC_ERROR_NONE, "{}"}});
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(ecallHandler.readECallNumber());
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(15));
   auto requests = fakeBus::requests(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers");
   ASSERT_EQ(3u, requests.size());
   EXPECT_EQ("{\"maxCount\":10}\n", requests[0].params);
-  EXPECT_EQ(fakeBus::Call::Invoke, requests[0].kind);
-  EXPECT_GE(elapsed, std::chrono::milliseconds(15));
-  EXPECT_TRUE(log.hasSlog("Failed to get ecall number"));
-  EXPECT_TRUE(log.hasSlog("resp is NULL"));
+  EXPECT_TRUE(log.hasSlog("Failed to get ecall number -"));
 }
 
 TEST_F(EmergencyNumberTest, ReplyWithoutNumberIsAskedAgainWithoutCountingIt) {
   answerInTurn({{kFailed, ""},
                 {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":[]})"},
                 {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":[""]})"},
-                {SVCIPC_ERROR_NONE, R"({"count":1})"},
                 {kFailed, ""},
-                {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":[]})"},
+                {SVCIPC_ERROR_NONE, R"({"count":1})"},
                 {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":["911"]})"}});
   EXPECT_TRUE(ecallHandler.readECallNumber());
-  EXPECT_EQ(7u, phoneRequests("getEmergencyNumbers"));
+  EXPECT_EQ(6u, phoneRequests("getEmergencyNumbers"));
   EXPECT_EQ("911", ecallHandler.getLocalEcallNumber());
 }
 
-TEST_F(EmergencyNumberTest, AsyncFetchStoresTheNumberOrReportsTheRefusedSend) {
+TEST_F(EmergencyNumberTest, AsyncFetchStoresTheNumber) {
   answer("getEmergencyNumbers", R"({"count":1,"numberList":["911"]})");
   ecallHandler.asyncReadECallNumber();
   fakeBus::drain();
-  auto requests = fakeBus::requests(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers");
-  ASSERT_EQ(1u, requests.size());
-  EXPECT_EQ(fakeBus::Call::AsyncInvoke, requests[0].kind);
-  EXPECT_EQ(0, requests[0].noReplyExpected);
-  EXPECT_EQ("911", ecallHandler.getLocalEcallNumber());
-
-  failRequests("getEmergencyNumbers");
-  ecallHandler.asyncReadECallNumber();
-  EXPECT_TRUE(log.hasSlog("failed to send async request to get ecall number, rc 0x"));
+  ASSERT_EQ(1u, fakeBus::callsOf(fakeBus::Call::AsyncInvoke).size());
   EXPECT_EQ("911", ecallHandler.getLocalEcallNumber());
 }
 
@@ -115,7 +91,6 @@ TEST(PhoneNumberValidity, OnlyEmptyAndTheServiceNumberAreRefused) {
   EXPECT_TRUE(ecallProcessor::isPhoneNumberValid("#7771"));
   EXPECT_TRUE(ecallProcessor::isPhoneNumberValid("#77"));
   EXPECT_TRUE(ecallProcessor::isPhoneNumberValid("abc"));
-  EXPECT_TRUE(ecallProcessor::isPhoneNumberValid("+15551234"));
 }
 
 }  // namespace
