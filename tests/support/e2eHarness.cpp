@@ -1,1 +1,407 @@
 #include "support/e2eHarness.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "support/testSupport.h"
+
+extern char** environ;
+
+namespace testSupport {
+
+namespace {
+
+bool parseJson(const std::string& text, Json::Value& value) {
+  Json::CharReaderBuilder builder;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  std::string errors;
+  return reader->parse(text.data(), text.data() + text.size(), &value, &errors);
+}
+
+std::string fixed(double value) {
+  char text[32];
+  snprintf(text, sizeof text, "%g", value);
+  return text;
+}
+
+// Starts a program with its standard streams on the given descriptors.
+pid_t spawn(const std::vector<std::string>& args, int in, int out, int err) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+  std::vector<char*> argv;
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  int rc = posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  return rc == 0 ? pid : -1;
+}
+
+int openOutput(const std::string& path) { return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644); }
+
+void killAndReap(pid_t& pid) {
+  if (pid <= 0) return;
+  kill(pid, SIGKILL);
+  while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  pid = -1;
+}
+
+std::string tail(const std::string& text, size_t lines) {
+  std::vector<std::string> all = splitLines(text);
+  std::string out;
+  for (size_t i = all.size() > lines ? all.size() - lines : 0; i < all.size(); ++i) out += "    " + all[i] + "\n";
+  return out;
+}
+
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+}  // namespace
+
+E2eHarness::E2eHarness(E2eOptions options) : mOptions(std::move(options)) {
+  char tmpl[] = "/tmp/ecall-e2e-XXXXXX";
+  char* dir = mkdtemp(tmpl);
+  mWorkDir = dir ? dir : "/tmp";
+  mRoot = mWorkDir + "/root";
+  makeDirs(mRoot);
+  mRecordFile = mWorkDir + "/record.jsonl";
+  mTraceFile = mWorkDir + "/trace.txt";
+  mServiceErr = mWorkDir + "/service.stderr";
+  mServiceOut = mWorkDir + "/service.stdout";
+  mSimErr = mWorkDir + "/sim.stderr";
+
+  startBus();
+  startSim();
+  for (const auto& command : mOptions.simCommands) {
+    std::string reply = sim(command);
+    EXPECT_EQ(reply.rfind("ok", 0), 0u) << "vehicle-sim refused '" << command << "': " << reply;
+  }
+  if (mOptions.startService) startService();
+}
+
+E2eHarness::~E2eHarness() {
+  killAndReap(mServicePid);
+  killAndReap(mSimPid);
+  if (mSimIn >= 0) close(mSimIn);
+  if (mSimReader.joinable()) mSimReader.join();
+  if (mSimOut >= 0) close(mSimOut);
+  if (mConnection) SVCIPC_closeConnection(mConnection);
+  SVCIPC_shutdown();
+  mBus.reset();
+  bool failed = ::testing::Test::HasFailure();
+  if (failed) dumpOnFailure();
+  if (!failed && !getenv("ECALL_E2E_KEEP")) {
+    std::error_code ec;
+    std::filesystem::remove_all(mWorkDir, ec);
+  }
+}
+
+void E2eHarness::startBus() {
+  mBus = std::make_unique<PrivateBus>();
+  mBusAddress = mBus->address();
+  ASSERT_FALSE(mBusAddress.empty()) << "the private bus did not start";
+  ASSERT_FALSE(SVCIPC_IS_ERROR(SVCIPC_initialize()));
+  SVCIPC_tError rc = SVCIPC_getConnectionByAddress(mBusAddress.c_str(), &mConnection);
+  ASSERT_FALSE(SVCIPC_IS_ERROR(rc)) << "cannot connect to the private bus, rc 0x" << std::hex << rc;
+}
+
+void E2eHarness::startSim() {
+#ifndef VEHICLE_SIM_BIN
+  FAIL() << "vehicle-sim is not part of this build";
+#else
+  int in[2], out[2];
+  ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);
+  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+  int err = openOutput(mSimErr);
+  std::vector<std::string> args = {VEHICLE_SIM_BIN, "--root", mRoot, "--bus", mBusAddress,
+                                   "--record", mRecordFile, "--time-scale", fixed(mOptions.timeScale)};
+  args.insert(args.end(), mOptions.simArgs.begin(), mOptions.simArgs.end());
+  mSimPid = spawn(args, in[0], out[1], err);
+  close(in[0]);
+  close(out[1]);
+  close(err);
+  mSimIn = in[1];
+  mSimOut = out[0];
+  ASSERT_GT(mSimPid, 0) << "cannot start " << VEHICLE_SIM_BIN;
+  mSimReader = std::thread([this] { readSimOutput(); });
+  // The console answers only once every simulated service is on the bus.
+  std::string reply = sim("status", mOptions.startDeadline);
+  ASSERT_EQ(reply.rfind("ok", 0), 0u) << "vehicle-sim did not come up: " << reply << "\n" << readFile(mSimErr);
+#endif
+}
+
+void E2eHarness::readSimOutput() {
+  std::string pending;
+  char buffer[4096];
+  while (true) {
+    ssize_t n = read(mSimOut, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    pending.append(buffer, static_cast<size_t>(n));
+    size_t end;
+    std::lock_guard<std::mutex> lock(mSimMutex);
+    while ((end = pending.find('\n')) != std::string::npos) {
+      mSimLines.push_back(pending.substr(0, end));
+      pending.erase(0, end + 1);
+    }
+    mSimCond.notify_all();
+  }
+  std::lock_guard<std::mutex> lock(mSimMutex);
+  mSimOutputClosed = true;
+  mSimCond.notify_all();
+}
+
+std::string E2eHarness::sim(const std::string& command, ms deadline) {
+  // One command at a time: the reply is the next "ok"/"error" line.
+  std::string line = command + "\n";
+  if (mSimIn < 0 || write(mSimIn, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+    return "error vehicle-sim does not take commands";
+  std::unique_lock<std::mutex> lock(mSimMutex);
+  auto isReply = [](const std::string& l) { return l.rfind("ok", 0) == 0 || l.rfind("error", 0) == 0; };
+  std::string reply;
+  bool answered = mSimCond.wait_for(lock, deadline, [&] {
+    while (mReplyCursor < mSimLines.size()) {
+      const std::string& l = mSimLines[mReplyCursor++];
+      if (isReply(l)) {
+        reply = l;
+        return true;
+      }
+    }
+    return mSimOutputClosed;
+  });
+  if (!answered || reply.empty()) return "error no answer from vehicle-sim to '" + command + "'";
+  return reply;
+}
+
+std::string E2eHarness::simOutput() {
+  std::lock_guard<std::mutex> lock(mSimMutex);
+  std::string text;
+  for (const auto& l : mSimLines) text += l + "\n";
+  return text;
+}
+
+void E2eHarness::startService() {
+  ASSERT_LE(mServicePid, 0) << "the service is running already";
+  int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  int out = openOutput(mServiceOut);
+  int err = openOutput(mServiceErr);
+  std::vector<std::string> args = {ECALL_SERVICE_BIN, "--root", mRoot, "--bus", mBusAddress,
+                                   "--time-scale", fixed(mOptions.timeScale), "--trace", mTraceFile};
+  mServicePid = spawn(args, in, out, err);
+  close(in);
+  close(out);
+  close(err);
+  ASSERT_GT(mServicePid, 0) << "cannot start " << ECALL_SERVICE_BIN;
+  ASSERT_TRUE(waitForService(mOptions.startDeadline))
+      << "ecallService did not register on the bus; its standard error:\n"
+      << tail(serviceStderr(), 30);
+}
+
+bool E2eHarness::waitForService(ms deadline) {
+  return waitUntil(
+      [this] {
+        if (!serviceRunning()) return true;  // ended: no point waiting
+        int has = 0;
+        return !SVCIPC_IS_ERROR(SVCIPC_nameHasOwner(mConnection, "com.nordak.service.ecallService", &has)) &&
+               has != 0;
+      },
+      deadline) &&
+         serviceRunning();
+}
+
+void E2eHarness::stopService() { killAndReap(mServicePid); }
+
+bool E2eHarness::serviceRunning() {
+  if (mServicePid <= 0) return false;
+  int status = 0;
+  pid_t rc = waitpid(mServicePid, &status, WNOHANG);
+  if (rc == mServicePid) {
+    mServicePid = -1;
+    return false;
+  }
+  return true;
+}
+
+SVCIPC_tError E2eHarness::invoke(const std::string& service, const std::string& method, const std::string& params,
+                                 int timeoutMs, std::string* reply) {
+  std::string name = "com.nordak.service." + service;
+  std::string objectPath = "/com/nordak/service/" + service;
+  SVCIPC_tResponse* response = nullptr;
+  SVCIPC_tError rc = SVCIPC_invoke(mConnection, name.c_str(), objectPath.c_str(), method.c_str(), params.c_str(),
+                                   timeoutMs, &response);
+  if (reply) *reply = response && response->result ? response->result : "";
+  if (response) SVCIPC_freeResponse(response);
+  return rc;
+}
+
+std::string E2eHarness::call(const std::string& method, const std::string& params, int timeoutMs) {
+  std::string reply;
+  SVCIPC_tError rc = invoke("ecallService", method, params, timeoutMs, &reply);
+  return SVCIPC_IS_ERROR(rc) ? kNoReply : reply;
+}
+
+void E2eHarness::refreshRecords() {
+  // Called with mRecordMutex held. Reads what the simulator appended since.
+  int fd = open(mRecordFile.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  char buffer[8192];
+  ssize_t n;
+  while ((n = pread(fd, buffer, sizeof buffer, mRecordOffset)) > 0) {
+    mRecordOffset += n;
+    mRecordPartial.append(buffer, static_cast<size_t>(n));
+  }
+  close(fd);
+  size_t end;
+  while ((end = mRecordPartial.find('\n')) != std::string::npos) {
+    Json::Value value;
+    if (parseJson(mRecordPartial.substr(0, end), value)) mRecords.push_back(value);
+    mRecordPartial.erase(0, end + 1);
+  }
+}
+
+std::vector<Json::Value> E2eHarness::records(const std::string& kind) {
+  std::lock_guard<std::mutex> lock(mRecordMutex);
+  refreshRecords();
+  std::vector<Json::Value> out;
+  for (const auto& r : mRecords)
+    if (kind.empty() || r["kind"].asString() == kind) out.push_back(r);
+  return out;
+}
+
+Json::Value E2eHarness::waitForRecord(const std::function<bool(const Json::Value&)>& pred, ms deadline) {
+  Json::Value found;
+  waitUntil(
+      [&] {
+        for (const auto& r : records())
+          if (pred(r)) {
+            found = r;
+            return true;
+          }
+        return false;
+      },
+      deadline);
+  return found;
+}
+
+Json::Value E2eHarness::waitForRecord(const std::string& kind, const std::function<bool(const Json::Value&)>& pred,
+                                      ms deadline) {
+  return waitForRecord([&](const Json::Value& r) { return r["kind"].asString() == kind && pred(r); }, deadline);
+}
+
+std::vector<Json::Value> E2eHarness::ecallSignals() {
+  std::vector<Json::Value> out;
+  for (const auto& r : records("ecall")) {
+    Json::Value data;
+    parseJson(r["data"].asString(), data);
+    out.push_back(data);
+  }
+  return out;
+}
+
+Json::Value E2eHarness::waitForEcallSignal(const std::function<bool(const Json::Value&)>& pred, ms deadline) {
+  Json::Value found;
+  waitUntil(
+      [&] {
+        for (const auto& s : ecallSignals())
+          if (pred(s)) {
+            found = s;
+            return true;
+          }
+        return false;
+      },
+      deadline);
+  return found;
+}
+
+std::vector<Json::Value> E2eHarness::requests(const std::string& service, const std::string& method) {
+  std::vector<Json::Value> out;
+  for (const auto& r : records("request"))
+    if (r["service"].asString() == service && (method.empty() || r["method"].asString() == method)) out.push_back(r);
+  return out;
+}
+
+Json::Value E2eHarness::waitForRequest(const std::string& service, const std::string& method, ms deadline) {
+  return waitForRecord(
+      "request",
+      [&](const Json::Value& r) { return r["service"].asString() == service && r["method"].asString() == method; },
+      deadline);
+}
+
+std::vector<std::vector<int>> E2eHarness::channelMessages() {
+  std::vector<std::vector<int>> out;
+  for (const auto& r : records("channel")) {
+    std::vector<int> bytes;
+    for (const auto& b : r["bytes"]) bytes.push_back(b.asInt());
+    out.push_back(bytes);
+  }
+  return out;
+}
+
+bool E2eHarness::waitForChannelMessage(const std::vector<int>& bytes, ms deadline) {
+  return waitUntil(
+      [&] {
+        for (const auto& m : channelMessages())
+          if (m == bytes) return true;
+        return false;
+      },
+      deadline);
+}
+
+bool E2eHarness::waitForChannelConnected(ms deadline) {
+  return !waitForRecord("vehicle", [](const Json::Value& r) { return r["event"].asString() == "connected"; },
+                        deadline)
+              .isNull();
+}
+
+std::string E2eHarness::emergencyLog() const { return readFile(path("/fs/etfs/usr/var/ecall/ecall_log.txt")); }
+
+bool E2eHarness::waitForEmergencyLog(const std::string& part, ms deadline) const {
+  return waitUntil([&] { return contains(emergencyLog(), part); }, deadline);
+}
+
+std::string E2eHarness::trace() const { return readFile(mTraceFile); }
+
+bool E2eHarness::waitForTrace(const std::string& part, ms deadline) const {
+  return waitUntil([&] { return contains(trace(), part); }, deadline);
+}
+
+std::string E2eHarness::serviceStderr() const { return readFile(mServiceErr); }
+
+bool E2eHarness::waitForSlog(const std::string& part, ms deadline) const {
+  return waitUntil([&] { return contains(serviceStderr(), part); }, deadline);
+}
+
+std::string E2eHarness::serviceStdout() const { return readFile(mServiceOut); }
+
+void E2eHarness::dumpOnFailure() {
+  std::string record;
+  {
+    std::lock_guard<std::mutex> lock(mRecordMutex);
+    refreshRecords();
+    size_t from = mRecords.size() > 40 ? mRecords.size() - 40 : 0;
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    for (size_t i = from; i < mRecords.size(); ++i) record += "    " + Json::writeString(builder, mRecords[i]) + "\n";
+  }
+  fprintf(stderr,
+          "--- end-to-end files kept in %s\n--- ecallService standard error (last lines):\n%s"
+          "--- ecallService trace (last lines):\n%s--- vehicle-sim standard error:\n%s"
+          "--- vehicle-sim record (last entries):\n%s",
+          mWorkDir.c_str(), tail(serviceStderr(), 30).c_str(), tail(trace(), 40).c_str(),
+          tail(readFile(mSimErr), 20).c_str(), record.c_str());
+}
+
+}  // namespace testSupport

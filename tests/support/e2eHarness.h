@@ -1,2 +1,147 @@
-// End-to-end harness (work in progress).
+// End-to-end harness: a private bus, the vehicle simulator and the real
+// ecallService, as separate processes in a temporary root folder.
+//
+//   testSupport::E2eHarness car;                    // healthy car, service up
+//   car.sim("crash B can");                         // drive the car
+//   auto sig = car.waitForEcallSignal([](const Json::Value& s) { return s["ecall"].asBool(); });
+//   EXPECT_EQ(sig["type"].asString(), "acn");
+//   EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
+//
+// The simulator records everything it receives and sends (one JSON object a
+// line; see sim/ for the kinds: "request", "signal", "channel", "vehicle",
+// "ecall", "ecallProgress", "log", "peer", ...); the harness reads that record,
+// the service's trace, its standard error (the system log) and the emergency
+// log as they grow. Every wait has a deadline; nothing sleeps on a guess.
+//
+// At the end everything is killed (SIGKILL) and reaped, and the folders are
+// removed. When the test failed, the tails of the service's logs and of the
+// record are printed and the folder is kept (its path is printed).
 #pragma once
+
+#include <json/json.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/serviceBus.h"
+#include "support/privateBus.h"
+
+namespace testSupport {
+
+struct E2eOptions {
+  // --time-scale of both processes: 0.01 runs a 10 s delay of the service in 0.1 s.
+  double timeScale = 0.01;
+  // Start ecallService in the constructor (false: the simulator alone).
+  bool startService = true;
+  // Console commands given to the simulator before the service starts (the
+  // car the service wakes up in), e.g. "set variant NO", "phone off".
+  std::vector<std::string> simCommands;
+  // Extra command-line options of vehicle-sim.
+  std::vector<std::string> simArgs;
+  // How long the start of each process may take.
+  std::chrono::milliseconds startDeadline{15000};
+};
+
+class E2eHarness {
+ public:
+  using ms = std::chrono::milliseconds;
+  // What call() returns when the service gives no reply (or an error).
+  static constexpr const char* kNoReply = "no reply";
+
+  explicit E2eHarness(E2eOptions options = {});
+  ~E2eHarness();
+  E2eHarness(const E2eHarness&) = delete;
+  E2eHarness& operator=(const E2eHarness&) = delete;
+
+  // --- where things are
+  const std::string& root() const { return mRoot; }
+  // A path of the service ("/fs/...") under the root.
+  std::string path(const std::string& absolutePath) const { return mRoot + absolutePath; }
+  const std::string& busAddress() const { return mBusAddress; }
+
+  // --- the simulator's console: one command, its "ok ..." / "error ..." line.
+  std::string sim(const std::string& command, ms deadline = ms(10000));
+
+  // --- the service
+  void startService();
+  // Kills the service (SIGKILL) and reaps it.
+  void stopService();
+  bool serviceRunning();
+  pid_t servicePid() const { return mServicePid; }
+  // Invokes a method of ecallService; the reply text, or kNoReply.
+  std::string call(const std::string& method, const std::string& params = "{}", int timeoutMs = 5000);
+  // Invokes a method of any service ("EmbeddedPhone", ...) by its short name.
+  // Returns the status word; *reply gets the result text on success.
+  SVCIPC_tError invoke(const std::string& service, const std::string& method, const std::string& params,
+                       int timeoutMs, std::string* reply);
+
+  // --- the record of the simulator
+  // All records of a kind ("" for all), in order.
+  std::vector<Json::Value> records(const std::string& kind = "");
+  // The first record (from the start) that satisfies pred, waiting up to
+  // deadline; null when none came.
+  Json::Value waitForRecord(const std::function<bool(const Json::Value&)>& pred, ms deadline = ms(10000));
+  Json::Value waitForRecord(const std::string& kind, const std::function<bool(const Json::Value&)>& pred,
+                            ms deadline = ms(10000));
+  // The service's "ecall" signals, parsed, in order.
+  std::vector<Json::Value> ecallSignals();
+  // The first "ecall" signal that satisfies pred (parsed), or null.
+  Json::Value waitForEcallSignal(const std::function<bool(const Json::Value&)>& pred, ms deadline = ms(10000));
+  // Requests the simulator received for service (and method, unless empty).
+  std::vector<Json::Value> requests(const std::string& service, const std::string& method = "");
+  Json::Value waitForRequest(const std::string& service, const std::string& method, ms deadline = ms(10000));
+  // Messages the service wrote on the restraint controller channel.
+  std::vector<std::vector<int>> channelMessages();
+  bool waitForChannelMessage(const std::vector<int>& bytes, ms deadline = ms(10000));
+  // The service has connected to the restraint controller channel.
+  bool waitForChannelConnected(ms deadline = ms(15000));
+
+  // --- files and logs
+  std::string emergencyLog() const;
+  bool waitForEmergencyLog(const std::string& part, ms deadline = ms(10000)) const;
+  std::string trace() const;
+  bool waitForTrace(const std::string& part, ms deadline = ms(10000)) const;
+  // The service's standard error: its system log lines.
+  std::string serviceStderr() const;
+  bool waitForSlog(const std::string& part, ms deadline = ms(10000)) const;
+  std::string serviceStdout() const;
+  // Everything the simulator printed (replies included).
+  std::string simOutput();
+
+ private:
+  void startBus();
+  void startSim();
+  void readSimOutput();
+  void refreshRecords();
+  void dumpOnFailure();
+  bool waitForService(ms deadline);
+
+  E2eOptions mOptions;
+  std::string mWorkDir, mRoot, mBusAddress;
+  std::string mRecordFile, mTraceFile, mServiceErr, mServiceOut, mSimErr;
+  std::unique_ptr<PrivateBus> mBus;
+  SVCIPC_tConnection mConnection = nullptr;
+  pid_t mSimPid = -1, mServicePid = -1;
+  int mSimIn = -1, mSimOut = -1;
+
+  std::mutex mSimMutex;
+  std::condition_variable mSimCond;
+  std::vector<std::string> mSimLines;
+  size_t mReplyCursor = 0;
+  bool mSimOutputClosed = false;
+  std::thread mSimReader;
+
+  std::mutex mRecordMutex;
+  std::vector<Json::Value> mRecords;
+  long long mRecordOffset = 0;
+  std::string mRecordPartial;
+};
+
+}  // namespace testSupport
