@@ -120,10 +120,11 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
     startEcallStateMachineTimer(1);
   } else if (active) {
     callConnected = true;
-    startEcallStateMachineTimer(1);
+    // Logged before the state machine is woken, so the log keeps the order.
     if (curECallType == ecallMain::Emergency_Callback && !number.empty()) {
       addFormattedEntryToEmergencyLog("Incoming Call from number %s\n", number.c_str());
     }
+    startEcallStateMachineTimer(1);
   } else if (curCallState.equals("CALL_STATE_TERMINATED")) {
     curCallState.set("CALL_STATE_IDLE");
     callConnected = false;

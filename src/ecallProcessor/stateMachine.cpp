@@ -178,6 +178,9 @@ void ecallStateMachine::checkRequest() {
 
 void ecallStateMachine::endCall() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
+  // No connection is awaited any more: a dial still pending must not report
+  // a time-out into the callback period or idle.
+  stopEcallTimeoutTimer();
   firstPsapTtsCount = 0;
   if (!ecallHandler.curCallState.contains("CALL_STATE_IDLE")) ecallHandler.hangUpCall();
   extServHandle.abortCurrentTtsMsg();
