@@ -102,8 +102,8 @@ bool writeWhole(int fd, const std::string& text) {
   return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-// Makes the folders above the log folder that a fresh root lacks; the log
-// folder itself is made by the caller.
+// Makes the folders above a path that a fresh root lacks (not the last
+// part of the path itself).
 void makeParentFolders(const std::string& folder) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   for (size_t slash = folder.find('/', 1); slash != std::string::npos; slash = folder.find('/', slash + 1))
@@ -271,6 +271,16 @@ void exportToUsb(const usbExport& file) {
   }
 }
 
+// Creates a marker file that must not exist yet.
+int openNewFlagFile(const std::string& file) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  int fd;
+  do {
+    fd = open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_DSYNC, FLAG_FILE_MODE);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
 }  // namespace
 
 void ecallProcessor::addEntryToEmergencyLog(const char* text) {
@@ -322,10 +332,12 @@ void ecallProcessor::createFlagInTmp(bool create, std::string path) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const std::string file = platform::rootPath(path);
   if (create) {
-    int fd;
-    do {
-      fd = open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_DSYNC, FLAG_FILE_MODE);
-    } while (fd < 0 && errno == EINTR);
+    int fd = openNewFlagFile(file);
+    if (fd < 0 && errno == ENOENT) {
+      // A fresh root may lack the folder of the marker.
+      makeParentFolders(file);
+      fd = openNewFlagFile(file);
+    }
     if (fd >= 0) {
       scope.sendFormattedMessage("successfully created flag file in %s", path.c_str());
       close(fd);
