@@ -75,9 +75,7 @@ TEST(ServiceFrame, GivesNoReplyToAMethodItDoesNotKnow) {
   E2eHarness car;
   std::string reply;
   SVCIPC_tError rc = car.invoke("ecallService", "startecall", "{}", 500, &reply);
-  EXPECT_TRUE(SVCIPC_IS_ERROR(rc));
-  EXPECT_EQ(SVCIPC_ERROR_DOMAIN(rc), SVCIPC_DOMAIN_DBUS);
-  EXPECT_EQ(SVCIPC_ERROR_CODE(rc), SVCIPC_DBUS_ERR_NO_REPLY) << "the caller runs into its own time-out";
+  EXPECT_TRUE(testSupport::isNoReply(rc)) << "the caller runs into its own time-out, rc 0x" << std::hex << rc;
   EXPECT_TRUE(car.waitForTrace("ecallRequest: startecall, params: {}"));
   // Received, ignored, and the service still answers.
   EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":false}\n");
@@ -92,7 +90,7 @@ TEST(ServiceFrame, WritesALoggedStringAsOneEntryOfANewLog) {
   std::string reply;
   SVCIPC_tError rc = car.invoke("ecallService", "logStringToEcallLog",
                                 "{\"message\":\"driver reports smoke from the hood\\n\"}", 500, &reply);
-  EXPECT_EQ(SVCIPC_ERROR_CODE(rc), SVCIPC_DBUS_ERR_NO_REPLY) << "this method never answers";
+  EXPECT_TRUE(testSupport::isNoReply(rc)) << "this method never answers, rc 0x" << std::hex << rc;
   ASSERT_TRUE(car.waitForEmergencyLog("driver reports smoke from the hood\n"));
 
   std::vector<std::string> lines = testSupport::splitLines(car.emergencyLog());

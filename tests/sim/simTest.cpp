@@ -336,8 +336,7 @@ TEST(VehicleSim, PeersLeaveComeBackRefuseAndHang) {
 
   ASSERT_TRUE(startsWithOk(car.sim("peer platform hang")));
   rc = car.invoke("platform", "get_variantinfo", "", 300, &reply);
-  EXPECT_TRUE(SVCIPC_IS_ERROR(rc));
-  EXPECT_EQ(SVCIPC_ERROR_CODE(rc), SVCIPC_DBUS_ERR_NO_REPLY) << "a hanging peer answers nothing, not an error";
+  EXPECT_TRUE(testSupport::isNoReply(rc)) << "a hanging peer answers nothing, not an error: rc 0x" << std::hex << rc;
   EXPECT_TRUE(car.requests("platform", "get_variantinfo").back()["reply"].isNull());
 
   ASSERT_TRUE(startsWithOk(car.sim("peer platform normal")));

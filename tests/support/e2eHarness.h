@@ -35,6 +35,14 @@
 
 namespace testSupport {
 
+// A status word that says the peer gave no answer in time (the caller's
+// own time-out or the bus daemon's), as opposed to an error reply.
+inline bool isNoReply(SVCIPC_tError rc) {
+  return SVCIPC_IS_ERROR(rc) &&
+         ((SVCIPC_ERROR_DOMAIN(rc) == SVCIPC_DOMAIN_DBUS && SVCIPC_ERROR_CODE(rc) == SVCIPC_DBUS_ERR_NO_REPLY) ||
+          (SVCIPC_ERROR_DOMAIN(rc) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(rc) == SVCIPC_ERR_TIMEOUT));
+}
+
 struct E2eOptions {
   // --time-scale of both processes: 0.01 runs a 10 s delay of the service in 0.1 s.
   double timeScale = 0.01;
