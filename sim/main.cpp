@@ -217,7 +217,7 @@ int main(int argc, char** argv) {
     why = "the bus library did not start";
     started = false;
   }
-  for (sim::SimService* service : car.services()) started = started && service->join(why);
+  for (sim::SimService* service : car.services()) started = started && service->join(why, false);
   started = started && watcher.startBus(why) &&
             watcher.startFiles(platform::rootPath("/fs/etfs/usr/var/ecall"), platform::rootPath("/fs/usb0"), why);
   if (!started) {

@@ -224,6 +224,18 @@ std::string PhoneService::wendReason(int serviceNumber) {
   return "ok wendReason " + std::to_string(serviceNumber);
 }
 
+std::string PhoneService::describeSignal(const std::string& signal, const std::string& data) const {
+  Json::Value value;
+  if (signal == "callState" && jsonParse(data, value) && value["callStateInfo"].isArray() &&
+      value["callStateInfo"].size() == 1) {
+    const Json::Value& call = value["callStateInfo"][0];
+    return "phone: call " + call.get("number", "").asString() + " " + shortState(call.get("callState", "").asString());
+  }
+  if (signal == "embeddedPhoneStatus" && jsonParse(data, value))
+    return std::string("phone: embedded phone ") + (value["embeddedPhoneStatus"]["status"].asBool() ? "ON" : "OFF");
+  return SimService::describeSignal(signal, data);
+}
+
 std::string PhoneService::status() const {
   std::lock_guard<std::mutex> lock(mMutex);
   std::string numbers;

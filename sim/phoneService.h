@@ -43,6 +43,7 @@ class PhoneService : public SimService {
 
  protected:
   Answer answer(const std::string& method, const Json::Value& params) override;
+  std::string describeSignal(const std::string& signal, const std::string& data) const override;
 
  private:
   struct Call {

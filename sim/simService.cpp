@@ -65,7 +65,7 @@ SimService::Answer SimService::ok() {
   return result(value);
 }
 
-bool SimService::join(std::string& why) {
+bool SimService::join(std::string& why, bool announce) {
   std::lock_guard<std::mutex> lock(mBusMutex);
   if (mRegistration) return true;
   if (mSlot < 0) {
@@ -96,7 +96,7 @@ bool SimService::join(std::string& why) {
   entry["kind"] = "peer";
   entry["service"] = mName;
   entry["state"] = "up";
-  mContext.recorder.record(entry, mName + " is on the bus");
+  mContext.recorder.record(entry, announce ? mName + " is on the bus" : "");
   return true;
 }
 
@@ -137,12 +137,16 @@ bool SimService::emit(const std::string& signal, const std::string& data) {
   }
   SVCIPC_tError rc = SVCIPC_asyncEmit(mRegistration, signal.c_str(), data.c_str(), nullptr, nullptr);
   entry["sent"] = !SVCIPC_IS_ERROR(rc);
-  mContext.recorder.record(entry, "<- " + mName + " " + signal + " " + oneLine(data));
+  mContext.recorder.record(entry, describeSignal(signal, data));
   return !SVCIPC_IS_ERROR(rc);
 }
 
 void SimService::emitLater(int64_t delayMs, const std::string& signal, const std::string& data) {
   mContext.scheduler.after(delayMs, [this, signal, data] { emit(signal, data); });
+}
+
+std::string SimService::describeSignal(const std::string& signal, const std::string& data) const {
+  return "<- " + mName + " " + signal + " " + oneLine(data);
 }
 
 std::string SimService::describe(const std::string& method, const std::string& params) const {

@@ -36,7 +36,8 @@ class SimService {
   std::string objectPath() const { return "/com/nordak/service/" + mName; }
 
   // Connects and takes the name; false with a reason when that fails.
-  bool join(std::string& why);
+  // announce: show the arrival to a person (not at the car's start).
+  bool join(std::string& why, bool announce = true);
   // Leaves the bus (the name loses its owner).
   void leave();
   bool onBus() const { return mOnBus.load(); }
@@ -73,6 +74,8 @@ class SimService {
   virtual Answer answer(const std::string& method, const Json::Value& params) = 0;
   // A readable line for a request, when the default one is not telling.
   virtual std::string describe(const std::string& method, const std::string& params) const;
+  // A readable line for a signal this service emits.
+  virtual std::string describeSignal(const std::string& signal, const std::string& data) const;
 
   SimContext& mContext;
 
