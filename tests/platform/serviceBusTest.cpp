@@ -1,0 +1,491 @@
+// The service bus against a private dbus-daemon, with several connections of
+// one process playing the service, its peers and its callers.
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+#include <sys/types.h>
+#include <signal.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/runtime.h"
+#include "platform/serviceBus.h"
+#include "support/privateBus.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kDeadline = 10s;
+
+// What callbacks saw, collected across threads, with a bounded wait.
+template <class T>
+class Inbox {
+ public:
+  void push(T item) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mItems.push_back(std::move(item));
+    mCond.notify_all();
+  }
+  bool waitFor(size_t count) {
+    std::unique_lock<std::mutex> lock(mMutex);
+    return mCond.wait_for(lock, kDeadline, [&] { return mItems.size() >= count; });
+  }
+  std::vector<T> items() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mItems;
+  }
+
+ private:
+  mutable std::mutex mMutex;
+  std::condition_variable mCond;
+  std::vector<T> mItems;
+};
+
+struct Request {
+  std::string method;
+  std::string params;
+  int noReplyExpected;
+  SVCIPC_tError replyRc;
+  std::thread::id thread;
+};
+
+struct Result {
+  SVCIPC_tError rc;
+  std::string errName;
+  std::string errMsg;
+  std::string result;
+  void* context;
+  std::thread::id thread;
+};
+
+struct Signal {
+  std::string name;
+  std::string data;
+};
+
+bool isStatus(SVCIPC_tError rc, uint32_t domain, uint32_t code) {
+  return SVCIPC_IS_ERROR(rc) && SVCIPC_ERROR_DOMAIN(rc) == domain && SVCIPC_ERROR_CODE(rc) == code;
+}
+
+std::string text(const char* value) { return value ? value : ""; }
+
+// A service for the tests. "echo..." answers its parameters, "fail" answers a
+// service error, "ask" answers what a synchronous invoke of "echo" on
+// askName returns, anything else is freed unanswered.
+struct TestService {
+  Inbox<Request> requests;
+  SVCIPC_tConnection askVia = nullptr;
+  std::string askName;
+
+  static void onRequest(SVCIPC_tReqContext context, const char* method, const char* params, int noReplyExpected,
+                        SVCIPC_tUserToken token) {
+    auto* self = static_cast<TestService*>(token);
+    const std::string name = method;
+    SVCIPC_tError rc = SVCIPC_ERROR_NONE;
+    if (name.rfind("echo", 0) == 0) {
+      rc = SVCIPC_asyncReturnResult(context, params, 0, token);
+    } else if (name == "fail") {
+      rc = SVCIPC_asyncReturnResult(context, params, 1, token);
+    } else if (name == "ask") {
+      SVCIPC_tResponse* response = nullptr;
+      rc = SVCIPC_invoke(self->askVia, ("com.nordak.service." + self->askName).c_str(),
+                         ("/com/nordak/service/" + self->askName).c_str(), "echo", params, 5000, &response);
+      if (rc == SVCIPC_ERROR_NONE) rc = SVCIPC_asyncReturnResult(context, response->result, 0, token);
+      SVCIPC_freeResponse(response);
+    }
+    self->requests.push({name, text(params), noReplyExpected, rc, std::this_thread::get_id()});
+    SVCIPC_freeReqContext(context);
+  }
+};
+
+void onResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
+  static_cast<Inbox<Result>*>(context)->push({status->errCode, text(status->errName), text(status->errMsg),
+                                              text(result), context, std::this_thread::get_id()});
+}
+
+void onSignal(const char* sigName, const char* data, void* context) {
+  static_cast<Inbox<Signal>*>(context)->push({sigName, data});
+}
+
+void onOwner(const char* busName, const char* oldOwner, const char* newOwner, void* context) {
+  static_cast<Inbox<std::vector<std::string>>*>(context)->push({busName, oldOwner, newOwner});
+}
+
+class ServiceBusTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(SVCIPC_initialize(), SVCIPC_ERROR_NONE); }
+  void TearDown() override {
+    SVCIPC_shutdown();
+    platform::setTimeScale(1.0);
+    platform::setDefaultBus("session");
+  }
+
+  SVCIPC_tConnection connect() {
+    SVCIPC_tConnection conn = nullptr;
+    EXPECT_EQ(SVCIPC_getConnectionByAddress(mBus.address().c_str(), &conn), SVCIPC_ERROR_NONE);
+    return conn;
+  }
+  SVCIPC_tSvcRegHnd serve(SVCIPC_tConnection conn, const std::string& name, TestService& service) {
+    SVCIPC_tSvcRegHnd reg = nullptr;
+    EXPECT_EQ(SVCIPC_registerService(conn, ("com.nordak.service." + name).c_str(),
+                                     ("/com/nordak/service/" + name).c_str(), 0, TestService::onRequest, &service,
+                                     &reg),
+              SVCIPC_ERROR_NONE);
+    return reg;
+  }
+  SVCIPC_tError invoke(SVCIPC_tConnection conn, const std::string& name, const char* method, const std::string& params,
+                       int timeoutMsec, std::string* result) {
+    SVCIPC_tResponse* response = nullptr;
+    const SVCIPC_tError rc = SVCIPC_invoke(conn, ("com.nordak.service." + name).c_str(),
+                                           ("/com/nordak/service/" + name).c_str(), method, params.c_str(),
+                                           timeoutMsec, &response);
+    EXPECT_EQ(rc == SVCIPC_ERROR_NONE, response != nullptr);
+    if (response) *result = response->result;
+    SVCIPC_freeResponse(response);
+    return rc;
+  }
+  SVCIPC_tError invokeAsync(SVCIPC_tConnection conn, const std::string& name, const char* method, int noReply,
+                            int timeoutMsec, Inbox<Result>* results) {
+    return SVCIPC_asyncInvoke(conn, ("com.nordak.service." + name).c_str(), ("/com/nordak/service/" + name).c_str(),
+                              method, "{\"n\":1}", noReply, timeoutMsec, onResult, results);
+  }
+
+  testSupport::PrivateBus mBus;
+};
+
+TEST_F(ServiceBusTest, InvokeGetsTheReplyOrTheServiceError) {
+  TestService service;
+  serve(connect(), "Echo", service);
+  SVCIPC_tConnection client = connect();
+
+  std::string result;
+  EXPECT_EQ(invoke(client, "Echo", "echo", "{\"a\":1}\n", -1, &result), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(result, "{\"a\":1}\n");
+  // Large texts pass whole in both directions.
+  const std::string big(1 << 20, 'p');
+  const std::string longMethod = "echo" + std::string(64 * 1024, 'm');
+  EXPECT_EQ(invoke(client, "Echo", longMethod.c_str(), big, -1, &result), SVCIPC_ERROR_NONE);
+  EXPECT_TRUE(result == big) << result.size();
+
+  result.clear();
+  const SVCIPC_tError rc = invoke(client, "Echo", "fail", "no volume", -1, &result);
+  EXPECT_TRUE(isStatus(rc, SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR)) << std::hex << rc;
+  EXPECT_TRUE(result.empty());
+
+  const auto requests = service.requests.items();
+  ASSERT_EQ(requests.size(), 3u);
+  EXPECT_EQ(requests[1].method, longMethod);
+  EXPECT_EQ(requests[0].noReplyExpected, 0);
+  for (const Request& request : requests) EXPECT_NE(request.thread, std::this_thread::get_id());
+}
+
+TEST_F(ServiceBusTest, AsyncInvokeDeliversResultAndContextOnTheBusThread) {
+  TestService service;
+  serve(connect(), "Echo", service);
+  SVCIPC_tConnection client = connect();
+
+  Inbox<Result> results;
+  ASSERT_EQ(invokeAsync(client, "Echo", "echo", 0, -1, &results), SVCIPC_ERROR_NONE);
+  ASSERT_EQ(invokeAsync(client, "Echo", "fail", 0, -1, &results), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(results.waitFor(2));
+
+  const auto got = results.items();
+  EXPECT_EQ(got[0].rc, SVCIPC_ERROR_NONE);
+  EXPECT_EQ(got[0].result, "{\"n\":1}");
+  EXPECT_EQ(got[0].context, &results);
+  EXPECT_NE(got[0].thread, std::this_thread::get_id());
+  EXPECT_TRUE(isStatus(got[1].rc, SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR)) << std::hex << got[1].rc;
+  EXPECT_EQ(got[1].errName, SVCIPC_SERVICE_ERROR_NAME);
+  EXPECT_EQ(got[1].errMsg, "{\"n\":1}");
+  EXPECT_TRUE(got[1].result.empty());
+}
+
+// The handler frees the request without answering: the caller hears nothing
+// until its own time limit, which the time scale shortens.
+TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeout) {
+  TestService service;
+  serve(connect(), "Mute", service);
+  SVCIPC_tConnection client = connect();
+
+  std::string result;
+  EXPECT_TRUE(isStatus(invoke(client, "Mute", "logStringToEcallLog", "{}", 100, &result), SVCIPC_DOMAIN_IPC_LIB,
+                       SVCIPC_ERR_TIMEOUT));
+  Inbox<Result> results;
+  ASSERT_EQ(invokeAsync(client, "Mute", "logStringToEcallLog", 0, 100, &results), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(results.waitFor(1));
+  EXPECT_TRUE(isStatus(results.items()[0].rc, SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_TIMEOUT));
+
+  // The default 25 s, scaled to 50 ms. The bound only proves the scaling.
+  platform::setTimeScale(0.002);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(isStatus(invoke(client, "Mute", "x", "{}", SVCIPC_TIMEOUT_DEFAULT, &result), SVCIPC_DOMAIN_IPC_LIB,
+                       SVCIPC_ERR_TIMEOUT));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
+  EXPECT_TRUE(service.requests.waitFor(3));
+}
+
+TEST_F(ServiceBusTest, PeerNotOnTheBusIsRefusedAtOnce) {
+  TestService service;
+  serve(connect(), "Echo", service);
+  SVCIPC_tConnection client = connect();
+
+  std::string result;
+  EXPECT_TRUE(isStatus(invoke(client, "Nobody", "echo", "{}", -1, &result), SVCIPC_DOMAIN_DBUS,
+                       SVCIPC_DBUS_ERR_SERVICE_UNKNOWN));
+  Inbox<Result> results;
+  const SVCIPC_tError rc = invokeAsync(client, "Nobody", "echo", 0, -1, &results);
+  EXPECT_TRUE(isStatus(rc, SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN)) << std::hex << rc;
+
+  // Callbacks come in order: once the later request's result is in, a
+  // callback of the refused one would have come first.
+  ASSERT_EQ(invokeAsync(client, "Echo", "echo", 0, -1, &results), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(results.waitFor(1));
+  EXPECT_EQ(results.items().size(), 1u);
+  EXPECT_EQ(results.items()[0].rc, SVCIPC_ERROR_NONE);
+}
+
+TEST_F(ServiceBusTest, SignalReachesOnlyTheSubscribersOfItsNameAndPath) {
+  TestService phone, other;
+  SVCIPC_tConnection emitter = connect();
+  SVCIPC_tSvcRegHnd phoneReg = serve(emitter, "Phone", phone);
+  SVCIPC_tSvcRegHnd otherReg = serve(emitter, "Other", other);
+  SVCIPC_tConnection listener = connect();
+
+  Inbox<Signal> first, second;
+  SVCIPC_tSigSubHnd firstSub = nullptr, secondSub = nullptr;
+  ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "callState", onSignal, &first, &firstSub), 0);
+  ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "callState", onSignal, &second, &secondSub), 0);
+
+  // One sender: the signals arrive in the order emitted.
+  Inbox<Result> sent;
+  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "antennaStatus", "{\"a\":0}", nullptr, nullptr), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(SVCIPC_asyncEmit(otherReg, "callState", "{\"b\":0}", nullptr, nullptr), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "callState", "{\"c\":1}", onResult, &sent), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(first.waitFor(1));
+  ASSERT_TRUE(second.waitFor(1));
+  ASSERT_EQ(first.items().size(), 1u);
+  EXPECT_EQ(first.items()[0].name, "callState");
+  EXPECT_EQ(first.items()[0].data, "{\"c\":1}");
+  ASSERT_TRUE(sent.waitFor(1));
+  EXPECT_EQ(sent.items()[0].rc, SVCIPC_ERROR_NONE);
+  EXPECT_NE(sent.items()[0].thread, std::this_thread::get_id());
+
+  ASSERT_EQ(SVCIPC_unsubscribe(secondSub), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "callState", "{\"c\":2}", nullptr, nullptr), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(first.waitFor(2));
+  EXPECT_EQ(second.items().size(), 1u);
+}
+
+TEST_F(ServiceBusTest, OwnerChangesAndHasOwnerFollowTheName) {
+  const char* name = "com.nordak.service.EmbeddedPhone";
+  SVCIPC_tConnection watcher = connect();
+  Inbox<std::vector<std::string>> changes;
+  SVCIPC_tSigSubHnd sub = nullptr;
+  ASSERT_EQ(SVCIPC_subscribeOwnerChanged(watcher, name, onOwner, &changes, &sub), SVCIPC_ERROR_NONE);
+  int hasOwner = -1;
+  ASSERT_EQ(SVCIPC_nameHasOwner(watcher, name, &hasOwner), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(hasOwner, 0);
+
+  TestService phone;
+  SVCIPC_tConnection phoneConn = connect();
+  SVCIPC_tSvcRegHnd reg = serve(phoneConn, "EmbeddedPhone", phone);
+  ASSERT_TRUE(changes.waitFor(1));
+  ASSERT_EQ(SVCIPC_nameHasOwner(watcher, name, &hasOwner), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(hasOwner, 1);
+  ASSERT_EQ(SVCIPC_unregisterService(reg), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(changes.waitFor(2));
+  ASSERT_EQ(SVCIPC_nameHasOwner(watcher, name, &hasOwner), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(hasOwner, 0);
+  // Closing the connection gives the name up too.
+  serve(phoneConn, "EmbeddedPhone", phone);
+  ASSERT_EQ(SVCIPC_closeConnection(phoneConn), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(changes.waitFor(4));
+
+  const auto got = changes.items();
+  EXPECT_EQ(got[0][0], name);
+  EXPECT_EQ(got[0][1], "");
+  EXPECT_EQ(got[0][2].substr(0, 1), ":");
+  EXPECT_EQ(got[1][1], got[0][2]);
+  EXPECT_EQ(got[1][2], "");
+  EXPECT_EQ(got[2][1], "");
+  EXPECT_EQ(got[3][1], got[2][2]);
+  EXPECT_EQ(got[3][2], "");
+}
+
+// The service asks a peer synchronously from its method handler and from
+// its signal callback, on the connection whose thread runs the callback.
+TEST_F(ServiceBusTest, SynchronousInvokeWorksInsideCallbacks) {
+  TestService helper;
+  SVCIPC_tConnection helperConn = connect();
+  SVCIPC_tSvcRegHnd helperReg = serve(helperConn, "Helper", helper);
+
+  TestService front;
+  SVCIPC_tConnection frontConn = connect();
+  front.askVia = frontConn;
+  front.askName = "Helper";
+  serve(frontConn, "Front", front);
+
+  std::string result;
+  EXPECT_EQ(invoke(connect(), "Front", "ask", "{\"q\":7}", 5000, &result), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(result, "{\"q\":7}");
+
+  struct Asker {
+    SVCIPC_tConnection conn;
+    Inbox<std::string> answers;
+  } asker{frontConn, {}};
+  auto onStatus = [](const char*, const char* data, void* context) {
+    auto* self = static_cast<Asker*>(context);
+    SVCIPC_tResponse* response = nullptr;
+    const SVCIPC_tError rc = SVCIPC_invoke(self->conn, "com.nordak.service.Helper", "/com/nordak/service/Helper",
+                                           "echo", data, 5000, &response);
+    self->answers.push(rc == SVCIPC_ERROR_NONE ? response->result : "failed");
+    SVCIPC_freeResponse(response);
+  };
+  SVCIPC_tSigSubHnd sub = nullptr;
+  ASSERT_EQ(SVCIPC_subscribe(frontConn, "/com/nordak/service/Helper", "status", onStatus, &asker, &sub), 0);
+  ASSERT_EQ(SVCIPC_asyncEmit(helperReg, "status", "{\"s\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(asker.answers.waitFor(1));
+  EXPECT_EQ(asker.answers.items()[0], "{\"s\":1}");
+}
+
+TEST_F(ServiceBusTest, NoReplyExpectedReachesTheHandler) {
+  TestService service;
+  serve(connect(), "Echo", service);
+  SVCIPC_tConnection client = connect();
+
+  Inbox<Result> results;
+  ASSERT_EQ(invokeAsync(client, "Echo", "echo", 1, -1, &results), SVCIPC_ERROR_NONE);
+  ASSERT_EQ(invokeAsync(client, "Echo", "echo", 0, -1, &results), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(service.requests.waitFor(2));
+  ASSERT_TRUE(results.waitFor(1));
+
+  const auto requests = service.requests.items();
+  EXPECT_EQ(requests[0].noReplyExpected, 1);
+  EXPECT_EQ(requests[0].replyRc, SVCIPC_ERROR_NONE);  // answering is allowed, nothing is sent
+  EXPECT_EQ(requests[1].noReplyExpected, 0);
+  EXPECT_EQ(results.items().size(), 1u);
+}
+
+TEST_F(ServiceBusTest, ClosingCancelsPendingCallsAndRefusesItsHandles) {
+  TestService service;
+  serve(connect(), "Mute", service);
+  SVCIPC_tConnection client = connect();
+
+  Inbox<Result> results;
+  ASSERT_EQ(invokeAsync(client, "Mute", "unanswered", 0, -1, &results), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(service.requests.waitFor(1));
+  ASSERT_EQ(SVCIPC_closeConnection(client), SVCIPC_ERROR_NONE);
+
+  // The cancellation has run by the time closing returns.
+  ASSERT_EQ(results.items().size(), 1u);
+  EXPECT_TRUE(isStatus(results.items()[0].rc, SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_CANCELLED));
+  EXPECT_NE(results.items()[0].thread, std::this_thread::get_id());
+  int hasOwner = 0;
+  EXPECT_TRUE(isStatus(SVCIPC_nameHasOwner(client, "com.nordak.service.Mute", &hasOwner), SVCIPC_DOMAIN_IPC_LIB,
+                       SVCIPC_ERR_BAD_ARGS));
+
+  ASSERT_EQ(SVCIPC_shutdown(), SVCIPC_ERROR_NONE);
+  SVCIPC_tConnection conn = nullptr;
+  EXPECT_TRUE(isStatus(SVCIPC_getConnectionByAddress(mBus.address().c_str(), &conn), SVCIPC_DOMAIN_IPC_LIB,
+                       SVCIPC_ERR_NOT_INITIALIZED));
+}
+
+TEST_F(ServiceBusTest, RefusesWhatItCannotDo) {
+  TestService service;
+  SVCIPC_tConnection owner = connect();
+  serve(owner, "Echo", service);
+  SVCIPC_tConnection other = connect();
+
+  SVCIPC_tSvcRegHnd reg = nullptr;
+  EXPECT_TRUE(isStatus(SVCIPC_registerService(other, "com.nordak.service.Echo", "/com/nordak/service/Echo", 0,
+                                              TestService::onRequest, &service, &reg),
+                       SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_NAME_TAKEN));
+  EXPECT_TRUE(isStatus(SVCIPC_registerService(other, "com.nordak.service.Bad", "no/path", 0, TestService::onRequest,
+                                              &service, &reg),
+                       SVCIPC_DOMAIN_C_LIB, EINVAL));
+  SVCIPC_tResponse* response = nullptr;
+  EXPECT_TRUE(isStatus(SVCIPC_invoke(other, "com.nordak.service.Echo", nullptr, "echo", "{}", -1, &response),
+                       SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_BAD_ARGS));
+  // Text that is not UTF-8 cannot go on the bus.
+  EXPECT_TRUE(isStatus(SVCIPC_invoke(other, "com.nordak.service.Echo", "/com/nordak/service/Echo", "echo", "\xff\xfe",
+                                     -1, &response),
+                       SVCIPC_DOMAIN_C_LIB, EINVAL));
+  EXPECT_EQ(response, nullptr);
+
+  SVCIPC_tConnection nowhere = nullptr;
+  EXPECT_TRUE(isStatus(SVCIPC_getConnectionByAddress("unix:path=/nonexistent/bus", &nowhere), SVCIPC_DOMAIN_IPC_LIB,
+                       SVCIPC_ERR_CONNECTION));
+  EXPECT_EQ(nowhere, nullptr);
+}
+
+// A peer that speaks plain D-Bus: other members, wrong arguments.
+TEST_F(ServiceBusTest, ForeignCallsGetStandardErrorsAndDoNotHarm) {
+  TestService service;
+  serve(connect(), "Echo", service);
+
+  sd_bus* raw = nullptr;
+  ASSERT_GE(sd_bus_new(&raw), 0);
+  sd_bus_set_address(raw, mBus.address().c_str());
+  sd_bus_set_bus_client(raw, 1);
+  ASSERT_GE(sd_bus_start(raw), 0);
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_message* reply = nullptr;
+  EXPECT_LT(sd_bus_call_method(raw, "com.nordak.service.Echo", "/com/nordak/service/Echo", SVCIPC_INTERFACE_NAME,
+                               "Other", &error, &reply, "s", "x"),
+            0);
+  EXPECT_TRUE(sd_bus_error_has_name(&error, SD_BUS_ERROR_UNKNOWN_METHOD)) << error.name;
+  sd_bus_error_free(&error);
+  EXPECT_LT(sd_bus_call_method(raw, "com.nordak.service.Echo", "/com/nordak/service/Echo", SVCIPC_INTERFACE_NAME,
+                               "Invoke", &error, &reply, "s", "echo"),
+            0);
+  EXPECT_TRUE(sd_bus_error_has_name(&error, SD_BUS_ERROR_INVALID_ARGS)) << error.name;
+  sd_bus_error_free(&error);
+  ASSERT_GE(sd_bus_call_method(raw, "com.nordak.service.Echo", "/com/nordak/service/Echo", SVCIPC_INTERFACE_NAME,
+                               "Invoke", &error, &reply, "ss", "echo", "{}"),
+            0);
+  const char* result = nullptr;
+  ASSERT_GT(sd_bus_message_read(reply, "s", &result), 0);
+  EXPECT_STREQ(result, "{}");
+  sd_bus_message_unref(reply);
+  sd_bus_flush_close_unref(raw);
+  EXPECT_EQ(service.requests.items().size(), 1u);
+}
+
+TEST_F(ServiceBusTest, DefaultConnectionGoesToTheChosenBus) {
+  platform::setDefaultBus(mBus.address().c_str());
+  TestService service;
+  SVCIPC_tConnection conn = nullptr;
+  ASSERT_EQ(SVCIPC_getConnection(SVCIPC_CONNECTION_DEFAULT, 0, &conn), SVCIPC_ERROR_NONE);
+  serve(conn, "Echo", service);
+
+  setenv("DBUS_SESSION_BUS_ADDRESS", mBus.address().c_str(), 1);
+  SVCIPC_tConnection session = nullptr;
+  ASSERT_EQ(SVCIPC_getConnection(SVCIPC_CONNECTION_SESSION, 0, &session), SVCIPC_ERROR_NONE);
+  std::string result;
+  EXPECT_EQ(invoke(session, "Echo", "echo", "{}", -1, &result), SVCIPC_ERROR_NONE);
+}
+
+TEST(PrivateBusTest, DaemonAndFolderAreGoneAfterDestruction) {
+  pid_t pid = -1;
+  std::string dir;
+  {
+    testSupport::PrivateBus bus;
+    pid = bus.pid();
+    dir = bus.dir();
+    ASSERT_EQ(bus.address().rfind("unix:", 0), 0u) << bus.address();
+    EXPECT_EQ(kill(pid, 0), 0);
+  }
+  EXPECT_EQ(kill(pid, 0), -1);  // killed and reaped: the pid is free
+  EXPECT_EQ(errno, ESRCH);
+  EXPECT_FALSE(std::filesystem::exists(dir));
+}
+
+}  // namespace
