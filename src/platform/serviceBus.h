@@ -89,6 +89,11 @@ typedef struct SVCIPC_tCallbackStatus {
 
 // A method request for a registered service. The request context must be
 // released with SVCIPC_freeReqContext whether or not a reply was sent.
+// Ownership: the context holds the request until SVCIPC_freeReqContext, which
+// ends it; reply (at most once, from any thread) before freeing it, never
+// after. A request freed without a reply gets no reply at all. method and
+// params stay valid while the callback runs; token is the userData given to
+// SVCIPC_registerService.
 typedef void (*SVCIPC_tRequestCallback)(SVCIPC_tReqContext context, const char* method, const char* params,
                                         int noReplyExpected, SVCIPC_tUserToken token);
 // The result of an asynchronous invoke (result is null on failure), or the
@@ -100,12 +105,20 @@ typedef void (*SVCIPC_tNameOwnerChangedCallback)(const char* busName, const char
                                                  void* context);
 
 SVCIPC_tError SVCIPC_initialize(void);
+// Closes every connection (as SVCIPC_closeConnection). Callable from any
+// thread, also from die() and from inside a callback (the bus thread then
+// stops once that callback returns).
 SVCIPC_tError SVCIPC_shutdown(void);
 
 // connType: SVCIPC_CONNECTION_*. flags: 0.
 SVCIPC_tError SVCIPC_getConnection(int connType, int flags, SVCIPC_tConnection* conn);
 // Connect to a bus given by its D-Bus address.
 SVCIPC_tError SVCIPC_getConnectionByAddress(const char* address, SVCIPC_tConnection* conn);
+// Gives up the connection's names, subscriptions and handles (later use of
+// them is refused with SVCIPC_ERR_BAD_ARGS). Pending asynchronous invokes and
+// emit completions get their callback with code SVCIPC_ERR_CANCELLED of
+// domain 0 on the bus thread before this returns (unless called from a
+// callback, or a callback is stuck for more than 5 s).
 SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection conn);
 
 // Owns busName and serves objPath; every request goes to handler.
@@ -124,7 +137,8 @@ SVCIPC_tError SVCIPC_freeReqContext(SVCIPC_tReqContext context);
 SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tSvcRegHnd regHnd, const char* sigName, const char* data,
                                SVCIPC_tResultCallback onStatus, void* context);
 
-// Synchronous invoke. timeoutMsec -1 is the default 25 s. On success
+// Synchronous invoke. timeoutMsec -1 (or any value <= 0) is the default
+// 25 s; every limit is scaled by platform::timeScale(). On success
 // *response holds the result and must be released with SVCIPC_freeResponse;
 // on failure *response is null (a peer's error reply carries no response).
 SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const char* objPath, const char* method,
