@@ -176,8 +176,7 @@ void ecallProcessor::setEcallSystemFailureState(ecallSystemFailure::eSource sour
     // Without an embedded phone nobody can be called, so the user is not
     // told; the word is still kept, and the first event is recorded once.
     scope.sendFormattedMessage(
-        "System error occurred, but since the VARIANT_ECELL indicates no embedded phone, do not act on the "
-        "event\n");
+        "System error occurred, but since the VARIANT_ECELL indicates no embedded phone, do not act on the event\n");
     if (!systemErrorSent.exchange(true)) {
       addFormattedEntryToEmergencyLog(
           "System error %s, but since the VARIANT_ECELL indicates no embedded phone, do not act on the event\n",
