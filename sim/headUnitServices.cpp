@@ -64,39 +64,52 @@ SimService::Answer AppManagerService::answer(const std::string& method, const Js
   return error("unknown method " + method);
 }
 
-void AppManagerService::operStatusLater(int64_t delayMs, const std::string& appId, const char* state) {
+std::string AppManagerService::operStatusData(const std::string& appId, const char* state) const {
   Json::Value data(Json::objectValue);
   data["appId"] = appId;
   data["state"] = state;
-  emitLater(delayMs, "operStatus", jsonText(data));
+  return jsonText(data);
 }
 
-void AppManagerService::appSignalLater(int64_t delayMs, const char* signal, const std::string& appId) {
+std::string AppManagerService::appSignalData(const std::string& appId) const {
   Json::Value data(Json::objectValue);
   data["appId"] = appId;
   data["errorCode"] = 0;
-  emitLater(delayMs, signal, jsonText(data));
+  return jsonText(data);
+}
+
+void AppManagerService::completeLater(const std::string& appId, uint64_t generation, bool started) {
+  mContext.scheduler.after(100, [this, appId, generation, started] {
+    {
+      std::lock_guard<std::mutex> lock(mMutex);
+      if (mLastChange[appId] != generation) return;
+    }
+    emit("operStatus", operStatusData(appId, started ? "running" : "stopped"));
+    emit(started ? "appStarted" : "appStopped", appSignalData(appId));
+  });
 }
 
 std::string AppManagerService::startApp(const std::string& appId) {
+  uint64_t generation;
   {
     std::lock_guard<std::mutex> lock(mMutex);
     if (!mRunning.insert(appId).second) return "error " + appId + " is running";
+    generation = mLastChange[appId] = ++mGeneration;
   }
-  operStatusLater(0, appId, "initializing");
-  operStatusLater(100, appId, "running");
-  appSignalLater(100, "appStarted", appId);
+  emitLater(0, "operStatus", operStatusData(appId, "initializing"));
+  completeLater(appId, generation, true);
   return "ok starting " + appId;
 }
 
 std::string AppManagerService::stopApp(const std::string& appId) {
+  uint64_t generation;
   {
     std::lock_guard<std::mutex> lock(mMutex);
     if (mRunning.erase(appId) == 0) return "error " + appId + " is not running";
+    generation = mLastChange[appId] = ++mGeneration;
   }
-  operStatusLater(0, appId, "stopping");
-  operStatusLater(100, appId, "stopped");
-  appSignalLater(100, "appStopped", appId);
+  emitLater(0, "operStatus", operStatusData(appId, "stopping"));
+  completeLater(appId, generation, false);
   return "ok stopping " + appId;
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -51,11 +52,16 @@ class AppManagerService : public SimService {
   Answer answer(const std::string& method, const Json::Value& params) override;
 
  private:
-  void operStatusLater(int64_t delayMs, const std::string& appId, const char* state);
-  void appSignalLater(int64_t delayMs, const char* signal, const std::string& appId);
+  std::string operStatusData(const std::string& appId, const char* state) const;
+  std::string appSignalData(const std::string& appId) const;
+  // The application's start or stop completes later, unless another start or
+  // stop of it came in between.
+  void completeLater(const std::string& appId, uint64_t generation, bool started);
 
   mutable std::mutex mMutex;
   std::set<std::string> mRunning;
+  std::map<std::string, uint64_t> mLastChange;  // application -> its latest start or stop
+  uint64_t mGeneration = 0;
 };
 
 class HmiGatewayService : public SimService {

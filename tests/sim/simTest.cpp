@@ -390,6 +390,7 @@ TEST(VehicleSim, SidePeersFollowTheirOwnState) {
 
   // The Assist application starts, then the service stops it.
   ASSERT_TRUE(startsWithOk(car.sim("appmgr start")));
+  ASSERT_EQ(operStatus.waitFor(2).size(), 2u);
   ask(car, "AppManager", "stopApp", "{\"appId\":\"3305261F-B524-4E27-8048-C5778A672389\"}");
   std::vector<std::string> states;
   for (const auto& s : operStatus.waitFor(4)) {
