@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "ecallMain/ecallMain.h"
@@ -130,18 +129,6 @@ void registerOnBus() {
   if (result < 0) die("Failed to register service: 0x%0X", static_cast<unsigned>(result));
 }
 
-// The input handler keeps the main thread while it monitors the inputs. Should
-// it come back while the service is meant to run (both input threads gone),
-// the main thread still must not end the process: the processor, the command
-// thread and the bus keep serving requests, so it sleeps in a signal wait
-// (no polling) until the process is killed.
-void keepServing() {
-  CQVTraceScope scope(ecallMainTraceScope, __func__);
-  scope.sendFormattedWarning("Input monitoring ended; the service stays up for its other requests\n");
-  sendtoSlog(_SLOG_WARNING, "Input monitoring ended; the service stays up for its other requests\n");
-  for (;;) pause();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -172,8 +159,10 @@ int main(int argc, char** argv) {
   extServHandle.initExternalServiceHandling();
   extServHandle.getEmebeddedPhoneEnabledInVariant();
   ecallHandler.initEcallProcessor();
+  // The input handler keeps the main thread for as long as the inputs are
+  // monitored, which in normal operation is for ever; the service ends only
+  // when both input threads have ended.
   canIpcEmergencyHandler.monitorCANForEmergency();
-  keepServing();
 
   ecallHandler.sendAssistStatus();
   platform::stopTrace();
