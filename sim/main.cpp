@@ -241,7 +241,7 @@ int main(int argc, char** argv) {
   // leave the bus.
   scheduler.stop();
   watcher.stop();
-  for (sim::SimService* service : car.services()) service->leave();
+  for (sim::SimService* service : car.services()) service->leave(false);
   car.micro.stop();
   speaker.stop();
   SVCIPC_shutdown();

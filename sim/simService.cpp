@@ -43,7 +43,7 @@ SimService::SimService(SimContext& context, std::string name)
     : mContext(context), mName(std::move(name)), mSlot(RequestThunks::take(this)) {}
 
 SimService::~SimService() {
-  leave();
+  leave(false);
   if (mSlot >= 0) RequestThunks::services[mSlot].store(nullptr);
 }
 
@@ -100,7 +100,7 @@ bool SimService::join(std::string& why, bool announce) {
   return true;
 }
 
-void SimService::leave() {
+void SimService::leave(bool announce) {
   std::lock_guard<std::mutex> lock(mBusMutex);
   if (!mConnection) return;
   mOnBus.store(false);
@@ -112,7 +112,7 @@ void SimService::leave() {
   entry["kind"] = "peer";
   entry["service"] = mName;
   entry["state"] = "gone";
-  mContext.recorder.record(entry, mName + " left the bus");
+  mContext.recorder.record(entry, announce ? mName + " left the bus" : "");
 }
 
 void SimService::overrideReply(const std::string& method, const std::string& text) {

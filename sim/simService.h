@@ -39,7 +39,7 @@ class SimService {
   // announce: show the arrival to a person (not at the car's start).
   bool join(std::string& why, bool announce = true);
   // Leaves the bus (the name loses its owner).
-  void leave();
+  void leave(bool announce = true);
   bool onBus() const { return mOnBus.load(); }
 
   void setMode(Mode mode) { mMode.store(mode); }
