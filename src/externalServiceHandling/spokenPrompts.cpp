@@ -15,6 +15,7 @@
 // Language-major: the text of code c in language l is entry l * 13 + c. The
 // operator announcements (8 to 12) stay English in every row: the emergency
 // centre always hears English, whatever the occupants' language.
+// clang-format off
 const char* const strECallTtsPrompts[TTS_LANGUAGE_COUNT * TTS_PROMPT_COUNT] = {
     // English
     "",
@@ -23,8 +24,7 @@ const char* const strECallTtsPrompts[TTS_LANGUAGE_COUNT * TTS_PROMPT_COUNT] = {
     "9-1-1 call ended. To reconnect, press the 9-1-1 button on the mirror.",
     "Vehicle phone requires service. Please contact your dealer.",
     "9-1-1 call not successful. Vehicle phone has no signal. System will continue to retry.",
-    "9-1-1 call not successful. Vehicle phone has no signal. System will continue to retry. To cancel press the 9-1-1 "
-    "button on the mirror.",
+    "9-1-1 call not successful. Vehicle phone has no signal. System will continue to retry. To cancel press the 9-1-1 button on the mirror.",
     "Calling 9-1-1",
     "Emergency call from a ",
     "Emergency call from a ",
@@ -38,8 +38,7 @@ const char* const strECallTtsPrompts[TTS_LANGUAGE_COUNT * TTS_PROMPT_COUNT] = {
     "Fin de l'appel au 9-1-1. Pour rappeler, appuyez sur le bouton 9-1-1 sur le retroviseur.",
     "Le telephone du vehicule doit etre repare. Veuillez contacter votre revendeur.",
     "Echec de l'appel au 9-1-1. Le telephone du vehicule n'a pas de signal. Le systeme va reessayer.",
-    "Echec de l'appel au 9-1-1. Le telephone du vehicule n'a pas de signal. Le systeme va reessayer. Pour annuler, "
-    "appuyez sur le bouton 9-1-1 sur le retroviseur.",
+    "Echec de l'appel au 9-1-1. Le telephone du vehicule n'a pas de signal. Le systeme va reessayer. Pour annuler, appuyez sur le bouton 9-1-1 sur le retroviseur.",
     "Appel du 9-1-1.",
     "Emergency call from a ",
     "Emergency call from a ",
@@ -53,8 +52,7 @@ const char* const strECallTtsPrompts[TTS_LANGUAGE_COUNT * TTS_PROMPT_COUNT] = {
     "La llamada al 9-1-1 finalizo. Para volver a conectar, presione el boton 9-1-1 en el espejo.",
     "El telefono del vehiculo necesita servicio. Comuniquese con su comerciante.",
     "La llamada al 9-1-1 fallo. El vehiculo no tiene senal. El sistema seguira intentando.",
-    "La llamada al 9-1-1 fallo. El vehiculo no tiene senal. El sistema seguira intentando. Para cancelar, presione el "
-    "boton 9-1-1 en el espejo.",
+    "La llamada al 9-1-1 fallo. El vehiculo no tiene senal. El sistema seguira intentando. Para cancelar, presione el boton 9-1-1 en el espejo.",
     "Llamando al 9-1-1.",
     "Emergency call from a ",
     "Emergency call from a ",
@@ -62,6 +60,7 @@ const char* const strECallTtsPrompts[TTS_LANGUAGE_COUNT * TTS_PROMPT_COUNT] = {
     "A crash has occurred in a ",
     "",
 };
+// clang-format on
 
 const char* const strTtsLanguage[TTS_LANGUAGE_COUNT] = {"English", "French", "Spanish"};
 
@@ -81,15 +80,15 @@ bool isPromptSpoken(int prompt) { return prompt >= TTS_PROMPT_INITIATE && prompt
 bool isOccupantPrompt(int prompt) { return prompt >= TTS_PROMPT_INITIATE && prompt <= TTS_PROMPT_DIALING; }
 
 // A coordinate in millionths of a degree as degrees with five decimals, the
-// sixth cut rather than rounded. 64-bit so that the most negative value can
-// be negated.
+// sixth cut rather than rounded. The sign is written apart from the digits;
+// the magnitude is taken in 64 bits so that the most negative value can be
+// negated (its degrees and fraction then fit an int again).
 std::string formatCoordinate(int32_t millionths) {
-  const int64_t value = millionths;
-  const int64_t magnitude = value < 0 ? -value : value;
-  char text[32];
-  std::snprintf(text, sizeof(text), "%s%lld.%05lld", value < 0 ? "-" : "", static_cast<long long>(magnitude / 1000000),
-                static_cast<long long>((magnitude % 1000000) / 10));
-  return text;
+  const int64_t magnitude = millionths < 0 ? -static_cast<int64_t>(millionths) : millionths;
+  char digits[24];
+  std::snprintf(digits, sizeof(digits), "%d.%05d", static_cast<int>(magnitude / 1000000),
+                static_cast<int>((magnitude % 1000000) / 10));
+  return std::string(millionths < 0 ? "-" : "") + digits;
 }
 
 }  // namespace

@@ -66,10 +66,9 @@ bool externalServiceHandling::getEmebeddedPhoneEnabledInVariant() {
   }
 
   if (!mVariantInfoKnown) {
-    scope.sendFormattedError(
-        "ERROR Obtaining VARIANT_ECELL!!!!  %d attempts were made against a compile time option that will not "
-        "change.  Defaulting embedded phone enabled to TRUE\n",
-        kVariantAttempts);
+    // clang-format off
+    scope.sendFormattedError("ERROR Obtaining VARIANT_ECELL!!!!  %d attempts were made against a compile time option that will not change.  Defaulting embedded phone enabled to TRUE\n", kVariantAttempts);
+    // clang-format on
     mEmbeddedPhoneEnabled = true;
     mVariantInfoKnown = true;
   }
@@ -124,12 +123,21 @@ void externalServiceHandling::getCurrentLanguage() {
   scope.sendFormattedMessage("Language received, %s\n", language.c_str());
   // "en_US", "fr_CA", "es_MX" and the like: the country part does not matter.
   // Any other language keeps the one the prompts use now.
+  const char* entry = nullptr;
   if (language.find("en_") != std::string::npos) {
     mTtsLanguage = 0;
+    entry = "Speaker TTS language English\n";
   } else if (language.find("fr_") != std::string::npos) {
     mTtsLanguage = 1;
+    entry = "Speaker TTS language French\n";
   } else if (language.find("es_") != std::string::npos) {
     mTtsLanguage = 2;
+    entry = "Speaker TTS language Spanish\n";
+  }
+  if (entry != nullptr) {
+    ecallHandler.addEntryToEmergencyLog(entry);
+    scope.sendFormattedMessage("%s", entry);
+    return;
   }
   int current = mTtsLanguage;
   if (current < 0 || current >= TTS_LANGUAGE_COUNT) current = 0;
