@@ -102,9 +102,8 @@ void requestModuleReset(const char* requestedText, const char* exhaustedText) {
 }
 
 // One antenna report, from a query reply or from the phone's signal. Only a
-// successful diagnosis counts. A fault is raised only if it lasts for the
-// antenna fault time; a fault reported again while that time runs does not
-// postpone it.
+// successful diagnosis counts. A fault starts (or restarts) the antenna fault
+// time; the failure is raised only if no normal report comes before it ends.
 void evaluateAntennaStatus(const char* report) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   Json::Value reply;
@@ -119,7 +118,7 @@ void evaluateAntennaStatus(const char* report) {
     ecallHandler.setEcallSystemFailureState(ecallSystemFailure::ANTENNA_FAULT, false);
   } else {
     scope.sendFormattedMessage("Embedded antenna fault, start system fault timer\n");
-    if (!isTimerActive(timerTimeoutAntennaFault)) startAntennaFaultTimeoutTimer();
+    startAntennaFaultTimeoutTimer();
   }
 }
 
