@@ -1,10 +1,8 @@
 // Common ground of the external services tests: a temporary root, captured
-// traces and system log, the process objects, short waits, and the fake
-// peers' answers.
+// traces and system log, the process objects, and the fake peers' answers.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <json/json.h>
 
 #include <string>
 #include <vector>
@@ -25,56 +23,48 @@ inline const std::string kAudioCtrl = "com.nordak.service.AudioCtrlSvc";
 inline const std::string kPsse = "com.nordak.service.psseControlService";
 inline const std::string kBluetooth = "com.nordak.service.BluetoothService";
 inline const std::string kPlatform = "com.nordak.service.platform";
-inline const std::string kVehicleConfig = "com.nordak.service.VehicleConfig";
-inline const std::string kVehicleStatus = "com.nordak.service.VehicleStatus";
-
-inline const SVCIPC_tError kFailed = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR);
 
 inline fakeBus::Reply answer(const std::string& result) { return fakeBus::Reply{SVCIPC_ERROR_NONE, result}; }
-inline fakeBus::Reply failure() { return fakeBus::Reply{kFailed}; }
+inline fakeBus::Reply failure() {
+  return fakeBus::Reply{SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR)};
+}
+
+// The Bluetooth call state after a signal; the flag starts as before, so
+// that an unchanged flag shows.
+inline bool btActiveAfter(const char* sigName, const char* data, bool before) {
+  ecallHandler.btCallActive = before;
+  ecallProcessor::onSubcribedBTSignal(sigName, data, nullptr);
+  return ecallHandler.btCallActive;
+}
 
 class ExtServTest : public ::testing::Test {
  protected:
   void SetUp() override {
     platform::setTimeScale(0.001);
-    // The emergency log stamps each entry with the odometer.
     testSupport::writeFile(root.path("/pps/can/vehstat"), "@vehstat\nODO::1234567\n");
     fakeBus::reset();
-    // The asynchronous replies belong to the processor; keep them out of
-    // these tests so that only this module's requests are seen.
+    // Asynchronous replies belong to the processor: keep them out of these tests.
     fakeBus::Reply silent;
     silent.noAnswer = true;
-    for (const char* method : {"ttsReadout"}) fakeBus::setReply(kTts, method, silent);
-    for (const char* method : {"setMixerMute", "adjustVolume"}) fakeBus::setReply(kMixer, method, silent);
-    for (const char* method : {"switchBluetoothOff", "setBluetoothStatus"}) fakeBus::setReply(kBluetooth, method, silent);
+    fakeBus::setReply(kTts, "ttsReadout", silent);
+    fakeBus::setReply(kMixer, "setMixerMute", silent);
+    fakeBus::setReply(kMixer, "adjustVolume", silent);
+    fakeBus::setReply(kBluetooth, "setBluetoothStatus", silent);
     createProcessObjects();
     fakeBus::clearCalls();
-    log.clear();
   }
-
-  std::string emergencyLog() const { return testSupport::readFile(root.path("/fs/etfs/usr/var/ecall/ecall_log.txt")); }
-  // How many entries of the emergency log end with text.
+  // Entries of the emergency log ending with text.
   size_t logEntries(const std::string& text) const {
     size_t count = 0;
-    for (const auto& line : testSupport::splitLines(emergencyLog()))
+    for (const auto& line : testSupport::splitLines(testSupport::readFile(root.path(emergencyLogPath))))
       if (line.size() >= text.size() && line.compare(line.size() - text.size(), text.size(), text) == 0) ++count;
     return count;
   }
-
-  // How many traces of this module contain part (the emergency log traces
-  // the entries it writes as well).
-  size_t ownTraces(const std::string& part) const {
-    size_t count = 0;
-    for (const auto& e : log.entries())
-      if (e.scope == "ecallService_externalServiceHandling" && e.text.find(part) != std::string::npos) ++count;
-    return count;
-  }
-
-  // The methods of the recorded requests, in order.
-  static std::vector<std::string> requestedMethods() {
+  // Recorded requests as "method params", in order.
+  static std::vector<std::string> requested() {
     std::vector<std::string> out;
     for (const auto& c : fakeBus::calls())
-      if (c.kind == fakeBus::Call::Invoke || c.kind == fakeBus::Call::AsyncInvoke) out.push_back(c.method);
+      if (c.kind == fakeBus::Call::Invoke || c.kind == fakeBus::Call::AsyncInvoke) out.push_back(c.method + " " + c.params);
     return out;
   }
 
