@@ -60,6 +60,9 @@ int ecallProcessor::parseEcallNumber(const char* reply) {
     if (number.empty()) continue;
     localEcallNumber.set(number);
     scope.sendFormattedMessage("ecall phone number value %s\n", number.c_str());
+    // The number is back: the next loss is reported afresh, and the delay
+    // requests that were dropped while it was missing are taken again.
+    errorSentForNoEcallNumberLoaded = false;
     ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
     return PARSE_NUMBER_STORED;
   }
