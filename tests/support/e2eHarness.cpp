@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <regex>
 
 #include "support/testSupport.h"
 
@@ -70,6 +71,38 @@ std::string tail(const std::string& text, size_t lines) {
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 }  // namespace
+
+std::string ecallSignalText(bool ecall, const std::string& type, bool modeActive, const std::string& number,
+                            const std::string& event, const std::string& detail) {
+  auto flag = [](bool b) { return b ? "true" : "false"; };
+  return std::string("{\"BTCallActive\":false,\"ecall\":") + flag(ecall) + ",\"ecallModeActive\":" +
+         flag(modeActive) + ",\"event\":\"" + event + "\",\"eventdetail\":\"" + detail +
+         "\",\"phoneNumber\":\"" + number + "\",\"type\":\"" + type + "\"}\n";
+}
+
+std::vector<std::string> requestTexts(const std::vector<Json::Value>& requests) {
+  std::vector<std::string> out;
+  for (const auto& r : requests) out.push_back(r["method"].asString() + " " + r["params"].asString());
+  return out;
+}
+
+std::vector<std::string> spokenTexts(const std::vector<Json::Value>& requests) {
+  std::vector<std::string> out;
+  for (const auto& r : requests) {
+    if (r["method"].asString() != "ttsReadout") continue;
+    Json::Value params;
+    parseJson(r["params"].asString(), params);
+    out.push_back(params["readoutType"].asString() + ": " + params["data"].asString());
+  }
+  return out;
+}
+
+bool containsInOrder(const std::vector<std::string>& all, const std::vector<std::string>& wanted) {
+  size_t next = 0;
+  for (const auto& entry : all)
+    if (next < wanted.size() && entry == wanted[next]) ++next;
+  return next == wanted.size();
+}
 
 E2eHarness::E2eHarness(E2eOptions options) : mOptions(std::move(options)) {
   char tmpl[] = "/tmp/ecall-e2e-XXXXXX";
@@ -366,7 +399,87 @@ bool E2eHarness::waitForChannelConnected(ms deadline) {
               .isNull();
 }
 
+bool E2eHarness::waitForServiceStarted(ms deadline) {
+  return !waitForRequest("AudioMixerManager", "getProperties", deadline).isNull() && waitForChannelConnected(deadline);
+}
+
+size_t E2eHarness::recordMark() { return records().size(); }
+
+std::vector<Json::Value> E2eHarness::recordsSince(size_t mark, const std::string& kind) {
+  std::vector<Json::Value> all = records();
+  std::vector<Json::Value> out;
+  for (size_t i = mark; i < all.size(); ++i)
+    if (kind.empty() || all[i]["kind"].asString() == kind) out.push_back(all[i]);
+  return out;
+}
+
+std::vector<Json::Value> E2eHarness::requestsSince(size_t mark, const std::string& service, const std::string& method) {
+  std::vector<Json::Value> out;
+  for (const auto& r : recordsSince(mark, "request"))
+    if (r["service"].asString() == service && (method.empty() || r["method"].asString() == method)) out.push_back(r);
+  return out;
+}
+
+std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark) {
+  std::vector<std::string> out;
+  for (const auto& r : recordsSince(mark, "ecall")) out.push_back(r["data"].asString());
+  return out;
+}
+
+Json::Value E2eHarness::waitForRecordSince(size_t mark, const std::function<bool(const Json::Value&)>& pred,
+                                           ms deadline) {
+  Json::Value found;
+  waitUntil(
+      [&] {
+        for (const auto& r : recordsSince(mark))
+          if (pred(r)) {
+            found = r;
+            return true;
+          }
+        return false;
+      },
+      deadline);
+  return found;
+}
+
+Json::Value E2eHarness::waitForRequestSince(size_t mark, const std::string& service, const std::string& method,
+                                            ms deadline) {
+  return waitForRecordSince(
+      mark,
+      [&](const Json::Value& r) {
+        return r["kind"].asString() == "request" && r["service"].asString() == service &&
+               r["method"].asString() == method;
+      },
+      deadline);
+}
+
+Json::Value E2eHarness::waitForEcallSignalSince(size_t mark, const std::function<bool(const Json::Value&)>& pred,
+                                                ms deadline) {
+  Json::Value found;
+  waitForRecordSince(
+      mark,
+      [&](const Json::Value& r) {
+        if (r["kind"].asString() != "ecall") return false;
+        Json::Value data;
+        if (!parseJson(r["data"].asString(), data) || !pred(data)) return false;
+        found = data;
+        return true;
+      },
+      deadline);
+  return found;
+}
+
 std::string E2eHarness::emergencyLog() const { return readFile(path("/fs/etfs/usr/var/ecall/ecall_log.txt")); }
+
+std::vector<std::string> E2eHarness::emergencyLogMessages() const {
+  // An entry: "HH:MM:SS Month DD, YYYY GMT:" then "NNNNNNN:" or "ODO N/A:".
+  static const std::regex entry(R"(^\d\d:\d\d:\d\d [A-Za-z]+ \d\d, \d{4} GMT:(?:\d{7}|ODO N/A):(.*)$)");
+  std::vector<std::string> out;
+  std::smatch match;
+  for (const auto& line : splitLines(emergencyLog()))
+    if (std::regex_match(line, match, entry)) out.push_back(match[1].str());
+  return out;
+}
 
 bool E2eHarness::waitForEmergencyLog(const std::string& part, ms deadline) const {
   return waitUntil([&] { return contains(emergencyLog(), part); }, deadline);

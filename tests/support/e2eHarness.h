@@ -57,6 +57,17 @@ struct E2eOptions {
   std::chrono::milliseconds startDeadline{15000};
 };
 
+// The text of an "ecall" signal exactly as the service emits it (members in
+// name order, one line). event and detail are "NONE" for ecall false.
+std::string ecallSignalText(bool ecall, const std::string& type, bool modeActive, const std::string& number = "",
+                            const std::string& event = "NONE", const std::string& detail = "NONE");
+// "method params" of each request record, the parameter text verbatim.
+std::vector<std::string> requestTexts(const std::vector<Json::Value>& requests);
+// "readoutType: data" of each "ttsReadout" request among the records.
+std::vector<std::string> spokenTexts(const std::vector<Json::Value>& requests);
+// wanted appears in all in this order (other entries may come between).
+bool containsInOrder(const std::vector<std::string>& all, const std::vector<std::string>& wanted);
+
 class E2eHarness {
  public:
   using ms = std::chrono::milliseconds;
@@ -110,9 +121,30 @@ class E2eHarness {
   bool waitForChannelMessage(const std::vector<int>& bytes, ms deadline = ms(10000));
   // The service has connected to the restraint controller channel.
   bool waitForChannelConnected(ms deadline = ms(15000));
+  // The service has finished starting: its processor has made its start-up
+  // queries (the last is the audio mixer's volumes) and it reads the channel.
+  bool waitForServiceStarted(ms deadline = ms(15000));
+
+  // --- the course of one test: a mark is the number of records so far, and
+  // the "...Since" calls look only at what was recorded after it.
+  size_t recordMark();
+  std::vector<Json::Value> recordsSince(size_t mark, const std::string& kind = "");
+  std::vector<Json::Value> requestsSince(size_t mark, const std::string& service, const std::string& method = "");
+  // The "ecall" signals since mark as their exact JSON texts.
+  std::vector<std::string> ecallSignalTextsSince(size_t mark);
+  Json::Value waitForRecordSince(size_t mark, const std::function<bool(const Json::Value&)>& pred,
+                                 ms deadline = ms(10000));
+  Json::Value waitForRequestSince(size_t mark, const std::string& service, const std::string& method,
+                                  ms deadline = ms(10000));
+  // The first "ecall" signal since mark that satisfies pred (parsed), or null.
+  Json::Value waitForEcallSignalSince(size_t mark, const std::function<bool(const Json::Value&)>& pred,
+                                      ms deadline = ms(10000));
 
   // --- files and logs
   std::string emergencyLog() const;
+  // The emergency log's entries without their time stamp and odometer field,
+  // in order (the entry text as the service gave it, line end removed).
+  std::vector<std::string> emergencyLogMessages() const;
   bool waitForEmergencyLog(const std::string& part, ms deadline = ms(10000)) const;
   std::string trace() const;
   bool waitForTrace(const std::string& part, ms deadline = ms(10000)) const;
