@@ -146,11 +146,13 @@ void consoleLoop(sim::Console& console, sim::Recorder& recorder, int signals) {
   }
 }
 
-// Runs a script's commands in order; false when it says "quit".
+// Runs a script's commands in order; false when it says "quit". The replies
+// are shown, not printed as console replies: every "ok"/"error" line on
+// standard output answers a line of standard input.
 bool runScript(const std::string& path, sim::Console& console, sim::Recorder& recorder) {
   std::ifstream in(path);
   if (!in) {
-    recorder.reply("error cannot read script " + path);
+    fprintf(stderr, "vehicle-sim: cannot read script %s\n", path.c_str());
     return true;
   }
   std::string line;
@@ -158,8 +160,8 @@ bool runScript(const std::string& path, sim::Console& console, sim::Recorder& re
     bool quit = false;
     std::string reply = console.run(line, quit);
     if (reply.empty()) continue;
-    recorder.show("> " + line);
-    recorder.reply(reply);
+    recorder.show("script> " + line + "  => " + reply);
+    if (reply.rfind("error", 0) == 0) fprintf(stderr, "vehicle-sim: script: %s: %s\n", line.c_str(), reply.c_str());
     if (quit) return false;
   }
   return true;

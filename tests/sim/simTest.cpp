@@ -447,3 +447,18 @@ TEST(VehicleSim, ConsoleRefusesWhatItDoesNotKnow) {
   EXPECT_TRUE(startsWithOk(car.sim("help")));
   EXPECT_TRUE(startsWithOk(car.sim("set pace 250")));
 }
+
+TEST(VehicleSim, ScriptRunsBeforeTheConsole) {
+  char path[] = "/tmp/ecall-sim-script-XXXXXX";
+  int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  testSupport::writeFile(path, "# a car with a tired phone\nset brand 9\n\nphone off\n");
+  E2eOptions options = simOnly();
+  options.simArgs = {"--script", path};
+  E2eHarness car(options);
+  std::string status = car.sim("status");
+  unlink(path);
+  EXPECT_NE(status.find("brand=9"), std::string::npos) << status;
+  EXPECT_NE(status.find("phone=off"), std::string::npos) << status;
+}
