@@ -158,11 +158,21 @@ class ServiceBusTest : public ::testing::Test {
                               method, "{\"n\":1}", noReply, timeoutMsec, onResult, results);
   }
 
+  // Objects the callbacks write to, kept beyond TearDown, which closes the
+  // connections that call into them.
+  template <class T>
+  T& make() {
+    auto object = std::make_shared<T>();
+    mKept.push_back(object);
+    return *object;
+  }
+
   testSupport::PrivateBus mBus;
+  std::vector<std::shared_ptr<void>> mKept;
 };
 
 TEST_F(ServiceBusTest, InvokeGetsTheReplyOrTheServiceError) {
-  TestService service;
+  TestService& service = make<TestService>();
   serve(connect(), "Echo", service);
   SVCIPC_tConnection client = connect();
 
@@ -180,6 +190,8 @@ TEST_F(ServiceBusTest, InvokeGetsTheReplyOrTheServiceError) {
   EXPECT_TRUE(isStatus(rc, SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR)) << std::hex << rc;
   EXPECT_TRUE(result.empty());
 
+  // The handler notes a request after answering it.
+  ASSERT_TRUE(service.requests.waitFor(3));
   const auto requests = service.requests.items();
   ASSERT_EQ(requests.size(), 3u);
   EXPECT_EQ(requests[1].method, longMethod);
@@ -188,11 +200,11 @@ TEST_F(ServiceBusTest, InvokeGetsTheReplyOrTheServiceError) {
 }
 
 TEST_F(ServiceBusTest, AsyncInvokeDeliversResultAndContextOnTheBusThread) {
-  TestService service;
+  TestService& service = make<TestService>();
   serve(connect(), "Echo", service);
   SVCIPC_tConnection client = connect();
 
-  Inbox<Result> results;
+  Inbox<Result>& results = make<Inbox<Result>>();
   ASSERT_EQ(invokeAsync(client, "Echo", "echo", 0, -1, &results), SVCIPC_ERROR_NONE);
   ASSERT_EQ(invokeAsync(client, "Echo", "fail", 0, -1, &results), SVCIPC_ERROR_NONE);
   ASSERT_TRUE(results.waitFor(2));
@@ -211,14 +223,14 @@ TEST_F(ServiceBusTest, AsyncInvokeDeliversResultAndContextOnTheBusThread) {
 // The handler frees the request without answering: the caller hears nothing
 // until its own time limit, which the time scale shortens.
 TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeout) {
-  TestService service;
+  TestService& service = make<TestService>();
   serve(connect(), "Mute", service);
   SVCIPC_tConnection client = connect();
 
   std::string result;
   EXPECT_TRUE(isStatus(invoke(client, "Mute", "logStringToEcallLog", "{}", 100, &result), SVCIPC_DOMAIN_IPC_LIB,
                        SVCIPC_ERR_TIMEOUT));
-  Inbox<Result> results;
+  Inbox<Result>& results = make<Inbox<Result>>();
   ASSERT_EQ(invokeAsync(client, "Mute", "logStringToEcallLog", 0, 100, &results), SVCIPC_ERROR_NONE);
   ASSERT_TRUE(results.waitFor(1));
   EXPECT_TRUE(isStatus(results.items()[0].rc, SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_TIMEOUT));
@@ -233,14 +245,14 @@ TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeout) {
 }
 
 TEST_F(ServiceBusTest, PeerNotOnTheBusIsRefusedAtOnce) {
-  TestService service;
+  TestService& service = make<TestService>();
   serve(connect(), "Echo", service);
   SVCIPC_tConnection client = connect();
 
   std::string result;
   EXPECT_TRUE(isStatus(invoke(client, "Nobody", "echo", "{}", -1, &result), SVCIPC_DOMAIN_DBUS,
                        SVCIPC_DBUS_ERR_SERVICE_UNKNOWN));
-  Inbox<Result> results;
+  Inbox<Result>& results = make<Inbox<Result>>();
   const SVCIPC_tError rc = invokeAsync(client, "Nobody", "echo", 0, -1, &results);
   EXPECT_TRUE(isStatus(rc, SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN)) << std::hex << rc;
 
@@ -253,19 +265,21 @@ TEST_F(ServiceBusTest, PeerNotOnTheBusIsRefusedAtOnce) {
 }
 
 TEST_F(ServiceBusTest, SignalReachesOnlyTheSubscribersOfItsNameAndPath) {
-  TestService phone, other;
+  TestService& phone = make<TestService>();
+  TestService& other = make<TestService>();
   SVCIPC_tConnection emitter = connect();
   SVCIPC_tSvcRegHnd phoneReg = serve(emitter, "Phone", phone);
   SVCIPC_tSvcRegHnd otherReg = serve(emitter, "Other", other);
   SVCIPC_tConnection listener = connect();
 
-  Inbox<Signal> first, second;
+  Inbox<Signal>& first = make<Inbox<Signal>>();
+  Inbox<Signal>& second = make<Inbox<Signal>>();
   SVCIPC_tSigSubHnd firstSub = nullptr, secondSub = nullptr;
   ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "callState", onSignal, &first, &firstSub), 0);
   ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "callState", onSignal, &second, &secondSub), 0);
 
   // One sender: the signals arrive in the order emitted.
-  Inbox<Result> sent;
+  Inbox<Result>& sent = make<Inbox<Result>>();
   EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "antennaStatus", "{\"a\":0}", nullptr, nullptr), SVCIPC_ERROR_NONE);
   EXPECT_EQ(SVCIPC_asyncEmit(otherReg, "callState", "{\"b\":0}", nullptr, nullptr), SVCIPC_ERROR_NONE);
   EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "callState", "{\"c\":1}", onResult, &sent), SVCIPC_ERROR_NONE);
@@ -278,23 +292,30 @@ TEST_F(ServiceBusTest, SignalReachesOnlyTheSubscribersOfItsNameAndPath) {
   EXPECT_EQ(sent.items()[0].rc, SVCIPC_ERROR_NONE);
   EXPECT_NE(sent.items()[0].thread, std::this_thread::get_id());
 
+  // After unsubscribing: callbacks run in the order of the signals, so once
+  // the later "end" is in, a callback of the earlier signal would be too.
+  Inbox<Signal>& end = make<Inbox<Signal>>();
+  SVCIPC_tSigSubHnd endSub = nullptr;
+  ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "end", onSignal, &end, &endSub), 0);
   ASSERT_EQ(SVCIPC_unsubscribe(secondSub), SVCIPC_ERROR_NONE);
   EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "callState", "{\"c\":2}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(first.waitFor(2));
+  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "end", "{}", nullptr, nullptr), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(end.waitFor(1));
+  EXPECT_EQ(first.items().size(), 2u);
   EXPECT_EQ(second.items().size(), 1u);
 }
 
 TEST_F(ServiceBusTest, OwnerChangesAndHasOwnerFollowTheName) {
   const char* name = "com.nordak.service.EmbeddedPhone";
   SVCIPC_tConnection watcher = connect();
-  Inbox<std::vector<std::string>> changes;
+  auto& changes = make<Inbox<std::vector<std::string>>>();
   SVCIPC_tSigSubHnd sub = nullptr;
   ASSERT_EQ(SVCIPC_subscribeOwnerChanged(watcher, name, onOwner, &changes, &sub), SVCIPC_ERROR_NONE);
   int hasOwner = -1;
   ASSERT_EQ(SVCIPC_nameHasOwner(watcher, name, &hasOwner), SVCIPC_ERROR_NONE);
   EXPECT_EQ(hasOwner, 0);
 
-  TestService phone;
+  TestService& phone = make<TestService>();
   SVCIPC_tConnection phoneConn = connect();
   SVCIPC_tSvcRegHnd reg = serve(phoneConn, "EmbeddedPhone", phone);
   ASSERT_TRUE(changes.waitFor(1));
@@ -323,11 +344,11 @@ TEST_F(ServiceBusTest, OwnerChangesAndHasOwnerFollowTheName) {
 // The service asks a peer synchronously from its method handler and from
 // its signal callback, on the connection whose thread runs the callback.
 TEST_F(ServiceBusTest, SynchronousInvokeWorksInsideCallbacks) {
-  TestService helper;
+  TestService& helper = make<TestService>();
   SVCIPC_tConnection helperConn = connect();
   SVCIPC_tSvcRegHnd helperReg = serve(helperConn, "Helper", helper);
 
-  TestService front;
+  TestService& front = make<TestService>();
   SVCIPC_tConnection frontConn = connect();
   front.askVia = frontConn;
   front.askName = "Helper";
@@ -338,9 +359,11 @@ TEST_F(ServiceBusTest, SynchronousInvokeWorksInsideCallbacks) {
   EXPECT_EQ(result, "{\"q\":7}");
 
   struct Asker {
-    SVCIPC_tConnection conn;
+    SVCIPC_tConnection conn = nullptr;
     Inbox<std::string> answers;
-  } asker{frontConn, {}};
+  };
+  Asker& asker = make<Asker>();
+  asker.conn = frontConn;
   auto onStatus = [](const char*, const char* data, void* context) {
     auto* self = static_cast<Asker*>(context);
     SVCIPC_tResponse* response = nullptr;
@@ -357,11 +380,11 @@ TEST_F(ServiceBusTest, SynchronousInvokeWorksInsideCallbacks) {
 }
 
 TEST_F(ServiceBusTest, NoReplyExpectedReachesTheHandler) {
-  TestService service;
+  TestService& service = make<TestService>();
   serve(connect(), "Echo", service);
   SVCIPC_tConnection client = connect();
 
-  Inbox<Result> results;
+  Inbox<Result>& results = make<Inbox<Result>>();
   ASSERT_EQ(invokeAsync(client, "Echo", "echo", 1, -1, &results), SVCIPC_ERROR_NONE);
   ASSERT_EQ(invokeAsync(client, "Echo", "echo", 0, -1, &results), SVCIPC_ERROR_NONE);
   ASSERT_TRUE(service.requests.waitFor(2));
@@ -375,11 +398,11 @@ TEST_F(ServiceBusTest, NoReplyExpectedReachesTheHandler) {
 }
 
 TEST_F(ServiceBusTest, ClosingCancelsPendingCallsAndRefusesItsHandles) {
-  TestService service;
+  TestService& service = make<TestService>();
   serve(connect(), "Mute", service);
   SVCIPC_tConnection client = connect();
 
-  Inbox<Result> results;
+  Inbox<Result>& results = make<Inbox<Result>>();
   ASSERT_EQ(invokeAsync(client, "Mute", "unanswered", 0, -1, &results), SVCIPC_ERROR_NONE);
   ASSERT_TRUE(service.requests.waitFor(1));
   ASSERT_EQ(SVCIPC_closeConnection(client), SVCIPC_ERROR_NONE);
@@ -399,7 +422,7 @@ TEST_F(ServiceBusTest, ClosingCancelsPendingCallsAndRefusesItsHandles) {
 }
 
 TEST_F(ServiceBusTest, RefusesWhatItCannotDo) {
-  TestService service;
+  TestService& service = make<TestService>();
   SVCIPC_tConnection owner = connect();
   serve(owner, "Echo", service);
   SVCIPC_tConnection other = connect();
@@ -428,7 +451,7 @@ TEST_F(ServiceBusTest, RefusesWhatItCannotDo) {
 
 // A peer that speaks plain D-Bus: other members, wrong arguments.
 TEST_F(ServiceBusTest, ForeignCallsGetStandardErrorsAndDoNotHarm) {
-  TestService service;
+  TestService& service = make<TestService>();
   serve(connect(), "Echo", service);
 
   sd_bus* raw = nullptr;
@@ -456,12 +479,14 @@ TEST_F(ServiceBusTest, ForeignCallsGetStandardErrorsAndDoNotHarm) {
   EXPECT_STREQ(result, "{}");
   sd_bus_message_unref(reply);
   sd_bus_flush_close_unref(raw);
-  EXPECT_EQ(service.requests.items().size(), 1u);
+  // Requests reach the handler in order: the refused ones would come first.
+  ASSERT_TRUE(service.requests.waitFor(1));
+  EXPECT_EQ(service.requests.items()[0].method, "echo");
 }
 
 TEST_F(ServiceBusTest, DefaultConnectionGoesToTheChosenBus) {
   platform::setDefaultBus(mBus.address().c_str());
-  TestService service;
+  TestService& service = make<TestService>();
   SVCIPC_tConnection conn = nullptr;
   ASSERT_EQ(SVCIPC_getConnection(SVCIPC_CONNECTION_DEFAULT, 0, &conn), SVCIPC_ERROR_NONE);
   serve(conn, "Echo", service);
