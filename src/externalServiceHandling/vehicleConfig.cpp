@@ -65,12 +65,13 @@ bool externalServiceHandling::getEmebeddedPhoneEnabledInVariant() {
     if (!mVariantInfoKnown) platform::sleepMs(kVariantRetryPauseMs);
   }
 
-  if (!mVariantInfoKnown) {
+  // No answer at all: the phone stays enabled, its initial state. Marking the
+  // answer known in one step keeps a real answer that another caller found
+  // meanwhile.
+  if (!mVariantInfoKnown.exchange(true)) {
     // clang-format off
     scope.sendFormattedError("ERROR Obtaining VARIANT_ECELL!!!!  %d attempts were made against a compile time option that will not change.  Defaulting embedded phone enabled to TRUE\n", kVariantAttempts);
     // clang-format on
-    mEmbeddedPhoneEnabled = true;
-    mVariantInfoKnown = true;
   }
   return mEmbeddedPhoneEnabled;
 }
