@@ -1,5 +1,266 @@
 // The emergency inputs end to end: the airbag controller's channel, the
-// mirror buttons, the mirror LED and the Assist application.
+// mirror buttons, the mirror LED and the Assist application, on the real
+// ecallService in the simulated car.
+//
+// The car runs at 1/20 of real time (the 10 s delay takes 0.5 s, the 5 s
+// blink 0.25 s); tests whose next step must come within one of the service's
+// own periods run slower, so that a loaded machine keeps the order.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include "support/e2eHarness.h"
+#include <string>
+#include <vector>
+
+#include "carScene.h"
+
+using namespace carScene;
+using testSupport::containsInOrder;
+
+namespace {
+
+constexpr double kScale = 0.05;
+
+const std::string kDialing = "PMSG: Calling 9-1-1";
+const std::string kOperatorKeys =
+    "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
+// The healthy car's brand and position.
+const std::string kCrash1 = "ECALL: A crash has occurred in a Corvane vehicle: " + kOperatorKeys;
+const std::string kCrash2 =
+    "ECALL: A crash has occurred in a Corvane vehicle: Latitude... 42.33142. Longitude... -83.04575. " + kOperatorKeys;
+
+std::string buttonSignal(const std::string& type) {
+  return activeSignal(type, "E_CALL_BtnStat", "ECall button was pressed by the user");
+}
+const std::string kCrashB = activeSignal("acn", "CAN_IMPACT_B", "CAN - More severe rear event");
+
+bool isMicrophoneOpened(const Json::Value& r) {
+  return r["kind"].asString() == "request" && r["service"].asString() == "AudioCtrlSvc" &&
+         r["params"].asString() == "{\"gain\":0,\"input\":\"MIC2\",\"name\":\"mic2_mux1\"}\n";
+}
+
+size_t countOf(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
+  return n;
+}
+
+std::vector<Bytes> assistMessages(Scene& s) {
+  std::vector<Bytes> out;
+  for (const auto& m : s.channel())
+    if (!m.empty() && m[0] == 2) out.push_back(m);
+  return out;
+}
+
+}  // namespace
+
+// An airbag impact is a crash notification: no delay for the user to
+// cancel, the dialling prompt at once, and the crash announcements for the
+// operator.
+TEST(ImpactChannel, CrashCallsAtOnceAndAnnouncesTheCrashToTheOperator) {
+  Scene s(carOptions(kScale));
+  s.sim("crash B can");
+  // The microphones open once the operator has heard both announcements.
+  ASSERT_FALSE(s.car.waitForRecordSince(s.mark, isMicrophoneOpened, kLong).isNull());
+
+  EXPECT_EQ(s.signals(), Strings{kCrashB});
+  EXPECT_EQ(s.spoken(), (Strings{kDialing, kCrash1, kCrash2}));
+  Strings log = s.log();
+  EXPECT_TRUE(containsInOrder(log, {"Rx ORC CAN 0x0200", "ACR triggered on CAN - More severe rear event",
+                                    "send LED status 1", "TTS rqst 7", "Calling 911",
+                                    "Call Active.  Delay 6000 ms for PSAP TTS", "TTS rqst 10", "TTS rqst 11",
+                                    "Request unmute mic inputs"}))
+      << testing::PrintToString(log);
+  EXPECT_EQ(s.countInLog("Ecall delay 10 before calling"), 0u);
+  std::string out = s.car.serviceStdout();
+  EXPECT_NE(out.find("Ecall - IPC /dev/ipc/ch12 Read Impact: 00 01 02 00 00 00 00\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("Ecall - CAN Emergency CAN_IMPACT_B\n"), std::string::npos) << out;
+}
+
+// Only some impact kinds call, one message starts one emergency at most, and
+// the serial path is believed before the CAN path; a message too short for
+// its kind is dropped unseen.
+TEST(ImpactChannel, SerialTriggerWinsAndOtherKindsAreOnlyLogged) {
+  Scene s(carOptions(kScale));
+  s.sim("impact 00 01 00 02 00 00");     // six bytes: CAN kind I, but too short
+  s.sim("crash A can");                  // front pretensioner: logged, no call
+  s.sim("impact 00 01 02 00 01 00 02");  // CAN kind B and serial kind I
+  ASSERT_TRUE(s.waitForEmergency());
+  ASSERT_TRUE(s.car.waitForEmergencyLog("Calling 911\n", kLong));
+
+  EXPECT_EQ(s.signals(), Strings{activeSignal("acn", "SERIAL_IMPACT_I", "SERIAL - Rollover")});
+  Strings log = s.log();
+  Strings received;
+  for (const auto& line : log)
+    if (line.rfind("Rx ORC", 0) == 0) received.push_back(line);
+  EXPECT_EQ(received, (Strings{"Rx ORC CAN 0x0100", "Rx ORC serial 0x0002", "Rx ORC CAN 0x0200"}));
+  EXPECT_TRUE(containsInOrder(log, {"Rx ORC CAN 0x0200", "ACR triggered on SERIAL - Rollover"}));
+  std::string out = s.car.serviceStdout();
+  EXPECT_EQ(countOf(out, "Read Impact:"), 2u) << out;
+  EXPECT_NE(out.find("Ecall - Serial Emergency SERIAL_IMPACT_I\n"), std::string::npos) << out;
+  EXPECT_EQ(out.find("Ecall - CAN Emergency"), std::string::npos) << out;
+}
+
+// Each link-loss message states all three links. The LED turns red with the
+// first failure, stays red while any link is lost, and goes off with the
+// last; the user is told of the system error once.
+TEST(ImpactChannel, LinkLossSetsAndClearsItsThreeSourcesAndTheLedFollows) {
+  Scene s(carOptions(kScale));
+  s.sim("loc 1 0 0");
+  s.sim("loc 1 1 1");
+  s.sim("loc 0 1 0");
+  s.sim("loc 0 0 0");
+  const Strings expected = {
+      "System error ORC CAN LOC OCCURRED",
+      "First System error message generated due to ORC CAN LOC, current SystemError = 8",
+      "send LED status 3",
+      "System error handling set LED to 3",
+      "System error ORC Serial LOC CLEARED",
+      "System error Mirror LOC CLEARED",
+      "System error ORC CAN LOC OCCURRED",
+      "System error ORC Serial LOC OCCURRED",
+      "System error Mirror LOC OCCURRED",
+      "System error ORC CAN LOC CLEARED",
+      "System error ORC Serial LOC OCCURRED",
+      "System error Mirror LOC CLEARED",
+      "System error ORC CAN LOC CLEARED",
+      "System error ORC Serial LOC CLEARED",
+      "send LED status 0",
+      "System error handling set LED to 0",
+      "System error Mirror LOC CLEARED",
+  };
+  ASSERT_TRUE(testSupport::waitUntil([&] { return s.log().size() >= expected.size(); }, kLong))
+      << testing::PrintToString(s.log());
+  EXPECT_EQ(s.log(), expected);
+  EXPECT_EQ(s.led(), (std::vector<Bytes>{{1, 3}, {1, 0}}));
+  EXPECT_EQ(s.signals(), Strings{systemErrorSignal()});
+  EXPECT_NE(s.car.serviceStdout().find("Ecall - IPC /dev/ipc/ch12 Read LOC: 01 01 00 00\n"), std::string::npos);
+}
+
+// The 9-1-1 button on the mirror: a press starts the delay, holding it
+// starts nothing more, and a new press (after a release) cancels the delay.
+// Slower car: the cancel must come within the delay.
+TEST(MirrorButtons, EmergencyButtonStartsTheDelayOnceAndANewPressCancelsIt) {
+  Scene s(carOptions(0.1));
+  s.button("ecall", true);
+  s.sim("button ecall press");  // still held: the object does not change
+  s.button("ecall", false);
+  s.button("ecall", true);
+  ASSERT_TRUE(s.waitForIdle());
+
+  EXPECT_EQ(s.signals(), (Strings{buttonSignal("ecallDelay"), endedSignal(true), endedSignal(false)}));
+  EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
+  Strings log = s.log();
+  EXPECT_TRUE(containsInOrder(log, {"ecallBtn = 1", "ecallBtn = 0", "ecallBtn = 1",
+                                    "User cancelled mode during Ecall delay", "End emergency mode"}))
+      << testing::PrintToString(log);
+  EXPECT_EQ(s.countInLog("ecallBtn = 1"), 2u);
+  EXPECT_EQ(s.countInLog("Ecall delay 10 before calling"), 1u);
+  EXPECT_EQ(s.led(), (std::vector<Bytes>{{1, 1}, {1, 0}, {1, 0}}));
+}
+
+// Assist outside an emergency: the button lights the LED; the application's
+// reports keep the marker file, the controller's Assist status and the LED
+// in step, and its end gives Bluetooth back. During an emergency Assist is
+// stopped as soon as it runs, and the LED blinks, then is green again.
+TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
+  Scene s(carOptions(kScale));
+  const std::string marker = s.car.path("/tmp/embeddedCallActive");
+  s.button("assist", true);
+  ASSERT_TRUE(s.waitForLed({{1, 1}}));
+  EXPECT_EQ(s.countInLog("Assist button pressed. No other calls ongoing. LED solid green"), 1u);
+  s.button("assist", false);
+
+  s.sim("appmgr start");
+  ASSERT_TRUE(testSupport::waitUntil([&] { return testSupport::fileExists(marker); }, kLong));
+  s.sim("appmgr stop");
+  ASSERT_TRUE(s.waitForRequestCount("BluetoothService", "setBluetoothStatus", 2));
+  // Button; "initializing"; "appStarted"; "stopped"; "appStopped".
+  EXPECT_TRUE(s.waitForChannel({{1, 1}, {2, 1}, {1, 1}, {2, 1}, {1, 1}, {2, 0}, {1, 0}, {2, 0}, {1, 0}}))
+      << testing::PrintToString(s.channel());
+  EXPECT_FALSE(testSupport::fileExists(marker));
+  EXPECT_EQ(s.requests("BluetoothService"),
+            Strings(2, "setBluetoothStatus {\"enable\":true}\n"));
+  EXPECT_TRUE(s.requests("AppManager").empty());
+
+  // The emergency stops Assist once when it starts; the rest is Assist's own.
+  s.markNow();
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForEmergency());
+  ASSERT_TRUE(s.waitForRequestCount("AppManager", "stopApp", 1));
+  s.sim("appmgr start");
+  ASSERT_FALSE(s.car.waitForRecordSince(s.mark, [](const Json::Value& r) {
+                        return r["kind"].asString() == "signal" && r["name"].asString() == "appStopped";
+                      }, kLong).isNull());
+  // Blinking from "initializing", green again when the blink time is over.
+  EXPECT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
+  EXPECT_TRUE(testSupport::waitUntil([&] { return assistMessages(s).size() >= 4; }, kLong));
+  EXPECT_EQ(assistMessages(s), (std::vector<Bytes>{{2, 1}, {2, 1}, {2, 0}, {2, 0}}));
+  EXPECT_EQ(s.requests("AppManager"), Strings(2, "stopApp {\"appId\":\"" + kAssistApp + "\"}\n"));
+  EXPECT_EQ(s.countInLog("ecall active. Assist app initializing. blink LED green and close Assist"), 1u);
+  EXPECT_EQ(s.signals(), Strings{kCrashB});
+}
+
+// The blink timer ends a blink with the LED the moment asks for: green while
+// the emergency mode is on, off once it has ended, and red instead of off
+// while a system error stands (a red request during a call is refused).
+// The emergency is ended by hand ("exitEcall") at moments when no run of the
+// state machine is pending, and its callback period is cut short the same
+// way, within one blink; the car runs slower to keep that order.
+TEST(MirrorLed, BlinkEndsGreenInAnEmergencyAndOffOrRedOutsideIt) {
+  Scene s(carOptions(0.1));
+  auto endedWithModeActive = [&] {
+    return !s.waitForSignal([](const Json::Value& sig) {
+                return !sig["ecall"].asBool() && sig["ecallModeActive"].asBool();
+              }).isNull();
+  };
+  s.sim("crash B can");
+  ASSERT_TRUE(s.car.waitForEmergencyLog("Call Active.  Delay 6000 ms for PSAP TTS\n", kLong));
+  ASSERT_EQ(s.car.call("exitEcall"), kOk);
+  ASSERT_TRUE(endedWithModeActive());
+  s.button("assist", true);
+  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 0}, {1, 2}}));
+  ASSERT_EQ(s.car.call("exitEcall"), kOk);
+  ASSERT_TRUE(s.waitForIdle());
+  EXPECT_TRUE(s.waitForLed({{1, 1}, {1, 0}, {1, 2}, {1, 0}, {1, 0}})) << testing::PrintToString(s.led());
+  s.button("assist", false);
+
+  s.markNow();
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForEmergency());
+  s.sim("loc 0 1 0");
+  ASSERT_TRUE(s.car.waitForEmergencyLog("System error ORC Serial LOC OCCURRED\n", kLong));
+  s.button("assist", true);
+  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
+  s.button("assist", false);
+  // The second announcement is played by the command thread: the state
+  // machine has nothing pending.
+  ASSERT_TRUE(s.car.waitForEmergencyLog("TTS rqst 11\n", kLong));
+  ASSERT_EQ(s.car.call("exitEcall"), kOk);
+  ASSERT_TRUE(endedWithModeActive());
+  s.button("assist", true);
+  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}, {1, 3}, {1, 2}})) << testing::PrintToString(s.led());
+  ASSERT_EQ(s.car.call("exitEcall"), kOk);
+  ASSERT_TRUE(s.waitForIdle());
+  EXPECT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}, {1, 3}, {1, 2}, {1, 3}, {1, 3}})) << testing::PrintToString(s.led());
+  EXPECT_TRUE(s.car.waitForTrace("system error happened during ecall. ignore setting LED status to red request"));
+  EXPECT_EQ(s.countInLog("Assist button pressed. ECall in progress. Blink LED green"), 2u);
+}
+
+// Without the airbag controller's channel the service still starts, the
+// mirror buttons still work and the service stays up.
+TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorking) {
+  E2eOptions options = carOptions(kScale);
+  options.startService = false;
+  E2eHarness car(options);
+  ASSERT_EQ(unlink(car.path("/dev/ipc/ch12").c_str()), 0);
+  car.startService();
+  ASSERT_TRUE(car.waitForSlog("cannot open ORC IPC channel /dev/ipc/ch12"));
+  EXPECT_TRUE(car.waitForTrace("cannot open ORC IPC channel /dev/ipc/ch12"));
+  ASSERT_TRUE(car.waitForEmergencyLog("ecallBtn = 0\n"));
+
+  EXPECT_EQ(car.sim("button ecall press").rfind("ok", 0), 0u);
+  EXPECT_FALSE(car.waitForEcallSignal([](const Json::Value& sig) { return sig["ecall"].asBool(); }, kLong).isNull());
+  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
+  EXPECT_TRUE(car.serviceRunning());
+  EXPECT_FALSE(car.waitForChannelConnected(ms(0)));
+}
