@@ -171,10 +171,12 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   s.button("assist", false);
 
   s.sim("appmgr start");
-  ASSERT_TRUE(testSupport::waitUntil([&] { return testSupport::fileExists(marker); }, kLong));
+  // Button; "initializing"; "appStarted".
+  ASSERT_TRUE(s.waitForChannel({{1, 1}, {2, 1}, {1, 1}, {2, 1}, {1, 1}})) << testing::PrintToString(s.channel());
+  EXPECT_TRUE(testSupport::fileExists(marker));
   s.sim("appmgr stop");
   ASSERT_TRUE(s.waitForRequestCount("BluetoothService", "setBluetoothStatus", 2));
-  // Button; "initializing"; "appStarted"; "stopped"; "appStopped".
+  // Then "stopped" and "appStopped".
   EXPECT_TRUE(s.waitForChannel({{1, 1}, {2, 1}, {1, 1}, {2, 1}, {1, 1}, {2, 0}, {1, 0}, {2, 0}, {1, 0}}))
       << testing::PrintToString(s.channel());
   EXPECT_FALSE(testSupport::fileExists(marker));
