@@ -377,6 +377,36 @@ TEST(EmergencyCall, CallEndingBeforeItIsAnsweredIsRetriedEveryRetryPeriod) {
   EXPECT_TRUE(car.waitForTrace("PSAP ecall failed, trying again in 60000ms"));
 }
 
+// The centre's line rings but nobody answers: the connect time-out reports
+// the failure and keeps waiting for the call; once it ends, the retry
+// period runs and the call is made again.
+TEST(EmergencyCall, UnansweredCallTimesOutAndIsRedialledAfterItEnds) {
+  Scene s(carOptions({"set answer manual"}));
+  E2eHarness& car = s.car;
+  ASSERT_EQ(car.call("startEcall"), kOk);
+  ASSERT_FALSE(car.waitForRecordSince(
+                      s.mark, [](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", "ALERTING"); },
+                      kLong)
+                   .isNull());
+  Json::Value failed = car.waitForEcallSignalSince(
+      s.mark, [](const Json::Value& sig) { return sig["type"].asString() == "failed"; }, kLong);
+  ASSERT_FALSE(failed.isNull());
+  EXPECT_TRUE(car.waitForTrace("PSAP ecall timeout, sending failed so retry strategy can kick in"));
+  EXPECT_EQ(car.requestsSince(s.mark, "EmbeddedPhone", "ecallDial").size(), 1u);
+
+  s.sim("set answer auto");
+  s.sim("psap hangup");
+  ASSERT_TRUE(car.waitForEmergencyLog("Call Active.  Delay 6000 ms for PSAP TTS", kLong));
+  std::vector<Json::Value> dials = car.requestsSince(s.mark, "EmbeddedPhone", "ecallDial");
+  ASSERT_EQ(dials.size(), 2u);
+  Json::Value ended = car.waitForRecordSince(
+      s.mark, [](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", "TERMINATED"); }, ms(0));
+  EXPECT_GE(at(dials[1]) - at(ended), atLeast(60000)) << "the retry period";
+  EXPECT_SOON_EQ(car.ecallSignalTextsSince(s.mark),
+                 (Strings{buttonSignal("ecallDelay"), buttonSignal("failed"), buttonSignal("failed")}));
+  EXPECT_TRUE(containsInOrder(logSince(car, s.logMark), {"Calling 911", "Error Call Failed", "Calling 911"}));
+}
+
 // The operator presses 1 during the announcement: it stops, the microphones
 // open, and the position is read out instead of the second announcement.
 TEST(EmergencyCall, OperatorKeyOneStopsTheAnnouncementAndHearsThePosition) {
