@@ -185,14 +185,10 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
     startDelayEcallRequest();
   } else {
     // The callback is started by the call state, not from here.
-    scope.sendFormattedError(
-        "Ecall type %d not recognized.  Someone added types and code without updating function "
-        "emergencyHappened()\n",
-        newMode);
-    sendtoSlog(_SLOG_WARNING,
-               "Ecall type %d not recognized.  Someone added types and code without updating function "
-               "emergencyHappened()\n",
-               newMode);
+    const char* notRecognized =
+        "Ecall type %d not recognized.  Someone added types and code without updating function emergencyHappened()\n";
+    scope.sendFormattedError(notRecognized, newMode);
+    sendtoSlog(_SLOG_WARNING, notRecognized, newMode);
   }
 }
 
@@ -204,13 +200,9 @@ void ecallProcessor::processEcallBtnPressWithSystemError() {
   if (error == 0 || error == ecallSystemFailure::bitMask[ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT]) {
     if (isTimerActive(timerDelaySysErr4NoSierraComm) || isTimerActive(timerTimeoutPhoneNotPresent)) {
       scope.sendFormattedMessage(
-          "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. system error: "
-          "%d\n",
-          error);
+          "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. system error: %d\n", error);
       addFormattedEntryToEmergencyLog(
-          "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. System error: "
-          "%d\n",
-          error);
+          "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. System error: %d\n", error);
       requestHMIDisplayPleaseWaitPopup();
     }
     return;

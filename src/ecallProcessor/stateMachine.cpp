@@ -78,8 +78,7 @@ void ecallStateMachine::run() {
     receivePulse();
     if (!extServHandle.getEmebeddedPhoneEnabledInVariant()) {
       scope.sendFormattedMessage(
-          "ecallService state machine triggered, but since the VARIANT_ECELL indicates no embedded phone, do not "
-          "act on the event\n");
+          "ecallService state machine triggered, but since the VARIANT_ECELL indicates no embedded phone, do not act on the event\n");
       act = false;
     }
     if (!act) continue;

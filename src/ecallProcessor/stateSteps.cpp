@@ -143,8 +143,7 @@ void ecallStateMachine::stepMakeCall() {
     // call-ended pulse dials again.
     stopEcallTimeoutTimer();
     scope.sendFormattedError(
-        "PSAP ecall timeout when attempting to make the call (no transition out of IDLE), sending failed so retry "
-        "strategy can kick in\n");
+        "PSAP ecall timeout when attempting to make the call (no transition out of IDLE), sending failed so retry strategy can kick in\n");
     ecallHandler.addEntryToEmergencyLog("Error: Call state did not transition after successful dial request\n");
     emitEcall(true, type, ecallMain::CALL_FAILED);
   }

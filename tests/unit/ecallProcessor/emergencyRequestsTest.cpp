@@ -69,8 +69,10 @@ TEST_F(EmergencyRequestsTest, ButtonPressDuringCallBlinksAndSignalsRepeat) {
 
   EXPECT_EQ(probe->next(), ECALL_PULSE_DELAY_START);
   EXPECT_EQ(ecallHandler.getCurCallModeType(), ecallMain::CALL_ECALL);
+  // The blink returns to the steady state when its timer runs out.
+  ASSERT_TRUE(waitForLog("send LED status", 2));
   EXPECT_TRUE(inOrder(logEntries(), {"ECall Button pressed again during ecall process. Send LED blink green",
-                                     "send LED status 2"}));
+                                     "send LED status 2", "send LED status 0"}));
   ASSERT_EQ(ecallSignals().size(), 1u);
   EXPECT_TRUE(ecallSignals()[0].ecall);
   EXPECT_EQ(ecallSignals()[0].type, "ecall_button_repeat");

@@ -197,6 +197,22 @@ class StateMachineFixture : public ::testing::Test {
     return testSupport::waitUntil([&] { return logCount(part) >= count; }, deadline);
   }
 
+  // Waits until the state machine has finished the pulses queued so far: a
+  // run pulse of the test's own comes after them, and the machine is back
+  // at the top of its loop once it has handled it.
+  void waitUntilMachineCaughtUp() const {
+    const size_t before = log.countTrace("Received run state machine pulse");
+    sendStateMachinePulse(ECALL_PULSE_RUN_STATE_MACHINE);
+    ASSERT_TRUE(testSupport::waitUntil([&] {
+      size_t received = 0;
+      for (const std::string& trace : log.traces()) {
+        if (trace.find("Received run state machine pulse") != std::string::npos) ++received;
+        if (received > before && trace.find("step 0: stateMachine before switch") != std::string::npos) return true;
+      }
+      return false;
+    }));
+  }
+
   // The emergency mode is over and the machine is back in idle with no
   // timer of its own pending.
   bool waitForIdle(size_t endings = 1) const { return waitForLog("End emergency mode", endings); }

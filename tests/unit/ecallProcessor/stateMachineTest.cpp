@@ -138,6 +138,7 @@ TEST_F(StateMachineTest, DialThatNeverLeavesIdleTimesOutAndRedialsOnCallEnded) {
 
   ecallHandler.emergencyHappened(ecallMain::SERIAL_IMPACT_X);
   ASSERT_TRUE(waitForLog("Error: Call state did not transition after successful dial request"));
+  ASSERT_TRUE(fakeBus::waitForEmitted("ecall", 2));
   EXPECT_EQ(ecallSignalSummary(), (std::vector<std::string>{"true:acn", "true:failed"}));
   EXPECT_TRUE(log.hasTrace("no transition out of IDLE"));
   EXPECT_EQ(requestCount("ecallDial"), 1u);
@@ -189,6 +190,7 @@ TEST_F(StateMachineTest, MissingEmergencyNumberRaisesTheFailureOnce) {
   ecallHandler.emergencyHappened(ecallMain::CAN_IMPACT_B);
   ASSERT_TRUE(testSupport::waitUntil(
       [&] { return log.countTrace("PSAP ecall number not set in the embedded phone") >= 2; }));
+  ASSERT_NO_FATAL_FAILURE(waitUntilMachineCaughtUp());
   EXPECT_EQ(logCount("Error failed to obtain PSAP number"), 1u);
 
   // The number came and went again; a system error has been told before.
@@ -218,7 +220,7 @@ TEST_F(StateMachineTest, CallbackIsRungAnsweredAndEnded) {
   ASSERT_NO_FATAL_FAILURE(startService());
 
   ASSERT_NO_FATAL_FAILURE(callState("CALL_STATE_RINGING", "5551234"));
-  ASSERT_TRUE(fakeBus::waitForRequests(EMBEDDED_PHONE_SERVICE, "acceptIncomingCall", 1));
+  ASSERT_TRUE(waitForLog("Incoming Call - answer phone cmd sent to embedded phone"));
   ASSERT_NO_FATAL_FAILURE(callState("CALL_STATE_ACTIVE", "5551234"));
   ASSERT_TRUE(waitForLog("Incoming Call - Active"));
   EXPECT_TRUE(ecallHandler.getCallConnected());
