@@ -1,5 +1,232 @@
 // The vehicle around the service end to end: its variant, brand and
-// language, the cellular module's resets and USB ports, and Bluetooth.
+// language, the cellular module's resets and USB ports, and Bluetooth, on the
+// real ecallService in the simulated car.
+//
+// The car runs at 1/20 of real time, except where the service's five-minute
+// module delays are waited for in full.
 #include <gtest/gtest.h>
 
-#include "support/e2eHarness.h"
+#include <string>
+#include <vector>
+
+#include "carScene.h"
+
+using namespace carScene;
+using testSupport::containsInOrder;
+
+namespace {
+
+constexpr double kScale = 0.05;
+
+const std::string kOperatorKeys =
+    "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
+const std::string kPosition = "Latitude... 42.33142. Longitude... -83.04575. ";
+const std::string kCrashB = activeSignal("acn", "CAN_IMPACT_B", "CAN - More severe rear event");
+const std::string kNoPhoneVariant =
+    "but since the VARIANT_ECELL indicates no embedded phone, do not act on the event";
+
+bool isMicrophoneOpened(const Json::Value& r) {
+  return r["kind"].asString() == "request" && r["service"].asString() == "AudioCtrlSvc" &&
+         r["params"].asString() == "{\"gain\":0,\"input\":\"MIC2\",\"name\":\"mic2_mux1\"}\n";
+}
+
+// The same signal text with a Bluetooth call reported active.
+std::string withBluetoothCall(std::string signal) {
+  const std::string idle = "\"BTCallActive\":false";
+  signal.replace(signal.find(idle), idle.size(), "\"BTCallActive\":true");
+  return signal;
+}
+
+size_t countOf(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
+  return n;
+}
+
+Strings containing(const Strings& lines, const Strings& parts) {
+  Strings out;
+  for (const auto& line : lines)
+    for (const auto& part : parts)
+      if (line.find(part) != std::string::npos) {
+        out.push_back(line);
+        break;
+      }
+  return out;
+}
+
+}  // namespace
+
+// A vehicle built without the embedded phone: the service stays on the bus
+// but no input starts an emergency, its state machine takes no step, and a
+// failure reaches neither the user nor the LED; only the first failure event
+// of the run is logged (at start-up, the phone's sources are cleared).
+TEST(Variant, WithoutEmbeddedPhoneNoEmergencyIsActedOn) {
+  Scene s(carOptions(kScale, {"set variant NO"}), false);
+  s.sim("button ecall press");
+  s.sim("crash B can");
+  const std::string ignored = "Emergency event detected " + kNoPhoneVariant;
+  ASSERT_TRUE(s.waitForLogCount(ignored, 1));
+  EXPECT_EQ(s.car.call("startEcall"), kOk);
+  ASSERT_TRUE(s.waitForLogCount(ignored, 2));
+  s.sim("loc 1 1 1");
+  ASSERT_TRUE(s.car.waitForTrace("Ecall System failure source received \"Mirror LOC\":true"));
+  EXPECT_EQ(s.car.call("exitEcall"), kOk);
+  ASSERT_TRUE(s.car.waitForTrace("ecallService state machine triggered, " + kNoPhoneVariant));
+
+  EXPECT_EQ(s.log(), (Strings{"Rx ORC CAN 0x0200", ignored, ignored}));
+  Strings whole = s.car.emergencyLogMessages();
+  EXPECT_EQ(containing(whole, {"System error"}), Strings{"System error cleared, " + kNoPhoneVariant});
+  EXPECT_TRUE(s.car.ecallSignals().empty());
+  EXPECT_TRUE(s.car.channelMessages().empty()) << "no LED or Assist message in such a vehicle";
+  EXPECT_TRUE(s.car.requests("EmbeddedPhone", "ecallDial").empty());
+  EXPECT_TRUE(s.car.requests("TextToSpeechService").empty());
+  EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
+}
+
+// The occupants hear the prompts in the head unit's language, the operator
+// always hears English with the vehicle's brand; an unknown brand or
+// language keeps the last good one.
+TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInEnglish) {
+  Scene s(carOptions(kScale, {"set brand 7", "set language fr_CA"}));
+  const std::string dialling = "PMSG: Appel du 9-1-1.";
+  ASSERT_EQ(s.car.call("startEcall"), kOk);
+  ASSERT_FALSE(s.car.waitForRecordSince(s.mark, isMicrophoneOpened, kLong).isNull());
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForIdle());
+  EXPECT_EQ(s.spoken(),
+            (Strings{"PMSG: Appel du 9-1-1. Pour annuler, appuyez sur le bouton 9-1-1 sur le retroviseur.", dialling,
+                     "ECALL: Emergency call from a Roadmast vehicle: " + kOperatorKeys,
+                     "ECALL: Emergency call from a Roadmast vehicle: " + kPosition + kOperatorKeys,
+                     "PMSG: Fin de l'appel au 9-1-1. Pour rappeler, appuyez sur le bouton 9-1-1 sur le retroviseur."}));
+  EXPECT_TRUE(containsInOrder(s.log(), {"Speaker TTS language French", "Vehicle brand Roadmast", "TTS rqst 1"}))
+      << testing::PrintToString(s.log());
+
+  s.markNow();
+  s.sim("set brand 13");
+  s.sim("set language de_DE");
+  s.sim("crash B can");
+  ASSERT_FALSE(s.car.waitForRecordSince(s.mark, isMicrophoneOpened, kLong).isNull());
+  EXPECT_EQ(s.spoken(), (Strings{dialling, "ECALL: A crash has occurred in a Roadmast vehicle: " + kOperatorKeys,
+                                 "ECALL: A crash has occurred in a Roadmast vehicle: " + kPosition + kOperatorKeys}));
+  EXPECT_TRUE(containsInOrder(s.log(), {"Speaker TTS language French",
+                                        "Vehicle brand received invalid, using current brand Roadmast", "TTS rqst 7"}))
+      << testing::PrintToString(s.log());
+}
+
+// A phone that stays away: after the phone-not-present time the module is
+// reset through the vehicle micro, then given five minutes, up to three
+// resets; then the phone counts as not present. Its return clears that and
+// makes the three resets available again. Time lower bounds are read on the
+// simulator's clock.
+TEST(ModuleReset, SilentPhoneIsResetThreeTimesThenReportedAndItsReturnStartsAfresh) {
+  constexpr double scale = 0.01;
+  Scene s(carOptions(scale));
+  const std::string marker = s.car.path("/tmp/resetSierraInprogress");
+  s.sim("phone off");
+  ASSERT_TRUE(s.waitForChannel({{3}}));
+  EXPECT_TRUE(testSupport::fileExists(marker));
+  ASSERT_TRUE(s.waitForLogCount("System error handling set LED to 3", 1));
+  EXPECT_TRUE(s.waitForChannel({{3}, {3}, {3}, {1, 3}})) << testing::PrintToString(s.channel());
+  EXPECT_EQ(s.signals(), Strings{systemErrorSignal()});
+  EXPECT_EQ(containing(s.log(), {"Sierra", "V850", "System error"}),
+            (Strings{"Sent IPC message to V850 to reset Sierra 1th time",
+                     "Phone not present timer is off. Already requested V850 to reset Sierra Module. Start 5 min timer",
+                     "Sent IPC message to V850 to reset Sierra 2th time",
+                     "Delay System Error timer is off. Already requested V850 to reset Sierra Module. Restart 5 min timer",
+                     "Sent IPC message to V850 to reset Sierra 3th time",
+                     "Delay System Error timer is off. Already requested V850 to reset Sierra Module. Restart 5 min timer",
+                     "After all V850 resets, Emb Phone status is still OFF. Set System error",
+                     "System error embedded phone not present OCCURRED",
+                     "First System error message generated due to embedded phone not present, current SystemError = 1",
+                     "System error handling set LED to 3"}));
+  std::vector<Json::Value> resets = s.car.recordsSince(s.mark, "channel");
+  Json::Value off = s.car.waitForRecordSince(
+      s.mark, [](const Json::Value& r) { return r["name"].asString() == "embeddedPhoneStatus"; }, ms(0));
+  ASSERT_GE(resets.size(), 3u);
+  EXPECT_GE(resets[0]["t"].asDouble() - off["t"].asDouble(), 0.8 * 30 * scale) << "the phone-not-present time";
+  EXPECT_GE(resets[1]["t"].asDouble() - resets[0]["t"].asDouble(), 0.8 * 300 * scale) << "the module's five minutes";
+  EXPECT_GE(resets[2]["t"].asDouble() - resets[1]["t"].asDouble(), 0.8 * 300 * scale) << "the module's five minutes";
+
+  s.sim("phone on");
+  ASSERT_TRUE(s.waitForChannel({{3}, {3}, {3}, {1, 3}, {1, 0}})) << testing::PrintToString(s.channel());
+  EXPECT_FALSE(testSupport::fileExists(marker));
+  EXPECT_EQ(s.countInLog("System error embedded phone not present CLEARED"), 1u);
+  s.sim("phone off");
+  EXPECT_TRUE(s.waitForLogCount("Sent IPC message to V850 to reset Sierra 1th time", 2));
+  EXPECT_TRUE(s.waitForChannel({{3}, {3}, {3}, {1, 3}, {1, 0}, {3}})) << testing::PrintToString(s.channel());
+  EXPECT_TRUE(testSupport::fileExists(marker));
+}
+
+// The bus method named for the GPS resets the whole cellular module, and is
+// held to the same limit of three resets.
+TEST(ModuleReset, HardResetGpsResetsTheModuleUpToTheLimit) {
+  Scene s(carOptions(kScale));
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(s.car.call("hardResetGPS"), kOk);
+  // Requests are served in order: this entry follows the fourth reset.
+  s.car.call("logStringToEcallLog", "{\"message\":\"after the resets\\n\"}", 300);
+  ASSERT_TRUE(s.car.waitForEmergencyLog("after the resets\n"));
+  EXPECT_TRUE(s.waitForChannel({{3}, {3}, {3}})) << testing::PrintToString(s.channel());
+  std::string log = s.car.emergencyLog();
+  EXPECT_EQ(countOf(log, "Calling v850ResetSierra from an external dbus call"), 4u);
+  for (const char* nth : {"1th", "2th", "3th"})
+    EXPECT_EQ(countOf(log, std::string("Sent IPC message to V850 to reset Sierra ") + nth + " time\n"), 1u) << nth;
+  EXPECT_EQ(countOf(log, "Sent IPC message to V850"), 3u);
+  EXPECT_TRUE(testSupport::fileExists(s.car.path("/tmp/resetSierraInprogress")));
+}
+
+// A Bluetooth call that is up when a crash happens is reported to the head
+// unit; Bluetooth is switched off for the emergency (its dropped call is not
+// believed meanwhile) and on again after it, when its calls count again.
+TEST(Bluetooth, CallAtTheCrashIsReportedAndBluetoothIsOffForTheEmergency) {
+  Scene s(carOptions(kScale));
+  s.sim("bt callstate active");
+  const std::string activeCall = "Received BT call state info {\"callStateInfo\":[{\"callState\":\"active\"}]}";
+  ASSERT_TRUE(s.car.waitForTrace(activeCall));
+  s.sim("crash B can");
+  ASSERT_TRUE(s.car.waitForEmergencyLog("Call Active.  Delay 6000 ms for PSAP TTS\n", kLong));
+  // Switching Bluetooth off ended its call; the service did not take it.
+  ASSERT_TRUE(s.car.waitForTrace("mWillDisconnBT = 1"));
+  ASSERT_EQ(s.car.call("startEcall"), kOk);  // the button during the call
+  ASSERT_FALSE(s.waitForSignal([](const Json::Value& sig) {
+                  return sig["type"].asString() == "ecall_button_repeat";
+                }).isNull());
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForIdle());
+
+  std::string repeat = withBluetoothCall(kCrashB);
+  repeat.replace(repeat.find("\"911\""), 5, "\"\"");
+  repeat.replace(repeat.find("\"acn\""), 5, "\"ecall_button_repeat\"");
+  // The phone's end of the call also ends what the service knew of Bluetooth.
+  EXPECT_EQ(s.signals(), (Strings{withBluetoothCall(kCrashB), repeat, endedSignal(true), endedSignal(false)}));
+  EXPECT_EQ(s.requests("BluetoothService"),
+            (Strings{"switchBluetoothOff ", "setBluetoothStatus {\"enable\":true}\n"}));
+
+  // Bluetooth is on again: its new call is taken, and the Assist button
+  // blinks for it.
+  s.markNow();
+  const size_t before = s.countInTrace(activeCall);
+  s.sim("bt callstate active");
+  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(activeCall) > before; }, kLong));
+  s.button("assist", true);
+  EXPECT_TRUE(s.waitForLed({{1, 2}})) << testing::PrintToString(s.led());
+  EXPECT_EQ(s.countInLog("Assist button pressed. BTCall in progress. Blink LED green"), 1u);
+}
+
+// When the phone is seen OFF, the module's USB ports the phone service still
+// sees go to the emergency log: at start-up from the status query, later
+// from the phone's own report.
+TEST(ModuleUsbPorts, PhoneGoingOffWritesTheModulePortsToTheLog) {
+  Scene s(carOptions(kScale, {"phone off", "reply EmbeddedPhone getUsbPorts {\"code\":0,\"ports\":[\"swiusb0\",\"swiusb2\"]}"}));
+  Strings whole = s.car.emergencyLogMessages();
+  EXPECT_TRUE(containsInOrder(whole, {"Get Embedded Phone Status: change from UNKNOWN to OFF. SWIUSB ports: swiusb0, swiusb2",
+                                      "Got Phone Status: OFF at startup. Start delay System Error popup timer"}))
+      << testing::PrintToString(whole);
+
+  s.sim("phone on");
+  ASSERT_TRUE(s.car.waitForEmergencyLog("Got Phone Status: ON. Stop delay System Error popup timer."));
+  s.sim("reply EmbeddedPhone getUsbPorts {\"ports\":[\"swiusb1\",\"swiusb3\"]}");
+  s.sim("phone off");
+  ASSERT_TRUE(s.car.waitForEmergencyLog("SWIUSB ports: swiusb1, swiusb3\n", kLong));
+  EXPECT_EQ(testSupport::requestTexts(s.car.requests("EmbeddedPhone", "getUsbPorts")),
+            Strings(2, "getUsbPorts "));
+}
