@@ -2,7 +2,6 @@
 
 #include <time.h>
 
-#include <cmath>
 #include <memory>
 
 #include "platform/runtime.h"
@@ -62,8 +61,12 @@ bool Recorder::open(const std::string& path) {
 
 void Recorder::record(Json::Value entry, const std::string& readable) {
   double now = monotonicSeconds();
-  entry["t"] = std::round(now * 1e6) / 1e6;
-  std::string line = jsonText(entry);
+  // The time goes last, in microseconds: more digits would only be noise.
+  std::string line = oneLine(jsonText(entry));
+  char stampMember[48];
+  snprintf(stampMember, sizeof stampMember, "%s\"t\":%.6f}\n", entry.empty() ? "" : ",", now);
+  line.pop_back();  // the closing brace
+  line += stampMember;
   std::lock_guard<std::mutex> lock(mMutex);
   if (mFile) {
     fputs(line.c_str(), mFile);

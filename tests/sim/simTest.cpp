@@ -48,9 +48,11 @@ Json::Value ask(E2eHarness& car, const std::string& service, const std::string& 
 class SignalTap {
  public:
   SignalTap(const std::string& bus, const std::string& service, const char* signal) {
-    SVCIPC_getConnectionByAddress(bus.c_str(), &mConnection);
+    SVCIPC_tError rc = SVCIPC_getConnectionByAddress(bus.c_str(), &mConnection);
+    EXPECT_FALSE(SVCIPC_IS_ERROR(rc)) << "rc 0x" << std::hex << rc;
     std::string path = "/com/nordak/service/" + service;
-    EXPECT_FALSE(SVCIPC_IS_ERROR(SVCIPC_subscribe(mConnection, path.c_str(), signal, &SignalTap::on, this, &mSub)));
+    rc = SVCIPC_subscribe(mConnection, path.c_str(), signal, &SignalTap::on, this, &mSub);
+    EXPECT_FALSE(SVCIPC_IS_ERROR(rc)) << "subscribing to " << signal << ", rc 0x" << std::hex << rc;
   }
   ~SignalTap() { SVCIPC_closeConnection(mConnection); }
 
