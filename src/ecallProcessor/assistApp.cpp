@@ -29,28 +29,17 @@ const char* xletStateText(eXletState state) {
   return state >= 0 && state < XLET_STATE_COUNT ? eXletStateString[state].c_str() : "unknown";
 }
 
-// A text member of a signal's data; false when absent (or not a text).
-bool memberText(const Json::Value& data, const char* name, std::string& text) {
-  if (!data.isObject()) return false;
-  const Json::Value& member = data[name];
-  if (!member.isString()) return false;
-  text = member.asString();
+// A member the signal must carry, as text; false when it is absent.
+bool requiredMember(const Json::Value& data, const char* name, std::string& text) {
+  if (!data.isObject() || !data.isMember(name)) return false;
+  text = jsonGetString(data, name, "");
   return true;
-}
-
-// "errorCode" of an application signal: absent is 0; a value that is not a
-// readable integer counts as an error.
-int memberErrorCode(const Json::Value& data) {
-  if (!data.isObject() || !data.isMember("errorCode")) return 0;
-  const Json::Value& member = data["errorCode"];
-  if (member.isNull()) return 0;
-  return member.isInt() ? member.asInt() : -1;
 }
 
 void onOperStatus(CQVTraceScope& scope, const char* text, const Json::Value& data) {
   scope.sendFormattedMessage("Received App Manager xlet operation status data: %s\n", text);
   std::string appId, state;
-  if (!memberText(data, "appId", appId) || !memberText(data, "state", state)) return;
+  if (!requiredMember(data, "appId", appId) || !requiredMember(data, "state", state)) return;
   if (appId.find(assistAppUUID.get()) == std::string::npos) return;
 
   scope.sendFormattedMessage("Assist App state received, state %s\n", state.c_str());
@@ -65,10 +54,10 @@ void onOperStatus(CQVTraceScope& scope, const char* text, const Json::Value& dat
 
 void onAppLifeSignal(CQVTraceScope& scope, const std::string& name, const Json::Value& data) {
   std::string appId;
-  if (!memberText(data, "appId", appId) || appId.find(assistAppUUID.get()) == std::string::npos) return;
+  if (!requiredMember(data, "appId", appId) || appId.find(assistAppUUID.get()) == std::string::npos) return;
 
   scope.sendFormattedMessage("Received Assist App %s", name.c_str());
-  int errorCode = memberErrorCode(data);
+  int errorCode = jsonGetInt(data, "errorCode", 0);
   if (errorCode != 0) {
     scope.sendFormattedMessage("Assist App %s with error %d. Do nothing", name.c_str(), errorCode);
     return;

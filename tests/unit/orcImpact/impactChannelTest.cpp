@@ -1,0 +1,110 @@
+// Impact and link-loss messages of the restraint controller channel.
+#include <atomic>
+#include <thread>
+
+#include "unit/orcImpact/orcFixture.h"
+
+namespace {
+
+using namespace orcTest;
+using namespace ecallMain;
+
+class ImpactChannelTest : public OrcFixture {
+ protected:
+  // The emergency one message starts, and what it printed.
+  eEmergencyType handle(const Bytes& msg, std::string* printed = nullptr) {
+    ecallHandler.curECallType = NONE;
+    ecallHandler.curCallModeType = CALL_NONE;
+    testing::internal::CaptureStdout();
+    canIpcEmergencyHandler.processOrcMessage(msg.data(), static_cast<int>(msg.size()));
+    std::string out = testing::internal::GetCapturedStdout();
+    if (printed) *printed = out;
+    return ecallHandler.curECallType;
+  }
+};
+
+TEST_F(ImpactChannelTest, EachImpactBitAloneStartsOnlyTheEmergencyOfItsPathsTriggerList) {
+  // Per path, the type each of the 16 bits (byte 0 bit 0 first) starts.
+  const int serial[16] = {0, 16, 17, 0, 0, 19, 0, 0, 21, 22, 0, 24, 0, 0, 0, 0};
+  const int can[16] = {0, 3, 4, 0, 0, 6, 0, 7, 0, 9, 0, 11, 0, 0, 0, 14};
+  for (bool isSerial : {true, false}) {
+    for (int bit = 0; bit < 16; ++bit) {
+      Bytes msg(7, 0);
+      msg[isSerial ? 4 : 1] = 1;
+      msg[(isSerial ? 5 : 2) + bit / 8] = static_cast<uint8_t>(1u << (bit % 8));
+      const int expected = (isSerial ? serial : can)[bit];
+      std::string printed;
+      EXPECT_EQ(expected, handle(msg, &printed)) << (isSerial ? "serial" : "CAN") << " bit " << bit;
+      const std::string announced = std::string(isSerial ? "Serial" : "CAN") + " Emergency " + EmergencyEvent[expected];
+      EXPECT_EQ(expected != NONE, printed.find(announced + "\n") != std::string::npos) << printed;
+    }
+  }
+}
+
+TEST_F(ImpactChannelTest, SerialPathIsCheckedFirstAndOnlyOneEmergencyStarts) {
+  std::string printed;
+  EXPECT_EQ(SERIAL_IMPACT_I, handle({0x00, 0x01, 0x02, 0x00, 0x01, 0x00, 0x02}, &printed));
+  EXPECT_EQ("Ecall - IPC /dev/ipc/ch12 Read Impact: 00 01 02 00 01 00 02\n"
+            "Ecall - Serial Emergency SERIAL_IMPACT_I\n",
+            printed);
+  EXPECT_TRUE(log.hasTrace("IPC /dev/ipc/ch12 Rx: 00 01 02 00 01 00 02\n"));
+  EXPECT_TRUE(logHas("Rx ORC serial 0x0002\n"));
+  EXPECT_TRUE(logHas("Rx ORC CAN 0x0200\n"));
+}
+
+TEST_F(ImpactChannelTest, LoggedOnlyKindsInvalidPathsAndMalformedMessagesStartNothing) {
+  EXPECT_EQ(NONE, handle({0x00, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00}));  // kind A
+  EXPECT_TRUE(logHas("Rx ORC CAN 0x0100\n"));
+  // A path counts only when its valid byte is exactly 1.
+  EXPECT_EQ(NONE, handle({0x00, 0x02, 0x02, 0x00, 0x00, 0x00, 0x00}));
+  EXPECT_EQ(NONE, handle({0x00, 0x00, 0x00, 0x00, 0x02, 0x02, 0x00}));
+  EXPECT_FALSE(logHas("Rx ORC CAN 0x0200") || logHas("Rx ORC serial 0x"));
+
+  // A short impact or LOC message and an unknown kind leave no trace at all.
+  log.clear();
+  for (const Bytes& msg : {Bytes{0x00, 0x01, 0x02, 0x00, 0x01, 0x00}, Bytes{0x01, 0x01, 0x01},
+                           Bytes{0x02, 0x01, 0x02, 0x00, 0x01, 0x00, 0x02}}) {
+    std::string printed;
+    EXPECT_EQ(NONE, handle(msg, &printed));
+    EXPECT_EQ("", printed);
+  }
+  EXPECT_FALSE(log.hasTrace("Rx") || log.hasTrace("Start add entry"));
+  EXPECT_EQ(0u, ecallHandler.systemError.load());
+}
+
+TEST_F(ImpactChannelTest, LocMessageSetsOrClearsEachOfTheThreeLinks) {
+  using namespace ecallSystemFailure;
+  ecallHandler.systemError = bitMask[ORC_CAN_LOC] | bitMask[MIRROR_LOC];
+  std::string printed;
+  handle({0x01, 0x00, 0x01, 0x00}, &printed);
+  EXPECT_EQ(bitMask[ORC_SERIAL_LOC], ecallHandler.systemError.load());
+  EXPECT_EQ("Ecall - IPC /dev/ipc/ch12 Read LOC: 01 00 01 00\n", printed);
+  // Only the value 1 means lost.
+  handle({0x01, 0x01, 0x02, 0x01, 0x01, 0x01});
+  EXPECT_EQ(bitMask[ORC_CAN_LOC] | bitMask[MIRROR_LOC], ecallHandler.systemError.load());
+}
+
+TEST_F(ImpactChannelTest, ReaderTakesOneMessagePerReadAndDumpsNoFurtherThanByte252) {
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair));
+  static std::atomic<int> readerFd;  // the reader stays blocked on it until exit
+  readerFd = pair[0];
+  std::thread(canImpactThrdFunc, &readerFd).detach();
+
+  // Impact messages without a valid path: their trace is the reader's last act.
+  for (size_t size : {300, 200}) {
+    Bytes msg(size);
+    for (size_t i = 0; i < size; ++i) msg[i] = static_cast<uint8_t>(i);
+    msg[0] = msg[1] = 0;
+    ASSERT_EQ(ssize_t(size), write(pair[1], msg.data(), size));
+  }
+  ASSERT_TRUE(testSupport::waitUntil([&] { return log.countTrace("IPC /dev/ipc/ch12 Rx: ") == 2; }));
+  std::vector<std::string> dumps;
+  for (const std::string& text : log.traces())
+    if (text.rfind("IPC /dev/ipc/ch12 Rx: ", 0) == 0) dumps.push_back(text.substr(22));
+  EXPECT_EQ(253u * 3, dumps[0].size());  // 253 bytes and the line end
+  EXPECT_EQ("fb fc\n", dumps[0].substr(dumps[0].size() - 6));
+  EXPECT_EQ("c6 c7\n", dumps[1].substr(dumps[1].size() - 6));
+}
+
+}  // namespace
