@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -115,6 +117,14 @@ E2eHarness::E2eHarness(E2eOptions options) : mOptions(std::move(options)) {
   mServiceErr = mWorkDir + "/service.stderr";
   mServiceOut = mWorkDir + "/service.stdout";
   mSimErr = mWorkDir + "/sim.stderr";
+  if (!mOptions.simUser.empty()) {
+    // The simulator writes its record, socket and vehicle object here.
+    struct passwd* user = getpwnam(mOptions.simUser.c_str());
+    EXPECT_NE(user, nullptr) << "no user " << mOptions.simUser;
+    if (user == nullptr || chmod(mWorkDir.c_str(), 0755) != 0 || chown(mWorkDir.c_str(), user->pw_uid, user->pw_gid) != 0 ||
+        chown(mRoot.c_str(), user->pw_uid, user->pw_gid) != 0)
+      ADD_FAILURE() << "cannot hand " << mWorkDir << " to " << mOptions.simUser << ": " << strerror(errno);
+  }
 
   startBus();
   startSim();
@@ -143,7 +153,7 @@ E2eHarness::~E2eHarness() {
 }
 
 void E2eHarness::startBus() {
-  mBus = std::make_unique<PrivateBus>();
+  mBus = mOptions.busPolicy.empty() ? std::make_unique<PrivateBus>() : std::make_unique<PrivateBus>(mOptions.busPolicy);
   mBusAddress = mBus->address();
   ASSERT_FALSE(mBusAddress.empty()) << "the private bus did not start";
   ASSERT_FALSE(SVCIPC_IS_ERROR(SVCIPC_initialize()));
@@ -161,6 +171,12 @@ void E2eHarness::startSim() {
   int err = openOutput(mSimErr);
   std::vector<std::string> args = {VEHICLE_SIM_BIN, "--root", mRoot, "--bus", mBusAddress,
                                    "--record", mRecordFile, "--time-scale", fixed(mOptions.timeScale)};
+  if (!mOptions.simUser.empty()) {
+    struct passwd* user = getpwnam(mOptions.simUser.c_str());
+    ASSERT_NE(user, nullptr) << "no user " << mOptions.simUser;
+    args.insert(args.begin(), {"/usr/bin/setpriv", "--reuid=" + std::to_string(user->pw_uid),
+                               "--regid=" + std::to_string(user->pw_gid), "--clear-groups", "--"});
+  }
   args.insert(args.end(), mOptions.simArgs.begin(), mOptions.simArgs.end());
   mSimPid = spawn(args, in[0], out[1], err);
   close(in[0]);
@@ -284,6 +300,12 @@ std::string E2eHarness::call(const std::string& method, const std::string& param
   std::string reply;
   SVCIPC_tError rc = invoke("ecallService", method, params, timeoutMs, &reply);
   return SVCIPC_IS_ERROR(rc) ? kNoReply : reply;
+}
+
+bool E2eHarness::notify(const std::string& method, const std::string& params) {
+  return !SVCIPC_IS_ERROR(SVCIPC_asyncInvoke(mConnection, "com.nordak.service.ecallService",
+                                             "/com/nordak/service/ecallService", method.c_str(), params.c_str(), 1,
+                                             SVCIPC_TIMEOUT_DEFAULT, nullptr, nullptr));
 }
 
 void E2eHarness::refreshRecords() {

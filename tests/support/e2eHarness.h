@@ -55,6 +55,12 @@ struct E2eOptions {
   std::vector<std::string> simArgs;
   // How long the start of each process may take.
   std::chrono::milliseconds startDeadline{15000};
+  // The bus's policy (see PrivateBus); empty: the session-like bus on which
+  // anyone may own and call anything.
+  std::string busPolicy;
+  // Run vehicle-sim under this account (a user name; needs root), as the
+  // rest of the head unit runs under accounts of its own. Empty: as the test.
+  std::string simUser;
 };
 
 // The text of an "ecall" signal exactly as the service emits it (members in
@@ -96,6 +102,9 @@ class E2eHarness {
   pid_t servicePid() const { return mServicePid; }
   // Invokes a method of ecallService; the reply text, or kNoReply.
   std::string call(const std::string& method, const std::string& params = "{}", int timeoutMs = 5000);
+  // Invokes a method of ecallService as a caller that expects no reply (the
+  // bus does not wait for one); false when the request was not sent.
+  bool notify(const std::string& method, const std::string& params = "{}");
   // Invokes a method of any service ("EmbeddedPhone", ...) by its short name.
   // Returns the status word; *reply gets the result text on success.
   SVCIPC_tError invoke(const std::string& service, const std::string& method, const std::string& params,

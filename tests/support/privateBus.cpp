@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,7 +32,14 @@ std::string findDaemon() {
 }
 
 // A session bus policy: no limits on who owns or sends what.
-std::string configText(const std::string& dir) {
+const char* const kSessionPolicy =
+    "  <policy context=\"default\">\n"
+    "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+    "    <allow eavesdrop=\"true\"/>\n"
+    "    <allow own=\"*\"/>\n"
+    "  </policy>\n";
+
+std::string configText(const std::string& dir, const std::string& policy) {
   return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
          " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
          "<busconfig>\n"
@@ -39,13 +47,8 @@ std::string configText(const std::string& dir) {
          "  <listen>unix:dir=" +
          dir +
          "</listen>\n"
-         "  <auth>EXTERNAL</auth>\n"
-         "  <policy context=\"default\">\n"
-         "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-         "    <allow eavesdrop=\"true\"/>\n"
-         "    <allow own=\"*\"/>\n"
-         "  </policy>\n"
-         "</busconfig>\n";
+         "  <auth>EXTERNAL</auth>\n" +
+         (policy.empty() ? std::string(kSessionPolicy) : policy) + "</busconfig>\n";
 }
 
 // Reads up to the first line end, or until the deadline or end of file.
@@ -90,12 +93,26 @@ PrivateBus::PrivateBus(std::chrono::milliseconds startDeadline) {
   }
 }
 
+PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds startDeadline) : mPolicy(policy) {
+  char folder[] = "/tmp/ecall-bus-XXXXXX";
+  if (mkdtemp(folder) == nullptr) throw std::runtime_error(std::string("PrivateBus: mkdtemp: ") + strerror(errno));
+  mDir = folder;
+  try {
+    // Other users reach the socket through the folder.
+    if (chmod(mDir.c_str(), 0755) != 0) throw std::runtime_error(std::string("PrivateBus: chmod: ") + strerror(errno));
+    start(startDeadline);
+  } catch (...) {
+    stop();
+    throw;
+  }
+}
+
 PrivateBus::~PrivateBus() { stop(); }
 
 void PrivateBus::start(std::chrono::milliseconds startDeadline) {
   const std::string config = mDir + "/bus.conf";
   const std::string logPath = mDir + "/daemon.log";
-  std::ofstream(config) << configText(mDir);
+  std::ofstream(config) << configText(mDir, mPolicy);
 
   // Everything the child needs is prepared before fork: after it, only
   // async-signal-safe calls.

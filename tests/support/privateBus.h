@@ -24,6 +24,12 @@ class PrivateBus {
  public:
   // Starts the daemon and waits (at most startDeadline) for its address.
   explicit PrivateBus(std::chrono::milliseconds startDeadline = std::chrono::seconds(10));
+  // A bus with a policy of its own instead of the session-like one: policy
+  // is the XML that follows <listen> and <auth> inside <busconfig> (policy
+  // blocks, includes). Its folder is open to every user, so that processes
+  // running under other accounts can connect.
+  explicit PrivateBus(const std::string& policy,
+                      std::chrono::milliseconds startDeadline = std::chrono::seconds(10));
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
@@ -40,6 +46,7 @@ class PrivateBus {
 
   std::string mDir;
   std::string mAddress;
+  std::string mPolicy;  // empty: the session-like policy
   pid_t mPid = -1;
 };
 

@@ -1,0 +1,186 @@
+// The service's system bus policy, on a private bus that denies by default
+// as the system bus does and includes the policy file the service installs.
+// The simulated car runs under an account of its own, as the head unit's
+// other services do; a second account belongs to the group "ecall".
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <stdio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "carScene.h"
+
+using namespace carScene;
+
+namespace {
+
+constexpr double kScale = 0.05;
+const char* const kCarUser = "ecall-e2e-car";
+const char* const kMemberUser = "ecall-e2e-member";
+const char* const kCallerGroup = "ecall";
+const std::string kPolicyFile = std::string(ECALL_SOURCE_DIR) + "/data/dbus/com.nordak.service.ecallService.conf";
+const Strings kCarServices = {"platform",     "VehicleConfig", "VehicleStatus",      "NDR",
+                              "TextToSpeechService", "AudioMixerManager", "AudioCtrlSvc", "psseControlService",
+                              "BluetoothService",    "AppManager",        "HMIGateWay",   "EmbeddedPhone"};
+
+struct Outcome {
+  int status;
+  std::string output;  // standard output and error
+};
+
+Outcome run(const std::string& command) {
+  Outcome outcome{-1, ""};
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) return outcome;
+  char chunk[512];
+  size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) outcome.output.append(chunk, n);
+  const int status = pclose(pipe);
+  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return outcome;
+}
+
+// The accounts of the test, made when missing and removed at the end when
+// made here.
+class Accounts {
+ public:
+  Accounts() {
+    if (getgrnam(kCallerGroup) == nullptr) mMadeGroup = make("groupadd --system " + std::string(kCallerGroup));
+    mMadeCar = getpwnam(kCarUser) == nullptr && make(userAdd(kCarUser, ""));
+    mMadeMember = getpwnam(kMemberUser) == nullptr && make(userAdd(kMemberUser, kCallerGroup));
+  }
+  ~Accounts() {
+    if (mMadeMember) run(std::string("userdel ") + kMemberUser);
+    if (mMadeCar) run(std::string("userdel ") + kCarUser);
+    if (mMadeGroup) run(std::string("groupdel ") + kCallerGroup);
+  }
+  bool ready() const {
+    return getgrnam(kCallerGroup) != nullptr && getpwnam(kCarUser) != nullptr && getpwnam(kMemberUser) != nullptr;
+  }
+
+ private:
+  static std::string userAdd(const std::string& name, const std::string& groups) {
+    return "useradd --system --no-create-home --shell /usr/sbin/nologin --user-group " +
+           (groups.empty() ? "" : "--groups " + groups + " ") + name;
+  }
+  static bool make(const std::string& command) {
+    Outcome outcome = run(command);
+    EXPECT_EQ(outcome.status, 0) << command << ": " << outcome.output;
+    return outcome.status == 0;
+  }
+  bool mMadeGroup = false, mMadeCar = false, mMadeMember = false;
+};
+
+// A system-bus-like policy: connecting is free, owning names and method calls
+// are denied unless a policy allows them, signals and replies pass. The car's
+// services may be owned by the car's account and called by anyone, as their
+// own policy files would say; the service's policy is the installed file.
+std::string systemLikePolicy() {
+  std::string own, call;
+  for (const auto& service : kCarServices) {
+    own += "    <allow own=\"com.nordak.service." + service + "\"/>\n";
+    call += "    <allow send_destination=\"com.nordak.service." + service +
+            "\" send_interface=\"com.nordak.ServiceIpc\"/>\n";
+  }
+  return "  <policy context=\"default\">\n"
+         "    <allow user=\"*\"/>\n"
+         "    <deny own=\"*\"/>\n"
+         "    <deny send_type=\"method_call\"/>\n"
+         "    <allow send_type=\"signal\"/>\n"
+         "    <allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
+         "    <allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
+         "    <allow receive_type=\"method_call\"/>\n"
+         "    <allow receive_type=\"method_return\"/>\n"
+         "    <allow receive_type=\"error\"/>\n"
+         "    <allow receive_type=\"signal\"/>\n"
+         "    <allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"/>\n"
+         "    <allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus.Introspectable\"/>\n" +
+         call +
+         "  </policy>\n"
+         "  <policy user=\"" +
+         kCarUser + "\">\n" + own +
+         "  </policy>\n"
+         "  <include ignore_missing=\"no\">" +
+         kPolicyFile + "</include>\n";
+}
+
+// A D-Bus client run under an account (root when user is empty).
+class Client {
+ public:
+  Client(const std::string& address, const char* user) : mAddress(address) {
+    if (user == nullptr) return;
+    struct passwd* account = getpwnam(user);
+    if (account == nullptr) return;
+    mPrefix = "/usr/bin/setpriv --reuid=" + std::to_string(account->pw_uid) +
+              " --regid=" + std::to_string(account->pw_gid) + " --init-groups -- ";
+  }
+  Outcome call(const std::string& method) const {
+    return send("--dest=com.nordak.service.ecallService /com/nordak/service/ecallService "
+                "com.nordak.ServiceIpc.Invoke string:" + method + " 'string:{}'");
+  }
+  Outcome own() const {
+    return send("--dest=org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus.RequestName "
+                "string:com.nordak.service.ecallService uint32:0");
+  }
+
+ private:
+  Outcome send(const std::string& message) const {
+    return run(mPrefix + "dbus-send --bus='" + mAddress + "' --print-reply --reply-timeout=10000 " + message);
+  }
+  std::string mAddress;
+  std::string mPrefix;
+};
+
+bool deniedAccess(const Outcome& outcome) {
+  return outcome.status != 0 && outcome.output.find("org.freedesktop.DBus.Error.AccessDenied") != std::string::npos;
+}
+
+}  // namespace
+
+TEST(BusPolicy, OnlyRootOwnsTheServiceOnlyRootAndTheEcallGroupCallItEveryoneHearsIt) {
+  if (geteuid() != 0) GTEST_SKIP() << "the bus policy test runs processes under other accounts: run it as root";
+  Accounts accounts;
+  ASSERT_TRUE(accounts.ready()) << "the test accounts could not be made";
+
+  E2eOptions options = carOptions(kScale);
+  options.busPolicy = systemLikePolicy();
+  options.simUser = kCarUser;
+  Scene s(options);
+  E2eHarness& car = s.car;
+  // The service, running as root, owns its name on this bus.
+  ASSERT_TRUE(car.serviceRunning());
+
+  const Client outsider(car.busAddress(), kCarUser);
+  const Client member(car.busAddress(), kMemberUser);
+  const Client root(car.busAddress(), nullptr);
+
+  Outcome outcome = outsider.call("startEcall");
+  EXPECT_TRUE(deniedAccess(outcome)) << outcome.output;
+  outcome = outsider.call("IsECallInProgess");
+  EXPECT_TRUE(deniedAccess(outcome)) << outcome.output;
+  outcome = outsider.own();
+  EXPECT_TRUE(deniedAccess(outcome)) << outcome.output;
+  outcome = member.own();
+  EXPECT_TRUE(deniedAccess(outcome)) << outcome.output;
+
+  outcome = member.call("IsECallInProgess");
+  EXPECT_EQ(outcome.status, 0) << outcome.output;
+  EXPECT_NE(outcome.output.find("{\"ecallInProgress\":false}"), std::string::npos) << outcome.output;
+  // Root may queue for the name the service holds.
+  outcome = root.own();
+  EXPECT_EQ(outcome.status, 0) << outcome.output;
+  EXPECT_NE(outcome.output.find("uint32 "), std::string::npos) << outcome.output;
+  EXPECT_TRUE(s.signals().empty()) << "a refused call started an emergency";
+
+  // The car's account hears both signals of the emergency root starts.
+  EXPECT_EQ(car.call("startEcall"), kOk);
+  EXPECT_TRUE(s.waitForEmergency());
+  EXPECT_FALSE(car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong).isNull());
+  EXPECT_FALSE(car.waitForRecordSince(
+                      s.mark, [](const Json::Value& r) { return r["kind"].asString() == "ecallProgress"; }, kLong)
+                   .isNull());
+}
