@@ -114,6 +114,9 @@ void installSignalHandlers() {
   action.sa_flags = SA_RESTART;
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
+  // A write past the file size limit fails like a write to a full disk: the
+  // entry or trace line is lost, the service goes on.
+  signal(SIGXFSZ, SIG_IGN);
 }
 
 // Connects to the bus and registers the service; without the bus the service

@@ -137,8 +137,7 @@ int openLogForAppend() {
     struct stat info {};
     if (fstat(fd, &info) != 0) {
       scope.sendFormattedError(
-          "Failed to get the size of the internal log file.  Not updating log to prevent the file from becoming too "
-          "big\n");
+          "Failed to get the size of the internal log file.  Not updating log to prevent the file from becoming too big\n");
       close(fd);
       return -1;
     }
@@ -180,8 +179,7 @@ std::string readOdometerField() {
   canIpcEmergencyHandler.closePPSObj(fd);
   if (n < 0) {
     scope.sendFormattedError(
-        "Failed to read from the PPS file, %s, that contains the odometer, likely do to the file being much bigger "
-        "than it used to be\n",
+        "Failed to read from the PPS file, %s, that contains the odometer, likely do to the file being much bigger than it used to be\n",
         vehicleStatusPPSPath.c_str());
     return odometerNotAvailable;
   }
@@ -271,6 +269,15 @@ void exportToUsb(const usbExport& file) {
   }
 }
 
+// A full file system or a file size limit may take only part of an entry:
+// the part is taken back, so that later entries start on a line of their own.
+void takeBackPartialEntry(int fd, ssize_t written) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const off_t end = lseek(fd, 0, SEEK_END);
+  if (end < written || ftruncate(fd, end - written) != 0)
+    scope.sendFormattedError("Failed to take back a partly written entry, errno %d (%s)\n", errno, strerror(errno));
+}
+
 // Creates a marker file that must not exist yet.
 int openNewFlagFile(const std::string& file) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
@@ -298,8 +305,10 @@ void ecallProcessor::addEntryToEmergencyLog(const char* text) {
   // concurrent writers never mix.
   const int length = snprintf(line, sizeof line, "%s%s%s", stamp.c_str(), odometer.c_str(), text);
   const size_t size = length < 0 ? 0 : std::min(static_cast<size_t>(length), sizeof line - 1);
-  if (write(fd, line, size) != static_cast<ssize_t>(size)) {
-    const int err = errno;
+  const ssize_t written = write(fd, line, size);
+  if (written != static_cast<ssize_t>(size)) {
+    const int err = written < 0 ? errno : ENOSPC;
+    if (written > 0) takeBackPartialEntry(fd, written);
     scope.sendFormattedError("Failed to write, %s, to internal logfile, errno %d (%s)\n", line, err, strerror(err));
   } else {
     scope.sendFormattedMessage("Internal log file write success.\n");

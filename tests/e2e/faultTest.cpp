@@ -1,0 +1,345 @@
+// Faults end to end: peers that are absent, leave, or never answer; a log
+// folder that cannot be written, a file size limit, a missing USB stick; the
+// airbag controller's socket closing; the vehicle status object replaced,
+// removed and recreated. After each fault the service still places an
+// emergency call when asked.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <stdio.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "carScene.h"
+
+using namespace carScene;
+
+namespace {
+
+constexpr double kScale = 0.05;
+const char* const kLogFolder = "/fs/etfs/usr/var/ecall";
+const char* const kChannelRetry = "Error reading ORC IPC channel /dev/ipc/ch12.  Attempt to read again after 1000ms.";
+const Strings kCarServices = {"platform",     "VehicleConfig", "VehicleStatus",      "NDR",
+                              "TextToSpeechService", "AudioMixerManager", "AudioCtrlSvc", "psseControlService",
+                              "BluetoothService",    "AppManager",        "HMIGateWay",   "EmbeddedPhone"};
+
+double at(const Json::Value& record) { return record["t"].asDouble(); }
+
+size_t countOf(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t i = text.find(part); i != std::string::npos; i = text.find(part, i + part.size())) ++n;
+  return n;
+}
+
+// The service still places a call: a request from the head unit reaches the
+// phone as a dial. Returns the dial's record.
+Json::Value expectStartEcallDials(E2eHarness& car) {
+  const size_t before = car.recordMark();
+  EXPECT_EQ(car.call("startEcall"), kOk);
+  Json::Value dial = car.waitForRequestSince(before, "EmbeddedPhone", "ecallDial", kLong);
+  EXPECT_FALSE(dial.isNull()) << "no dial after the fault";
+  EXPECT_TRUE(car.serviceRunning());
+  return dial;
+}
+
+bool isCallState(const Json::Value& r, const std::string& state) {
+  return r["kind"].asString() == "signal" && r["service"].asString() == "EmbeddedPhone" &&
+         r["name"].asString() == "callState" && r["data"].asString().find(state) != std::string::npos;
+}
+
+// Monotonic times (seconds) of the trace lines that contain part.
+std::vector<double> traceTimes(const std::string& trace, const std::string& part) {
+  std::vector<double> times;
+  for (const auto& line : testSupport::splitLines(trace))
+    if (line.find(part) != std::string::npos) times.push_back(std::strtod(line.c_str(), nullptr));
+  return times;
+}
+
+// Mounts made by a test live in a mount namespace of the test's thread and
+// the processes it starts from now on; they vanish with them.
+bool privateMounts() {
+  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+// A small file system over a folder, unmounted at the end of the test.
+struct SmallFileSystem {
+  SmallFileSystem(const std::string& folder, unsigned long flags, const char* options) : dir(folder) {
+    testSupport::makeDirs(dir);
+    mounted = mount("tmpfs", dir.c_str(), "tmpfs", flags, options) == 0;
+  }
+  ~SmallFileSystem() {
+    if (mounted) umount2(dir.c_str(), MNT_DETACH);
+  }
+  bool remount(unsigned long flags) { return mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | flags, nullptr) == 0; }
+  std::string dir;
+  bool mounted = false;
+};
+
+// The vehicle micro's end of the airbag controller channel, played by the
+// test: a SOCK_SEQPACKET socket the service connects to at its start.
+class MicroSocket {
+ public:
+  explicit MicroSocket(const std::string& path) : mPath(path) { listenAgain(); }
+  ~MicroSocket() {
+    closeConnection();
+    if (mListen >= 0) close(mListen);
+  }
+  void listenAgain() {
+    if (mListen >= 0) close(mListen);
+    unlink(mPath.c_str());
+    mListen = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    struct sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", mPath.c_str());
+    EXPECT_EQ(bind(mListen, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0) << strerror(errno);
+    EXPECT_EQ(listen(mListen, 4), 0) << strerror(errno);
+  }
+  // Waits for the service's connection.
+  bool accept(ms deadline) {
+    struct pollfd p = {mListen, POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(deadline.count())) != 1) return false;
+    mConnection = accept4(mListen, nullptr, nullptr, SOCK_CLOEXEC);
+    return mConnection >= 0;
+  }
+  // Whether someone connects, without waiting.
+  bool connectionPending() {
+    struct pollfd p = {mListen, POLLIN, 0};
+    return poll(&p, 1, 0) == 1;
+  }
+  bool send(const std::vector<uint8_t>& bytes) {
+    return write(mConnection, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+  }
+  void closeConnection() {
+    if (mConnection >= 0) close(mConnection);
+    mConnection = -1;
+  }
+
+ private:
+  std::string mPath;
+  int mListen = -1;
+  int mConnection = -1;
+};
+
+void replaceVehicleObject(E2eHarness& car, const std::string& content) {
+  const std::string path = car.path("/pps/can/vehstat");
+  testSupport::writeFile(path + ".test-tmp", content);
+  ASSERT_EQ(rename((path + ".test-tmp").c_str(), path.c_str()), 0);
+}
+
+}  // namespace
+
+// The service starts while no other service of the head unit is on the bus:
+// the variant falls back to a vehicle with the phone, and once the car's
+// services arrive, a request is called.
+TEST(Faults, EveryPeerAbsentAtStartUp) {
+  E2eOptions options = carOptions(kScale);
+  options.startService = false;
+  E2eHarness car(options);
+  for (const auto& service : kCarServices) EXPECT_EQ(car.sim("peer " + service + " gone").rfind("ok", 0), 0u);
+  car.startService();
+  ASSERT_TRUE(car.waitForTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", kLong));
+  ASSERT_TRUE(car.waitForTrace("register embeddedPhoneSvc, avail 0", kLong));
+  ASSERT_TRUE(car.waitForChannelConnected(kLong));
+  EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":false}\n");
+
+  for (const auto& service : kCarServices) EXPECT_EQ(car.sim("peer " + service + " back").rfind("ok", 0), 0u);
+  ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 1", kLong));
+  expectStartEcallDials(car);
+}
+
+// The phone service leaves the bus during an active call and comes back:
+// the call goes on, the operator's hang-up ends it as usual, and the next
+// request is called.
+TEST(Faults, PhoneServiceLeavesDuringACallAndComesBack) {
+  Scene s(carOptions(kScale));
+  E2eHarness& car = s.car;
+  ASSERT_EQ(car.call("startEcall"), kOk);
+  ASSERT_FALSE(car.waitForRecordSince(s.mark, [](const Json::Value& r) { return isCallState(r, "ACTIVE"); }, kLong)
+                   .isNull());
+  s.sim("peer EmbeddedPhone gone");
+  ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 0", kLong));
+  s.sim("peer EmbeddedPhone back");
+  ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 1", kLong));
+  EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
+
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForIdle());
+  EXPECT_TRUE(s.waitForLogCount("TTS rqst 3", 1)) << "the end of the call was not announced";
+  s.markNow();
+  expectStartEcallDials(car);
+}
+
+// A service that takes a synchronous request and never answers holds the
+// call for the bus time-out (25 s, scaled here), after which the call goes
+// on. The delay is measured against the same crash in a healthy car.
+TEST(Faults, PeerThatNeverAnswersDelaysTheDialByTheBusTimeOut) {
+  Scene s(carOptions(kScale));
+  E2eHarness& car = s.car;
+  auto crashToDial = [&]() -> double {
+    const size_t mark = car.recordMark();
+    s.sim("crash B can");
+    Json::Value crash = car.waitForRecordSince(
+        mark, [](const Json::Value& r) { return r["kind"].asString() == "vehicle" && r["event"].asString() == "impact"; }, kLong);
+    Json::Value dial = car.waitForRequestSince(mark, "EmbeddedPhone", "ecallDial", kLong);
+    EXPECT_FALSE(dial.isNull()) << "no dial after the crash";
+    if (crash.isNull() || dial.isNull()) return -1;
+    s.markNow();
+    EXPECT_EQ(car.call("exitEcall"), kOk);
+    EXPECT_TRUE(s.waitForIdle());
+    return at(dial) - at(crash);
+  };
+
+  const double healthy = crashToDial();
+  s.sim("peer VehicleConfig hang");
+  const double hung = crashToDial();
+  ASSERT_GT(healthy, 0);
+  ASSERT_GT(hung, 0);
+  EXPECT_TRUE(car.waitForTrace("Unable to get the vehicle Brand, rc"));
+  const double timeOut = 25.0 * kScale;
+  EXPECT_GE(hung - healthy, 0.8 * timeOut) << "the dial did not wait for the brand query";
+  printf("[ figures  ] crash to dial at time scale %g: healthy car %.0f ms, vehicle configuration never answering "
+         "%.0f ms; delay %.0f ms (bus time-out %.0f ms), that is %.1f s of real time\n",
+         kScale, healthy * 1000, hung * 1000, (hung - healthy) * 1000, timeOut * 1000, (hung - healthy) / kScale);
+  RecordProperty("dial_delay_hung_peer_ms_scaled", static_cast<int>((hung - healthy) * 1000));
+}
+
+// With a file size limit below what the log needs, entries past it are lost
+// without harm to the service (no signal ends it); once there is room, the
+// log goes on.
+TEST(Faults, FileSizeLimitOnTheLog) {
+  Scene s(carOptions(kScale));
+  E2eHarness& car = s.car;
+  const std::string before = car.emergencyLog();
+  struct rlimit old {};
+  ASSERT_EQ(prlimit(car.servicePid(), RLIMIT_FSIZE, nullptr, &old), 0);
+  struct rlimit tight = old;
+  tight.rlim_cur = before.size() + 150;
+  ASSERT_EQ(prlimit(car.servicePid(), RLIMIT_FSIZE, &tight, nullptr), 0) << strerror(errno);
+
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"fits\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("fits\n"));
+  expectStartEcallDials(car);
+  const std::string full = car.emergencyLog();
+  EXPECT_EQ(full.rfind(before, 0), 0u) << "the entries before the limit changed";
+  EXPECT_LE(full.size(), tight.rlim_cur);
+
+  ASSERT_EQ(prlimit(car.servicePid(), RLIMIT_FSIZE, &old, nullptr), 0);
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"room again\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("room again\n"));
+  // Whole entries only: an entry cut at the limit would run into the next.
+  for (const auto& line : testSupport::splitLines(car.emergencyLog().substr(before.size())))
+    EXPECT_EQ(countOf(line, " GMT:"), 1u) << "not one entry: " << line;
+}
+
+// The log's folder is read-only: nothing can be logged, the call is placed
+// all the same, and once the folder is writable the log starts afresh.
+TEST(Faults, LogFolderNotWritable) {
+  E2eOptions options = carOptions(kScale);
+  options.startService = false;
+  E2eHarness car(options);
+  if (!privateMounts()) GTEST_SKIP() << "mounting needs root (CAP_SYS_ADMIN): " << strerror(errno);
+  SmallFileSystem folder(car.path(kLogFolder), MS_RDONLY, "size=64k");
+  ASSERT_TRUE(folder.mounted) << strerror(errno);
+  car.startService();
+  ASSERT_TRUE(car.waitForServiceStarted());
+  ASSERT_TRUE(car.waitForTrace("Failed to open internal logfile, errno 30"));
+  expectStartEcallDials(car);
+  EXPECT_FALSE(testSupport::fileExists(car.path(std::string(kLogFolder) + "/ecall_log.txt")));
+
+  ASSERT_TRUE(folder.remount(0)) << strerror(errno);
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"writable again\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("writable again\n"));
+  EXPECT_EQ(car.emergencyLog().rfind("Ecall Log File\n", 0), 0u);
+}
+
+// No USB stick: the export fails, the local log stays whole and goes on; with
+// the stick the export takes it all.
+TEST(Faults, UsbFolderMissing) {
+  Scene s(carOptions(kScale));
+  E2eHarness& car = s.car;
+  std::error_code ec;
+  std::filesystem::remove_all(car.path("/fs/usb0"), ec);
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"before the export\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("before the export\n"));
+  const std::string before = car.emergencyLog();
+  EXPECT_EQ(car.call("saveEmergencyLogToUSBAndRemoveLocalLog"), kOk);
+  ASSERT_TRUE(car.waitForTrace("Failed open USB logfile to write, errno 2"));
+  expectStartEcallDials(car);
+  EXPECT_EQ(car.emergencyLog().rfind(before, 0), 0u) << "the local log was not kept";
+
+  testSupport::makeDirs(car.path("/fs/usb0"));
+  EXPECT_EQ(car.call("saveEmergencyLogToUSBAndRemoveLocalLog"), kOk);
+  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace("End of function for moving log file") == 2; }, kLong));
+  std::string copied;
+  for (const auto& entry : std::filesystem::directory_iterator(car.path("/fs/usb0")))
+    if (entry.path().filename().string().rfind("ecall_log", 0) == 0) copied = testSupport::readFile(entry.path());
+  EXPECT_EQ(copied.rfind(before, 0), 0u) << "the export lacks entries of the kept log";
+}
+
+// The vehicle micro closes the channel and listens again. The service opened
+// the channel once: it retries the read on it every second and does not
+// reconnect; it keeps serving requests from the bus.
+TEST(Faults, AirbagChannelClosesAndReopens) {
+  E2eOptions options = carOptions(kScale);
+  options.startService = false;
+  E2eHarness car(options);
+  MicroSocket micro(car.path("/dev/ipc/ch12"));
+  car.startService();
+  ASSERT_TRUE(micro.accept(kLong)) << "the service did not connect to the channel";
+  ASSERT_FALSE(car.waitForRequest("AudioMixerManager", "getProperties", kLong).isNull()) << "the service did not start";
+  ASSERT_TRUE(micro.send({0, 1, 1, 0, 0, 0, 0}));
+  ASSERT_TRUE(car.waitForEmergencyLog("Rx ORC CAN 0x0100\n", kLong));
+
+  micro.closeConnection();
+  micro.listenAgain();
+  ASSERT_TRUE(testSupport::waitUntil([&] { return traceTimes(car.trace(), kChannelRetry).size() >= 4; }, kLong));
+  EXPECT_TRUE(car.waitForSlog(kChannelRetry));
+  std::vector<double> times = traceTimes(car.trace(), kChannelRetry);
+  for (size_t i = 1; i < times.size(); ++i)
+    EXPECT_GE(times[i] - times[i - 1], 0.8 * kScale) << "read retried before its period";
+  EXPECT_FALSE(micro.connectionPending()) << "the channel was opened again";
+
+  expectStartEcallDials(car);
+  EXPECT_TRUE(car.waitForEmergencyLog("send LED status 1"));
+}
+
+// The vehicle status object is replaced by its writer, removed, recreated,
+// and its folder removed and recreated: the odometer follows, and a press in
+// the recreated object still calls.
+TEST(Faults, VehicleObjectReplacedRemovedAndRecreated) {
+  Scene s(carOptions(kScale));
+  E2eHarness& car = s.car;
+  replaceVehicleObject(car, "@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::4200\nSPEED::0\n");
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"replaced\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("0000420:replaced\n"));
+
+  ASSERT_EQ(unlink(car.path("/pps/can/vehstat").c_str()), 0);
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"removed\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("ODO N/A:removed\n"));
+  s.button("ecall", true);  // the simulator writes the object anew
+  ASSERT_FALSE(car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong).isNull());
+  s.button("ecall", false);
+  ASSERT_EQ(car.call("exitEcall"), kOk);
+  ASSERT_TRUE(s.waitForIdle());
+
+  const std::string folder = car.path("/pps/can");
+  std::error_code ec;
+  ASSERT_GT(std::filesystem::remove_all(folder, ec), 0u) << ec.message();
+  ASSERT_TRUE(car.waitForSlog("Error reading pps file /pps/can/vehstat"));
+  testSupport::makeDirs(folder);
+  s.markNow();
+  s.sim("button ecall press");
+  EXPECT_FALSE(car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong).isNull())
+      << "a press in the recreated object did not call";
+}
