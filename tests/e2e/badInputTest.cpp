@@ -1,0 +1,189 @@
+// Bad input end to end: what other head-unit clients, the airbag controller
+// and the vehicle status object may send that no well-behaved peer would.
+// The service answers what it must, or ignores the input, overflows nothing,
+// and a following emergency request still reaches the phone.
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include <cctype>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "carScene.h"
+
+using namespace carScene;
+
+namespace {
+
+constexpr double kScale = 0.05;
+constexpr size_t kMiB = 1024 * 1024;
+// One line of the emergency log: the entry buffer less its terminator.
+constexpr size_t kLogLineMax = 255;
+// "<N>" + "ecallService: " + a system log text of at most 499 bytes.
+constexpr size_t kSlogLineMax = 3 + 14 + 499;
+
+// The service still places a call: a request from the head unit reaches the
+// phone as a dial.
+void expectStartEcallDials(Scene& s) {
+  const size_t before = s.car.recordMark();
+  ASSERT_EQ(s.car.call("startEcall"), kOk);
+  EXPECT_FALSE(s.car.waitForRequestSince(before, "EmbeddedPhone", "ecallDial", kLong).isNull())
+      << "no dial after the bad input";
+  EXPECT_TRUE(s.car.serviceRunning());
+}
+
+size_t longestLine(const std::string& text) {
+  size_t longest = 0;
+  for (const auto& line : testSupport::splitLines(text)) longest = std::max(longest, line.size());
+  return longest;
+}
+
+// Replaces the vehicle status object whole, as its writers do.
+void replaceVehicleObject(E2eHarness& car, const std::string& content) {
+  const std::string path = car.path("/pps/can/vehstat");
+  testSupport::writeFile(path + ".test-tmp", content);
+  ASSERT_EQ(rename((path + ".test-tmp").c_str(), path.c_str()), 0);
+}
+
+// An entry's time stamp ("HH:MM:SS ") begins at pos.
+bool timeStampAt(const std::string& text, size_t pos) {
+  return pos + 9 <= text.size() && isdigit(static_cast<unsigned char>(text[pos])) && text[pos + 2] == ':' &&
+         text[pos + 5] == ':' && text[pos + 8] == ' ';
+}
+
+std::string hexBytes(const std::vector<int>& bytes) {
+  std::string text;
+  char byte[4];
+  for (int b : bytes) {
+    snprintf(byte, sizeof byte, " %02x", b);
+    text += byte;
+  }
+  return text;
+}
+
+}  // namespace
+
+// Parameters of 1 MiB, nested 100,000 deep, or holding a NUL: the calls are
+// answered, a member behind a megabyte of padding is still read, a text too
+// deep is taken as no members at all, and the system log lines stay short.
+TEST(BadInput, BusParametersOfAnySizeDepthOrContent) {
+  Scene s(carOptions(kScale));
+  E2eHarness& car = s.car;
+
+  const std::string padding(kMiB, 'p');
+  EXPECT_EQ(car.call("setEcallRetryHmiState", "{\"pad\":\"" + padding + "\",\"state\":0}"), kOk);
+  EXPECT_EQ(car.call("setEcallRetryHmiState", "{\"pad\":\"" + padding + "\",\"state\":2}"), kOk);
+  const std::string deep(100000, '[');
+  EXPECT_EQ(car.call("setEcallRetryHmiState", deep + std::string(100000, ']')), kOk);
+  EXPECT_EQ(car.call("setEcallRetryHmiState", "{\"state\":0,\"x\":" + deep + "}"), kOk);
+  EXPECT_EQ(car.call("setEcallRetryHmiState", std::string("{\"state\":0") + "\x01\x02garbage"), kOk);
+  EXPECT_EQ(car.call("IsECallInProgess", padding), "{\"ecallInProgress\":false}\n");
+
+  // Only the first call asked for the retry prompt.
+  ASSERT_TRUE(s.waitForLogCount("TTS rqst 5", 1));
+  EXPECT_EQ(s.countInLog("TTS rqst 5"), 1u) << testing::PrintToString(s.log());
+
+  // A NUL inside a JSON text ends the logged line there.
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"before NUL\\u0000after NUL\\n\"}"));
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"next entry\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("next entry\n"));
+  const std::string log = car.emergencyLog();
+  EXPECT_NE(log.find("before NUL"), std::string::npos);
+  EXPECT_EQ(log.find("after NUL"), std::string::npos);
+
+  // Bytes that are not UTF-8 never leave the caller: the bus carries text only.
+  std::string reply;
+  EXPECT_TRUE(SVCIPC_IS_ERROR(car.invoke("ecallService", "setEcallRetryHmiState", "{\"state\":\"\xff\xfe\"}", 5000,
+                                         &reply)));
+
+  EXPECT_TRUE(car.waitForSlog("ecallRequest: setEcallRetryHmiState, params: {\"pad\":\"ppp"));
+  EXPECT_LE(longestLine(car.serviceStderr()), kSlogLineMax);
+  expectStartEcallDials(s);
+}
+
+// A logged string of 10 kB is one entry cut to the log's line, and a method
+// name of 64 kB that begins like a real method is not taken for it.
+TEST(BadInput, LongLoggedStringAndLongMethodName) {
+  Scene s(carOptions(kScale));
+  E2eHarness& car = s.car;
+
+  const std::string message(10000, 'm');
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"" + message + "\"}"));
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"after the long one\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("after the long one\n"));
+  const std::string log = car.emergencyLog();
+  const size_t first = log.find("mmmm");
+  ASSERT_NE(first, std::string::npos);
+  const size_t lineStart = log.rfind('\n', first) + 1;
+  const size_t end = log.find_first_not_of('m', first);
+  // The cut entry has no line end of its own: the next entry follows at once.
+  EXPECT_EQ(end - lineStart, kLogLineMax);
+  EXPECT_TRUE(timeStampAt(log, end)) << "the next entry does not follow the cut";
+  EXPECT_EQ(log.find("mmmm", end), std::string::npos) << "the rest of the message was written as well";
+  EXPECT_TRUE(car.waitForTrace("logStringToEcallLog: " + message));
+
+  const std::string name = "startEcall" + std::string(64 * 1024 - 10, 'n');
+  ASSERT_TRUE(car.notify(name));
+  EXPECT_EQ(car.call(name, "{}", 1000), E2eHarness::kNoReply);
+  ASSERT_TRUE(car.waitForTrace("ecallRequest: startEcallnnnn"));
+  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
+  EXPECT_TRUE(s.signals().empty()) << "a long name was taken for startEcall";
+  EXPECT_LE(longestLine(car.serviceStderr()), kSlogLineMax);
+  expectStartEcallDials(s);
+}
+
+// The airbag controller sends a message of 254 bytes of 0xFF and one longer
+// than a read; the vehicle status object grows to 1 MiB, carries bytes that
+// are not UTF-8 and a NUL. Nothing is started by them, each read is cut
+// safely, and the next press of the button calls.
+TEST(BadInput, GarbageOnTheAirbagChannelAndInTheVehicleObject) {
+  Scene s(carOptions(kScale));
+  E2eHarness& car = s.car;
+
+  std::string allFf = "impact";
+  for (int i = 0; i < 254; ++i) allFf += " ff";
+  s.sim(allFf);
+  // An impact message whose only bit is kind A (logged, never called), padded
+  // to 300 bytes with 0xFF: a read takes 254 bytes, the dump 253.
+  std::vector<int> longMessage = {0, 1, 1, 0, 0, 0, 0};
+  longMessage.resize(300, 0xff);
+  s.sim("impact" + hexBytes(longMessage));
+  const std::string dump = "Read Impact: 00" + hexBytes(std::vector<int>(longMessage.begin() + 1, longMessage.begin() + 253));
+  ASSERT_TRUE(testSupport::waitUntil([&] { return car.serviceStdout().find(dump + "\n") != std::string::npos; }, kLong))
+      << car.serviceStdout();
+  ASSERT_TRUE(car.waitForEmergencyLog("Rx ORC CAN 0x0100\n"));
+  EXPECT_EQ(car.serviceStdout().find("Read Impact: ff"), std::string::npos) << "a message of kind 0xFF was taken";
+  EXPECT_EQ(s.countInLog("Rx ORC CAN 0x0100"), 1u);
+
+  // 1 MiB in front of the buttons: no change of a button, and the odometer
+  // lies beyond the part of the object that is read for it.
+  replaceVehicleObject(car, "@vehstat\nAAA_JUNK::" + std::string(kMiB, 'j') +
+                                "\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::1234567\n");
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"with the big object\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("ODO N/A:with the big object\n"));
+  // A button value of 1 MiB of bytes that are not UTF-8, then one cut by a
+  // NUL; each is seen before the next replaces it.
+  std::string notUtf8;
+  for (size_t i = 0; i < kMiB / 2; ++i) notUtf8 += "\xfe\xff";
+  replaceVehicleObject(car, "@vehstat\nE_CALL_BtnStat::" + notUtf8 + "\nU_CALL_BtnStat::0\nODO::1234567\n");
+  const std::string odd = "ecallBtn = \xfe\xff\xfe\xff";
+  ASSERT_TRUE(car.waitForEmergencyLog(odd));
+  replaceVehicleObject(car, std::string("@vehstat\nE_CALL_BtnStat::0\0\nU_CALL_BtnStat::1\n", 46));
+  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace("ecallBtn pps value 0") == 2; }, kLong));
+
+  std::string log = car.emergencyLog();
+  const size_t at = log.find(odd);
+  const size_t lineStart = log.rfind('\n', at) + 1;
+  const size_t end = log.find_first_not_of("\xfe\xff", at + 11);
+  EXPECT_EQ(end - lineStart, kLogLineMax);
+  EXPECT_TRUE(timeStampAt(log, end));
+  EXPECT_TRUE(s.signals().empty()) << "the garbage started an emergency";
+  EXPECT_EQ(s.countInTrace("UcallBtn pps value 1"), 0u) << "a line behind a NUL was read";
+
+  const size_t before = car.recordMark();
+  s.button("ecall", true);
+  EXPECT_FALSE(car.waitForRequestSince(before, "EmbeddedPhone", "ecallDial", kLong).isNull());
+  EXPECT_TRUE(car.serviceRunning());
+}

@@ -1,0 +1,107 @@
+// Load end to end: eight head-unit clients ask "IsECallInProgess" as fast as
+// they can for 10 s while the airbag controller reports a crash. The crash
+// still reaches the phone as a dial, every query is answered correctly, and
+// the figures (dial latency with and without the load, queries answered) are
+// printed for the record; none of them is a pass mark.
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "carScene.h"
+
+using namespace carScene;
+
+namespace {
+
+constexpr double kScale = 0.05;
+constexpr int kClients = 8;
+const auto kLoadTime = std::chrono::seconds(10);
+
+struct LoadResult {
+  std::atomic<long> answered{0};
+  std::atomic<long> wrong{0};   // an answer that is neither of the two states
+  std::atomic<long> failed{0};  // no answer, or an error
+  std::atomic<int> connected{0};
+};
+
+// One client on a connection of its own, asking until the load time is over.
+void askUntil(const std::string& address, std::chrono::steady_clock::time_point end, LoadResult& result) {
+  SVCIPC_tConnection connection = nullptr;
+  if (SVCIPC_IS_ERROR(SVCIPC_getConnectionByAddress(address.c_str(), &connection))) {
+    result.failed++;
+    result.connected++;
+    return;
+  }
+  result.connected++;
+  while (std::chrono::steady_clock::now() < end) {
+    SVCIPC_tResponse* response = nullptr;
+    const SVCIPC_tError rc =
+        SVCIPC_invoke(connection, "com.nordak.service.ecallService", "/com/nordak/service/ecallService",
+                      "IsECallInProgess", "{}", SVCIPC_TIMEOUT_DEFAULT, &response);
+    if (SVCIPC_IS_ERROR(rc) || response == nullptr) {
+      result.failed++;
+    } else {
+      const std::string reply = response->result;
+      if (reply == "{\"ecallInProgress\":false}\n" || reply == "{\"ecallInProgress\":true}\n") result.answered++;
+      else result.wrong++;
+    }
+    if (response) SVCIPC_freeResponse(response);
+  }
+  SVCIPC_closeConnection(connection);
+}
+
+// Seconds on the simulator's clock from the crash to the dial; the call is
+// then ended and the car back at rest.
+double crashToDial(Scene& s) {
+  s.markNow();
+  s.sim("crash B can");
+  Json::Value crash = s.car.waitForRecordSince(
+      s.mark, [](const Json::Value& r) { return r["kind"].asString() == "vehicle" && r["event"].asString() == "impact"; },
+      kLong);
+  Json::Value dial = s.car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong);
+  EXPECT_FALSE(dial.isNull()) << "the crash did not reach the phone";
+  if (crash.isNull() || dial.isNull()) return -1;
+  return dial["t"].asDouble() - crash["t"].asDouble();
+}
+
+}  // namespace
+
+TEST(Load, CrashIsCalledWhileEightClientsQueryAsFastAsTheyCan) {
+  Scene s(carOptions(kScale));
+  const double quiet = crashToDial(s);
+  ASSERT_GT(quiet, 0);
+  s.markNow();
+  ASSERT_EQ(s.car.call("exitEcall"), kOk);
+  ASSERT_TRUE(s.waitForIdle());
+
+  LoadResult result;
+  const auto start = std::chrono::steady_clock::now();
+  const auto end = start + kLoadTime;
+  std::vector<std::thread> clients;
+  for (int i = 0; i < kClients; ++i)
+    clients.emplace_back([&, i] { askUntil(s.car.busAddress(), end, result); });
+  // The crash comes once every client is asking.
+  ASSERT_TRUE(testSupport::waitUntil(
+      [&] { return result.connected.load() == kClients && result.answered.load() >= 10 * kClients; }, kLong));
+  const double loaded = crashToDial(s);
+  for (auto& client : clients) client.join();
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+
+  EXPECT_GT(loaded, 0);
+  EXPECT_EQ(result.failed.load(), 0) << "queries went unanswered under load";
+  EXPECT_EQ(result.wrong.load(), 0) << "queries were answered wrongly under load";
+  EXPECT_EQ(s.car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
+  EXPECT_TRUE(s.car.serviceRunning());
+  printf("[ figures  ] time scale %g: crash to dial %.0f ms at rest, %.0f ms under load; %d clients, %ld queries "
+         "answered in %.1f s (%.0f per second)\n",
+         kScale, quiet * 1000, loaded * 1000, kClients, result.answered.load(), seconds,
+         result.answered.load() / seconds);
+  RecordProperty("crash_to_dial_quiet_ms", static_cast<int>(quiet * 1000));
+  RecordProperty("crash_to_dial_loaded_ms", static_cast<int>(loaded * 1000));
+  RecordProperty("queries_per_second", static_cast<int>(result.answered.load() / seconds));
+}
