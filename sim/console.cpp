@@ -139,7 +139,7 @@ std::string Console::help() {
          "  wait MS                         pause (car time)\n"
          "  status\n"
          "  help\n"
-         "  quit";
+         "  quit                            (so does the end of the input)";
 }
 
 std::string Console::run(const std::string& line, bool& quit) {

@@ -5,8 +5,9 @@
 //               [--speak DIR] [--time-scale F] [--show] [--script FILE] [--help]
 //
 // With only --root it serves the healthy car on the session bus. Commands
-// are read from the script, then from standard input; the car keeps running
-// when standard input ends, until "quit", SIGINT or SIGTERM.
+// are read from the script, then from standard input; the car stops at
+// "quit", at the end of standard input, or on SIGINT or SIGTERM. (So a car
+// whose driver went away, a test that died, say, does not run on for ever.)
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -113,14 +114,13 @@ void makeCarFolders() {
   }
 }
 
-// Reads lines from standard input until "quit" or a termination signal;
-// standard input may end before that.
+// Reads lines from standard input until "quit", its end, or a termination
+// signal.
 void consoleLoop(sim::Console& console, sim::Recorder& recorder, int signals) {
   std::string pending;
-  bool inputOpen = true;
   char buffer[4096];
   while (true) {
-    struct pollfd fds[2] = {{inputOpen ? STDIN_FILENO : -1, POLLIN, 0}, {signals, POLLIN, 0}};
+    struct pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
     if (poll(fds, 2, -1) < 0) {
       if (errno == EINTR) continue;
       return;
@@ -130,8 +130,10 @@ void consoleLoop(sim::Console& console, sim::Recorder& recorder, int signals) {
     ssize_t n = read(STDIN_FILENO, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      inputOpen = false;
-      continue;
+      bool quit = false;
+      std::string reply = pending.empty() ? "" : console.run(pending, quit);  // a last line without its end
+      if (!reply.empty()) recorder.reply(reply);
+      return;
     }
     pending.append(buffer, static_cast<size_t>(n));
     size_t end;
