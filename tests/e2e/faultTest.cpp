@@ -263,6 +263,38 @@ TEST(Faults, LogFolderNotWritable) {
   EXPECT_EQ(car.emergencyLog().rfind("Ecall Log File\n", 0), 0u);
 }
 
+// The log's flash is full: entries that do not fit are lost whole, the call
+// is placed, and the export to USB makes room for a new log.
+TEST(Faults, LogFileSystemFull) {
+  E2eOptions options = carOptions(kScale);
+  options.startService = false;
+  E2eHarness car(options);
+  if (!privateMounts()) GTEST_SKIP() << "mounting needs root (CAP_SYS_ADMIN): " << strerror(errno);
+  SmallFileSystem folder(car.path(kLogFolder), 0, "size=8k");
+  ASSERT_TRUE(folder.mounted) << strerror(errno);
+  car.startService();
+  ASSERT_TRUE(car.waitForServiceStarted());
+  ASSERT_TRUE(car.waitForEmergencyLog("ecallBtn = 0\n"));
+  // The log keeps one page of the two; the other is taken.
+  testSupport::writeFile(folder.dir + "/filler", std::string(4096, 'f'));
+  const std::string filling = "{\"message\":\"" + std::string(200, 'x') + "\\n\"}";
+  for (int i = 0; i < 20; ++i) ASSERT_TRUE(car.notify("logStringToEcallLog", filling));
+  ASSERT_TRUE(car.waitForTrace("to internal logfile, errno 28", kLong));
+  expectStartEcallDials(car);
+
+  const std::string full = car.emergencyLog();
+  EXPECT_LE(full.size(), 4096u);
+  ASSERT_FALSE(full.empty());
+  EXPECT_EQ(full.back(), '\n') << "a partly written entry was left behind";
+  for (const auto& line : testSupport::splitLines(full))
+    EXPECT_LE(countOf(line, " GMT:"), 1u) << "not one entry: " << line;
+
+  EXPECT_EQ(car.call("saveEmergencyLogToUSBAndRemoveLocalLog"), kOk);
+  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"after the export\\n\"}"));
+  ASSERT_TRUE(car.waitForEmergencyLog("after the export\n", kLong));
+  EXPECT_EQ(car.emergencyLog().rfind("Ecall Log File\n", 0), 0u);
+}
+
 // No USB stick: the export fails, the local log stays whole and goes on; with
 // the stick the export takes it all.
 TEST(Faults, UsbFolderMissing) {
