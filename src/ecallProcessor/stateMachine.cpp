@@ -2,6 +2,7 @@
 // check that ends a call whose request was cleared, and the requests the
 // state machine makes of the embedded phone.
 #include <atomic>
+#include <cerrno>
 
 #include "ecallMain/ecallMain.h"
 #include "ecallMain/processObjects.h"
@@ -10,8 +11,8 @@
 #include "ecallProcessor/stateMachineInternal.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
-#include "platform/slog.h"
 #include "platform/pulses.h"
+#include "platform/slog.h"
 
 std::atomic<int> stateMachineThreadReceiveChannelId{0};
 std::atomic<int> stateMachineThreadSendChannelId{0};
@@ -63,6 +64,12 @@ void* mainStateMachineThreadFunc(void*) {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   scope.sendFormattedMessage("Starting ecall state machine thread\n");
   const int chid = qnx::ChannelCreate(0);
+  if (chid < 0) {
+    // Without its channel the machine could only spin on failed receives.
+    scope.sendFormattedError("Failed to create the state machine channel, errno %d\n", errno);
+    sendtoSlog(_SLOG_ERROR, "Failed to create the state machine channel, errno %d\n", errno);
+    return nullptr;
+  }
   stateMachineThreadReceiveChannelId = chid;
   const int coid = qnx::ConnectAttach(0, 0, chid, qnx::_NTO_SIDE_CHANNEL, 0);
   createProcessorTimers(chid);

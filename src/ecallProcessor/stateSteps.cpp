@@ -266,7 +266,9 @@ void ecallStateMachine::stepWaitForEndFromHmi() {
     ecallHandler.addEntryToEmergencyLog("Incoming call during wait for exit emergency mode\n");
     startEcallStateMachineTimer(ringToneOpenMs);
     state = ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES;
-  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
+  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE && !isTimerActive(timerStateMachine)) {
+    // Only the end of the callback period ends the emergency mode: a run
+    // pulse that was already queued when the period began is stale.
     endEmergencyMode();
   }
 }
