@@ -26,17 +26,20 @@ constexpr int APP_MNGR_CFG_OPEN_ATTEMPTS = 11;
 constexpr int APP_MNGR_CFG_LINE_SIZE = 128;
 
 const char* xletStateText(eXletState state) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   return state >= 0 && state < XLET_STATE_COUNT ? eXletStateString[state].c_str() : "unknown";
 }
 
 // A member the signal must carry, as text; false when it is absent.
 bool requiredMember(const Json::Value& data, const char* name, std::string& text) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   if (!data.isObject() || !data.isMember(name)) return false;
   text = jsonGetString(data, name, "");
   return true;
 }
 
-void onOperStatus(CQVTraceScope& scope, const char* text, const Json::Value& data) {
+void onOperStatus(const char* text, const Json::Value& data) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   scope.sendFormattedMessage("Received App Manager xlet operation status data: %s\n", text);
   std::string appId, state;
   if (!requiredMember(data, "appId", appId) || !requiredMember(data, "state", state)) return;
@@ -52,7 +55,8 @@ void onOperStatus(CQVTraceScope& scope, const char* text, const Json::Value& dat
   }
 }
 
-void onAppLifeSignal(CQVTraceScope& scope, const std::string& name, const Json::Value& data) {
+void onAppLifeSignal(const std::string& name, const Json::Value& data) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   std::string appId;
   if (!requiredMember(data, "appId", appId) || appId.find(assistAppUUID.get()) == std::string::npos) return;
 
@@ -125,9 +129,9 @@ void ecallProcessor::onSubcribedAppMngrSignal(const char* sigName, const char* d
     return;
   }
   if (name == "operStatus") {
-    onOperStatus(scope, text, value);
+    onOperStatus(text, value);
   } else if (name == "appStarted" || name == "appPaused" || name == "appStopped") {
-    onAppLifeSignal(scope, name, value);
+    onAppLifeSignal(name, value);
   }
 }
 

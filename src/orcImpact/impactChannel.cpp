@@ -55,6 +55,7 @@ constexpr int ORC_DUMP_LAST_BYTE = 252;
 constexpr size_t ORC_DUMP_SIZE = (ORC_DUMP_LAST_BYTE + 1) * 3 + 1;
 
 void formatOrcDump(const uint8_t* msg, int n, char (&dump)[ORC_DUMP_SIZE]) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
   int last = n - 1 < ORC_DUMP_LAST_BYTE ? n - 1 : ORC_DUMP_LAST_BYTE;
   int used = snprintf(dump, sizeof dump, "%02x", msg[0]);
   for (int i = 1; i <= last && used > 0 && static_cast<size_t>(used) < sizeof dump; ++i) {
@@ -63,7 +64,8 @@ void formatOrcDump(const uint8_t* msg, int n, char (&dump)[ORC_DUMP_SIZE]) {
 }
 
 // Prints the message to standard output and traces it.
-void reportOrcRx(CQVTraceScope& scope, bool isImpact, const uint8_t* msg, int n) {
+void reportOrcRx(bool isImpact, const uint8_t* msg, int n) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
   char dump[ORC_DUMP_SIZE];
   formatOrcDump(msg, n, dump);
   if (isImpact) {
@@ -75,18 +77,27 @@ void reportOrcRx(CQVTraceScope& scope, bool isImpact, const uint8_t* msg, int n)
   scope.sendFormattedMessage("IPC %s Rx: %s\n", orcIpcChannelPath.c_str(), dump);
 }
 
-// The first kind of the trigger list whose bit is set in the two impact
-// bytes, or -1.
-int findTriggeredKind(const uint8_t* triggers, const uint8_t* impactBytes) {
+// Starts the emergency of the first kind of the path's trigger list whose
+// bit is set in the path's two impact bytes; false when none is set.
+bool startTriggeredEmergency(const uint8_t* triggers, const uint8_t* impactBytes, int32_t firstType,
+                             const char* announceFormat) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
   for (const uint8_t* kind = triggers; *kind < IMPACT_KIND_COUNT; ++kind) {
     const orcIpcLocation& location = orcIpcLocationTable[*kind];
-    if (impactBytes[location.byte] & location.mask) return *kind;
+    if (impactBytes[location.byte] & location.mask) {
+      auto type = static_cast<eEmergencyType>(firstType + *kind);
+      printf(announceFormat, EmergencyEvent[type].c_str());
+      fflush(stdout);
+      ecallHandler.emergencyHappened(type);
+      return true;
+    }
   }
-  return -1;
+  return false;
 }
 
-void processImpactMessage(CQVTraceScope& scope, const uint8_t* msg, int n) {
-  reportOrcRx(scope, true, msg, n);
+void processImpactMessage(const uint8_t* msg, int n) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  reportOrcRx(true, msg, n);
   bool serialValid = msg[SERIAL_VALID] == 1;
   bool canValid = msg[CAN_VALID] == 1;
   if (serialValid) {
@@ -97,30 +108,19 @@ void processImpactMessage(CQVTraceScope& scope, const uint8_t* msg, int n) {
   }
 
   // One emergency per message at most; the serial path is trusted first.
-  if (serialValid) {
-    int kind = findTriggeredKind(orcSerialTriggers, msg + SERIAL_BITS);
-    if (kind >= 0) {
-      auto type = static_cast<eEmergencyType>(SERIAL_IMPACT_FIRST + kind);
-      printf("Ecall - Serial Emergency %s\n", EmergencyEvent[type].c_str());
-      fflush(stdout);
-      ecallHandler.emergencyHappened(type);
-      return;
-    }
+  if (serialValid && startTriggeredEmergency(orcSerialTriggers, msg + SERIAL_BITS, SERIAL_IMPACT_FIRST,
+                                             "Ecall - Serial Emergency %s\n")) {
+    return;
   }
   if (canValid) {
-    int kind = findTriggeredKind(orcCanTriggers, msg + CAN_BITS);
-    if (kind >= 0) {
-      auto type = static_cast<eEmergencyType>(CAN_IMPACT_FIRST + kind);
-      printf("Ecall - CAN Emergency %s\n", EmergencyEvent[type].c_str());
-      fflush(stdout);
-      ecallHandler.emergencyHappened(type);
-    }
+    startTriggeredEmergency(orcCanTriggers, msg + CAN_BITS, CAN_IMPACT_FIRST, "Ecall - CAN Emergency %s\n");
   }
 }
 
 // Every LOC message states all three links, so each source is set or cleared.
-void processLocMessage(CQVTraceScope& scope, const uint8_t* msg, int n) {
-  reportOrcRx(scope, false, msg, n);
+void processLocMessage(const uint8_t* msg, int n) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  reportOrcRx(false, msg, n);
   ecallHandler.setEcallSystemFailureState(ecallSystemFailure::ORC_CAN_LOC, msg[LOC_CAN_LOST] == 1);
   ecallHandler.setEcallSystemFailureState(ecallSystemFailure::ORC_SERIAL_LOC, msg[LOC_SERIAL_LOST] == 1);
   ecallHandler.setEcallSystemFailureState(ecallSystemFailure::MIRROR_LOC, msg[LOC_MIRROR_LOST] == 1);
@@ -132,9 +132,9 @@ void CANImpactECallHandler::processOrcMessage(const uint8_t* msg, int n) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   if (msg == nullptr || n <= 0) return;
   if (msg[0] == ORC_MSG_IMPACT && n >= ORC_IMPACT_MSG_MIN_SIZE) {
-    processImpactMessage(scope, msg, n);
+    processImpactMessage(msg, n);
   } else if (msg[0] == ORC_MSG_LOC && n >= ORC_LOC_MSG_MIN_SIZE) {
-    processLocMessage(scope, msg, n);
+    processLocMessage(msg, n);
   }
   // Anything else (another kind, or too short for its kind) is dropped.
 }

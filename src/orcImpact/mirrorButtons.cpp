@@ -18,7 +18,8 @@ constexpr size_t BUTTON_PPS_READ_SIZE = 1000;
 
 // The emergency button starts one emergency per press: a held button or a
 // repeated "1" is ignored until a "0" re-arms it.
-void onEmergencyButton(CQVTraceScope& scope, const char* value, bool& armed) {
+void onEmergencyButton(const char* value, bool& armed) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
   scope.sendFormattedMessage("ecallBtn pps value %s", value);
   ecallHandler.addFormattedEntryToEmergencyLog("ecallBtn = %s\n", value);
   switch (atoi(value)) {
@@ -36,7 +37,8 @@ void onEmergencyButton(CQVTraceScope& scope, const char* value, bool& armed) {
   }
 }
 
-void onAssistButton(CQVTraceScope& scope, CANImpactECallHandler& handler, const char* value) {
+void onAssistButton(CANImpactECallHandler& handler, const char* value) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
   scope.sendFormattedMessage("UcallBtn pps value %s\n", value);
   if (atoi(value) != 1) return;  // the release is not acted on
 
@@ -76,9 +78,9 @@ void CANImpactECallHandler::processButtonPpsText(char* text, bool& armed) {
 
     const char* value = info.value ? info.value : "";
     if (strstr(info.attr_name, "E_CALL_BtnStat") != nullptr) {
-      onEmergencyButton(scope, value, armed);
+      onEmergencyButton(value, armed);
     } else if (strstr(info.attr_name, "U_CALL_BtnStat") != nullptr) {
-      onAssistButton(scope, *this, value);
+      onAssistButton(*this, value);
     }
   }
 }

@@ -27,6 +27,7 @@ std::mutex blinkTimerHandleMutex;
 // Every message to the vehicle micro is one write; its result is not
 // checked (a closed channel just loses the message).
 void writeOrcMessage(int fd, uint8_t kind, uint8_t value) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
   const uint8_t msg[2] = {kind, value};
   ssize_t rc = write(fd, msg, sizeof msg);
   (void)rc;
@@ -34,7 +35,8 @@ void writeOrcMessage(int fd, uint8_t kind, uint8_t value) {
 
 // Waits on a private channel for the timer's pulse. False when the timer
 // could not be set up or the wait failed.
-bool waitForBlinkTimer(CQVTraceScope& scope) {
+bool waitForBlinkTimer() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
   int chid = qnx::ChannelCreate(0);
   int coid = chid > 0 ? qnx::ConnectAttach(0, 0, chid, qnx::_NTO_SIDE_CHANNEL, 0) : -1;
   qnx::timer_t timerId = -1;
@@ -123,7 +125,7 @@ void CANImpactECallHandler::startBlinkTimer() {
 void* BlinkTimerThreadFunc(void* arg) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   scope.sendFormattedMessage("start 5 seconds blink timer");
-  if (!waitForBlinkTimer(scope)) {
+  if (!waitForBlinkTimer()) {
     // Without a timer the pause is slept, so the LED still stops blinking.
     platform::sleepMs(BLINK_TIMER_SECONDS * 1000);
   }
