@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,20 +37,25 @@ std::string fixed(double value) {
   return text;
 }
 
-// Starts a program with its standard streams on the given descriptors.
+// Starts a program with its standard streams on the given descriptors. The
+// child is killed when the test process dies (a crash, a time-out kill), so
+// that no service or car outlives its test; the creating thread must live as
+// long as the child (the test's own thread does).
 pid_t spawn(const std::vector<std::string>& args, int in, int out, int err) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
   std::vector<char*> argv;
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
-  pid_t pid = -1;
-  int rc = posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  return rc == 0 ? pid : -1;
+  pid_t parent = getpid();
+  pid_t pid = fork();
+  if (pid == 0) {
+    // Only async-signal-safe calls from here to exec.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);  // the test died already
+    if (dup2(in, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0) _exit(127);
+    execve(argv[0], argv.data(), environ);
+    _exit(127);
+  }
+  return pid;
 }
 
 int openOutput(const std::string& path) { return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644); }
@@ -174,6 +179,13 @@ void E2eHarness::startSim() {
   if (!mOptions.simUser.empty()) {
     struct passwd* user = getpwnam(mOptions.simUser.c_str());
     ASSERT_NE(user, nullptr) << "no user " << mOptions.simUser;
+    // The build folder need not be open to other accounts: the simulator
+    // runs from a copy in the work folder.
+    args[0] = mWorkDir + "/vehicle-sim";
+    std::error_code ec;
+    std::filesystem::copy_file(VEHICLE_SIM_BIN, args[0], ec);
+    ASSERT_FALSE(ec) << "cannot copy " << VEHICLE_SIM_BIN << ": " << ec.message();
+    ASSERT_EQ(chmod(args[0].c_str(), 0755), 0);
     args.insert(args.begin(), {"/usr/bin/setpriv", "--reuid=" + std::to_string(user->pw_uid),
                                "--regid=" + std::to_string(user->pw_gid), "--clear-groups", "--"});
   }
