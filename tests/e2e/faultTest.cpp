@@ -3,7 +3,6 @@
 // airbag controller's socket closing; the vehicle status object replaced,
 // removed and recreated. After each fault the service still places an
 // emergency call when asked.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sched.h>
@@ -17,7 +16,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <vector>
 
