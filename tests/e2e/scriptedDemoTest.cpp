@@ -1,0 +1,96 @@
+// The README's main job in its scripted form, run as a person would run it
+// (with the binaries already built): the crash scene to its end, its
+// timeline and the emergency log it prints.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/e2eHarness.h"
+#include "support/testSupport.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+struct DemoRun {
+  std::string output;
+  int status = -1;
+};
+
+DemoRun runScriptedDemo(double scale) {
+  char scaleText[32];
+  snprintf(scaleText, sizeof scaleText, "%g", scale);
+  std::string command = std::string("bash ") + ECALL_SOURCE_DIR + "/scripts/demo --scripted --no-build --build " +
+                        ECALL_BUILD_DIR + " --time-scale " + scaleText + " </dev/null 2>&1";
+  DemoRun run;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return run;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) run.output.append(buffer, n);
+  run.status = pclose(pipe);
+  return run;
+}
+
+// The messages of the emergency log printed after the scene: each entry
+// without its time stamp and odometer field.
+Strings printedLogMessages(const std::string& output) {
+  static const std::regex entry(R"(^\d\d:\d\d:\d\d [A-Za-z]+ \d\d, \d{4} GMT:(?:\d{7}|ODO N/A):(.*)$)");
+  Strings messages;
+  bool inLog = false;
+  std::smatch match;
+  for (const auto& line : testSupport::splitLines(output)) {
+    if (line.rfind("demo: the emergency log (", 0) == 0) inLog = true;
+    else if (line.rfind("demo: ", 0) == 0) inLog = false;
+    else if (inLog && std::regex_match(line, match, entry)) messages.push_back(match[1].str());
+  }
+  return messages;
+}
+
+// The car time of the first timeline line that holds text, or -1.
+double timelineSeconds(const std::string& output, const std::string& text) {
+  static const std::regex stamped(R"(^ *(-?[0-9]+\.[0-9]) s  (.*)$)");
+  std::smatch match;
+  for (const auto& line : testSupport::splitLines(output))
+    if (std::regex_match(line, match, stamped) && match[2].str().find(text) != std::string::npos)
+      return std::stod(match[1].str());
+  return -1;
+}
+
+}  // namespace
+
+TEST(Demo, ScriptedCrashSceneRunsToItsEndAndPrintsTheWholeCallInTheLog) {
+  constexpr double scale = 0.05;
+  DemoRun run = runScriptedDemo(scale);
+  const std::string& out = run.output;
+  ASSERT_TRUE(WIFEXITED(run.status)) << out;
+  EXPECT_EQ(WEXITSTATUS(run.status), 0) << out;
+  EXPECT_EQ(out.find("gave up waiting"), std::string::npos) << out;
+
+  Strings log = printedLogMessages(out);
+  EXPECT_TRUE(testSupport::containsInOrder(
+      log, {"Rx ORC CAN 0x0400", "ACR triggered on CAN - More severe front event", "send LED status 1",
+            "Request mute mic inputs", "TTS rqst 7", "Calling 911", "Call Active.  Delay 6000 ms for PSAP TTS",
+            "TTS rqst 10", "TTS rqst 11", "Request unmute mic inputs", "Call ended", "send LED status 0",
+            "TTS rqst 3", "send LED status 0", "End emergency mode"}))
+      << testing::PrintToString(log);
+
+  // The timeline, in car seconds from the crash: the call, then the
+  // call-back period before the emergency mode ends.
+  double on = timelineSeconds(out, "ECALL on  type=acn event=CAN_IMPACT_C modeActive=yes number=911");
+  double ended = timelineSeconds(out, "ECALL off type=none event=NONE modeActive=yes");
+  double idle = timelineSeconds(out, "ECALL off type=none event=NONE modeActive=no");
+  EXPECT_GE(on, 0.0) << out;
+  EXPECT_GT(ended, on) << out;
+  EXPECT_GE(idle - ended, 0.8 * 30) << "the call-back period, in car seconds\n" << out;
+  EXPECT_GE(timelineSeconds(out, "say (ECALL): A crash has occurred in a Corvane vehicle:"), 0.0) << out;
+  EXPECT_GE(timelineSeconds(out, "mirror LED solid green"), 0.0) << out;
+
+  std::smatch folder;
+  ASSERT_TRUE(std::regex_search(out, folder, std::regex("removed (/tmp/ecall-demo-[A-Za-z0-9]+)"))) << out;
+  EXPECT_FALSE(testSupport::fileExists(folder[1].str())) << "the session folder stays behind";
+}
