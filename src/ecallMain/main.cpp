@@ -15,6 +15,7 @@
 #include "platform/runtime.h"
 #include "platform/serviceBus.h"
 #include "platform/slog.h"
+#include "platform/systemdNotify.h"
 #include "platform/trace.h"
 
 namespace {
@@ -158,6 +159,9 @@ int main(int argc, char** argv) {
 
   installSignalHandlers();
   registerOnBus();
+  // Registered: callers can reach the service now, so the service manager
+  // may count it as started (the modules below come up while it serves).
+  platform::notifyReady();
 
   extServHandle.initExternalServiceHandling();
   extServHandle.getEmebeddedPhoneEnabledInVariant();

@@ -1,0 +1,14 @@
+// Readiness notification through libsystemd's sd_notify, which finds the
+// manager's socket in NOTIFY_SOCKET and knows its abstract and file forms.
+#include "platform/systemdNotify.h"
+
+#include <systemd/sd-daemon.h>
+
+namespace platform {
+
+bool notifyReady() {
+  // 0: no manager listens (started by hand); negative: the send failed.
+  return sd_notify(0, "READY=1") > 0;
+}
+
+}  // namespace platform
