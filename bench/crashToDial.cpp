@@ -96,13 +96,19 @@ bool oneRun(Run& run, bool showTimeline) {
     if (r["kind"] == "request" && r["t"].asDouble() <= dial["t"].asDouble()) requests.push_back(r);
   }
   if (crashAt == 0) return false;
+  // The simulator records the message once its write has returned, and the
+  // service may have read it by then: the start is the earlier of the two.
+  const std::vector<bench::TraceLine> trace = bench::parseTrace(car.trace());
+  for (const auto& line : trace)
+    if (line.text.find(" Rx: ") != std::string::npos && line.t < crashAt && line.t > crashAt - 0.05)
+      crashAt = line.t;
   const double dialAt = dial["t"].asDouble();
   run.crashToDialMs = (dialAt - crashAt) * 1000;
   run.requests = requests.size();
   run.logWrites = logLinesAtDial - logLines;
 
   double previous = crashAt;
-  for (const auto& line : bench::parseTrace(car.trace())) {
+  for (const auto& line : trace) {
     if (line.t < crashAt || line.t > dialAt) continue;
     run.steps.push_back({stepName(line.text), (line.t - previous) * 1000});
     run.categories[categoryOf(line.text)] += (line.t - previous) * 1000;

@@ -77,6 +77,8 @@ int main(int argc, char** argv) {
          after.voluntarySwitches - before.voluntarySwitches,
          (after.voluntarySwitches - before.voluntarySwitches) / elapsed,
          after.involuntarySwitches - before.involuntarySwitches);
+  printf("   since start: CPU %.3f s, voluntary switches %ld (the counters work)\n", after.cpuSeconds,
+         after.voluntarySwitches);
   for (const auto& [thread, n] : threadsAfter) {
     auto was = threadsBefore.find(thread);
     long delta = n - (was == threadsBefore.end() ? 0 : was->second);
