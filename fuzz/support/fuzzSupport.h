@@ -1,0 +1,48 @@
+// Common ground of the fuzz targets: the service's modules on the fake bus,
+// in a temporary root folder, with the process objects made once per
+// process and the processor's state put back before every input, so that
+// an input does the same whether it runs first or after a million others.
+//
+// The state machine thread and the command thread are not started: the
+// targets feed one input to one handler and look at what that handler does;
+// the pulses the handler sends have no receiver and are dropped.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace fuzzSupport {
+
+// Sets up the process once (later calls only check it), then puts the
+// state back: the phone present and ON, no emergency, no failure, the LED
+// off, the vehicle variant with embedded phone, no recorded bus calls. Every
+// target calls it first.
+void beginInput();
+
+// Lets every asynchronous result the input caused run on the fake bus thread
+// before the next input starts.
+void endInput();
+
+// The temporary root folder (every path of the service lies under it).
+const std::string& rootDir();
+
+// Writes a file of the service ("/pps/can/vehstat", ...) under the root.
+void writeServiceFile(const std::string& absolutePath, const std::string& content);
+
+// Splits data into at most count fields at NUL bytes; the last field takes
+// the rest (NULs included). Seeds keep the fields of one input apart so.
+std::vector<std::string> splitFields(const uint8_t* data, size_t size, size_t count);
+
+// The input as text up to its first NUL (what a C string peer can send).
+std::string asText(const uint8_t* data, size_t size);
+
+// Answers of the fake peers: method of busName answers text (a successful
+// reply), or fails when text is null.
+void answer(const char* busName, const char* method, const char* text);
+
+// Stops the fuzzer on a broken expectation with a readable message.
+void expect(bool condition, const char* what);
+
+}  // namespace fuzzSupport

@@ -1,0 +1,53 @@
+// A signal of the application manager about an application's life. The
+// first byte picks the signal (4 and up: a name taken from the input, ended
+// by a NUL); the second sets the scene: bit 0 emergency mode, bits 1-2 the
+// LED last set, bit 3 Assist already active, bit 4 a call up on the phone,
+// bit 5 the input side running, bit 6 no data at all; the rest is the data.
+// The seeds name the Assist application's default identifier.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "orcImpact/CANImpactECallHandler.h"
+#include "support/fuzzSupport.h"
+
+namespace {
+
+const char* const kSignals[] = {"operStatus", "appStarted", "appPaused", "appStopped"};
+constexpr size_t kSignalCount = sizeof kSignals / sizeof kSignals[0];
+
+void setScene(uint8_t scene) {
+  // The LED first: setting it writes to the channel and the log, as it would.
+  canIpcEmergencyHandler.setLedStatus(static_cast<eLedStatus>((scene >> 1) & 3));
+  ecallHandler.ecallModeActive = (scene & 1) != 0;
+  ecallHandler.bAssistAppActive = (scene & 8) != 0;
+  ecallHandler.curCallState.set((scene & 0x10) ? "CALL_STATE_ACTIVE" : "CALL_STATE_IDLE");
+  ecallHandler.orcMonitoringStarted = (scene & 0x20) != 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 2) return 0;
+  fuzzSupport::beginInput();
+  setScene(data[1]);
+  std::string name;
+  std::string payload;
+  if (data[0] < kSignalCount) {
+    name = kSignals[data[0]];
+    payload = fuzzSupport::asText(data + 2, size - 2);
+  } else {
+    const std::vector<std::string> fields = fuzzSupport::splitFields(data + 2, size - 2, 2);
+    name = fields[0];
+    if (fields.size() > 1) payload = fuzzSupport::asText(reinterpret_cast<const uint8_t*>(fields[1].data()), fields[1].size());
+  }
+  ecallProcessor::onSubcribedAppMngrSignal(name.c_str(), (data[1] & 0x40) ? nullptr : payload.c_str(),
+                                           const_cast<char*>("ecallProcessor"));
+  const int led = canIpcEmergencyHandler.getLastLedSetStatus();
+  fuzzSupport::expect(led >= LED_OFF && led <= LED_RED, "an LED status out of range");
+  fuzzSupport::endInput();
+  return 0;
+}

@@ -1,0 +1,21 @@
+// The embedded phone's answer to "getUsbPorts", parsed directly and through
+// the asynchronous reply that writes the ports to the emergency log.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "ecallMain/processObjects.h"
+#include "ecallProcessor/ecallProcessor.h"
+#include "support/fuzzSupport.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzzSupport::beginInput();
+  const std::string reply = fuzzSupport::asText(data, size);
+  const std::string ports = ecallProcessor::parseSWIUSBPortsStr(reply.c_str());
+  // Nothing but the names (and their separators) of the reply is reported.
+  fuzzSupport::expect(ports == "Read Failure" || ports.size() <= 2 * reply.size(), "ports text longer than the reply");
+  SVCIPC_tCallbackStatus ok{SVCIPC_ERROR_NONE, nullptr, nullptr};
+  ecallProcessor::onAsyncSWIUSBPortsResult(&ok, reply.c_str(), const_cast<char*>("getUsbPorts"));
+  fuzzSupport::endInput();
+  return 0;
+}
