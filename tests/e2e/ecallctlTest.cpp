@@ -1,0 +1,169 @@
+// ecallctl against the real service and the simulated car on a private bus:
+// every subcommand, the monitor through a whole call, and the exit codes a
+// script relies on.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "carScene.h"
+#include "childProcess.h"
+
+using namespace carScene;
+using childProcess::Child;
+using childProcess::Outcome;
+
+namespace {
+
+std::vector<std::string> ctlArgs(const E2eHarness& car, const Strings& args) {
+  std::vector<std::string> argv = {ECALLCTL_BIN, "--bus", car.busAddress()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+
+Outcome ctl(const E2eHarness& car, const Strings& args) { return childProcess::run(ctlArgs(car, args)); }
+
+// Runs a command that must succeed and returns what it printed.
+std::string ctlOk(const E2eHarness& car, const Strings& args) {
+  Outcome outcome = ctl(car, args);
+  EXPECT_EQ(outcome.exitCode, 0) << args[0] << ": " << outcome.err;
+  return outcome.out;
+}
+
+size_t countOf(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
+  return n;
+}
+
+bool usbHasLog(const E2eHarness& car) {
+  DIR* dir = opendir(car.path("/fs/usb0").c_str());
+  if (dir == nullptr) return false;
+  bool found = false;
+  while (dirent* entry = readdir(dir)) found = found || std::string(entry->d_name).rfind("ecall_log", 0) == 0;
+  closedir(dir);
+  return found;
+}
+
+// A monitor that has subscribed: from here on it misses no signal.
+void waitUntilMonitoring(Child& monitor) {
+  ASSERT_TRUE(monitor.waitForOutput([&] { return monitor.err().find("monitoring ecallService") != std::string::npos; },
+                                    kLong))
+      << monitor.err();
+}
+
+}  // namespace
+
+TEST(Ecallctl, QueriesAndRequestsReachTheService) {
+  Scene s(carOptions(0.01));
+  E2eHarness& car = s.car;
+
+  EXPECT_EQ(ctlOk(car, {"status"}), "emergency in progress: no\n");
+  EXPECT_EQ(ctlOk(car, {"mode"}), "emergency mode active: no\n");
+  EXPECT_EQ(ctlOk(car, {"language"}), "en_US\n");
+  EXPECT_EQ(ctlOk(car, {"--json", "status"}), "{\"ecallInProgress\":false}\n");
+  EXPECT_EQ(ctlOk(car, {"--json", "mode"}), "{\"eCallModeActive\":false}\n");
+
+  // State 1 asks for prompt 6, "retry with cancel".
+  EXPECT_EQ(ctlOk(car, {"retry-state", "1"}), "OK\n");
+  EXPECT_TRUE(s.waitForLogCount("TTS rqst 6", 1));
+
+  // The service never answers "log": a client that waited would run into
+  // its 2 s limit and fail; the words become one entry of their own.
+  Outcome logged = ctl(car, {"--timeout", "2", "log", "driver", "reports", "smoke"});
+  EXPECT_EQ(logged.exitCode, 0) << logged.err;
+  EXPECT_TRUE(s.waitForLogCount("driver reports smoke", 1));
+  EXPECT_EQ(ctlOk(car, {"log", "a second entry"}), "");
+  EXPECT_TRUE(s.waitForLogCount("a second entry", 1));
+
+  EXPECT_EQ(ctlOk(car, {"reset-gps"}), "OK\n");
+  EXPECT_TRUE(car.waitForEmergencyLog("Calling v850ResetSierra from an external dbus call"));
+
+  EXPECT_EQ(ctlOk(car, {"--json", "export-log"}), kOk);
+  EXPECT_TRUE(testSupport::waitUntil([&] { return usbHasLog(car); }, kLong)) << "no log was exported to the stick";
+}
+
+// Two monitors, one readable and one for scripts, follow a call that ecallctl
+// starts, from the button delay to the end of the call-back period.
+TEST(Ecallctl, MonitorSeesAWholeCall) {
+  Scene s(carOptions(0.01));
+  E2eHarness& car = s.car;
+  Child readable(ctlArgs(car, {"monitor"}));
+  Child json(ctlArgs(car, {"--json", "monitor"}));
+  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(readable));
+  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(json));
+
+  EXPECT_EQ(ctlOk(car, {"start"}), "OK\n");
+  ASSERT_TRUE(s.waitForEmergency());
+  EXPECT_EQ(ctlOk(car, {"status"}), "emergency in progress: yes\n");
+  ASSERT_TRUE(s.waitForLogCount("Call Active.  Delay 6000 ms for PSAP TTS", 1));
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForIdle());
+
+  // What the car heard, in order, is what the script monitor must print.
+  std::string expected;
+  for (const auto& r : car.recordsSince(s.mark)) {
+    const std::string kind = r["kind"].asString();
+    if (kind == "ecall" || kind == "ecallProgress") expected += kind + " " + r["data"].asString();
+  }
+  ASSERT_NE(expected, "");
+  EXPECT_TRUE(json.waitForOutput([&] { return json.out() == expected; }, kLong)) << json.out();
+
+  const size_t ecallLines = countOf(expected, "ecall {");
+  const size_t progressLines = countOf(expected, "ecallProgress {");
+  EXPECT_TRUE(readable.waitForOutput(
+      [&] {
+        return countOf(readable.out(), " ecall ") == ecallLines &&
+               countOf(readable.out(), " ecallProgress ") == progressLines;
+      },
+      kLong))
+      << readable.out();
+  const std::string& out = readable.out();
+  const size_t started = out.find(" ecall emergency=yes mode-active=yes type=ecallDelay event=E_CALL_BtnStat");
+  const size_t muted = out.find(" ecallProgress 55936 microphones muted\n");
+  const size_t unmuted = out.find(" ecallProgress 55915 microphones unmuted\n");
+  const size_t idle = out.rfind(" ecall emergency=no mode-active=no type=none event=NONE");
+  EXPECT_TRUE(started < muted && muted < unmuted && unmuted < idle && idle != std::string::npos) << out;
+
+  // An interrupt ends a monitor cleanly.
+  readable.signal(SIGINT);
+  json.signal(SIGTERM);
+  EXPECT_EQ(readable.wait(), 0);
+  EXPECT_EQ(json.wait(), 0);
+}
+
+// Scripts tell a bad command line, an absent service and a silent one apart.
+TEST(Ecallctl, FailuresHaveExitCodesOfTheirOwn) {
+  Scene s(carOptions(0.01), false);
+  E2eHarness& car = s.car;
+
+  for (const Strings& bad : {Strings{"dial"}, Strings{"retry-state", "one"}, Strings{"retry-state"},
+                             Strings{"status", "extra"}, Strings{"log"}, Strings{"--timeout", "0", "status"}}) {
+    Outcome outcome = ctl(car, bad);
+    EXPECT_EQ(outcome.exitCode, 2) << bad[0] << ": " << outcome.err;
+    EXPECT_NE(outcome.err.find("usage: ecallctl"), std::string::npos);
+  }
+
+  // A service that hangs (stopped) gives no reply within the limit.
+  ASSERT_EQ(kill(car.servicePid(), SIGSTOP), 0);
+  Outcome silent = ctl(car, {"--timeout", "0.3", "mode"});
+  kill(car.servicePid(), SIGCONT);
+  EXPECT_EQ(silent.exitCode, 4) << silent.err;
+  EXPECT_NE(silent.err.find("no reply within 0.3 s"), std::string::npos) << silent.err;
+
+  Child monitor(ctlArgs(car, {"monitor"}));
+  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(monitor));
+  car.stopService();
+  EXPECT_TRUE(monitor.waitForOutput([&] { return monitor.out().find("ecallService left the bus") != std::string::npos; },
+                                    kLong));
+  for (const Strings& args : {Strings{"status"}, Strings{"start"}, Strings{"log", "lost"}}) {
+    Outcome absent = ctl(car, args);
+    EXPECT_EQ(absent.exitCode, 3) << args[0];
+    EXPECT_NE(absent.err.find("ecallService is not on the bus"), std::string::npos) << absent.err;
+    EXPECT_EQ(absent.out, "");
+  }
+}

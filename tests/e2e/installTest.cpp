@@ -1,0 +1,185 @@
+// Deployment: what cmake --install puts where, whether systemd accepts the
+// unit and the boot-time folder, and the readiness the unit waits for.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "childProcess.h"
+#include "support/e2eHarness.h"
+#include "support/testSupport.h"
+
+namespace fs = std::filesystem;
+using childProcess::Outcome;
+using testSupport::readFile;
+
+namespace {
+
+const std::string kBusName = "com.nordak.service.ecallService";
+
+// A scratch folder, removed at the end.
+class Stage {
+ public:
+  Stage() {
+    char name[] = "/tmp/ecall-install-XXXXXX";
+    if (mkdtemp(name) != nullptr) mDir = name;
+  }
+  ~Stage() {
+    std::error_code ignored;
+    if (!mDir.empty()) fs::remove_all(mDir, ignored);
+  }
+  const std::string& dir() const { return mDir; }
+
+ private:
+  std::string mDir;
+};
+
+Outcome install(const std::string& prefix, const std::string& destdir) {
+  std::vector<std::string> env;
+  if (!destdir.empty()) env.push_back("DESTDIR=" + destdir);
+  return childProcess::run({ECALL_CMAKE_COMMAND, "--install", ECALL_BUILD_DIR, "--prefix", prefix}, env,
+                           std::chrono::seconds(60));
+}
+
+bool isExecutable(const std::string& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & S_IXUSR) != 0;
+}
+
+bool hasLine(const std::string& text, const std::string& line) {
+  for (const auto& l : testSupport::splitLines(text))
+    if (l == line) return true;
+  return false;
+}
+
+// The path of a program on the machine, or "" when it is not installed.
+std::string findProgram(const std::string& name) {
+  for (const char* dir : {"/usr/bin", "/bin", "/usr/local/bin"})
+    if (isExecutable(std::string(dir) + "/" + name)) return std::string(dir) + "/" + name;
+  return "";
+}
+
+}  // namespace
+
+TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
+  Stage stage;
+  ASSERT_FALSE(stage.dir().empty());
+  const Outcome outcome = install("/usr", stage.dir());
+  ASSERT_EQ(outcome.exitCode, 0) << outcome.out << outcome.err;
+  const std::string usr = stage.dir() + "/usr";
+
+  for (const char* program : {"ecallService", "ecallctl", "vehicle-sim"})
+    EXPECT_TRUE(isExecutable(usr + "/bin/" + program)) << program;
+  // The installed binary runs (no dependence on the build tree).
+  const Outcome version = childProcess::run({usr + "/bin/ecallService", "--version"});
+  EXPECT_EQ(version.out, "1.2.1r\n");
+
+  // The unit and the activation file name the binary where it is installed,
+  // not where the build was configured to go.
+  const std::string unit = readFile(usr + "/lib/systemd/system/ecallService.service");
+  EXPECT_TRUE(hasLine(unit, "ExecStart=/usr/bin/ecallService --bus system")) << unit;
+  EXPECT_TRUE(hasLine(unit, "Type=notify"));
+  const std::string activation = readFile(usr + "/share/dbus-1/system-services/" + kBusName + ".service");
+  EXPECT_TRUE(hasLine(activation, "Name=" + kBusName)) << activation;
+  EXPECT_TRUE(hasLine(activation, "Exec=/usr/bin/ecallService --bus system"));
+  EXPECT_TRUE(hasLine(activation, "SystemdService=ecallService.service"));
+  EXPECT_EQ(readFile(usr + "/share/dbus-1/system.d/" + kBusName + ".conf"),
+            readFile(std::string(ECALL_SOURCE_DIR) + "/data/dbus/" + kBusName + ".conf"));
+  EXPECT_NE(readFile(usr + "/lib/tmpfiles.d/ecallService.conf").find("/fs/etfs/usr/var/ecall"), std::string::npos);
+
+  // Nothing lands outside the prefix inside the staging folder.
+  for (const auto& entry : fs::recursive_directory_iterator(stage.dir()))
+    EXPECT_EQ(entry.path().string().rfind(usr, 0), 0u) << entry.path();
+}
+
+// Installed to a folder of its own (so the unit's binary exists), the unit
+// passes systemd's checks, and the boot-time entry makes the log folder.
+TEST(Install, SystemdAcceptsTheUnitAndMakesTheLogFolder) {
+  const std::string analyze = findProgram("systemd-analyze");
+  const std::string tmpfiles = findProgram("systemd-tmpfiles");
+  if (analyze.empty() || tmpfiles.empty()) GTEST_SKIP() << "systemd's tools are not installed (package systemd)";
+  Stage stage;
+  ASSERT_FALSE(stage.dir().empty());
+  const Outcome installed = install(stage.dir(), "");
+  ASSERT_EQ(installed.exitCode, 0) << installed.out << installed.err;
+
+  const std::string unit = stage.dir() + "/lib/systemd/system/ecallService.service";
+  const Outcome verify = childProcess::run({analyze, "verify", unit});
+  EXPECT_EQ(verify.exitCode, 0) << verify.out << verify.err;
+  // Unknown keys and bad values are only warnings: any line on the unit fails.
+  EXPECT_EQ((verify.out + verify.err).find("ecallService.service"), std::string::npos) << verify.out << verify.err;
+
+  const std::string root = stage.dir() + "/root";
+  fs::create_directories(root);
+  const Outcome created =
+      childProcess::run({tmpfiles, "--create", "--root=" + root, stage.dir() + "/lib/tmpfiles.d/ecallService.conf"});
+  EXPECT_EQ(created.exitCode, 0) << created.out << created.err;
+  EXPECT_TRUE(fs::is_directory(root + "/fs/etfs/usr/var/ecall"));
+}
+
+// Under Type=notify, systemd starts what depends on the service once it says
+// it is ready: by then its name must be on the bus.
+TEST(Install, ServiceIsReadyOnlyOnceItsNameIsOnTheBus) {
+  testSupport::E2eOptions options;
+  options.startService = false;
+  testSupport::E2eHarness car(options);
+
+  Stage stage;
+  ASSERT_FALSE(stage.dir().empty());
+  const std::string socketPath = stage.dir() + "/notify";
+  const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(manager, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
+  ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const int on = 1;
+  setsockopt(manager, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+  const timeval limit{20, 0};
+  setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+
+  SVCIPC_tConnection conn = nullptr;
+  ASSERT_EQ(SVCIPC_initialize(), SVCIPC_ERROR_NONE);
+  ASSERT_EQ(SVCIPC_getConnectionByAddress(car.busAddress().c_str(), &conn), SVCIPC_ERROR_NONE);
+
+  // Plays systemd: takes the first notification and looks at the bus at once.
+  std::string message;
+  pid_t sender = -1;
+  int ownedWhenReady = -1;
+  std::thread reader([&] {
+    char text[256] = {};
+    char control[CMSG_SPACE(sizeof(ucred))] = {};
+    iovec data{text, sizeof text - 1};
+    msghdr header{};
+    header.msg_iov = &data;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    if (recvmsg(manager, &header, 0) <= 0) return;
+    SVCIPC_nameHasOwner(conn, kBusName.c_str(), &ownedWhenReady);
+    message = text;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr; c = CMSG_NXTHDR(&header, c))
+      if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS)
+        sender = reinterpret_cast<ucred*>(CMSG_DATA(c))->pid;
+  });
+
+  // Only the service is started with the manager's socket.
+  setenv("NOTIFY_SOCKET", socketPath.c_str(), 1);
+  car.startService();
+  unsetenv("NOTIFY_SOCKET");
+  reader.join();
+  close(manager);
+  SVCIPC_closeConnection(conn);
+
+  EXPECT_EQ(message, "READY=1");
+  EXPECT_EQ(sender, car.servicePid());
+  EXPECT_EQ(ownedWhenReady, 1) << "ready before the service was on the bus";
+  EXPECT_TRUE(car.serviceRunning());
+}
