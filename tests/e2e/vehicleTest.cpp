@@ -127,6 +127,7 @@ TEST(ModuleReset, SilentPhoneIsResetThreeTimesThenReportedAndItsReturnStartsAfre
   EXPECT_TRUE(testSupport::fileExists(marker));
   ASSERT_TRUE(s.waitForLogCount("System error handling set LED to 3", 1));
   EXPECT_TRUE(s.waitForChannel({{3}, {3}, {3}, {1, 3}})) << testing::PrintToString(s.channel());
+  ASSERT_FALSE(s.waitForSignal([](const Json::Value& sig) { return sig["type"].asString() == "systemError"; }).isNull());
   EXPECT_EQ(s.signals(), Strings{systemErrorSignal()});
   EXPECT_EQ(containing(s.log(), {"Sierra", "V850", "System error"}),
             (Strings{"Sent IPC message to V850 to reset Sierra 1th time",
@@ -198,6 +199,7 @@ TEST(Bluetooth, CallAtTheCrashIsReportedAndBluetoothIsOffForTheEmergency) {
   repeat.replace(repeat.find("\"acn\""), 5, "\"ecall_button_repeat\"");
   // The phone's end of the call also ends what the service knew of Bluetooth.
   EXPECT_EQ(s.signals(), (Strings{withBluetoothCall(kCrashB), repeat, endedSignal(true), endedSignal(false)}));
+  ASSERT_TRUE(s.waitForRequestCount("BluetoothService", "setBluetoothStatus", 1));
   EXPECT_EQ(s.requests("BluetoothService"),
             (Strings{"switchBluetoothOff ", "setBluetoothStatus {\"enable\":true}\n"}));
 
