@@ -61,6 +61,9 @@ int main(int argc, char** argv) {
   testSupport::E2eHarness car(options);
   if (!car.waitForServiceStarted(std::chrono::seconds(30))) return 1;
   const pid_t pid = car.servicePid();
+  // The button thread's first read of the vehicle status object (the
+  // buttons' values at start) is the last step of the start-up.
+  car.waitForTrace("UcallBtn pps value", std::chrono::seconds(10));
 
   const size_t traceBefore = car.trace().size();
   const auto threadsBefore = switchesPerThread(pid);
