@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -34,8 +36,10 @@ pid_t spawn(const std::vector<std::string>& args) {
   return pid;
 }
 
-// Milliseconds from the exec of args to the name's owner change, or -1.
-double timeToName(sd_bus* bus, const std::string& name, const std::vector<std::string>& args) {
+// Milliseconds from the exec of args to the name's owner change, or -1;
+// *startedAt gets the monotonic time of the exec.
+double timeToName(sd_bus* bus, const std::string& name, const std::vector<std::string>& args,
+                  double* startedAt = nullptr) {
   bool owned = false;
   sd_bus_slot* slot = nullptr;
   const std::string match = "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" + name + "'";
@@ -49,6 +53,7 @@ double timeToName(sd_bus* bus, const std::string& name, const std::vector<std::s
       },
       &owned);
   const double start = bench::now();
+  if (startedAt) *startedAt = start;
   const pid_t pid = spawn(args);
   while (!owned && bench::now() - start < 30) {
     int r = sd_bus_process(bus, nullptr);
@@ -84,6 +89,24 @@ int main(int argc, char** argv) {
     if (t >= 0) service.push_back(t);
     t = timeToName(bus, "com.nordak.service.benchFloor", {self, "--floor-service", car.busAddress()});
     if (t >= 0) floor.push_back(t);
+  }
+  // One more start with the trace on, to show where the time goes.
+  const std::string traceFile = car.root() + "/startup-trace.txt";
+  double startedAt = 0;
+  const double traced = timeToName(bus, "com.nordak.service.ecallService",
+                                   {ECALL_SERVICE_BIN, "--root", car.root(), "--bus", car.busAddress(), "--trace",
+                                    traceFile},
+                                   &startedAt);
+  std::ifstream in(traceFile);
+  std::stringstream text;
+  text << in.rdbuf();
+  printf("\none start with --trace: name on the bus after %.3f ms; trace lines before it:\n", traced);
+  double previous = startedAt;
+  for (const auto& line : bench::parseTrace(text.str())) {
+    if (line.t > startedAt + traced / 1000) break;
+    printf("   %+9.3f ms  (+%7.3f)  %s\n", (line.t - startedAt) * 1000, (line.t - previous) * 1000,
+           line.text.substr(0, 110).c_str());
+    previous = line.t;
   }
   printf("\n");
   bench::printStats("ecallService: exec to name on the bus", service);
