@@ -25,21 +25,7 @@ namespace {
 const std::string kBusName = "com.nordak.service.ecallService";
 
 // A scratch folder, removed at the end.
-class Stage {
- public:
-  Stage() {
-    char name[] = "/tmp/ecall-install-XXXXXX";
-    if (mkdtemp(name) != nullptr) mDir = name;
-  }
-  ~Stage() {
-    std::error_code ignored;
-    if (!mDir.empty()) fs::remove_all(mDir, ignored);
-  }
-  const std::string& dir() const { return mDir; }
-
- private:
-  std::string mDir;
-};
+using Stage = testSupport::TempRoot;
 
 Outcome install(const std::string& prefix, const std::string& destdir) {
   std::vector<std::string> env;
@@ -70,7 +56,6 @@ std::string findProgram(const std::string& name) {
 
 TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
   Stage stage;
-  ASSERT_FALSE(stage.dir().empty());
   const Outcome outcome = install("/usr", stage.dir());
   ASSERT_EQ(outcome.exitCode, 0) << outcome.out << outcome.err;
   const std::string usr = stage.dir() + "/usr";
@@ -106,7 +91,6 @@ TEST(Install, SystemdAcceptsTheUnitAndMakesTheLogFolder) {
   const std::string tmpfiles = findProgram("systemd-tmpfiles");
   if (analyze.empty() || tmpfiles.empty()) GTEST_SKIP() << "systemd's tools are not installed (package systemd)";
   Stage stage;
-  ASSERT_FALSE(stage.dir().empty());
   const Outcome installed = install(stage.dir(), "");
   ASSERT_EQ(installed.exitCode, 0) << installed.out << installed.err;
 
@@ -132,7 +116,6 @@ TEST(Install, ServiceIsReadyOnlyOnceItsNameIsOnTheBus) {
   testSupport::E2eHarness car(options);
 
   Stage stage;
-  ASSERT_FALSE(stage.dir().empty());
   const std::string socketPath = stage.dir() + "/notify";
   const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   ASSERT_GE(manager, 0);
