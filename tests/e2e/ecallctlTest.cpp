@@ -90,7 +90,8 @@ TEST(Ecallctl, QueriesAndRequestsReachTheService) {
 // Two monitors, one readable and one for scripts, follow a call that ecallctl
 // starts, from the button delay to the end of the call-back period.
 TEST(Ecallctl, MonitorSeesAWholeCall) {
-  Scene s(carOptions(0.01));
+  // A call's steps need more room than the plain queries: 10 s of the car in 0.5 s.
+  Scene s(carOptions(0.05));
   E2eHarness& car = s.car;
   Child readable(ctlArgs(car, {"monitor"}));
   Child json(ctlArgs(car, {"--json", "monitor"}));
@@ -101,6 +102,8 @@ TEST(Ecallctl, MonitorSeesAWholeCall) {
   ASSERT_TRUE(s.waitForEmergency());
   EXPECT_EQ(ctlOk(car, {"status"}), "emergency in progress: yes\n");
   ASSERT_TRUE(s.waitForLogCount("Call Active.  Delay 6000 ms for PSAP TTS", 1));
+  // The microphones open again once the emergency centre has heard the car.
+  ASSERT_TRUE(s.waitForLogCount("Request unmute mic inputs", 1));
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
 
