@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -251,7 +252,8 @@ int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) 
 // ---- monitor ---------------------------------------------------------------
 
 std::mutex outputMutex;
-bool monitorJson = false;
+// Set before the subscriptions, read on the bus thread.
+std::atomic<bool> monitorJson{false};
 
 // Wall-clock time of day, so that a line can be matched with other logs.
 std::string timeOfDay() {
