@@ -30,13 +30,6 @@ double percentile(const std::vector<double>& sorted, double p) {
   return sorted[std::clamp<size_t>(rank, 1, sorted.size()) - 1];
 }
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 long field(const std::string& text, const std::string& name) {
   size_t at = text.find(name);
   if (at == std::string::npos) return 0;
@@ -44,6 +37,13 @@ long field(const std::string& text, const std::string& name) {
 }
 
 }  // namespace
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
 
 Stats stats(std::vector<double> samples) {
   Stats s;

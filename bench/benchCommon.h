@@ -12,6 +12,9 @@ namespace bench {
 // Seconds on the monotonic clock, the clock of the trace and of the record.
 double now();
 
+// The whole text of a file; empty when it cannot be read.
+std::string readFile(const std::string& path);
+
 // Samples in milliseconds.
 struct Stats {
   size_t count = 0;

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
@@ -18,13 +17,6 @@
 #include "support/e2eHarness.h"
 
 namespace {
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // "tid name" -> voluntary context switches of each thread.
 std::map<std::string, long> switchesPerThread(pid_t pid) {
@@ -35,9 +27,9 @@ std::map<std::string, long> switchesPerThread(pid_t pid) {
   while (dirent* entry = readdir(dir)) {
     if (entry->d_name[0] == '.') continue;
     const std::string task = taskDir + "/" + entry->d_name;
-    std::string name = readFile(task + "/comm");
+    std::string name = bench::readFile(task + "/comm");
     if (!name.empty() && name.back() == '\n') name.pop_back();
-    std::string status = readFile(task + "/status");
+    std::string status = bench::readFile(task + "/status");
     size_t at = status.find("\nvoluntary_ctxt_switches:");
     long n = at == std::string::npos ? 0 : atol(status.c_str() + at + 25);
     out[std::string(entry->d_name) + " " + name] = n;

@@ -10,8 +10,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -97,12 +95,9 @@ int main(int argc, char** argv) {
                                    {ECALL_SERVICE_BIN, "--root", car.root(), "--bus", car.busAddress(), "--trace",
                                     traceFile},
                                    &startedAt);
-  std::ifstream in(traceFile);
-  std::stringstream text;
-  text << in.rdbuf();
   printf("\none start with --trace: name on the bus after %.3f ms; trace lines before it:\n", traced);
   double previous = startedAt;
-  for (const auto& line : bench::parseTrace(text.str())) {
+  for (const auto& line : bench::parseTrace(bench::readFile(traceFile))) {
     if (line.t > startedAt + traced / 1000) break;
     printf("   %+9.3f ms  (+%7.3f)  %s\n", (line.t - startedAt) * 1000, (line.t - previous) * 1000,
            line.text.substr(0, 110).c_str());
