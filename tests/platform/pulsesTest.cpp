@@ -45,15 +45,15 @@ qnx::timer_t makeTimer(const Channel& ch, int code) {
 }
 
 int arm(qnx::timer_t id, int64_t ms) {
-  struct itimerspec spec {};
-  qnx::nsec2timespec(&spec.it_value, static_cast<uint64_t>(ms) * 1000000u);
-  return qnx::timer_settime(id, 0, &spec, nullptr);
+  struct itimerspec setting {};
+  qnx::nsec2timespec(&setting.it_value, static_cast<uint64_t>(ms) * 1000000u);
+  return qnx::timer_settime(id, 0, &setting, nullptr);
 }
 
 int64_t leftNs(qnx::timer_t id) {
-  struct itimerspec spec {};
-  EXPECT_EQ(0, qnx::timer_gettime(id, &spec));
-  return spec.it_value.tv_sec * 1000000000 + spec.it_value.tv_nsec;
+  struct itimerspec setting {};
+  EXPECT_EQ(0, qnx::timer_gettime(id, &setting));
+  return setting.it_value.tv_sec * 1000000000 + setting.it_value.tv_nsec;
 }
 
 int64_t leftMs(qnx::timer_t id) { return leftNs(id) / 1000000; }
@@ -148,12 +148,12 @@ TEST(Timers, TimeLeftIsReportedInTheCallersTimeAndIsZeroWhenIdle) {
   const qnx::timer_t timer = makeTimer(ch, 4);
   EXPECT_EQ(0, leftNs(timer));
 
-  struct itimerspec spec {};
-  qnx::nsec2timespec(&spec.it_value, 10'500'000'000u);
-  EXPECT_EQ(10, spec.it_value.tv_sec);
-  EXPECT_EQ(500'000'000, spec.it_value.tv_nsec);
-  spec.it_interval.tv_sec = 1;
-  EXPECT_EQ(-1, qnx::timer_settime(timer, 0, &spec, nullptr));  // one-shot timers only
+  struct itimerspec setting {};
+  qnx::nsec2timespec(&setting.it_value, 10'500'000'000u);
+  EXPECT_EQ(10, setting.it_value.tv_sec);
+  EXPECT_EQ(500'000'000, setting.it_value.tv_nsec);
+  setting.it_interval.tv_sec = 1;
+  EXPECT_EQ(-1, qnx::timer_settime(timer, 0, &setting, nullptr));  // one-shot timers only
   EXPECT_EQ(EINVAL, errno);
 
   ASSERT_EQ(0, arm(timer, 10'000));
