@@ -88,7 +88,7 @@ TEST(BadInput, BusParametersOfAnySizeDepthOrContent) {
   // A NUL inside a JSON text ends the logged line there.
   ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"before NUL\\u0000after NUL\\n\"}"));
   ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"next entry\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("next entry\n"));
+  ASSERT_TRUE(car.waitForEmergencyLog("next entry\n", kLong));
   const std::string log = car.emergencyLog();
   EXPECT_NE(log.find("before NUL"), std::string::npos);
   EXPECT_EQ(log.find("after NUL"), std::string::npos);
@@ -98,7 +98,7 @@ TEST(BadInput, BusParametersOfAnySizeDepthOrContent) {
   EXPECT_TRUE(SVCIPC_IS_ERROR(car.invoke("ecallService", "setEcallRetryHmiState", "{\"state\":\"\xff\xfe\"}", 5000,
                                          &reply)));
 
-  EXPECT_TRUE(car.waitForSlog("ecallRequest: setEcallRetryHmiState, params: {\"pad\":\"ppp"));
+  EXPECT_TRUE(car.waitForSlog("ecallRequest: setEcallRetryHmiState, params: {\"pad\":\"ppp", kLong));
   EXPECT_LE(longestLine(car.serviceStderr()), kSlogLineMax);
   expectStartEcallDials(s);
 }
@@ -112,7 +112,7 @@ TEST(BadInput, LongLoggedStringAndLongMethodName) {
   const std::string message(10000, 'm');
   ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"" + message + "\"}"));
   ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"after the long one\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("after the long one\n"));
+  ASSERT_TRUE(car.waitForEmergencyLog("after the long one\n", kLong));
   const std::string log = car.emergencyLog();
   const size_t first = log.find("mmmm");
   ASSERT_NE(first, std::string::npos);
@@ -122,12 +122,12 @@ TEST(BadInput, LongLoggedStringAndLongMethodName) {
   EXPECT_EQ(end - lineStart, kLogLineMax);
   EXPECT_TRUE(timeStampAt(log, end)) << "the next entry does not follow the cut";
   EXPECT_EQ(log.find("mmmm", end), std::string::npos) << "the rest of the message was written as well";
-  EXPECT_TRUE(car.waitForTrace("logStringToEcallLog: " + message));
+  EXPECT_TRUE(car.waitForTrace("logStringToEcallLog: " + message, kLong));
 
   const std::string name = "startEcall" + std::string(64 * 1024 - 10, 'n');
   ASSERT_TRUE(car.notify(name));
   EXPECT_EQ(car.call(name, "{}", 1000), E2eHarness::kNoReply);
-  ASSERT_TRUE(car.waitForTrace("ecallRequest: startEcallnnnn"));
+  ASSERT_TRUE(car.waitForTrace("ecallRequest: startEcallnnnn", kLong));
   EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
   EXPECT_TRUE(s.signals().empty()) << "a long name was taken for startEcall";
   EXPECT_LE(longestLine(car.serviceStderr()), kSlogLineMax);
@@ -153,7 +153,7 @@ TEST(BadInput, GarbageOnTheAirbagChannelAndInTheVehicleObject) {
   const std::string dump = "Read Impact: 00" + hexBytes(std::vector<int>(longMessage.begin() + 1, longMessage.begin() + 253));
   ASSERT_TRUE(testSupport::waitUntil([&] { return car.serviceStdout().find(dump + "\n") != std::string::npos; }, kLong))
       << car.serviceStdout();
-  ASSERT_TRUE(car.waitForEmergencyLog("Rx ORC CAN 0x0100\n"));
+  ASSERT_TRUE(car.waitForEmergencyLog("Rx ORC CAN 0x0100\n", kLong));
   EXPECT_EQ(car.serviceStdout().find("Read Impact: ff"), std::string::npos) << "a message of kind 0xFF was taken";
   EXPECT_EQ(s.countInLog("Rx ORC CAN 0x0100"), 1u);
 
@@ -162,14 +162,14 @@ TEST(BadInput, GarbageOnTheAirbagChannelAndInTheVehicleObject) {
   replaceVehicleObject(car, "@vehstat\nAAA_JUNK::" + std::string(kMiB, 'j') +
                                 "\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::1234567\n");
   ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"with the big object\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("ODO N/A:with the big object\n"));
+  ASSERT_TRUE(car.waitForEmergencyLog("ODO N/A:with the big object\n", kLong));
   // A button value of 1 MiB of bytes that are not UTF-8, then one cut by a
   // NUL; each is seen before the next replaces it.
   std::string notUtf8;
   for (size_t i = 0; i < kMiB / 2; ++i) notUtf8 += "\xfe\xff";
   replaceVehicleObject(car, "@vehstat\nE_CALL_BtnStat::" + notUtf8 + "\nU_CALL_BtnStat::0\nODO::1234567\n");
   const std::string odd = "ecallBtn = \xfe\xff\xfe\xff";
-  ASSERT_TRUE(car.waitForEmergencyLog(odd));
+  ASSERT_TRUE(car.waitForEmergencyLog(odd, kLong));
   replaceVehicleObject(car, std::string("@vehstat\nE_CALL_BtnStat::0\0\nU_CALL_BtnStat::1\n", 46));
   ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace("ecallBtn pps value 0") == 2; }, kLong));
 
