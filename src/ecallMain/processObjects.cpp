@@ -34,6 +34,8 @@ std::once_flag processObjectsCreated;
 
 void destroyProcessObjects() {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
+  // A blink timer still running would set the LED through objects gone.
+  waitForBlinkTimers();
   extServSlot.object.~externalServiceHandling();
   inputHandlerSlot.object.~CANImpactECallHandler();
   processorSlot.object.~ecallProcessor();

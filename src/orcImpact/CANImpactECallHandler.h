@@ -53,6 +53,10 @@ extern pthread_t blinkTimerThreadHnd;
 void* canImpactThrdFunc(void* arg);
 void* ecallReadThrdFunc(void* arg);
 void* BlinkTimerThreadFunc(void* arg);
+// Waits until every blink timer thread has ended (at most twice the blink
+// time and a second); false when one is still running then. Called before the process
+// objects are destroyed, since the blink timers use them.
+bool waitForBlinkTimers();
 
 class CANImpactECallHandler {
  public:

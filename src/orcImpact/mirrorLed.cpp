@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <mutex>
 
@@ -23,6 +25,37 @@ constexpr time_t BLINK_TIMER_SECONDS = 5;
 
 // Blink timers are started from several threads; the handle is kept whole.
 std::mutex blinkTimerHandleMutex;
+
+// The blink timer threads are detached, yet they use the process objects
+// when they end; the process waits for them before it destroys those
+// objects. Never destroyed, so that a thread still leaving at exit finds
+// them whole.
+struct blinkTimerCount {
+  std::mutex mutex;
+  std::condition_variable ended;
+  int running = 0;  // guarded by mutex
+};
+
+blinkTimerCount& blinkTimers() {
+  static blinkTimerCount* count = new blinkTimerCount;
+  return *count;
+}
+
+void blinkTimerStarts() {
+  std::lock_guard<std::mutex> lock(blinkTimers().mutex);
+  ++blinkTimers().running;
+}
+
+void blinkTimerEnds() {
+  std::lock_guard<std::mutex> lock(blinkTimers().mutex);
+  --blinkTimers().running;
+  blinkTimers().ended.notify_all();
+}
+
+// Counts a blink timer thread for its whole life, trace scope included.
+struct blinkTimerLife {
+  ~blinkTimerLife() { blinkTimerEnds(); }
+};
 
 // Every message to the vehicle micro is one write; its result is not
 // checked (a closed channel just loses the message).
@@ -110,7 +143,9 @@ void CANImpactECallHandler::startBlinkTimer() {
   pthread_attr_init(&attr);
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
   pthread_t thread;
+  blinkTimerStarts();
   if (pthread_create(&thread, &attr, BlinkTimerThreadFunc, nullptr) != 0) {
+    blinkTimerEnds();
     printf("Failed to create blink timer thread!\n");
     fflush(stdout);
   } else {
@@ -123,6 +158,7 @@ void CANImpactECallHandler::startBlinkTimer() {
 // One blink timer: after 5 seconds the LED returns to the steady state of the
 // moment, solid green in an emergency, otherwise off (red on a system error).
 void* BlinkTimerThreadFunc(void* arg) {
+  blinkTimerLife life;
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   scope.sendFormattedMessage("start 5 seconds blink timer");
   if (!waitForBlinkTimer()) {
@@ -135,4 +171,13 @@ void* BlinkTimerThreadFunc(void* arg) {
     canIpcEmergencyHandler.setLedStatus(LED_OFF);
   }
   return nullptr;
+}
+
+bool waitForBlinkTimers() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  // A blink ends 5 seconds after its start; twice that, and a second for
+  // the threads to be scheduled on a busy processor, is more than enough.
+  const auto deadline = std::chrono::milliseconds(platform::scaledMs(2 * BLINK_TIMER_SECONDS * 1000) + 1000);
+  std::unique_lock<std::mutex> lock(blinkTimers().mutex);
+  return blinkTimers().ended.wait_for(lock, deadline, [] { return blinkTimers().running == 0; });
 }
