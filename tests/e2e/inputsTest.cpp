@@ -159,6 +159,15 @@ TEST(MirrorButtons, EmergencyButtonStartsTheDelayOnceAndANewPressCancelsIt) {
   EXPECT_TRUE(s.waitForLed({{1, 1}, {1, 0}, {1, 0}})) << testing::PrintToString(s.led());
 }
 
+// A button already pressed when the service starts is a press: the first
+// read of the button object reports the values it holds.
+TEST(MirrorButtons, ButtonHeldAtStartStartsTheDelay) {
+  E2eHarness car(carOptions(kScale, {"button ecall press"}));
+  ASSERT_TRUE(car.waitForEmergencyLog("ecallBtn = 1\n"));
+  ASSERT_FALSE(car.waitForEcallSignal([](const Json::Value& sig) { return sig["ecall"].asBool(); }, kLong).isNull());
+  EXPECT_EQ(car.ecallSignalTextsSince(0), Strings{buttonSignal("ecallDelay")});
+}
+
 // Assist outside an emergency: the button lights the LED; the application's
 // reports keep the marker file, the controller's Assist status and the LED
 // in step, and its end gives Bluetooth back. During an emergency Assist is
