@@ -8,6 +8,7 @@
 #include <cctype>
 
 #include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -186,4 +187,77 @@ TEST(BadInput, GarbageOnTheAirbagChannelAndInTheVehicleObject) {
   s.button("ecall", true);
   EXPECT_FALSE(car.waitForRequestSince(before, "EmbeddedPhone", "ecallDial", kLong).isNull());
   EXPECT_TRUE(car.serviceRunning());
+}
+
+namespace {
+
+void refuseRequest(SVCIPC_tReqContext context, const char*, const char*, int, SVCIPC_tUserToken) {
+  SVCIPC_freeReqContext(context);
+}
+
+// Any bus client may emit a signal from the path of a car's service: the
+// service listens by path and name, not by sender.
+class SignalForger {
+ public:
+  explicit SignalForger(const std::string& address) {
+    EXPECT_FALSE(SVCIPC_IS_ERROR(SVCIPC_getConnectionByAddress(address.c_str(), &mConnection)));
+  }
+  ~SignalForger() {
+    if (mConnection) SVCIPC_closeConnection(mConnection);
+  }
+  bool emit(const std::string& service, const std::string& signal, const std::string& data) {
+    SVCIPC_tSvcRegHnd& registration = mRegistrations[service];
+    if (registration == nullptr) {
+      const std::string name = "com.nordak.test.Forger" + std::to_string(mRegistrations.size());
+      const std::string path = "/com/nordak/service/" + service;
+      if (SVCIPC_IS_ERROR(SVCIPC_registerService(mConnection, name.c_str(), path.c_str(), 0, refuseRequest, nullptr,
+                                                 &registration)))
+        return false;
+    }
+    return !SVCIPC_IS_ERROR(SVCIPC_asyncEmit(registration, signal.c_str(), data.c_str(), nullptr, nullptr));
+  }
+
+ private:
+  SVCIPC_tConnection mConnection = nullptr;
+  std::map<std::string, SVCIPC_tSvcRegHnd> mRegistrations;
+};
+
+}  // namespace
+
+// Another client forges every signal the service listens to with payloads
+// that are huge, too deep, not JSON, not objects or without the members
+// that carry a state: none starts or changes anything, and the next request
+// is called. (A forged but well-formed state, such as the phone OFF, is
+// believed: the bus policy of each service must keep others from its path.)
+TEST(BadInput, ForgedSignalsWithGarbagePayloads) {
+  Scene s(carOptions(kScale));
+  E2eHarness& car = s.car;
+  SignalForger forger(car.busAddress());
+  const std::string deep(100000, '[');
+  const Strings payloads = {"\"" + std::string(kMiB, 'g') + "\"",
+                            deep + std::string(100000, ']'),
+                            "{\"state\":" + deep + "}",
+                            "not JSON at all",
+                            "",
+                            "null",
+                            "[]",
+                            "42",
+                            "{\"x\":\"\\u0000\\u00ff\",\"y\":[{}]}"};
+  const std::vector<std::pair<std::string, std::string>> signals = {
+      {"EmbeddedPhone", "callState"},   {"EmbeddedPhone", "embeddedPhoneStatus"}, {"EmbeddedPhone", "wendReason"},
+      {"EmbeddedPhone", "antennaStatus"}, {"TextToSpeechService", "ttsPlayState"}, {"AudioCtrlSvc", "DTMF"},
+      {"BluetoothService", "callState"}, {"AppManager", "operStatus"},           {"AppManager", "appStarted"},
+      {"AppManager", "appPaused"},       {"AppManager", "appStopped"}};
+  for (const auto& [service, signal] : signals)
+    for (const auto& payload : payloads) ASSERT_TRUE(forger.emit(service, signal, payload)) << service << " " << signal;
+  // Signals of one sender arrive in the order sent: the last one seen means
+  // all were handled.
+  ASSERT_TRUE(forger.emit("EmbeddedPhone", "wendReason", "{\"last\":\"forged\"}"));
+  ASSERT_TRUE(car.waitForTrace("received embedded wendReason {\"last\":\"forged\"}", kLong));
+
+  EXPECT_TRUE(s.signals().empty()) << "forged garbage started or ended something";
+  EXPECT_EQ(s.countInTrace("Get Embedded Phone Status: OFF"), 0u) << "forged garbage turned the phone off";
+  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
+  EXPECT_LE(longestLine(car.serviceStderr()), kSlogLineMax);
+  expectStartEcallDials(s);
 }

@@ -122,6 +122,11 @@ class Client {
     return send("--dest=com.nordak.service.ecallService /com/nordak/service/ecallService "
                 "com.nordak.ServiceIpc.Invoke string:" + method + " 'string:{}'");
   }
+  // An "ecall" signal sent from the service's object path.
+  Outcome forgeEcallSignal(const std::string& data) const {
+    return run(mPrefix + "dbus-send --bus='" + mAddress + "' --type=signal /com/nordak/service/ecallService " +
+               "com.nordak.ServiceIpc.Emit string:ecall 'string:" + data + "'");
+  }
   Outcome own() const {
     return send("--dest=org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus.RequestName "
                 "string:com.nordak.service.ecallService uint32:0");
@@ -141,7 +146,7 @@ bool deniedAccess(const Outcome& outcome) {
 
 }  // namespace
 
-TEST(BusPolicy, OnlyRootOwnsTheServiceOnlyRootAndTheEcallGroupCallItEveryoneHearsIt) {
+TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallItEveryoneHearsIt) {
   if (geteuid() != 0) GTEST_SKIP() << "the bus policy test runs processes under other accounts: run it as root";
   Accounts accounts;
   ASSERT_TRUE(accounts.ready()) << "the test accounts could not be made";
@@ -175,6 +180,15 @@ TEST(BusPolicy, OnlyRootOwnsTheServiceOnlyRootAndTheEcallGroupCallItEveryoneHear
   EXPECT_EQ(outcome.status, 0) << outcome.output;
   EXPECT_NE(outcome.output.find("uint32 "), std::string::npos) << outcome.output;
   EXPECT_TRUE(s.signals().empty()) << "a refused call started an emergency";
+
+  // Only the service's account sends from its path: the member's forgery is
+  // dropped, root's arrives (and shows that a forgery would be seen).
+  EXPECT_EQ(member.forgeEcallSignal("{\"forgedBy\":\"member\"}").status, 0);
+  EXPECT_EQ(root.forgeEcallSignal("{\"forgedBy\":\"root\"}").status, 0);
+  ASSERT_FALSE(car.waitForEcallSignalSince(s.mark, [](const Json::Value& sig) { return sig["forgedBy"] == "root"; }, kLong)
+                   .isNull());
+  EXPECT_EQ(s.signals(), Strings{"{\"forgedBy\":\"root\"}"}) << "a forged signal passed";
+  s.markNow();
 
   // The car's account hears both signals of the emergency root starts.
   EXPECT_EQ(car.call("startEcall"), kOk);
