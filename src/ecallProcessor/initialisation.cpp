@@ -7,7 +7,7 @@
 
 #include "ecallMain/ecallMain.h"
 #include "ecallProcessor/ecallProcessor.h"
-#include "platform/runtime.h"
+#include "ecallProcessor/stateMachineInternal.h"
 #include "platform/slog.h"
 
 namespace {
@@ -17,17 +17,11 @@ namespace {
 constexpr auto STATE_MACHINE_READY_LIMIT = std::chrono::seconds(2);
 
 // The registration that follows starts the phone-not-present timer, and the
-// timers are made by the state machine thread before its first receive; its
-// send channel id is published once they exist. A short, bounded wait at
-// start-up only.
+// timers are made by the state machine thread before its first receive. A
+// short, bounded wait at start-up only.
 void waitForStateMachineTimers(CQVTraceScope& scope) {
-  const auto deadline = std::chrono::steady_clock::now() + STATE_MACHINE_READY_LIMIT;
-  while (stateMachineThreadSendChannelId.load() <= 0) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      scope.sendFormattedWarning("ecall state machine not ready, its timers may not run\n");
-      return;
-    }
-    platform::sleepMs(1);
+  if (!waitForStateMachineStart(STATE_MACHINE_READY_LIMIT)) {
+    scope.sendFormattedWarning("ecall state machine not ready, its timers may not run\n");
   }
 }
 

@@ -3,6 +3,7 @@
 // state machine makes of the embedded phone.
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 
 #include "ecallMain/ecallMain.h"
 #include "ecallMain/processObjects.h"
@@ -42,7 +43,27 @@ const char* const stateMachineString[] = {
 };
 constexpr int stateMachineStringCount = sizeof(stateMachineString) / sizeof(stateMachineString[0]);
 
+// Start-up waits on this until the thread has its channel and timers, or
+// has given up for want of a channel.
+std::mutex startMutex;
+std::condition_variable startDecided;
+bool started = false;  // guarded by startMutex
+
+void announceStart() {
+  {
+    std::lock_guard<std::mutex> lock(startMutex);
+    started = true;
+  }
+  startDecided.notify_all();
+}
+
 }  // namespace
+
+bool waitForStateMachineStart(std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(startMutex);
+  startDecided.wait_for(lock, limit, [] { return started; });
+  return stateMachineThreadSendChannelId.load() > 0;
+}
 
 std::mutex promptSequenceMutex;
 
@@ -68,6 +89,7 @@ void* mainStateMachineThreadFunc(void*) {
     // Without its channel the machine could only spin on failed receives.
     scope.sendFormattedError("Failed to create the state machine channel, errno %d\n", errno);
     sendtoSlog(_SLOG_ERROR, "Failed to create the state machine channel, errno %d\n", errno);
+    announceStart();
     return nullptr;
   }
   stateMachineThreadReceiveChannelId = chid;
@@ -75,6 +97,7 @@ void* mainStateMachineThreadFunc(void*) {
   createProcessorTimers(chid);
   // Published last: a sender that sees the connection finds the timers ready.
   stateMachineThreadSendChannelId = coid;
+  announceStart();
   ecallStateMachine stateMachine;
   stateMachine.run();
 }

@@ -4,12 +4,17 @@
 // stateMachine.cpp, the step of each state in stateSteps.cpp.
 #pragma once
 
+#include <chrono>
 #include <mutex>
 #include <string>
 
 #include "ecallMain/ecallTypes.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/externalServiceHandling.h"
+
+// Blocks until the state machine thread has made its channel and timers
+// (true) or could not (false), at most for limit.
+bool waitForStateMachineStart(std::chrono::milliseconds limit);
 
 // Sends an asynchronous request to the embedded phone (reply expected, the
 // default time limit); its result reaches onAsyncResult under context.
