@@ -1,5 +1,4 @@
-// The phone's call state and end reasons, the prompt completions and the
-// operator's DTMF keys.
+// The phone's call state and end reasons, and the prompt completions.
 #include "smFixture.h"
 
 namespace smTest {
@@ -75,28 +74,14 @@ TEST_F(CallStateTest, CallStateAndEndReasonsMoveTheEmergencyCall) {
   }
 }
 
-// The crash announcement is two prompts chained by their completions (the
-// first held back behind the dialling prompt); the microphones open after
-// the second. The callback prompt's end lets the answer come at once.
-TEST_F(CallStateTest, PromptCompletionsChainTheAnnouncement) {
+// A prompt's end counts only for a prompt the state machine asked for; the
+// callback prompt's end, aborted or not, lets the answer come at once.
+TEST_F(CallStateTest, PromptEndsCountOnlyForAPromptInHand) {
   ASSERT_NO_FATAL_FAILURE(startService(false));
   PulseProbe probe;
   errorSentForNoEcallNumberLoaded = true;
-  promptFinished();  // nothing requested by the state machine: ignored
+  promptFinished();
   EXPECT_TRUE(errorSentForNoEcallNumberLoaded);
-
-  activeTts = TTS_PROMPT_ACN_PSAP1;
-  firstPsapTtsCount = 2;
-  firstPsapTtsWaitForComplete = true;
-  promptFinished();
-  ASSERT_TRUE(waitForLog("TTS rqst 10"));
-  promptFinished();
-  ASSERT_TRUE(waitForLog("TTS rqst 11"));
-  EXPECT_EQ(logCount("Request unmute mic inputs"), 0u);
-  promptFinished();
-  ASSERT_TRUE(waitForLog("Request unmute mic inputs"));
-  EXPECT_EQ(activeTts, TTS_PROMPT_NONE);
-  EXPECT_FALSE(errorSentForNoEcallNumberLoaded);
 
   activeTts = TTS_PROMPT_INCOMING;
   signal(TTS_PATH, "ttsPlayState", R"({"state":"aborted"})");
@@ -104,47 +89,6 @@ TEST_F(CallStateTest, PromptCompletionsChainTheAnnouncement) {
   promptFinished();
   EXPECT_EQ(probe.next(), ECALL_PULSE_RUN_STATE_MACHINE);
   EXPECT_EQ(activeTts, TTS_PROMPT_NONE);
-}
-
-// The operator's keys in the emergency mode: 1 stops the announcement and
-// reads the position, 0 only stops it; other keys, and keys outside the
-// emergency mode, do nothing.
-TEST_F(CallStateTest, DtmfKeysStopTheAnnouncement) {
-  ASSERT_NO_FATAL_FAILURE(startService(false));
-  auto dtmf = [](int key) { signal(AUDIO_CTRL_PATH, "DTMF", "{\"KeyPressed\":" + std::to_string(key) + "}"); };
-  activeTts = TTS_PROMPT_ECALL_PSAP1;
-  firstPsapTtsCount = 2;
-  dtmf(1);
-  ecallHandler.ecallModeActive = true;
-  dtmf(5);
-  EXPECT_EQ(logCount("Rx DTMF"), 0u);
-
-  dtmf(1);
-  EXPECT_EQ(firstPsapTtsCount, 0);
-  EXPECT_EQ(activeTts, TTS_PROMPT_GPS_COORDINATES);
-  ASSERT_TRUE(waitForLog("TTS rqst 12"));
-  EXPECT_TRUE(log.hasTrace("Async abort TTS message."));
-  activeTts = TTS_PROMPT_ECALL_PSAP2;
-  dtmf(0);
-  EXPECT_EQ(activeTts, TTS_PROMPT_NONE);
-  ASSERT_TRUE(waitForLog("Request unmute mic inputs", 2));
-  EXPECT_TRUE(inOrder(logEntries(), {"Rx DTMF: 1", "TTS rqst 12", "Rx DTMF: 0"}));
-  EXPECT_EQ(logCount("TTS rqst 12"), 1u);
-}
-
-// An end reason alone ends the emergency call in the state machine.
-TEST_F(CallStateTest, WendReasonEndsTheCallWithoutCallState) {
-  ASSERT_NO_FATAL_FAILURE(startService());
-  ecallHandler.emergencyHappened(ecallMain::CAN_IMPACT_D);
-  ASSERT_TRUE(fakeBus::waitForRequests(EMBEDDED_PHONE_SERVICE, "ecallDial", 1));
-  callState("CALL_STATE_DIALING");
-  ASSERT_TRUE(log.waitForTrace("callstate alerting. wait to connect"));
-  callState("CALL_STATE_ACTIVE");
-  ASSERT_TRUE(waitForLog("Call Active.  Delay 6000 ms for PSAP TTS"));
-  signal(EMBEDDED_PHONE_PATH, "wendReason", R"({"serviceNumber":17})");
-  ASSERT_TRUE(waitForIdle());
-  EXPECT_EQ(logCount("Call ended"), 1u);
-  EXPECT_EQ(ecallSignalSummary(), (std::vector<std::string>{"true:acn", "false:none", "false:none"}));
 }
 
 }  // namespace

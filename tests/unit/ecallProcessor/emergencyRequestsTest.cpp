@@ -1,6 +1,6 @@
 // Emergency requests and call modes: the mode a request gets, the pulse that
-// wakes the state machine, what is cached while the phone is off, and how a
-// press is answered when the system cannot call.
+// wakes the state machine, what is cached while the phone is off, presses
+// during and after a call, and refused phone requests.
 #include "smFixture.h"
 
 namespace smTest {
@@ -48,7 +48,6 @@ TEST_F(EmergencyRequestsTest, ModeTableDecidesTheCallMode) {
 // a repeat.
 TEST_F(EmergencyRequestsTest, ButtonPressDuringCallBlinksAndSignalsRepeat) {
   PulseProbe probe;
-  ecallHandler.localEcallNumber.set("911");
   ecallHandler.curECallType = ecallMain::E_CALL_BtnStat;
   ecallHandler.curCallModeType = ecallMain::CALL_ECALL;
   ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
@@ -56,14 +55,12 @@ TEST_F(EmergencyRequestsTest, ButtonPressDuringCallBlinksAndSignalsRepeat) {
   ASSERT_TRUE(waitForLog("send LED status", 2));
   EXPECT_TRUE(inOrder(logEntries(), {"ECall Button pressed again during ecall process. Send LED blink green",
                                      "send LED status 2", "send LED status 0"}));
-  ASSERT_EQ(ecallSignals().size(), 1u);
-  EXPECT_EQ(ecallSignalSummary()[0], "true:ecall_button_repeat");
-  EXPECT_EQ(ecallSignals()[0]["phoneNumber"], "");
+  EXPECT_EQ(ecallSignalSummary(), std::vector<std::string>{"true:ecall_button_repeat"});
 }
 
 // With the phone off a press is only recorded; once the phone is ON the
-// cached press is served, but only while it still waits.
-TEST_F(EmergencyRequestsTest, CachedRequestIsServedWhenThePhoneIsOn) {
+// cached press is served, but only while no call is up.
+TEST_F(EmergencyRequestsTest, CachedRequestIsServedOnlyWhileThePhoneIsIdle) {
   PulseProbe probe;
   ecallHandler.emdPhOn = 0;
   ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
@@ -76,39 +73,36 @@ TEST_F(EmergencyRequestsTest, CachedRequestIsServedWhenThePhoneIsOn) {
   EXPECT_TRUE(log.hasTrace("Ecall caching status not handled. curECallType: 1, curCallModeType: 2, curCallState CALL_STATE_ACTIVE"));
   ecallHandler.curCallState.set("CALL_STATE_IDLE");
   ecallHandler.processCachedEcallStatus();
-  EXPECT_EQ(logCount("Handle Ecall caching status. curECallType: 1, curCallModeType: 2, curCallState CALL_STATE_IDLE"), 1u);
   EXPECT_EQ(probe.next(), ECALL_PULSE_DELAY_START);
 }
 
-// A press that cannot be served: "please wait" while the phone may still
-// come up, the system error otherwise.
-TEST_F(EmergencyRequestsTest, ButtonPressWithSystemErrorTellsTheUser) {
-  PulseProbe probe;
-  platform::setTimeScale(1.0);  // the phone-not-present timer still runs when looked at
-  ecallHandler.emdPhOn = 0;
-  ecallHandler.systemError = 0x01;
-  startPhoneNotPresentTimeoutTimer();
+// A second press during the delay is the user's cancel; the callback period
+// follows, and a press in it is dialled at once, without leaving the
+// emergency mode.
+TEST_F(EmergencyRequestsTest, SecondPressCancelsTheDelayAndAThirdRedials) {
+  platform::setTimeScale(0.05);  // 500 ms delay, 1.5 s callback period: room for the presses
+  ASSERT_NO_FATAL_FAILURE(startService());
   ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
-  stopPhoneNotPresentTimeoutTimer();
-  const auto popups = fakeBus::requests(HMI_GATEWAY_SERVICE, "displayGlobalPopupByMsgId");
-  ASSERT_FALSE(popups.empty());
-  EXPECT_EQ(popups[0].params, "{\"msgId\":2672,\"showonDisplayoff\":true,\"timeout\":5000}\n");
-  EXPECT_TRUE(waitForLog("Request HMI to display please wait popup. System error: 1"));
-  EXPECT_TRUE(fakeBus::emittedData("ecall").empty());
+  ASSERT_TRUE(waitForLog("Ecall delay 10 before calling"));
+  ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
+  ASSERT_TRUE(waitForLog("TTS rqst 3"));
+  ASSERT_NO_FATAL_FAILURE(waitUntilMachineCaughtUp());  // a stray run pulse does not cut the period short
+  EXPECT_EQ(logCount("End emergency mode"), 0u);
+  EXPECT_EQ(requestCount("ecallDial"), 0u);
 
-  ecallHandler.setEcallFailedToStart();
-  ecallHandler.emdPhOn = 1;
-  ecallHandler.systemError = 0x40;
-  fakeBus::clearCalls();
   ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
-  EXPECT_EQ(requestCount("displayGlobalPopupByMsgId"), 0u);
-  EXPECT_EQ(logCount("Send System error message due to ECall Button press. System error 64"), 1u);
-  EXPECT_EQ(ecallSignalSummary(), (std::vector<std::string>{"false:systemError"}));
-  EXPECT_EQ(probe.next(), ECALL_PULSE_DELAY_START);  // the press is still taken
+  ASSERT_TRUE(fakeBus::waitForRequests(EMBEDDED_PHONE_SERVICE, "ecallDial", 1));
+  EXPECT_EQ(logCount("ecall/acr happened during wait for exit emergency mode"), 1u);
+  ecallHandler.clearECallEvent();
+  ASSERT_TRUE(waitForIdle());
+  EXPECT_EQ(logCount("End emergency mode"), 1u);
+  EXPECT_EQ(ecallSignalSummary(), (std::vector<std::string>{"true:ecallDelay", "false:none", "true:redial_during_end",
+                                                            "false:none", "false:none"}));
 }
 
-// Requests the phone service refuses are reported in their own words.
-TEST_F(EmergencyRequestsTest, RefusedPhoneRequestsAreReported) {
+// Requests the phone service refuses, and asynchronous results that fail,
+// are reported in their own words; a cancelled one is not a failure.
+TEST_F(EmergencyRequestsTest, RefusedAndFailedRequestsAreReported) {
   PulseProbe probe;
   for (const char* method : {"endActiveCall", "acceptIncomingCall", "debugAT"})
     reply(EMBEDDED_PHONE_SERVICE, method, kRefused);
@@ -121,7 +115,16 @@ TEST_F(EmergencyRequestsTest, RefusedPhoneRequestsAreReported) {
                            "Failed to exit emergency mode, rc 0x90000006"})
     EXPECT_TRUE(log.hasSlog(text)) << text;
   EXPECT_EQ(probe.next(), ECALL_PULSE_RUN_STATE_MACHINE);  // the answer step looks again at once
-  EXPECT_EQ(fakeBus::requests(EMBEDDED_PHONE_SERVICE, "acceptIncomingCall")[0].context, "acceptIncomingCall");
+
+  const SVCIPC_tCallbackStatus ok{SVCIPC_ERROR_NONE, nullptr, nullptr};
+  ecallProcessor::onAsyncResult(&ok, "{\"x\":1}", const_cast<char*>("dial"));
+  EXPECT_TRUE(log.hasTrace("onAsyncResult[dial]: {\"x\":1}"));
+  const SVCIPC_tCallbackStatus cancelled{SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_CANCELLED), nullptr, nullptr};
+  ecallProcessor::onAsyncResult(&cancelled, nullptr, const_cast<char*>("endActiveCall"));
+  const SVCIPC_tCallbackStatus failed{SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, 8), "e", "m"};  // code 8, not the library's
+  ecallProcessor::onAsyncResult(&failed, nullptr, const_cast<char*>("debugAT"));
+  EXPECT_FALSE(log.hasSlog("Async call endActiveCall"));
+  EXPECT_TRUE(log.hasSlog("Async call debugAT failed: 0x90000008"));
 }
 
 }  // namespace
