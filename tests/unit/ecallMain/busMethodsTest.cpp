@@ -1,6 +1,8 @@
-// The service's bus methods, called through the fake bus.
+// The service's bus methods, called through the fake bus, and the mode its
+// "ecall" signal shows.
 #include <regex>
 
+#include "ecallMain/jsonText.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "frameFixture.h"
 
@@ -80,14 +82,23 @@ TEST_F(busMethodsTest, RetryHmiStatePlaysRetryPromptsOnlyForStatesZeroAndOne) {
   EXPECT_EQ(prompts, (std::vector<std::string>{"5", "6"}));
 }
 
-TEST_F(busMethodsTest, HardResetGpsAnswersThenLogsAndResetsTheModule) {
-  EXPECT_EQ(fakeBus::callMethod("hardResetGPS", "{}", 0).result, OK_REPLY);
-  const std::string text = emergencyLog();
-  const size_t calling = text.find("Calling v850ResetSierra from an external dbus call");
-  ASSERT_NE(calling, std::string::npos);
-  // The channel to the vehicle micro is closed here: the reset reports its
-  // failed attempts after that line.
-  EXPECT_NE(text.find("Failed to send IPC msg to reset Sierra.", calling), std::string::npos);
+// The type member remembers every mode but the system error, which shows
+// once; a signal without a new mode shows what was shown before.
+TEST_F(busMethodsTest, SignalModeTextRemembersEveryModeButSystemError) {
+  const std::pair<ecallMain::eCallModeType, const char*> steps[] = {
+      {ecallMain::CALL_NOCHANGE, "none"},  // nothing remembered yet
+      {ecallMain::CALL_ECALL, "ecall"},
+      {ecallMain::CALL_SYSTEM_ERROR, "systemError"},
+      {ecallMain::CALL_NOCHANGE, "ecall"},
+      {ecallMain::CALL_ECALL_BUTTON_REPEAT, "ecall_button_repeat"},
+      {ecallMain::CALL_NOCHANGE, "ecall_button_repeat"},
+  };
+  for (const auto& [mode, type] : steps) {
+    emitEmergencySignal(true, ecallMain::E_CALL_BtnStat, "911", mode, false, true);
+    Json::Value payload;
+    ASSERT_TRUE(jsonParse(fakeBus::emittedData("ecall").back().c_str(), payload));
+    EXPECT_EQ(payload["type"].asString(), type) << "mode " << mode;
+  }
 }
 
 }  // namespace
