@@ -44,7 +44,6 @@ struct State {
   std::set<std::string> absent;
   std::vector<SvcIpcSubscription*> subscriptions;
   SvcIpcRegistration* registration = nullptr;
-  SVCIPC_tError registrationFailure = SVCIPC_ERROR_NONE;
   SvcIpcConnection connection{};
 
   // The bus thread.
@@ -132,6 +131,35 @@ bool hasOwner(const std::string& busName) {
   return s.absent.count(busName) == 0;
 }
 
+SVCIPC_tError addSubscription(SvcIpcSubscription* sub, fakeBus::Call call, SVCIPC_tSigSubHnd* subHnd) {
+  {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.subscriptions.push_back(sub);
+  }
+  call.context = sub->context ? text(static_cast<const char*>(sub->context)) : "";
+  record(call);
+  if (subHnd) *subHnd = sub;
+  return SVCIPC_ERROR_NONE;
+}
+
+// Runs notify for every active subscription that matches, on the bus thread,
+// and waits until it has run; returns how many matched.
+int deliver(const std::function<bool(const SvcIpcSubscription&)>& matches,
+            const std::function<void(const SvcIpcSubscription&)>& notify) {
+  std::vector<SvcIpcSubscription*> targets;
+  {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    for (auto* sub : s.subscriptions)
+      if (sub->active && matches(*sub)) targets.push_back(sub);
+  }
+  waitDone(post([targets, notify] {
+    for (auto* sub : targets) notify(*sub);
+  }));
+  return static_cast<int>(targets.size());
+}
+
 const SVCIPC_tError kServiceUnknown = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
 const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
 
@@ -139,13 +167,13 @@ const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS
 
 // ---- The bus functions the service calls ----
 
-SVCIPC_tError SVCIPC_initialize(void) { return state().registrationFailure; }
+SVCIPC_tError SVCIPC_initialize(void) { return SVCIPC_ERROR_NONE; }
 SVCIPC_tError SVCIPC_shutdown(void) { return SVCIPC_ERROR_NONE; }
 
 SVCIPC_tError SVCIPC_getConnection(int, int, SVCIPC_tConnection* conn) {
   if (!conn) return SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_BAD_ARGS);
   *conn = &state().connection;
-  return state().registrationFailure;
+  return SVCIPC_ERROR_NONE;
 }
 
 SVCIPC_tError SVCIPC_getConnectionByAddress(const char*, SVCIPC_tConnection* conn) {
@@ -157,7 +185,6 @@ SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection) { return SVCIPC_ERROR_N
 SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection, const char* busName, const char* objPath, int,
                                      SVCIPC_tRequestCallback handler, void* userData, SVCIPC_tSvcRegHnd* regHnd) {
   State& s = state();
-  if (s.registrationFailure != SVCIPC_ERROR_NONE) return s.registrationFailure;
   auto* reg = new SvcIpcRegistration{text(busName), text(objPath), handler, userData};
   {
     std::lock_guard<std::mutex> lock(s.mutex);
@@ -245,41 +272,15 @@ SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const 
 
 SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection, const char* objPath, const char* sigName,
                                SVCIPC_tSignalCallback handler, void* context, SVCIPC_tSigSubHnd* subHnd) {
-  auto* sub = new SvcIpcSubscription;
-  sub->objPath = text(objPath);
-  sub->name = text(sigName);
-  sub->signalHandler = handler;
-  sub->context = context;
-  {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.subscriptions.push_back(sub);
-  }
-  fakeBus::Call call{fakeBus::Call::Subscribe, "", text(objPath), text(sigName)};
-  call.context = context ? text(static_cast<const char*>(context)) : "";
-  record(call);
-  if (subHnd) *subHnd = sub;
-  return SVCIPC_ERROR_NONE;
+  auto* sub = new SvcIpcSubscription{false, text(objPath), text(sigName), handler, nullptr, context};
+  return addSubscription(sub, fakeBus::Call{fakeBus::Call::Subscribe, "", text(objPath), text(sigName)}, subHnd);
 }
 
 SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection, const char* busName,
                                            SVCIPC_tNameOwnerChangedCallback handler, void* context,
                                            SVCIPC_tSigSubHnd* subHnd) {
-  auto* sub = new SvcIpcSubscription;
-  sub->owner = true;
-  sub->name = text(busName);
-  sub->ownerHandler = handler;
-  sub->context = context;
-  {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.subscriptions.push_back(sub);
-  }
-  fakeBus::Call call{fakeBus::Call::SubscribeOwner, text(busName)};
-  call.context = context ? text(static_cast<const char*>(context)) : "";
-  record(call);
-  if (subHnd) *subHnd = sub;
-  return SVCIPC_ERROR_NONE;
+  auto* sub = new SvcIpcSubscription{true, "", text(busName), nullptr, handler, context};
+  return addSubscription(sub, fakeBus::Call{fakeBus::Call::SubscribeOwner, text(busName)}, subHnd);
 }
 
 SVCIPC_tError SVCIPC_unsubscribe(SVCIPC_tSigSubHnd subHnd) {
@@ -322,7 +323,6 @@ void reset() {
   s.absent.clear();
   for (auto* sub : s.subscriptions) sub->active = false;
   s.subscriptions.clear();
-  s.registrationFailure = SVCIPC_ERROR_NONE;
 }
 
 void setReply(const std::string& busName, const std::string& method, const Reply& reply) {
@@ -342,11 +342,6 @@ void setOwner(const std::string& busName, bool owned) {
     s.absent.erase(busName);
   else
     s.absent.insert(busName);
-}
-
-void failRegistration(SVCIPC_tError rc) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().registrationFailure = rc;
 }
 
 std::vector<Call> calls() {
@@ -371,17 +366,17 @@ std::vector<Call> requests(const std::string& busName, const std::string& method
   return out;
 }
 
-std::vector<std::pair<std::string, std::string>> emitted() {
-  std::vector<std::pair<std::string, std::string>> out;
+std::vector<std::string> emittedData(const std::string& sigName) {
+  std::vector<std::string> out;
   for (auto& c : calls())
-    if (c.kind == Call::Emit) out.emplace_back(c.method, c.params);
+    if (c.kind == Call::Emit && c.method == sigName) out.push_back(c.params);
   return out;
 }
 
-std::vector<std::string> emittedData(const std::string& sigName) {
+std::vector<std::string> requestTexts() {
   std::vector<std::string> out;
-  for (auto& e : emitted())
-    if (e.first == sigName) out.push_back(e.second);
+  for (auto& c : calls())
+    if (c.kind == Call::Invoke || c.kind == Call::AsyncInvoke) out.push_back(c.method + " " + c.params);
   return out;
 }
 
@@ -419,34 +414,18 @@ bool waitForEmitted(const std::string& sigName, size_t count, std::chrono::milli
 }
 
 int deliverSignal(const std::string& objPath, const std::string& sigName, const std::string& data) {
-  std::vector<SvcIpcSubscription*> targets;
-  {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    for (auto* sub : s.subscriptions)
-      if (sub->active && !sub->owner && sub->objPath == objPath && sub->name == sigName) targets.push_back(sub);
-  }
-  uint64_t seq = post([targets, sigName, data] {
-    for (auto* sub : targets) sub->signalHandler(sigName.c_str(), data.c_str(), sub->context);
-  });
-  waitDone(seq);
-  return static_cast<int>(targets.size());
+  return deliver([&](const SvcIpcSubscription& sub) { return !sub.owner && sub.objPath == objPath && sub.name == sigName; },
+                 [sigName, data](const SvcIpcSubscription& sub) {
+                   sub.signalHandler(sigName.c_str(), data.c_str(), sub.context);
+                 });
 }
 
 int changeOwner(const std::string& busName, const std::string& oldOwner, const std::string& newOwner) {
   setOwner(busName, !newOwner.empty());
-  std::vector<SvcIpcSubscription*> targets;
-  {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    for (auto* sub : s.subscriptions)
-      if (sub->active && sub->owner && sub->name == busName) targets.push_back(sub);
-  }
-  uint64_t seq = post([targets, busName, oldOwner, newOwner] {
-    for (auto* sub : targets) sub->ownerHandler(busName.c_str(), oldOwner.c_str(), newOwner.c_str(), sub->context);
-  });
-  waitDone(seq);
-  return static_cast<int>(targets.size());
+  return deliver([&](const SvcIpcSubscription& sub) { return sub.owner && sub.name == busName; },
+                 [busName, oldOwner, newOwner](const SvcIpcSubscription& sub) {
+                   sub.ownerHandler(busName.c_str(), oldOwner.c_str(), newOwner.c_str(), sub.context);
+                 });
 }
 
 MethodResult callMethod(const std::string& method, const char* params, int noReplyExpected) {

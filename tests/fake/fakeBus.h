@@ -47,17 +47,16 @@ void setResponder(const std::string& busName, const std::string& method, Respond
 // Every name has an owner unless told otherwise. Invokes (sync and async) to
 // a name without owner fail at once with a D-Bus "service unknown" status.
 void setOwner(const std::string& busName, bool hasOwner);
-// Makes SVCIPC_initialize / getConnection / registerService fail with rc.
-void failRegistration(SVCIPC_tError rc);
 
 // Recorded requests, in order.
 std::vector<Call> calls();
 std::vector<Call> callsOf(Call::Kind kind);
 // Invokes (sync and async) to method of busName ("" matches any name).
 std::vector<Call> requests(const std::string& busName, const std::string& method);
-// Emitted signals: pairs of signal name and data.
-std::vector<std::pair<std::string, std::string>> emitted();
+// The data of every emitted sigName signal.
 std::vector<std::string> emittedData(const std::string& sigName);
+// Every invoke as "method params".
+std::vector<std::string> requestTexts();
 void clearCalls();
 
 // Waits until pred() holds over the recorded calls, or the deadline passes.

@@ -1,7 +1,7 @@
-// Common ground of the state machine, emergency request and call state
-// tests: a healthy car on the fake bus (variant with an embedded phone, phone
-// ON, number "911"), the real state machine thread and timers on a short time
-// scale, and readers for what the service did.
+// Common ground of the emergency request and call state tests: a healthy car
+// on the fake bus (variant with an embedded phone, phone ON, number "911"),
+// the real state machine thread and timers on a short time scale, and
+// readers for what the service did.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -29,45 +29,17 @@ namespace smTest {
 // callback period = 300 ms.
 constexpr double kTimeScale = 0.01;
 
-inline std::vector<Json::Value> ecallSignals() {
-  std::vector<Json::Value> out;
-  for (const std::string& data : fakeBus::emittedData("ecall")) {
-    out.emplace_back();
-    Json::Reader().parse(data, out.back());
-  }
-  return out;
-}
 // "true:ecallDelay", "false:none", ... in the order emitted.
 inline std::vector<std::string> ecallSignalSummary() {
   std::vector<std::string> out;
-  for (const Json::Value& s : ecallSignals())
+  for (const std::string& data : fakeBus::emittedData("ecall")) {
+    Json::Value s;
+    Json::Reader().parse(data, s);
     out.push_back(std::string(s["ecall"].asBool() ? "true:" : "false:") + s["type"].asString());
-  return out;
-}
-
-// Every request to another service as "method params", in order.
-inline std::vector<std::string> requestLog() {
-  std::vector<std::string> out;
-  for (const auto& c : fakeBus::calls())
-    if (c.kind == fakeBus::Call::Invoke || c.kind == fakeBus::Call::AsyncInvoke) out.push_back(c.method + " " + c.params);
+  }
   return out;
 }
 inline size_t requestCount(const std::string& method) { return fakeBus::requests("", method).size(); }
-
-// Each expected part is a substring of a later element of seen than the
-// part before it.
-inline ::testing::AssertionResult inOrder(const std::vector<std::string>& seen, const std::vector<std::string>& expected) {
-  size_t at = 0;
-  for (const std::string& part : expected) {
-    while (at < seen.size() && seen[at].find(part) == std::string::npos) ++at;
-    if (at++ == seen.size()) {
-      auto failure = ::testing::AssertionFailure() << "\"" << part << "\" missing (in order) from:";
-      for (const std::string& s : seen) failure << "\n  " << s;
-      return failure;
-    }
-  }
-  return ::testing::AssertionSuccess();
-}
 
 inline void reply(const std::string& busName, const std::string& method, SVCIPC_tError rc, const std::string& result = "{}") {
   fakeBus::setReply(busName, method, fakeBus::Reply{rc, result});
@@ -106,10 +78,6 @@ class StateMachineFixture : public ::testing::Test {
 
   static void signal(const char* path, const char* name, const std::string& data) {
     ASSERT_EQ(fakeBus::deliverSignal(path, name, data), 1) << name;
-  }
-  static void callState(const std::string& state, const std::string& number = "911") {
-    signal(EMBEDDED_PHONE_PATH, "callState",
-           R"({"callStateInfo":[{"callState":")" + state + R"(","callType":1,"number":")" + number + "\"}]}");
   }
   static void promptFinished() { signal(TTS_PATH, "ttsPlayState", R"({"state":"notPlaying"})"); }
 
@@ -182,6 +150,7 @@ class PulseProbe {
     watchdog.join();
     return rc != 0 || pulse.code == kDeadline ? -1 : pulse.code;
   }
+  void send(int code) const { ASSERT_EQ(qnx::MsgSendPulse(mConnection, qnx::getprio(0), code, 0), 0); }
 
  private:
   static constexpr int kDeadline = 100;

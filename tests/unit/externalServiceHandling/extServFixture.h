@@ -60,13 +60,7 @@ class ExtServTest : public ::testing::Test {
       if (line.size() >= text.size() && line.compare(line.size() - text.size(), text.size(), text) == 0) ++count;
     return count;
   }
-  // Recorded requests as "method params", in order.
-  static std::vector<std::string> requested() {
-    std::vector<std::string> out;
-    for (const auto& c : fakeBus::calls())
-      if (c.kind == fakeBus::Call::Invoke || c.kind == fakeBus::Call::AsyncInvoke) out.push_back(c.method + " " + c.params);
-    return out;
-  }
+  static std::vector<std::string> requested() { return fakeBus::requestTexts(); }
 
   testSupport::TempRoot root;
   testSupport::LogCapture log;
