@@ -5,13 +5,13 @@
 #include <memory>
 #include <mutex>
 
-#include "phoneFixture.h"
+#include "smFixture.h"
 
-using namespace phoneTest;
+using namespace smTest;
 
 namespace {
 
-class EmergencyNumberTest : public ProcessorFixture {
+class EmergencyNumberTest : public PhoneFixture {
  protected:
   // The phone answers with these replies in turn (rc < 0: failed request).
   void answerInTurn(std::deque<std::pair<SVCIPC_tError, std::string>> replies) {
@@ -49,12 +49,12 @@ TEST_F(EmergencyNumberTest, EveryReplyFormOfThePhone) {
     EXPECT_EQ(c.numberAfter, ecallHandler.getLocalEcallNumber()) << c.reply;
   }
   EXPECT_EQ(0u, ecallHandler.systemError.load());
-  EXPECT_EQ(1u, log.countTrace("ecall number does not exist!  Please set it.\n"));
+  EXPECT_EQ(1u, log.countTrace("ecall number does not exist!  Please set it."));
 }
 
 TEST_F(EmergencyNumberTest, FetchGivesUpAfterTheThirdFailureWithPauses) {
   platform::setTimeScale(0.01);  // 5 ms pauses
-  answerInTurn({{kFailed, ""}, {SVCIPC_ERROR_NONE, R"({"code":3})"}, {kFailed, ""}, {SVCIPC_ERROR_NONE, "{}"}});
+  answerInTurn({{kRefused, ""}, {SVCIPC_ERROR_NONE, R"({"code":3})"}, {kRefused, ""}, {SVCIPC_ERROR_NONE, "{}"}});
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(ecallHandler.readECallNumber());
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(15));
@@ -65,14 +65,14 @@ TEST_F(EmergencyNumberTest, FetchGivesUpAfterTheThirdFailureWithPauses) {
 }
 
 TEST_F(EmergencyNumberTest, ReplyWithoutNumberIsAskedAgainWithoutCountingIt) {
-  answerInTurn({{kFailed, ""},
+  answerInTurn({{kRefused, ""},
                 {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":[]})"},
                 {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":[""]})"},
-                {kFailed, ""},
+                {kRefused, ""},
                 {SVCIPC_ERROR_NONE, R"({"count":1})"},
                 {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":["911"]})"}});
   EXPECT_TRUE(ecallHandler.readECallNumber());
-  EXPECT_EQ(6u, phoneRequests("getEmergencyNumbers"));
+  EXPECT_EQ(6u, requestCount("getEmergencyNumbers"));
   EXPECT_EQ("911", ecallHandler.getLocalEcallNumber());
 }
 

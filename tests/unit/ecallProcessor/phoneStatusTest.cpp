@@ -1,8 +1,10 @@
 // The failure word and what the user is told of it, the phone's presence and
-// status reports, and the antenna.
-#include "phoneFixture.h"
+// status reports, the antenna, the module's USB ports, and the start-up.
+#include <algorithm>
 
-using namespace phoneTest;
+#include "smFixture.h"
+
+using namespace smTest;
 using namespace ecallSystemFailure;
 
 namespace {
@@ -10,11 +12,11 @@ namespace {
 constexpr uint32_t NOT_PRESENT_BIT = 0x01, SERVICE_BIT = 0x04, ANTENNA_BIT = 0x40;
 const char* const phoneOn = R"({"embeddedPhoneStatus":{"status":true}})";
 
-class PhoneStatusTest : public ProcessorFixture {
+class PhoneStatusTest : public PhoneFixture {
  protected:
   void SetUp() override {
-    ProcessorFixture::SetUp();
-    createTimersOnTestChannel();
+    PhoneFixture::SetUp();
+    createProcessorTimers(qnx::ChannelCreate(0));  // pulses no state machine reacts to
   }
   void fail(eSource source, bool failed = true) { ecallHandler.setEcallSystemFailureState(source, failed); }
   uint32_t word() const { return ecallHandler.systemError.load(); }
@@ -31,9 +33,9 @@ TEST_F(PhoneStatusTest, FailureWordHoldsOneBitPerSourceAndLogsEveryEvent) {
   fail(NO_ECALL_NUMBER, false);
   fail(SOURCE_NONE);
   EXPECT_EQ(ANTENNA_BIT, word());
-  EXPECT_EQ(2u, emergencyLogCount("System error antenna fault OCCURRED\n"));
-  EXPECT_EQ(1u, emergencyLogCount("System error no ecall number programmed CLEARED\n"));
-  EXPECT_EQ(1u, emergencyLogCount("System error none OCCURRED\n"));
+  EXPECT_EQ(2u, logCount("System error antenna fault OCCURRED"));
+  EXPECT_EQ(1u, logCount("System error no ecall number programmed CLEARED"));
+  EXPECT_EQ(1u, logCount("System error none OCCURRED"));
 }
 
 TEST_F(PhoneStatusTest, FirstSystemErrorIsToldOnceButNotWhileTheModuleIsGivenTime) {
@@ -41,8 +43,8 @@ TEST_F(PhoneStatusTest, FirstSystemErrorIsToldOnceButNotWhileTheModuleIsGivenTim
   startSierraNoCommTimer();
   fail(ANTENNA_FAULT);
   EXPECT_EQ(0u, systemErrorSignals());
-  EXPECT_EQ(1u, emergencyLogCount("Suppress emitting System error antenna fault. delaySysErrTimer is active. "
-                                  "current SystemError = 64\n"));
+  EXPECT_EQ(1u, logCount("Suppress emitting System error antenna fault. delaySysErrTimer is active. "
+                         "current SystemError = 64"));
 
   ASSERT_TRUE(testSupport::waitUntil([] { return !isTimerActive(timerDelaySysErr4NoSierraComm); }));
   fail(NO_ECALL_NUMBER);
@@ -50,8 +52,8 @@ TEST_F(PhoneStatusTest, FirstSystemErrorIsToldOnceButNotWhileTheModuleIsGivenTim
   fail(NO_ECALL_NUMBER, false);
   fail(EMBEDDED_PHONE_NOT_PRESENT);
   EXPECT_EQ(1u, systemErrorSignals());
-  EXPECT_EQ(1u, emergencyLogCount("First System error message generated due to no ecall number programmed, "
-                                  "current SystemError = 192\n"));
+  EXPECT_EQ(1u, logCount("First System error message generated due to no ecall number programmed, "
+                         "current SystemError = 192"));
 }
 
 TEST_F(PhoneStatusTest, LedIsRedWhileAnySourceFailsUnlessACallTookItOver) {
@@ -59,7 +61,7 @@ TEST_F(PhoneStatusTest, LedIsRedWhileAnySourceFailsUnlessACallTookItOver) {
   fail(ANTENNA_FAULT);
   fail(EMBEDDED_PHONE_NOT_PRESENT, false);
   EXPECT_EQ(LED_RED, canIpcEmergencyHandler.getLastLedSetStatus());
-  EXPECT_EQ(1u, emergencyLogCount("System error handling set LED to 3\n"));
+  EXPECT_EQ(1u, logCount("System error handling set LED to 3"));
   fail(ANTENNA_FAULT, false);
   EXPECT_EQ(LED_OFF, canIpcEmergencyHandler.getLastLedSetStatus());
 
@@ -67,7 +69,7 @@ TEST_F(PhoneStatusTest, LedIsRedWhileAnySourceFailsUnlessACallTookItOver) {
   canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
   fail(MIRROR_LOC, false);
   EXPECT_EQ(LED_SOLID_GREEN, canIpcEmergencyHandler.getLastLedSetStatus());
-  EXPECT_EQ(1u, emergencyLogCount("System error handling set LED to 0\n"));
+  EXPECT_EQ(1u, logCount("System error handling set LED to 0"));
 }
 
 TEST_F(PhoneStatusTest, PhoneNotPresentTimeoutWithoutServiceOrResets) {
@@ -81,7 +83,7 @@ TEST_F(PhoneStatusTest, PhoneNotPresentTimeoutWithoutServiceOrResets) {
 
   ecallHandler.emdPhOn = 0;  // and no controller channel to ask for a reset
   ecallHandler.onPhoneNotPresentTimeout();
-  EXPECT_EQ(1u, emergencyLogCount("Phone still not present after all V850 resets. Set system error\n"));
+  EXPECT_EQ(1u, logCount("Phone still not present after all V850 resets. Set system error"));
   EXPECT_EQ(SERVICE_BIT | NOT_PRESENT_BIT, word());
 }
 
@@ -113,7 +115,7 @@ TEST_F(PhoneStatusTest, StatusSignalsReactWithoutBlockingTheBusThread) {
   ecallHandler.processEmdPhStatusSignal(phoneOn);
   ecallHandler.processEmdPhStatusSignal(R"({"status":true})");  // the press in hand is not cached
   fakeBus::drain();
-  EXPECT_EQ(1u, emergencyLogCount("Handle Ecall caching status"));
+  EXPECT_EQ(1u, logCount("Handle Ecall caching status"));
   EXPECT_FALSE(isTimerActive(timerTimeoutPhoneNotPresent));
   EXPECT_EQ("112", ecallHandler.getLocalEcallNumber());
   EXPECT_TRUE(isTimerActive(timerTimeoutAntennaFault));
@@ -125,9 +127,56 @@ TEST_F(PhoneStatusTest, StatusSignalsReactWithoutBlockingTheBusThread) {
   fakeBus::drain();
   EXPECT_EQ(0, ecallHandler.emdPhOn.load());
   EXPECT_TRUE(isTimerActive(timerTimeoutPhoneNotPresent));
-  EXPECT_EQ(1u, emergencyLogCount("SWIUSB ports: usb0\n"));
+  EXPECT_EQ(1u, logCount("SWIUSB ports: usb0"));
   for (const auto& request : fakeBus::callsOf(fakeBus::Call::Invoke))
     EXPECT_NE(EMBEDDED_PHONE_SERVICE, request.busName) << request.method;
+}
+
+TEST(SwiUsbPortsText, EveryReplyForm) {
+  EXPECT_EQ("usb0, usb1", ecallProcessor::parseSWIUSBPortsStr(R"({"code":0,"ports":["usb0","usb1"]})"));
+  EXPECT_EQ("a, , b", ecallProcessor::parseSWIUSBPortsStr(R"({"ports":["a",null,"b"]})"));
+  EXPECT_EQ("Read Failure", ecallProcessor::parseSWIUSBPortsStr(R"({"code":2,"ports":["usb0"]})"));
+  EXPECT_EQ("", ecallProcessor::parseSWIUSBPortsStr(R"({"ports":[]})"));
+  EXPECT_EQ("", ecallProcessor::parseSWIUSBPortsStr("{}"));
+  EXPECT_EQ("", ecallProcessor::parseSWIUSBPortsStr(R"({"ports":"usb0"})"));
+  EXPECT_EQ("", ecallProcessor::parseSWIUSBPortsStr(R"(["usb0"])"));
+}
+
+TEST_F(PhoneStatusTest, UsbPortsFailureReadsAsReadFailure) {
+  answer("getUsbPorts", "", kRefused);
+  EXPECT_EQ("Read Failure", ecallHandler.getSWIUSBPorts());
+  EXPECT_EQ("", fakeBus::requests(EMBEDDED_PHONE_SERVICE, "getUsbPorts").at(0).params);
+
+  fakeBus::Reply lost;
+  lost.callbackErr = kRefused;
+  fakeBus::setReply(EMBEDDED_PHONE_SERVICE, "getUsbPorts", lost);
+  ecallHandler.asyncRequestSWIUSBPorts();
+  fakeBus::drain();
+  EXPECT_EQ(1u, logCount("SWIUSB ports: Read Failure"));
+}
+
+// Start-up of the processor: version line, locks, state machine thread,
+// subscriptions and volumes, in that order.
+TEST_F(PhoneFixture, ProcessorStartsInOrder) {
+  EXPECT_EQ(1u, logCount("ECall Service Version 1.2.1r"));
+  fakeBus::setOwner(EMBEDDED_PHONE_SERVICE, false);
+
+  ecallHandler.initEcallProcessor();
+
+  EXPECT_TRUE(uselogWriteMutex.load());
+  EXPECT_TRUE(useGeneralEcallProcessorMutex.load());
+  EXPECT_GT(stateMachineThreadSendChannelId.load(), 0);
+  // The timers exist by the time the registration starts one of them.
+  EXPECT_TRUE(isTimerActive(timerTimeoutPhoneNotPresent));
+
+  const auto calls = fakeBus::calls();
+  auto first = [&](auto pred) { return std::find_if(calls.begin(), calls.end(), pred) - calls.begin(); };
+  const auto ownerWatch = first([](const fakeBus::Call& c) { return c.kind == fakeBus::Call::SubscribeOwner; });
+  const auto appPaused = first([](const fakeBus::Call& c) { return c.method == "appPaused"; });
+  const auto volumes = first([](const fakeBus::Call& c) { return c.busName == AUDIO_MIXER_SERVICE; });
+  EXPECT_LT(ownerWatch, appPaused);
+  EXPECT_LT(appPaused, volumes);
+  EXPECT_LT(volumes, static_cast<long>(calls.size()));
 }
 
 }  // namespace

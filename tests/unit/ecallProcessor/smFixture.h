@@ -1,4 +1,4 @@
-// Common ground of the emergency request and call state tests: a healthy car
+// Common ground of the processor tests: a healthy car
 // on the fake bus (variant with an embedded phone, phone ON, number "911"),
 // the real state machine thread and timers on a short time scale, and
 // readers for what the service did.
@@ -19,6 +19,7 @@
 #include "ecallProcessor/processorTimers.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "fake/fakeBus.h"
+#include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pulses.h"
 #include "platform/runtime.h"
 #include "support/testSupport.h"
@@ -45,6 +46,10 @@ inline void reply(const std::string& busName, const std::string& method, SVCIPC_
   fakeBus::setReply(busName, method, fakeBus::Reply{rc, result});
 }
 inline const SVCIPC_tError kRefused = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR);
+// How the embedded phone answers method.
+inline void answer(const std::string& method, const std::string& result, SVCIPC_tError rc = SVCIPC_ERROR_NONE) {
+  reply(EMBEDDED_PHONE_SERVICE, method, rc, result);
+}
 
 class StateMachineFixture : public ::testing::Test {
  protected:
@@ -119,6 +124,16 @@ class StateMachineFixture : public ::testing::Test {
 
   testSupport::TempRoot root;
   testSupport::LogCapture log;
+};
+
+// The phone status, emergency number, USB port and start-up tests look at
+// timers while they run.
+class PhoneFixture : public StateMachineFixture {
+ protected:
+  void SetUp() override {
+    StateMachineFixture::SetUp();
+    platform::setTimeScale(1.0);
+  }
 };
 
 // A channel of the test in place of the state machine's: the timers and the
