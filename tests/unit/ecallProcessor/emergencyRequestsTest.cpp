@@ -108,7 +108,7 @@ TEST_F(EmergencyRequestsTest, SecondPressCancelsTheDelayAndAThirdRedials) {
 TEST_F(EmergencyRequestsTest, RefusedAndFailedRequestsAreReported) {
   PulseProbe probe;
   for (const char* method : {"endActiveCall", "acceptIncomingCall", "debugAT"})
-    reply(EMBEDDED_PHONE_SERVICE, method, kRefused);
+    answer(method, "{}", kRefused);
   ecallHandler.hangUpCall();
   EXPECT_FALSE(ecallHandler.acceptEmergencyCallback());
   ecallHandler.exitEmergencyMode();

@@ -42,13 +42,10 @@ inline std::vector<std::string> ecallSignalSummary() {
 }
 inline size_t requestCount(const std::string& method) { return fakeBus::requests("", method).size(); }
 
-inline void reply(const std::string& busName, const std::string& method, SVCIPC_tError rc, const std::string& result = "{}") {
-  fakeBus::setReply(busName, method, fakeBus::Reply{rc, result});
-}
 inline const SVCIPC_tError kRefused = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR);
 // How the embedded phone answers method.
 inline void answer(const std::string& method, const std::string& result, SVCIPC_tError rc = SVCIPC_ERROR_NONE) {
-  reply(EMBEDDED_PHONE_SERVICE, method, rc, result);
+  fakeBus::setReply(EMBEDDED_PHONE_SERVICE, method, fakeBus::Reply{rc, result});
 }
 
 class StateMachineFixture : public ::testing::Test {
@@ -61,7 +58,7 @@ class StateMachineFixture : public ::testing::Test {
     extServHandle.mEmbeddedPhoneEnabled = true;
     ecallHandler.emdPhOn = 1;
     embeddedPhAvail = 1;
-    reply(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers", 0, R"({"code":0,"count":1,"numberList":["911"]})");
+    answer("getEmergencyNumbers", R"({"code":0,"count":1,"numberList":["911"]})");
     fakeBus::Reply silent;
     silent.noAnswer = true;
     fakeBus::setReply(TTS_SERVICE, "ttsReadout", silent);
