@@ -164,7 +164,7 @@ class ServiceBusTest : public ::testing::Test {
   std::vector<std::shared_ptr<void>> mKept;
 };
 
-TEST_F(ServiceBusTest, InvokeGetsTheReplyOrTheServiceError) {
+TEST_F(ServiceBusTest, InvokeAndAsyncInvokeGetTheReplyOrTheServiceError) {
   TestService& service = make<TestService>();
   serve(connect(), "Echo", service);
   SVCIPC_tConnection client = connect();
@@ -183,31 +183,23 @@ TEST_F(ServiceBusTest, InvokeGetsTheReplyOrTheServiceError) {
   EXPECT_TRUE(isStatus(rc, SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR)) << std::hex << rc;
   EXPECT_TRUE(result.empty());
 
-  // The handler notes a request after answering it.
-  ASSERT_TRUE(service.requests.waitFor(3));
-  const auto requests = service.requests.items();
-  ASSERT_EQ(requests.size(), 3u);
-  EXPECT_EQ(requests[1].method, longMethod);
-  EXPECT_EQ(requests[0].noReplyExpected, 0);
-  for (const Request& request : requests) EXPECT_NE(request.thread, std::this_thread::get_id());
-}
-
-TEST_F(ServiceBusTest, AsyncInvokeDeliversResultAndContextOnTheBusThread) {
-  TestService& service = make<TestService>();
-  serve(connect(), "Echo", service);
-  SVCIPC_tConnection client = connect();
-
-  // A request that expects no reply reaches the handler as such, and the
-  // handler's answer is not sent: the results are those of the later two.
+  // Asynchronously: a request that expects no reply reaches the handler as
+  // such, and the handler's answer is not sent: the results are those of
+  // the later two, with their context, on the bus thread.
   Inbox<Result>& results = make<Inbox<Result>>();
   ASSERT_EQ(invokeAsync(client, "Echo", "echo", 1, -1, &results), SVCIPC_ERROR_NONE);
   ASSERT_EQ(invokeAsync(client, "Echo", "echo", 0, -1, &results), SVCIPC_ERROR_NONE);
   ASSERT_EQ(invokeAsync(client, "Echo", "fail", 0, -1, &results), SVCIPC_ERROR_NONE);
   ASSERT_TRUE(results.waitFor(2));
-  ASSERT_TRUE(service.requests.waitFor(3));
-  EXPECT_EQ(service.requests.items()[0].noReplyExpected, 1);
-  EXPECT_EQ(service.requests.items()[0].replyRc, SVCIPC_ERROR_NONE);
-  EXPECT_EQ(service.requests.items()[1].noReplyExpected, 0);
+
+  // The handler notes a request after answering it.
+  ASSERT_TRUE(service.requests.waitFor(6));
+  const auto requests = service.requests.items();
+  EXPECT_EQ(requests[1].method, longMethod);
+  EXPECT_EQ(requests[3].noReplyExpected, 1);
+  EXPECT_EQ(requests[3].replyRc, SVCIPC_ERROR_NONE);
+  EXPECT_EQ(requests[4].noReplyExpected, 0);
+  for (const Request& request : requests) EXPECT_NE(request.thread, std::this_thread::get_id());
 
   const auto got = results.items();
   ASSERT_EQ(got.size(), 2u);
@@ -222,8 +214,9 @@ TEST_F(ServiceBusTest, AsyncInvokeDeliversResultAndContextOnTheBusThread) {
 }
 
 // The handler frees the request without answering: the caller hears nothing
-// until its own time limit, which the time scale shortens.
-TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeout) {
+// until its own time limit, which the time scale shortens, or until it
+// closes the connection.
+TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeoutOrOnClosing) {
   TestService& service = make<TestService>();
   serve(connect(), "Mute", service);
   SVCIPC_tConnection client = connect();
@@ -242,7 +235,18 @@ TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeout) {
   EXPECT_TRUE(isStatus(invoke(client, "Mute", "x", "{}", SVCIPC_TIMEOUT_DEFAULT, &result), SVCIPC_DOMAIN_IPC_LIB,
                        SVCIPC_ERR_TIMEOUT));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
-  EXPECT_TRUE(service.requests.waitFor(3));
+
+  // The cancellation has run by the time closing returns.
+  Inbox<Result>& cancelled = make<Inbox<Result>>();
+  ASSERT_EQ(invokeAsync(client, "Mute", "unanswered", 0, -1, &cancelled), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(service.requests.waitFor(4));
+  ASSERT_EQ(SVCIPC_closeConnection(client), SVCIPC_ERROR_NONE);
+  ASSERT_EQ(cancelled.items().size(), 1u);
+  EXPECT_TRUE(isStatus(cancelled.items()[0].rc, SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_CANCELLED));
+  EXPECT_NE(cancelled.items()[0].thread, std::this_thread::get_id());
+  int hasOwner = 0;
+  EXPECT_TRUE(isStatus(SVCIPC_nameHasOwner(client, "com.nordak.service.Mute", &hasOwner), SVCIPC_DOMAIN_IPC_LIB,
+                       SVCIPC_ERR_BAD_ARGS));
 }
 
 TEST_F(ServiceBusTest, PeerNotOnTheBusIsRefusedAtOnce) {
@@ -278,29 +282,15 @@ TEST_F(ServiceBusTest, SignalReachesOnlyTheSubscribersOfItsNameAndPath) {
   ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "callState", onSignal, &first, &firstSub), 0);
   ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "callState", onSignal, &second, &secondSub), 0);
 
-  // One sender: the signals arrive in the order emitted.
-  Inbox<Result>& sent = make<Inbox<Result>>();
+  // One sender: the signals arrive in the order emitted, so once the last is
+  // in, any wrongly delivered earlier one would be too.
   EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "antennaStatus", "{\"a\":0}", nullptr, nullptr), SVCIPC_ERROR_NONE);
   EXPECT_EQ(SVCIPC_asyncEmit(otherReg, "callState", "{\"b\":0}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "callState", "{\"c\":1}", onResult, &sent), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "callState", "{\"c\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
   ASSERT_TRUE(first.waitFor(1));
   ASSERT_TRUE(second.waitFor(1));
   EXPECT_EQ(first.items(), std::vector<std::string>{"callState {\"c\":1}"});
-  ASSERT_TRUE(sent.waitFor(1));
-  EXPECT_EQ(sent.items()[0].rc, SVCIPC_ERROR_NONE);
-  EXPECT_NE(sent.items()[0].thread, std::this_thread::get_id());
-
-  // After unsubscribing: callbacks run in the order of the signals, so once
-  // the later "end" is in, a callback of the earlier signal would be too.
-  auto& end = make<Inbox<std::string>>();
-  SVCIPC_tSigSubHnd endSub = nullptr;
-  ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "end", onSignal, &end, &endSub), 0);
-  ASSERT_EQ(SVCIPC_unsubscribe(secondSub), SVCIPC_ERROR_NONE);
-  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "callState", "{\"c\":2}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "end", "{}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(end.waitFor(1));
-  EXPECT_EQ(first.items().size(), 2u);
-  EXPECT_EQ(second.items().size(), 1u);
+  EXPECT_EQ(second.items(), first.items());
 }
 
 TEST_F(ServiceBusTest, OwnerChangesAndHasOwnerFollowTheName) {
@@ -370,25 +360,6 @@ TEST_F(ServiceBusTest, SynchronousInvokeWorksInsideCallbacks) {
   ASSERT_EQ(SVCIPC_asyncEmit(helperReg, "status", "{\"s\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
   ASSERT_TRUE(asker.answers.waitFor(1));
   EXPECT_EQ(asker.answers.items()[0], "{\"s\":1}");
-}
-
-TEST_F(ServiceBusTest, ClosingCancelsPendingCallsAndRefusesItsHandles) {
-  TestService& service = make<TestService>();
-  serve(connect(), "Mute", service);
-  SVCIPC_tConnection client = connect();
-
-  Inbox<Result>& results = make<Inbox<Result>>();
-  ASSERT_EQ(invokeAsync(client, "Mute", "unanswered", 0, -1, &results), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(service.requests.waitFor(1));
-  ASSERT_EQ(SVCIPC_closeConnection(client), SVCIPC_ERROR_NONE);
-
-  // The cancellation has run by the time closing returns.
-  ASSERT_EQ(results.items().size(), 1u);
-  EXPECT_TRUE(isStatus(results.items()[0].rc, SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_CANCELLED));
-  EXPECT_NE(results.items()[0].thread, std::this_thread::get_id());
-  int hasOwner = 0;
-  EXPECT_TRUE(isStatus(SVCIPC_nameHasOwner(client, "com.nordak.service.Mute", &hasOwner), SVCIPC_DOMAIN_IPC_LIB,
-                       SVCIPC_ERR_BAD_ARGS));
 }
 
 // A second owner of a taken name, a bus that is not there, and a peer that
