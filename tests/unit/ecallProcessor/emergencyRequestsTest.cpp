@@ -1,6 +1,8 @@
 // Emergency requests and call modes: the mode a request gets, the pulse that
 // wakes the state machine, what is cached while the phone is off, presses
 // during and after a call, and refused phone requests.
+#include <algorithm>
+
 #include "smFixture.h"
 
 namespace smTest {
@@ -101,6 +103,29 @@ TEST_F(EmergencyRequestsTest, SecondPressCancelsTheDelayAndAThirdRedials) {
   EXPECT_EQ(logCount("End emergency mode"), 1u);
   EXPECT_EQ(ecallSignalSummary(), (std::vector<std::string>{"true:ecallDelay", "false:none", "true:redial_during_end",
                                                             "false:none", "false:none"}));
+}
+
+// A call that ends before it is answered is failed and dialled again after
+// the retry period for as long as the request stands; the failure is logged
+// once.
+TEST_F(EmergencyRequestsTest, CallsEndingBeforeTheyAreAnsweredAreRedialled) {
+  ASSERT_NO_FATAL_FAILURE(startService());
+  auto callState = [](const std::string& state) {
+    signal(EMBEDDED_PHONE_PATH, "callState", R"({"callStateInfo":[{"callState":")" + state + R"(","callType":1,"number":"911"}]})");
+  };
+  ecallHandler.emergencyHappened(ecallMain::SERIAL_IMPACT_X);
+  for (size_t dials = 1; dials <= 2; ++dials) {
+    ASSERT_TRUE(fakeBus::waitForRequests(EMBEDDED_PHONE_SERVICE, "ecallDial", dials));
+    callState("CALL_STATE_DIALING");
+    ASSERT_TRUE(testSupport::waitUntil([&] { return log.countTrace("callstate alerting. wait to connect") >= dials; }));
+    callState("CALL_STATE_TERMINATED");
+  }
+  ASSERT_TRUE(fakeBus::waitForRequests(EMBEDDED_PHONE_SERVICE, "ecallDial", 3));
+  EXPECT_EQ(logCount("Error Call Failed"), 1u);
+  ecallHandler.clearECallEvent();
+  ASSERT_TRUE(waitForIdle());
+  const std::vector<std::string> signals = ecallSignalSummary();
+  EXPECT_EQ(std::count(signals.begin(), signals.end(), "true:failed"), 2) << testing::PrintToString(signals);
 }
 
 // Requests the phone service refuses, and asynchronous results that fail,
