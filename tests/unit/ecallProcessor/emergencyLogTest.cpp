@@ -1,4 +1,4 @@
-// The emergency log file, its export to a USB stick, and the marker files.
+// The emergency log file and its export to a USB stick.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -129,18 +129,6 @@ TEST_F(emergencyLogTest, ExportCopiesBothLogsWholeThenRemovesThem) {
   EXPECT_FALSE(testSupport::fileExists(root.path(gpsResetLogPath)));
   ecallHandler.addEntryToEmergencyLog("after export\n");
   EXPECT_TRUE(std::regex_match(entries(), std::regex(STAMP + "ODO N/A:after export\n"))) << entries();
-}
-
-TEST_F(emergencyLogTest, MarkerFilesAreMadeAndRemovedQuietlyWhenAlreadyThere) {
-  const std::string flag = root.path(embeddedCallActiveFlag);
-  ecallHandler.createFlagInTmp(true, embeddedCallActiveFlag);
-  ecallHandler.createFlagInTmp(true, embeddedCallActiveFlag);
-  EXPECT_TRUE(testSupport::fileExists(flag));
-  ecallHandler.createFlagInTmp(false, embeddedCallActiveFlag);
-  ecallHandler.createFlagInTmp(false, embeddedCallActiveFlag);
-  EXPECT_FALSE(testSupport::fileExists(flag));
-  EXPECT_EQ(log.traces(), (std::vector<std::string>{"successfully created flag file in /tmp/embeddedCallActive",
-                                                    "Successfully removed flag file /tmp/embeddedCallActive "}));
 }
 
 }  // namespace
