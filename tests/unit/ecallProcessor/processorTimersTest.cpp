@@ -45,32 +45,6 @@ TEST_F(processorTimersTest, StateMachineTimerTakesMillisecondsAndZeroDisarms) {
   EXPECT_EQ(probe.next(), ECALL_PULSE_RUN_STATE_MACHINE);
 }
 
-// Stopping a timer, running or never started, disarms it and leaves it
-// ready for its next start.
-TEST_F(processorTimersTest, StoppedTimersNeverFireAndStartAgain) {
-  platform::setTimeScale(1.0);
-  const struct {
-    int (*start)();
-    int (*stop)();
-    const ecallProcessorTimer& timer;
-  } timers[] = {{startDelayEcallStartTimer, stopDelayEcallRequest, timerDelayEcallStart},
-                {startEcallTimeoutTimer, stopEcallTimeoutTimer, timerTimeoutCallConnect},
-                {startPhoneNotPresentTimeoutTimer, stopPhoneNotPresentTimeoutTimer, timerTimeoutPhoneNotPresent},
-                {startSierraNoCommTimer, stopSierraNoCommTimer, timerDelaySysErr4NoSierraComm},
-                {startAntennaFaultTimeoutTimer, stopAntennaFaultTimeoutTimer, timerTimeoutAntennaFault},
-                {startAssistTimeoutTimer, stopAssistTimeoutTimer, timerTimeoutAssistNeverActive}};
-  for (const auto& t : timers) {
-    EXPECT_EQ(t.stop(), 0);
-    t.start();
-    EXPECT_EQ(t.stop(), 0);
-    EXPECT_FALSE(isTimerActive(t.timer));
-    t.start();
-    EXPECT_TRUE(isTimerActive(t.timer));
-    t.stop();
-  }
-  EXPECT_TRUE(onlySentinelLeft());
-}
-
 TEST_F(processorTimersTest, StopAfterExpiryLeavesTheQueuedPulse) {
   platform::setTimeScale(0.001);
   ASSERT_EQ(startDelayEcallStartTimer(), 0);
