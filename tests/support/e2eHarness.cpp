@@ -1,6 +1,7 @@
 #include "support/e2eHarness.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
@@ -9,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -37,14 +39,19 @@ std::string fixed(double value) {
   return text;
 }
 
-// Starts a program with its standard streams on the given descriptors. The
-// child is killed when the test process dies (a crash, a time-out kill), so
-// that no service or car outlives its test; the creating thread must live as
-// long as the child (the test's own thread does).
-pid_t spawn(const std::vector<std::string>& args, int in, int out, int err) {
-  std::vector<char*> argv;
+// Starts a program with its standard streams on the given descriptors, env
+// added to the test's environment. The child is killed when the test process
+// dies (a crash, a time-out kill), so that no service or car outlives its
+// test; the creating thread must live as long as the child (the test's own
+// thread does).
+pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, const std::vector<std::string>& env = {}) {
+  std::vector<std::string> environment(env);
+  for (char** e = environ; *e != nullptr; ++e) environment.emplace_back(*e);
+  std::vector<char*> argv, envp;
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
   argv.push_back(nullptr);
+  envp.push_back(nullptr);
   pid_t parent = getpid();
   pid_t pid = fork();
   if (pid == 0) {
@@ -52,7 +59,7 @@ pid_t spawn(const std::vector<std::string>& args, int in, int out, int err) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(127);  // the test died already
     if (dup2(in, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0) _exit(127);
-    execve(argv[0], argv.data(), environ);
+    execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
   return pid;
@@ -78,6 +85,75 @@ std::string tail(const std::string& text, size_t lines) {
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 }  // namespace
+
+Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
+  int out[2], err[2];
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return;
+  int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  mPid = spawn(argv, in, out[1], err[1], env);
+  close(in);
+  close(out[1]);
+  close(err[1]);
+  mOut = out[0];
+  mErr = err[0];
+}
+
+Child::~Child() {
+  killAndReap(mPid);
+  if (mOut >= 0) close(mOut);
+  if (mErr >= 0) close(mErr);
+}
+
+void Child::signal(int sig) {
+  if (mPid > 0) kill(mPid, sig);
+}
+
+bool Child::waitForOutput(const std::function<bool()>& pred, std::chrono::milliseconds deadline) {
+  const auto end = std::chrono::steady_clock::now() + deadline;
+  while (!pred()) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || !readSome(static_cast<int>(left.count()))) return pred();
+  }
+  return true;
+}
+
+int Child::wait(std::chrono::milliseconds deadline) {
+  waitForOutput([] { return false; }, deadline);
+  if (mPid > 0) kill(mPid, SIGKILL);
+  int status = 0;
+  if (mPid > 0 && waitpid(mPid, &status, 0) == mPid) {
+    mExit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    mPid = -1;
+  }
+  return mExit;
+}
+
+// One poll of both pipes; false once both are closed or the time is up.
+bool Child::readSome(int timeoutMs) {
+  pollfd fds[2] = {{mOut, POLLIN, 0}, {mErr, POLLIN, 0}};
+  if ((mOut < 0 && mErr < 0) || poll(fds, 2, timeoutMs) <= 0) return false;
+  auto drain = [](const pollfd& polled, int& fd, std::string& text) {
+    if (fd < 0 || polled.revents == 0) return;
+    char chunk[4096];
+    const ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n > 0) {
+      text.append(chunk, static_cast<size_t>(n));
+    } else {
+      close(fd);
+      fd = -1;
+    }
+  };
+  drain(fds[0], mOut, mOutText);
+  drain(fds[1], mErr, mErrText);
+  return true;
+}
+
+Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+            std::chrono::milliseconds deadline) {
+  Child child(argv, env);
+  const int code = child.wait(deadline);
+  return {code, child.out(), child.err()};
+}
 
 std::string ecallSignalText(bool ecall, const std::string& type, bool modeActive, const std::string& number,
                             const std::string& event, const std::string& detail) {
@@ -158,7 +234,7 @@ E2eHarness::~E2eHarness() {
 }
 
 void E2eHarness::startBus() {
-  mBus = mOptions.busPolicy.empty() ? std::make_unique<PrivateBus>() : std::make_unique<PrivateBus>(mOptions.busPolicy);
+  mBus = std::make_unique<PrivateBus>(mOptions.busPolicy);
   mBusAddress = mBus->address();
   ASSERT_FALSE(mBusAddress.empty()) << "the private bus did not start";
   ASSERT_FALSE(SVCIPC_IS_ERROR(SVCIPC_initialize()));
@@ -247,13 +323,6 @@ std::string E2eHarness::sim(const std::string& command, ms deadline) {
   return reply;
 }
 
-std::string E2eHarness::simOutput() {
-  std::lock_guard<std::mutex> lock(mSimMutex);
-  std::string text;
-  for (const auto& l : mSimLines) text += l + "\n";
-  return text;
-}
-
 void E2eHarness::startService() {
   ASSERT_LE(mServicePid, 0) << "the service is running already";
   int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -339,129 +408,18 @@ void E2eHarness::refreshRecords() {
   }
 }
 
-std::vector<Json::Value> E2eHarness::records(const std::string& kind) {
-  std::lock_guard<std::mutex> lock(mRecordMutex);
-  refreshRecords();
-  std::vector<Json::Value> out;
-  for (const auto& r : mRecords)
-    if (kind.empty() || r["kind"].asString() == kind) out.push_back(r);
-  return out;
-}
-
-Json::Value E2eHarness::waitForRecord(const std::function<bool(const Json::Value&)>& pred, ms deadline) {
-  Json::Value found;
-  waitUntil(
-      [&] {
-        for (const auto& r : records())
-          if (pred(r)) {
-            found = r;
-            return true;
-          }
-        return false;
-      },
-      deadline);
-  return found;
-}
-
-Json::Value E2eHarness::waitForRecord(const std::string& kind, const std::function<bool(const Json::Value&)>& pred,
-                                      ms deadline) {
-  return waitForRecord([&](const Json::Value& r) { return r["kind"].asString() == kind && pred(r); }, deadline);
-}
-
-std::vector<Json::Value> E2eHarness::ecallSignals() {
-  std::vector<Json::Value> out;
-  for (const auto& r : records("ecall")) {
-    Json::Value data;
-    parseJson(r["data"].asString(), data);
-    out.push_back(data);
-  }
-  return out;
-}
-
-Json::Value E2eHarness::waitForEcallSignal(const std::function<bool(const Json::Value&)>& pred, ms deadline) {
-  Json::Value found;
-  waitUntil(
-      [&] {
-        for (const auto& s : ecallSignals())
-          if (pred(s)) {
-            found = s;
-            return true;
-          }
-        return false;
-      },
-      deadline);
-  return found;
-}
-
-std::vector<Json::Value> E2eHarness::requests(const std::string& service, const std::string& method) {
-  std::vector<Json::Value> out;
-  for (const auto& r : records("request"))
-    if (r["service"].asString() == service && (method.empty() || r["method"].asString() == method)) out.push_back(r);
-  return out;
-}
-
-Json::Value E2eHarness::waitForRequest(const std::string& service, const std::string& method, ms deadline) {
-  return waitForRecord(
-      "request",
-      [&](const Json::Value& r) { return r["service"].asString() == service && r["method"].asString() == method; },
-      deadline);
-}
-
-std::vector<std::vector<int>> E2eHarness::channelMessages() {
-  std::vector<std::vector<int>> out;
-  for (const auto& r : records("channel")) {
-    std::vector<int> bytes;
-    for (const auto& b : r["bytes"]) bytes.push_back(b.asInt());
-    out.push_back(bytes);
-  }
-  return out;
-}
-
-bool E2eHarness::waitForChannelMessage(const std::vector<int>& bytes, ms deadline) {
-  return waitUntil(
-      [&] {
-        for (const auto& m : channelMessages())
-          if (m == bytes) return true;
-        return false;
-      },
-      deadline);
-}
-
-bool E2eHarness::waitForChannelConnected(ms deadline) {
-  return !waitForRecord("vehicle", [](const Json::Value& r) { return r["event"].asString() == "connected"; },
-                        deadline)
-              .isNull();
-}
-
-bool E2eHarness::waitForServiceStarted(ms deadline) {
-  return !waitForRequest("AudioMixerManager", "getProperties", deadline).isNull() && waitForChannelConnected(deadline);
-}
-
 size_t E2eHarness::recordMark() { return records().size(); }
 
 std::vector<Json::Value> E2eHarness::recordsSince(size_t mark, const std::string& kind) {
-  std::vector<Json::Value> all = records();
+  std::lock_guard<std::mutex> lock(mRecordMutex);
+  refreshRecords();
   std::vector<Json::Value> out;
-  for (size_t i = mark; i < all.size(); ++i)
-    if (kind.empty() || all[i]["kind"].asString() == kind) out.push_back(all[i]);
+  for (size_t i = mark; i < mRecords.size(); ++i)
+    if (kind.empty() || mRecords[i]["kind"].asString() == kind) out.push_back(mRecords[i]);
   return out;
 }
 
-std::vector<Json::Value> E2eHarness::requestsSince(size_t mark, const std::string& service, const std::string& method) {
-  std::vector<Json::Value> out;
-  for (const auto& r : recordsSince(mark, "request"))
-    if (r["service"].asString() == service && (method.empty() || r["method"].asString() == method)) out.push_back(r);
-  return out;
-}
-
-std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark) {
-  std::vector<std::string> out;
-  for (const auto& r : recordsSince(mark, "ecall")) out.push_back(r["data"].asString());
-  return out;
-}
-
-Json::Value E2eHarness::waitForRecordSince(size_t mark, const std::function<bool(const Json::Value&)>& pred,
-                                           ms deadline) {
+Json::Value E2eHarness::waitForRecordSince(size_t mark, const Pred& pred, ms deadline) {
   Json::Value found;
   waitUntil(
       [&] {
@@ -476,31 +434,75 @@ Json::Value E2eHarness::waitForRecordSince(size_t mark, const std::function<bool
   return found;
 }
 
+std::vector<Json::Value> E2eHarness::requestsSince(size_t mark, const std::string& service, const std::string& method) {
+  std::vector<Json::Value> out;
+  for (const auto& r : recordsSince(mark, "request"))
+    if (r["service"].asString() == service && (method.empty() || r["method"].asString() == method)) out.push_back(r);
+  return out;
+}
+
 Json::Value E2eHarness::waitForRequestSince(size_t mark, const std::string& service, const std::string& method,
                                             ms deadline) {
   return waitForRecordSince(
-      mark,
-      [&](const Json::Value& r) {
-        return r["kind"].asString() == "request" && r["service"].asString() == service &&
-               r["method"].asString() == method;
-      },
+      mark, [&](const Json::Value& r) { return r["kind"] == "request" && r["service"] == service && r["method"] == method; },
       deadline);
 }
 
-Json::Value E2eHarness::waitForEcallSignalSince(size_t mark, const std::function<bool(const Json::Value&)>& pred,
-                                                ms deadline) {
+std::vector<Json::Value> E2eHarness::ecallSignals() {
+  std::vector<Json::Value> out;
+  for (const auto& text : ecallSignalTextsSince(0)) {
+    Json::Value data;
+    parseJson(text, data);
+    out.push_back(data);
+  }
+  return out;
+}
+
+std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark) {
+  std::vector<std::string> out;
+  for (const auto& r : recordsSince(mark, "ecall")) out.push_back(r["data"].asString());
+  return out;
+}
+
+Json::Value E2eHarness::waitForEcallSignalSince(size_t mark, const Pred& pred, ms deadline) {
   Json::Value found;
   waitForRecordSince(
       mark,
       [&](const Json::Value& r) {
-        if (r["kind"].asString() != "ecall") return false;
         Json::Value data;
-        if (!parseJson(r["data"].asString(), data) || !pred(data)) return false;
+        if (r["kind"] != "ecall" || !parseJson(r["data"].asString(), data) || !pred(data)) return false;
         found = data;
         return true;
       },
       deadline);
   return found;
+}
+
+std::vector<std::vector<int>> E2eHarness::channelMessages(size_t mark) {
+  std::vector<std::vector<int>> out;
+  for (const auto& r : recordsSince(mark, "channel")) {
+    std::vector<int> bytes;
+    for (const auto& b : r["bytes"]) bytes.push_back(b.asInt());
+    out.push_back(bytes);
+  }
+  return out;
+}
+
+bool E2eHarness::waitForChannelMessage(const std::vector<int>& bytes, ms deadline) {
+  return waitUntil(
+      [&] {
+        auto all = channelMessages();
+        return std::find(all.begin(), all.end(), bytes) != all.end();
+      },
+      deadline);
+}
+
+bool E2eHarness::waitForChannelConnected(ms deadline) {
+  return !waitForRecord("vehicle", [](const Json::Value& r) { return r["event"] == "connected"; }, deadline).isNull();
+}
+
+bool E2eHarness::waitForServiceStarted(ms deadline) {
+  return !waitForRequest("AudioMixerManager", "getProperties", deadline).isNull() && waitForChannelConnected(deadline);
 }
 
 std::string E2eHarness::emergencyLog() const { return readFile(path("/fs/etfs/usr/var/ecall/ecall_log.txt")); }

@@ -74,6 +74,40 @@ std::vector<std::string> spokenTexts(const std::vector<Json::Value>& requests);
 // wanted appears in all in this order (other entries may come between).
 bool containsInOrder(const std::vector<std::string>& all, const std::vector<std::string>& wanted);
 
+// A program run by a test with its output captured: to completion (run), or
+// kept running while the test reads what it prints (Child). Every wait has a
+// deadline; a child still running at the end is killed and reaped.
+class Child {
+ public:
+  // argv[0] is the program's path; env entries "NAME=VALUE" are added to
+  // the test's environment.
+  explicit Child(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  const std::string& out() const { return mOutText; }
+  const std::string& err() const { return mErrText; }
+  void signal(int sig);
+  // Reads output until pred holds or the deadline passes; pred's last value.
+  bool waitForOutput(const std::function<bool()>& pred, std::chrono::milliseconds deadline);
+  // Reads everything until the program ends; its exit code, or -1 when it
+  // was killed by a signal or still ran at the deadline (then it is killed).
+  int wait(std::chrono::milliseconds deadline = std::chrono::seconds(20));
+
+ private:
+  bool readSome(int timeoutMs);
+  pid_t mPid = -1;
+  int mOut = -1, mErr = -1, mExit = -1;
+  std::string mOutText, mErrText;
+};
+
+struct Outcome {
+  int exitCode;  // -1: killed, or no end within the deadline
+  std::string out, err;
+};
+Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
+            std::chrono::milliseconds deadline = std::chrono::seconds(20));
+
 class E2eHarness {
  public:
   using ms = std::chrono::milliseconds;
@@ -110,44 +144,45 @@ class E2eHarness {
   SVCIPC_tError invoke(const std::string& service, const std::string& method, const std::string& params,
                        int timeoutMs, std::string* reply);
 
-  // --- the record of the simulator
-  // All records of a kind ("" for all), in order.
-  std::vector<Json::Value> records(const std::string& kind = "");
-  // The first record (from the start) that satisfies pred, waiting up to
-  // deadline; null when none came.
-  Json::Value waitForRecord(const std::function<bool(const Json::Value&)>& pred, ms deadline = ms(10000));
-  Json::Value waitForRecord(const std::string& kind, const std::function<bool(const Json::Value&)>& pred,
-                            ms deadline = ms(10000));
-  // The service's "ecall" signals, parsed, in order.
-  std::vector<Json::Value> ecallSignals();
-  // The first "ecall" signal that satisfies pred (parsed), or null.
-  Json::Value waitForEcallSignal(const std::function<bool(const Json::Value&)>& pred, ms deadline = ms(10000));
+  // --- the record of the simulator. A mark is the number of records so far
+  // (recordMark); the "...Since" calls look only at what was recorded after
+  // it, the others at everything. A wait returns null when nothing came.
+  using Pred = std::function<bool(const Json::Value&)>;
+  size_t recordMark();
+  // Records of a kind ("" for all), in order.
+  std::vector<Json::Value> recordsSince(size_t mark, const std::string& kind = "");
+  std::vector<Json::Value> records(const std::string& kind = "") { return recordsSince(0, kind); }
+  Json::Value waitForRecordSince(size_t mark, const Pred& pred, ms deadline = ms(10000));
+  Json::Value waitForRecord(const Pred& pred, ms deadline = ms(10000)) { return waitForRecordSince(0, pred, deadline); }
+  Json::Value waitForRecord(const std::string& kind, const Pred& pred, ms deadline = ms(10000)) {
+    return waitForRecord([&](const Json::Value& r) { return r["kind"] == kind && pred(r); }, deadline);
+  }
   // Requests the simulator received for service (and method, unless empty).
-  std::vector<Json::Value> requests(const std::string& service, const std::string& method = "");
-  Json::Value waitForRequest(const std::string& service, const std::string& method, ms deadline = ms(10000));
+  std::vector<Json::Value> requestsSince(size_t mark, const std::string& service, const std::string& method = "");
+  std::vector<Json::Value> requests(const std::string& service, const std::string& method = "") {
+    return requestsSince(0, service, method);
+  }
+  Json::Value waitForRequestSince(size_t mark, const std::string& service, const std::string& method,
+                                  ms deadline = ms(10000));
+  Json::Value waitForRequest(const std::string& service, const std::string& method, ms deadline = ms(10000)) {
+    return waitForRequestSince(0, service, method, deadline);
+  }
+  // The service's "ecall" signals: parsed, or as their exact JSON texts.
+  std::vector<Json::Value> ecallSignals();
+  std::vector<std::string> ecallSignalTextsSince(size_t mark);
+  // The first "ecall" signal since mark that satisfies pred (parsed).
+  Json::Value waitForEcallSignalSince(size_t mark, const Pred& pred, ms deadline = ms(10000));
+  Json::Value waitForEcallSignal(const Pred& pred, ms deadline = ms(10000)) {
+    return waitForEcallSignalSince(0, pred, deadline);
+  }
   // Messages the service wrote on the restraint controller channel.
-  std::vector<std::vector<int>> channelMessages();
+  std::vector<std::vector<int>> channelMessages(size_t mark = 0);
   bool waitForChannelMessage(const std::vector<int>& bytes, ms deadline = ms(10000));
   // The service has connected to the restraint controller channel.
   bool waitForChannelConnected(ms deadline = ms(15000));
   // The service has finished starting: its processor has made its start-up
   // queries (the last is the audio mixer's volumes) and it reads the channel.
   bool waitForServiceStarted(ms deadline = ms(15000));
-
-  // --- the course of one test: a mark is the number of records so far, and
-  // the "...Since" calls look only at what was recorded after it.
-  size_t recordMark();
-  std::vector<Json::Value> recordsSince(size_t mark, const std::string& kind = "");
-  std::vector<Json::Value> requestsSince(size_t mark, const std::string& service, const std::string& method = "");
-  // The "ecall" signals since mark as their exact JSON texts.
-  std::vector<std::string> ecallSignalTextsSince(size_t mark);
-  Json::Value waitForRecordSince(size_t mark, const std::function<bool(const Json::Value&)>& pred,
-                                 ms deadline = ms(10000));
-  Json::Value waitForRequestSince(size_t mark, const std::string& service, const std::string& method,
-                                  ms deadline = ms(10000));
-  // The first "ecall" signal since mark that satisfies pred (parsed), or null.
-  Json::Value waitForEcallSignalSince(size_t mark, const std::function<bool(const Json::Value&)>& pred,
-                                      ms deadline = ms(10000));
 
   // --- files and logs
   std::string emergencyLog() const;
@@ -161,8 +196,6 @@ class E2eHarness {
   std::string serviceStderr() const;
   bool waitForSlog(const std::string& part, ms deadline = ms(10000)) const;
   std::string serviceStdout() const;
-  // Everything the simulator printed (replies included).
-  std::string simOutput();
 
  private:
   void startBus();

@@ -81,25 +81,14 @@ std::string fileText(const std::string& path) {
 
 }  // namespace
 
-PrivateBus::PrivateBus(std::chrono::milliseconds startDeadline) {
+PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds startDeadline) : mPolicy(policy) {
   char folder[] = "/tmp/ecall-bus-XXXXXX";  // short: a socket path has at most 107 bytes
   if (mkdtemp(folder) == nullptr) throw std::runtime_error(std::string("PrivateBus: mkdtemp: ") + strerror(errno));
   mDir = folder;
   try {
-    start(startDeadline);
-  } catch (...) {
-    stop();
-    throw;
-  }
-}
-
-PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds startDeadline) : mPolicy(policy) {
-  char folder[] = "/tmp/ecall-bus-XXXXXX";
-  if (mkdtemp(folder) == nullptr) throw std::runtime_error(std::string("PrivateBus: mkdtemp: ") + strerror(errno));
-  mDir = folder;
-  try {
-    // Other users reach the socket through the folder.
-    if (chmod(mDir.c_str(), 0755) != 0) throw std::runtime_error(std::string("PrivateBus: chmod: ") + strerror(errno));
+    // With a policy of its own, other users reach the socket through the folder.
+    if (!policy.empty() && chmod(mDir.c_str(), 0755) != 0)
+      throw std::runtime_error(std::string("PrivateBus: chmod: ") + strerror(errno));
     start(startDeadline);
   } catch (...) {
     stop();

@@ -23,12 +23,11 @@ namespace testSupport {
 class PrivateBus {
  public:
   // Starts the daemon and waits (at most startDeadline) for its address.
-  explicit PrivateBus(std::chrono::milliseconds startDeadline = std::chrono::seconds(10));
-  // A bus with a policy of its own instead of the session-like one: policy
-  // is the XML that follows <listen> and <auth> inside <busconfig> (policy
-  // blocks, includes). Its folder is open to every user, so that processes
-  // running under other accounts can connect.
-  explicit PrivateBus(const std::string& policy,
+  // A policy of its own replaces the session-like one: the XML that follows
+  // <listen> and <auth> inside <busconfig> (policy blocks, includes). Its
+  // folder is then open to every user, so that processes running under other
+  // accounts can connect.
+  explicit PrivateBus(const std::string& policy = "",
                       std::chrono::milliseconds startDeadline = std::chrono::seconds(10));
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
