@@ -5,8 +5,6 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <stdio.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -15,6 +13,7 @@
 #include "carScene.h"
 
 using namespace carScene;
+using testSupport::Outcome;
 
 namespace {
 
@@ -23,26 +22,7 @@ const char* const kCarUser = "ecall-e2e-car";
 const char* const kMemberUser = "ecall-e2e-member";
 const char* const kCallerGroup = "ecall";
 const std::string kPolicyFile = std::string(ECALL_SOURCE_DIR) + "/data/dbus/com.nordak.service.ecallService.conf";
-const Strings kCarServices = {"platform",     "VehicleConfig", "VehicleStatus",      "NDR",
-                              "TextToSpeechService", "AudioMixerManager", "AudioCtrlSvc", "psseControlService",
-                              "BluetoothService",    "AppManager",        "HMIGateWay",   "EmbeddedPhone"};
-
-struct Outcome {
-  int status;
-  std::string output;  // standard output and error
-};
-
-Outcome run(const std::string& command) {
-  Outcome outcome{-1, ""};
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  if (pipe == nullptr) return outcome;
-  char chunk[512];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) outcome.output.append(chunk, n);
-  const int status = pclose(pipe);
-  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return outcome;
-}
+Outcome run(const std::string& command) { return testSupport::run({"/bin/sh", "-c", command + " 2>&1"}); }
 
 // The accounts of the test, made when missing and removed at the end when
 // made here.
@@ -69,8 +49,8 @@ class Accounts {
   }
   static bool make(const std::string& command) {
     Outcome outcome = run(command);
-    EXPECT_EQ(outcome.status, 0) << command << ": " << outcome.output;
-    return outcome.status == 0;
+    EXPECT_EQ(outcome.exitCode, 0) << command << ": " << outcome.out;
+    return outcome.exitCode == 0;
   }
   bool mMadeGroup = false, mMadeCar = false, mMadeMember = false;
 };
@@ -141,7 +121,7 @@ class Client {
 };
 
 bool deniedAccess(const Outcome& outcome) {
-  return outcome.status != 0 && outcome.output.find("org.freedesktop.DBus.Error.AccessDenied") != std::string::npos;
+  return outcome.exitCode != 0 && outcome.out.find("org.freedesktop.DBus.Error.AccessDenied") != std::string::npos;
 }
 
 }  // namespace
@@ -163,38 +143,30 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   const Client member(car.busAddress(), kMemberUser);
   const Client root(car.busAddress(), nullptr);
 
-  Outcome outcome = outsider.call("startEcall");
-  EXPECT_TRUE(deniedAccess(outcome)) << outcome.output;
-  outcome = outsider.call("IsECallInProgess");
-  EXPECT_TRUE(deniedAccess(outcome)) << outcome.output;
-  outcome = outsider.own();
-  EXPECT_TRUE(deniedAccess(outcome)) << outcome.output;
-  outcome = member.own();
-  EXPECT_TRUE(deniedAccess(outcome)) << outcome.output;
+  for (const Outcome& refused :
+       {outsider.call("startEcall"), outsider.call("IsECallInProgess"), outsider.own(), member.own()})
+    EXPECT_TRUE(deniedAccess(refused)) << refused.out;
 
-  outcome = member.call("IsECallInProgess");
-  EXPECT_EQ(outcome.status, 0) << outcome.output;
-  EXPECT_NE(outcome.output.find("{\"ecallInProgress\":false}"), std::string::npos) << outcome.output;
+  Outcome outcome = member.call("IsECallInProgess");
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.out;
+  EXPECT_NE(outcome.out.find("{\"ecallInProgress\":false}"), std::string::npos) << outcome.out;
   // Root may queue for the name the service holds.
   outcome = root.own();
-  EXPECT_EQ(outcome.status, 0) << outcome.output;
-  EXPECT_NE(outcome.output.find("uint32 "), std::string::npos) << outcome.output;
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.out;
+  EXPECT_NE(outcome.out.find("uint32 "), std::string::npos) << outcome.out;
   EXPECT_TRUE(s.signals().empty()) << "a refused call started an emergency";
 
   // Only the service's account sends from its path: the member's forgery is
   // dropped, root's arrives (and shows that a forgery would be seen).
-  EXPECT_EQ(member.forgeEcallSignal("{\"forgedBy\":\"member\"}").status, 0);
-  EXPECT_EQ(root.forgeEcallSignal("{\"forgedBy\":\"root\"}").status, 0);
-  ASSERT_FALSE(car.waitForEcallSignalSince(s.mark, [](const Json::Value& sig) { return sig["forgedBy"] == "root"; }, kLong)
-                   .isNull());
+  EXPECT_EQ(member.forgeEcallSignal("{\"forgedBy\":\"member\"}").exitCode, 0);
+  EXPECT_EQ(root.forgeEcallSignal("{\"forgedBy\":\"root\"}").exitCode, 0);
+  ASSERT_FALSE(s.waitForSignal([](const Json::Value& sig) { return sig["forgedBy"] == "root"; }).isNull());
   EXPECT_EQ(s.signals(), Strings{"{\"forgedBy\":\"root\"}"}) << "a forged signal passed";
   s.markNow();
 
   // The car's account hears both signals of the emergency root starts.
   EXPECT_EQ(car.call("startEcall"), kOk);
   EXPECT_TRUE(s.waitForEmergency());
-  EXPECT_FALSE(car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong).isNull());
-  EXPECT_FALSE(car.waitForRecordSince(
-                      s.mark, [](const Json::Value& r) { return r["kind"].asString() == "ecallProgress"; }, kLong)
-                   .isNull());
+  EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
+  EXPECT_FALSE(s.waitForRecord([](const Json::Value& r) { return r["kind"] == "ecallProgress"; }).isNull());
 }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -18,28 +19,90 @@ namespace carScene {
 using Strings = std::vector<std::string>;
 using Bytes = std::vector<int>;
 using ms = std::chrono::milliseconds;
+using testSupport::containsInOrder;
 using testSupport::E2eHarness;
 using testSupport::E2eOptions;
+using testSupport::ecallSignalText;
 
 // Deadline of every wait: far beyond the longest scaled duration.
 inline const ms kLong{20000};
 inline const std::string kOk = "{\"result\":\"OK\"}\n";
 inline const std::string kAssistApp = "3305261F-B524-4E27-8048-C5778A672389";
+inline const std::string kCallActive = "Call Active.  Delay 6000 ms for PSAP TTS";
+inline const Strings kCarServices = {"platform",          "VehicleConfig", "VehicleStatus",      "NDR",
+                                     "TextToSpeechService", "AudioMixerManager", "AudioCtrlSvc", "psseControlService",
+                                     "BluetoothService",  "AppManager",    "HMIGateWay",         "EmbeddedPhone"};
 
-inline E2eOptions carOptions(double scale, Strings commands = {}) {
+// startService false: the car alone, for a test that starts the service.
+inline E2eOptions carOptions(double scale, Strings commands = {}, bool startService = true) {
   E2eOptions options;
   options.timeScale = scale;
   options.simCommands = std::move(commands);
+  options.startService = startService;
   return options;
 }
 
 // The "ecall" signal of an emergency in progress, as the service emits it.
 inline std::string activeSignal(const std::string& type, const std::string& event, const std::string& detail,
                                 const std::string& number = "911") {
-  return testSupport::ecallSignalText(true, type, true, number, event, detail);
+  return ecallSignalText(true, type, true, number, event, detail);
 }
-inline std::string endedSignal(bool modeActive) { return testSupport::ecallSignalText(false, "none", modeActive); }
-inline std::string systemErrorSignal() { return testSupport::ecallSignalText(false, "systemError", false); }
+inline std::string buttonSignal(const std::string& type, const std::string& number = "911") {
+  return activeSignal(type, "E_CALL_BtnStat", "ECall button was pressed by the user", number);
+}
+inline std::string endedSignal(bool modeActive) { return ecallSignalText(false, "none", modeActive); }
+inline std::string systemErrorSignal() { return ecallSignalText(false, "systemError", false); }
+
+// The simulator's clock (seconds) of a record.
+inline double at(const Json::Value& record) { return record["t"].asDouble(); }
+
+inline size_t countOf(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t i = text.find(part); i != std::string::npos; i = text.find(part, i + part.size())) ++n;
+  return n;
+}
+
+inline bool isRequest(const Json::Value& r, const std::string& service, const std::string& text) {
+  return r["kind"].asString() == "request" && r["service"].asString() == service &&
+         testSupport::requestTexts({r}) == Strings{text};
+}
+inline bool isSignal(const Json::Value& r, const std::string& service, const std::string& name,
+                     const std::string& part = "") {
+  return r["kind"].asString() == "signal" && r["service"].asString() == service && r["name"].asString() == name &&
+         r["data"].asString().find(part) != std::string::npos;
+}
+inline bool isReadout(const Json::Value& r, const std::string& spoken) {
+  return r["kind"].asString() == "request" && r["method"].asString() == "ttsReadout" &&
+         testSupport::spokenTexts({r}) == Strings{spoken};
+}
+// The second microphone opens once the operator has heard the announcements.
+inline bool isMicrophoneOpened(const Json::Value& r) {
+  return isRequest(r, "AudioCtrlSvc", "setMux {\"gain\":0,\"input\":\"MIC2\",\"name\":\"mic2_mux1\"}\n");
+}
+
+// Replaces the vehicle status object whole, as its writers do.
+inline void replaceVehicleObject(E2eHarness& car, const std::string& content) {
+  const std::string path = car.path("/pps/can/vehstat");
+  testSupport::writeFile(path + ".test-tmp", content);
+  ASSERT_EQ(rename((path + ".test-tmp").c_str(), path.c_str()), 0);
+}
+
+// The service still places a call: a request from the head unit reaches the
+// phone as a dial.
+inline void expectStartEcallDials(E2eHarness& car) {
+  const size_t before = car.recordMark();
+  EXPECT_EQ(car.call("startEcall"), kOk);
+  EXPECT_FALSE(car.waitForRequestSince(before, "EmbeddedPhone", "ecallDial", kLong).isNull())
+      << "no dial after the fault or bad input";
+  EXPECT_TRUE(car.serviceRunning());
+}
+
+// The simulator records what it receives on its own threads, a little after
+// the service sent it: a list is compared once it had the time to be whole.
+#define EXPECT_SOON_EQ(actual, expected)                                              \
+  if (testSupport::waitUntil([&] { return (actual) == (expected); }, kLong); false) { \
+  } else                                                                              \
+    EXPECT_EQ(actual, expected)
 
 struct Scene {
   // buttonsRead: also wait until the mirror button reader has logged its
@@ -63,6 +126,12 @@ struct Scene {
     EXPECT_EQ(reply.rfind("ok", 0), 0u) << command << ": " << reply;
   }
 
+  Json::Value waitForRecord(const std::function<bool(const Json::Value&)>& pred, ms deadline = kLong) {
+    return car.waitForRecordSince(mark, pred, deadline);
+  }
+  bool waitForRequest(const std::string& service, const std::string& method) {
+    return !car.waitForRequestSince(mark, service, method, kLong).isNull();
+  }
   Strings signals() { return car.ecallSignalTextsSince(mark); }
   Json::Value waitForSignal(const std::function<bool(const Json::Value&)>& pred) {
     return car.waitForEcallSignalSince(mark, pred, kLong);
@@ -70,33 +139,55 @@ struct Scene {
   bool waitForEmergency() {
     return !waitForSignal([](const Json::Value& s) { return s["ecall"].asBool(); }).isNull();
   }
+  bool waitForSignalType(const std::string& type) {
+    return !waitForSignal([&](const Json::Value& s) { return s["type"].asString() == type; }).isNull();
+  }
   // The "ecall" signal that closes the emergency mode, and the log line
   // written after it, when the LED has been turned off too.
   bool waitForIdle() {
     auto idle = [](const Json::Value& s) { return !s["ecall"].asBool() && !s["ecallModeActive"].asBool(); };
     if (waitForSignal(idle).isNull()) return false;
-    size_t ends = 0;
-    for (const auto& text : signals()) ends += text == endedSignal(false) ? 1 : 0;
-    return waitForLogCount("End emergency mode", ends);
+    const Strings all = signals();
+    return waitForLogCount("End emergency mode", std::count(all.begin(), all.end(), endedSignal(false)));
   }
 
-  // Every message the service wrote on the channel since the mark.
-  std::vector<Bytes> channel() {
+  // The button request from the bus, up to the moment the phone reports the
+  // emergency call active.
+  void startCallUntilActive() {
+    ASSERT_EQ(car.call("startEcall"), kOk);
+    ASSERT_TRUE(waitForRequest("EmbeddedPhone", "ecallDial"));
+    ASSERT_FALSE(waitForRecord([](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", "ACTIVE"); })
+                     .isNull());
+  }
+  // Ends the emergency from the head unit once the call is active, when no
+  // run of the state machine is still queued: the machine takes any run
+  // pulse in the callback period as its end, so one left over from the call
+  // state changes would cut that period short.
+  void exitWhenActive() {
+    ASSERT_TRUE(waitForLogCount(kCallActive, 1));
+    ASSERT_EQ(car.call("exitEcall"), kOk);
+  }
+
+  // A crash on the CAN path from a fresh mark: the simulator's seconds from
+  // the impact to the dial it leads to, -1 when none came.
+  double crashToDial() {
+    markNow();
+    sim("crash B can");
+    Json::Value crash = waitForRecord([](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "impact"; });
+    Json::Value dial = car.waitForRequestSince(mark, "EmbeddedPhone", "ecallDial", kLong);
+    EXPECT_FALSE(dial.isNull()) << "the crash did not reach the phone";
+    return crash.isNull() || dial.isNull() ? -1 : at(dial) - at(crash);
+  }
+
+  // Every message the service wrote on the channel since the mark; with a
+  // first byte, only those (1: the mirror LED, 2: Assist).
+  std::vector<Bytes> channel(int first = -1) {
     std::vector<Bytes> out;
-    for (const auto& r : car.recordsSince(mark, "channel")) {
-      Bytes bytes;
-      for (const auto& b : r["bytes"]) bytes.push_back(b.asInt());
-      out.push_back(bytes);
-    }
+    for (auto& bytes : car.channelMessages(mark))
+      if (first < 0 || (!bytes.empty() && bytes[0] == first)) out.push_back(bytes);
     return out;
   }
-  // Only the mirror LED messages.
-  std::vector<Bytes> led() {
-    std::vector<Bytes> out;
-    for (const auto& m : channel())
-      if (!m.empty() && m[0] == 1) out.push_back(m);
-    return out;
-  }
+  std::vector<Bytes> led() { return channel(1); }
   bool waitForLed(const std::vector<Bytes>& wanted) {
     return testSupport::waitUntil([&] { return led() == wanted; }, kLong);
   }
@@ -116,12 +207,7 @@ struct Scene {
     return testSupport::waitUntil([&] { return countInLog(message) >= count; }, kLong);
   }
 
-  size_t countInTrace(const std::string& part) {
-    std::string trace = car.trace();
-    size_t n = 0;
-    for (size_t at = trace.find(part); at != std::string::npos; at = trace.find(part, at + part.size())) ++n;
-    return n;
-  }
+  size_t countInTrace(const std::string& part) { return countOf(car.trace(), part); }
   // A mirror button ("ecall" or "assist") pressed or released, and seen by
   // the service: the button object reports changes only, so a press and a
   // release in quick succession could otherwise pass unseen.

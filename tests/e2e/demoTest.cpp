@@ -1,56 +1,98 @@
-// The README's main job, run as CI runs it: standard input not a terminal.
+// The README's main job, run as CI runs it (standard input not a terminal,
+// the binaries already built): it plays the crash scene to its end, prints
+// its timeline and the emergency log, and leaves nothing behind.
 #include <gtest/gtest.h>
 #include <dirent.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <regex>
 #include <string>
+#include <vector>
 
+#include "support/e2eHarness.h"
 #include "support/testSupport.h"
 
 namespace {
+
+using Strings = std::vector<std::string>;
 
 // True when a process on the machine has text in its command line.
 bool processMentions(const std::string& text) {
   bool found = false;
   if (DIR* proc = opendir("/proc")) {
-    while (dirent* entry = readdir(proc)) {
-      if (!isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
-      std::string cmdline = testSupport::readFile(std::string("/proc/") + entry->d_name + "/cmdline");
-      if (cmdline.find(text) != std::string::npos) found = true;
-    }
+    while (dirent* entry = readdir(proc))
+      if (isdigit(static_cast<unsigned char>(entry->d_name[0])))
+        found = found || testSupport::readFile(std::string("/proc/") + entry->d_name + "/cmdline").find(text) !=
+                             std::string::npos;
     closedir(proc);
   }
   return found;
 }
 
+// The messages of the emergency log printed after the scene: each entry
+// without its time stamp and odometer field.
+Strings printedLogMessages(const std::string& output) {
+  static const std::regex entry(R"(^\d\d:\d\d:\d\d [A-Za-z]+ \d\d, \d{4} GMT:(?:\d{7}|ODO N/A):(.*)$)");
+  Strings messages;
+  bool inLog = false;
+  std::smatch match;
+  for (const auto& line : testSupport::splitLines(output)) {
+    if (line.rfind("demo: the emergency log (", 0) == 0) inLog = true;
+    else if (line.rfind("demo: ", 0) == 0) inLog = false;
+    else if (inLog && std::regex_match(line, match, entry)) messages.push_back(match[1].str());
+  }
+  return messages;
+}
+
+// The car time of the first timeline line that holds text, or -1.
+double timelineSeconds(const std::string& output, const std::string& text) {
+  static const std::regex stamped(R"(^ *(-?[0-9]+\.[0-9]) s  (.*)$)");
+  std::smatch match;
+  for (const auto& line : testSupport::splitLines(output))
+    if (std::regex_match(line, match, stamped) && match[2].str().find(text) != std::string::npos)
+      return std::stod(match[1].str());
+  return -1;
+}
+
 }  // namespace
 
-TEST(Demo, ShortSessionShowsTheServiceAndTheHealthyCarThenCleansUp) {
-  std::string command = std::string("bash ") + ECALL_SOURCE_DIR + "/scripts/demo --no-build --build " +
-                        ECALL_BUILD_DIR + " --time-scale 0.01 </dev/null 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  std::string output;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
-  int status = pclose(pipe);
-  ASSERT_TRUE(WIFEXITED(status)) << output;
-  EXPECT_EQ(WEXITSTATUS(status), 0) << output;
+TEST(Demo, CrashSceneRunsToItsEndPrintsTheWholeCallAndCleansUp) {
+  const testSupport::Outcome demo = testSupport::run(
+      {"/bin/bash", "-c",
+       std::string(ECALL_SOURCE_DIR) + "/scripts/demo --no-build --build " + ECALL_BUILD_DIR + " --time-scale 0.05 2>&1"},
+      {}, std::chrono::seconds(240));
+  const std::string& out = demo.out;
+  EXPECT_EQ(demo.exitCode, 0) << out;
+  EXPECT_EQ(out.find("gave up waiting"), std::string::npos) << out;
 
-  EXPECT_NE(output.find("ecallService is on the bus"), std::string::npos) << output;
-  EXPECT_NE(output.find("IsECallInProgess -> {\"ecallInProgress\":false}"), std::string::npos) << output;
+  EXPECT_NE(out.find("ecallService is on the bus"), std::string::npos) << out;
+  EXPECT_NE(out.find("IsECallInProgess -> {\"ecallInProgress\":false}"), std::string::npos) << out;
   // The status line of a healthy car.
-  std::smatch status_line;
-  ASSERT_TRUE(std::regex_search(output, status_line, std::regex("ok .*phone=on antenna=normal number=911.*")))
-      << output;
-  EXPECT_NE(status_line.str().find("variant=YES"), std::string::npos);
-  EXPECT_NE(status_line.str().find("channel=connected"), std::string::npos);
+  std::smatch statusLine;
+  ASSERT_TRUE(std::regex_search(out, statusLine, std::regex("ok .*phone=on antenna=normal number=911.*"))) << out;
+  EXPECT_NE(statusLine.str().find("variant=YES"), std::string::npos);
+  EXPECT_NE(statusLine.str().find("channel=connected"), std::string::npos);
+
+  Strings log = printedLogMessages(out);
+  EXPECT_TRUE(testSupport::containsInOrder(
+      log, {"Rx ORC CAN 0x0400", "ACR triggered on CAN - More severe front event", "send LED status 1",
+            "Request mute mic inputs", "TTS rqst 7", "Calling 911", "Call Active.  Delay 6000 ms for PSAP TTS",
+            "TTS rqst 10", "TTS rqst 11", "Request unmute mic inputs", "Call ended", "send LED status 0",
+            "TTS rqst 3", "send LED status 0", "End emergency mode"}))
+      << testing::PrintToString(log);
+
+  // The timeline, in car seconds from the crash: the call, then the
+  // call-back period before the emergency mode ends.
+  double on = timelineSeconds(out, "ECALL on  type=acn event=CAN_IMPACT_C modeActive=yes number=911");
+  double ended = timelineSeconds(out, "ECALL off type=none event=NONE modeActive=yes");
+  double idle = timelineSeconds(out, "ECALL off type=none event=NONE modeActive=no");
+  EXPECT_GE(on, 0.0) << out;
+  EXPECT_GT(ended, on) << out;
+  EXPECT_GE(idle - ended, 0.8 * 30) << "the call-back period, in car seconds\n" << out;
+  EXPECT_GE(timelineSeconds(out, "say (ECALL): A crash has occurred in a Corvane vehicle:"), 0.0) << out;
+  EXPECT_GE(timelineSeconds(out, "mirror LED solid green"), 0.0) << out;
 
   std::smatch folder;
-  ASSERT_TRUE(std::regex_search(output, folder, std::regex("removed (/tmp/ecall-demo-[A-Za-z0-9]+)"))) << output;
+  ASSERT_TRUE(std::regex_search(out, folder, std::regex("removed (/tmp/ecall-demo-[A-Za-z0-9]+)"))) << out;
   EXPECT_FALSE(testSupport::fileExists(folder[1].str())) << "the session folder stays behind";
   EXPECT_FALSE(processMentions(folder[1].str())) << "a process of the session is still running";
 }

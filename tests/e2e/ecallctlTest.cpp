@@ -4,18 +4,15 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <dirent.h>
-
-#include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "carScene.h"
-#include "childProcess.h"
 
 using namespace carScene;
-using childProcess::Child;
-using childProcess::Outcome;
+using testSupport::Child;
+using testSupport::Outcome;
 
 namespace {
 
@@ -25,7 +22,7 @@ std::vector<std::string> ctlArgs(const E2eHarness& car, const Strings& args) {
   return argv;
 }
 
-Outcome ctl(const E2eHarness& car, const Strings& args) { return childProcess::run(ctlArgs(car, args)); }
+Outcome ctl(const E2eHarness& car, const Strings& args) { return testSupport::run(ctlArgs(car, args)); }
 
 // Runs a command that must succeed and returns what it printed.
 std::string ctlOk(const E2eHarness& car, const Strings& args) {
@@ -34,19 +31,11 @@ std::string ctlOk(const E2eHarness& car, const Strings& args) {
   return outcome.out;
 }
 
-size_t countOf(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
-  return n;
-}
-
 bool usbHasLog(const E2eHarness& car) {
-  DIR* dir = opendir(car.path("/fs/usb0").c_str());
-  if (dir == nullptr) return false;
-  bool found = false;
-  while (dirent* entry = readdir(dir)) found = found || std::string(entry->d_name).rfind("ecall_log", 0) == 0;
-  closedir(dir);
-  return found;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(car.path("/fs/usb0"), ec))
+    if (entry.path().filename().string().rfind("ecall_log", 0) == 0) return true;
+  return false;
 }
 
 // A monitor that has subscribed: from here on it misses no signal.

@@ -28,33 +28,6 @@ namespace {
 constexpr double kScale = 0.05;
 const char* const kLogFolder = "/fs/etfs/usr/var/ecall";
 const char* const kChannelRetry = "Error reading ORC IPC channel /dev/ipc/ch12.  Attempt to read again after 1000ms.";
-const Strings kCarServices = {"platform",     "VehicleConfig", "VehicleStatus",      "NDR",
-                              "TextToSpeechService", "AudioMixerManager", "AudioCtrlSvc", "psseControlService",
-                              "BluetoothService",    "AppManager",        "HMIGateWay",   "EmbeddedPhone"};
-
-double at(const Json::Value& record) { return record["t"].asDouble(); }
-
-size_t countOf(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t i = text.find(part); i != std::string::npos; i = text.find(part, i + part.size())) ++n;
-  return n;
-}
-
-// The service still places a call: a request from the head unit reaches the
-// phone as a dial. Returns the dial's record.
-Json::Value expectStartEcallDials(E2eHarness& car) {
-  const size_t before = car.recordMark();
-  EXPECT_EQ(car.call("startEcall"), kOk);
-  Json::Value dial = car.waitForRequestSince(before, "EmbeddedPhone", "ecallDial", kLong);
-  EXPECT_FALSE(dial.isNull()) << "no dial after the fault";
-  EXPECT_TRUE(car.serviceRunning());
-  return dial;
-}
-
-bool isCallState(const Json::Value& r, const std::string& state) {
-  return r["kind"].asString() == "signal" && r["service"].asString() == "EmbeddedPhone" &&
-         r["name"].asString() == "callState" && r["data"].asString().find(state) != std::string::npos;
-}
 
 // Monotonic times (seconds) of the trace lines that contain part.
 std::vector<double> traceTimes(const std::string& trace, const std::string& part) {
@@ -129,21 +102,13 @@ class MicroSocket {
   int mConnection = -1;
 };
 
-void replaceVehicleObject(E2eHarness& car, const std::string& content) {
-  const std::string path = car.path("/pps/can/vehstat");
-  testSupport::writeFile(path + ".test-tmp", content);
-  ASSERT_EQ(rename((path + ".test-tmp").c_str(), path.c_str()), 0);
-}
-
 }  // namespace
 
 // The service starts while no other service of the head unit is on the bus:
 // the variant falls back to a vehicle with the phone, and once the car's
 // services arrive, a request is called.
 TEST(Faults, EveryPeerAbsentAtStartUp) {
-  E2eOptions options = carOptions(kScale);
-  options.startService = false;
-  E2eHarness car(options);
+  E2eHarness car(carOptions(kScale, {}, false));
   for (const auto& service : kCarServices) EXPECT_EQ(car.sim("peer " + service + " gone").rfind("ok", 0), 0u);
   car.startService();
   ASSERT_TRUE(car.waitForTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", kLong));
@@ -163,7 +128,7 @@ TEST(Faults, PhoneServiceLeavesDuringACallAndComesBack) {
   Scene s(carOptions(kScale));
   E2eHarness& car = s.car;
   ASSERT_EQ(car.call("startEcall"), kOk);
-  ASSERT_FALSE(car.waitForRecordSince(s.mark, [](const Json::Value& r) { return isCallState(r, "ACTIVE"); }, kLong)
+  ASSERT_FALSE(car.waitForRecordSince(s.mark, [](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", "ACTIVE"); }, kLong)
                    .isNull());
   s.sim("peer EmbeddedPhone gone");
   ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 0", kLong));
@@ -192,20 +157,13 @@ TEST(Faults, PeerThatNeverAnswersDelaysTheDialByTheBusTimeOut) {
   };
   auto crashToDial = [&]() {
     Timing timing;
-    const size_t mark = car.recordMark();
-    s.sim("crash B can");
-    Json::Value crash = car.waitForRecordSince(
-        mark, [](const Json::Value& r) { return r["kind"].asString() == "vehicle" && r["event"].asString() == "impact"; },
-        kLong);
-    Json::Value dial = car.waitForRequestSince(mark, "EmbeddedPhone", "ecallDial", kLong);
-    Json::Value query = car.waitForRequestSince(mark, "VehicleConfig", "getProperties", ms(0));
-    EXPECT_FALSE(dial.isNull()) << "no dial after the crash";
-    if (crash.isNull() || dial.isNull() || query.isNull()) return timing;
+    timing.crashToDial = s.crashToDial();
+    Json::Value dial = car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", ms(0));
+    Json::Value query = car.waitForRequestSince(s.mark, "VehicleConfig", "getProperties", ms(0));
+    if (!dial.isNull() && !query.isNull()) timing.queryToDial = at(dial) - at(query);
     s.markNow();
     EXPECT_EQ(car.call("exitEcall"), kOk);
     EXPECT_TRUE(s.waitForIdle());
-    timing.crashToDial = at(dial) - at(crash);
-    timing.queryToDial = at(dial) - at(query);
     return timing;
   };
 
@@ -257,9 +215,7 @@ TEST(Faults, FileSizeLimitOnTheLog) {
 // The log's folder is read-only: nothing can be logged, the call is placed
 // all the same, and once the folder is writable the log starts afresh.
 TEST(Faults, LogFolderNotWritable) {
-  E2eOptions options = carOptions(kScale);
-  options.startService = false;
-  E2eHarness car(options);
+  E2eHarness car(carOptions(kScale, {}, false));
   if (!privateMounts()) GTEST_SKIP() << "mounting needs root (CAP_SYS_ADMIN): " << strerror(errno);
   SmallFileSystem folder(car.path(kLogFolder), MS_RDONLY, "size=64k");
   ASSERT_TRUE(folder.mounted) << strerror(errno);
@@ -278,9 +234,7 @@ TEST(Faults, LogFolderNotWritable) {
 // The log's flash is full: entries that do not fit are lost whole, the call
 // is placed, and the export to USB makes room for a new log.
 TEST(Faults, LogFileSystemFull) {
-  E2eOptions options = carOptions(kScale);
-  options.startService = false;
-  E2eHarness car(options);
+  E2eHarness car(carOptions(kScale, {}, false));
   if (!privateMounts()) GTEST_SKIP() << "mounting needs root (CAP_SYS_ADMIN): " << strerror(errno);
   SmallFileSystem folder(car.path(kLogFolder), 0, "size=8k");
   ASSERT_TRUE(folder.mounted) << strerror(errno);
@@ -335,9 +289,7 @@ TEST(Faults, UsbFolderMissing) {
 // the channel once: it retries the read on it every second and does not
 // reconnect; it keeps serving requests from the bus.
 TEST(Faults, AirbagChannelClosesAndReopens) {
-  E2eOptions options = carOptions(kScale);
-  options.startService = false;
-  E2eHarness car(options);
+  E2eHarness car(carOptions(kScale, {}, false));
   MicroSocket micro(car.path("/dev/ipc/ch12"));
   car.startService();
   ASSERT_TRUE(micro.accept(kLong)) << "the service did not connect to the channel";

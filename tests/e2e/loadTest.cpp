@@ -55,25 +55,11 @@ void askUntil(const std::string& address, std::chrono::steady_clock::time_point 
   SVCIPC_closeConnection(connection);
 }
 
-// Seconds on the simulator's clock from the crash to the dial; the call is
-// then ended and the car back at rest.
-double crashToDial(Scene& s) {
-  s.markNow();
-  s.sim("crash B can");
-  Json::Value crash = s.car.waitForRecordSince(
-      s.mark, [](const Json::Value& r) { return r["kind"].asString() == "vehicle" && r["event"].asString() == "impact"; },
-      kLong);
-  Json::Value dial = s.car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong);
-  EXPECT_FALSE(dial.isNull()) << "the crash did not reach the phone";
-  if (crash.isNull() || dial.isNull()) return -1;
-  return dial["t"].asDouble() - crash["t"].asDouble();
-}
-
 }  // namespace
 
 TEST(Load, CrashIsCalledWhileEightClientsQueryAsFastAsTheyCan) {
   Scene s(carOptions(kScale));
-  const double quiet = crashToDial(s);
+  const double quiet = s.crashToDial();
   ASSERT_GT(quiet, 0);
   s.markNow();
   ASSERT_EQ(s.car.call("exitEcall"), kOk);
@@ -88,7 +74,7 @@ TEST(Load, CrashIsCalledWhileEightClientsQueryAsFastAsTheyCan) {
   // The crash comes once every client is asking.
   ASSERT_TRUE(testSupport::waitUntil(
       [&] { return result.connected.load() == kClients && result.answered.load() >= 10 * kClients; }, kLong));
-  const double loaded = crashToDial(s);
+  const double loaded = s.crashToDial();
   for (auto& client : clients) client.join();
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 

@@ -13,7 +13,6 @@
 #include "carScene.h"
 
 using namespace carScene;
-using testSupport::containsInOrder;
 
 namespace {
 
@@ -26,22 +25,11 @@ const std::string kCrashB = activeSignal("acn", "CAN_IMPACT_B", "CAN - More seve
 const std::string kNoPhoneVariant =
     "but since the VARIANT_ECELL indicates no embedded phone, do not act on the event";
 
-bool isMicrophoneOpened(const Json::Value& r) {
-  return r["kind"].asString() == "request" && r["service"].asString() == "AudioCtrlSvc" &&
-         r["params"].asString() == "{\"gain\":0,\"input\":\"MIC2\",\"name\":\"mic2_mux1\"}\n";
-}
-
 // The same signal text with a Bluetooth call reported active.
 std::string withBluetoothCall(std::string signal) {
   const std::string idle = "\"BTCallActive\":false";
   signal.replace(signal.find(idle), idle.size(), "\"BTCallActive\":true");
   return signal;
-}
-
-size_t countOf(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
-  return n;
 }
 
 Strings containing(const Strings& lines, const Strings& parts) {
@@ -91,7 +79,7 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   Scene s(carOptions(kScale, {"set brand 7", "set language fr_CA"}));
   const std::string dialling = "PMSG: Appel du 9-1-1.";
   ASSERT_EQ(s.car.call("startEcall"), kOk);
-  ASSERT_FALSE(s.car.waitForRecordSince(s.mark, isMicrophoneOpened, kLong).isNull());
+  ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull());
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
   EXPECT_EQ(s.spoken(),
@@ -106,7 +94,7 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   s.sim("set brand 13");
   s.sim("set language de_DE");
   s.sim("crash B can");
-  ASSERT_FALSE(s.car.waitForRecordSince(s.mark, isMicrophoneOpened, kLong).isNull());
+  ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull());
   EXPECT_EQ(s.spoken(), (Strings{dialling, "ECALL: A crash has occurred in a Roadmast vehicle: " + kOperatorKeys,
                                  "ECALL: A crash has occurred in a Roadmast vehicle: " + kPosition + kOperatorKeys}));
   EXPECT_TRUE(containsInOrder(s.log(), {"Speaker TTS language French",
@@ -185,7 +173,7 @@ TEST(Bluetooth, CallAtTheCrashIsReportedAndBluetoothIsOffForTheEmergency) {
   const std::string activeCall = "Received BT call state info {\"callStateInfo\":[{\"callState\":\"active\"}]}";
   ASSERT_TRUE(s.car.waitForTrace(activeCall));
   s.sim("crash B can");
-  ASSERT_TRUE(s.car.waitForEmergencyLog("Call Active.  Delay 6000 ms for PSAP TTS\n", kLong));
+  ASSERT_TRUE(s.car.waitForEmergencyLog(kCallActive + "\n", kLong));
   // Switching Bluetooth off ended its call; the service did not take it.
   ASSERT_TRUE(s.car.waitForTrace("mWillDisconnBT = 1"));
   ASSERT_EQ(s.car.call("startEcall"), kOk);  // the button during the call
