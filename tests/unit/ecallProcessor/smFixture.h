@@ -8,9 +8,8 @@
 #include <json/json.h>
 #include <pthread.h>
 
-#include <condition_variable>
+#include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ecallMain/ecallMain.h"
@@ -143,29 +142,18 @@ class PulseProbe {
     stateMachineThreadSendChannelId = mConnection;
   }
   // The code of the next pulse, or -1 when none came within the deadline
-  // (a watchdog then sends a pulse of its own to end the wait).
+  // (the channel is then destroyed to free the receiver).
   int next(std::chrono::milliseconds deadline = std::chrono::seconds(2)) {
-    std::mutex mutex;
-    std::condition_variable done;
-    bool received = false;
-    std::thread watchdog([&] {
-      std::unique_lock<std::mutex> lock(mutex);
-      if (!done.wait_for(lock, deadline, [&] { return received; })) qnx::MsgSendPulse(mConnection, 0, kDeadline, 0);
+    auto received = std::async(std::launch::async, [this] {
+      qnx::_pulse pulse{};
+      return qnx::MsgReceive(mChannel, &pulse, sizeof pulse, nullptr) == 0 ? pulse.code : -1;
     });
-    qnx::_pulse pulse{};
-    const int rc = qnx::MsgReceive(mChannel, &pulse, sizeof(pulse), nullptr);
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      received = true;
-    }
-    done.notify_all();
-    watchdog.join();
-    return rc != 0 || pulse.code == kDeadline ? -1 : pulse.code;
+    if (received.wait_for(deadline) == std::future_status::timeout) qnx::ChannelDestroy(mChannel);
+    return received.get();
   }
   void send(int code) const { ASSERT_EQ(qnx::MsgSendPulse(mConnection, qnx::getprio(0), code, 0), 0); }
 
  private:
-  static constexpr int kDeadline = 100;
   int mChannel;
   int mConnection;
 };
