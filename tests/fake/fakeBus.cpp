@@ -131,6 +131,18 @@ bool hasOwner(const std::string& busName) {
   return s.absent.count(busName) == 0;
 }
 
+const SVCIPC_tError kServiceUnknown = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
+const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
+
+// Records an invoke and finds the peer's answer: a name without owner fails
+// at once, and so does an answer with a negative rc.
+SVCIPC_tError request(const fakeBus::Call& call, fakeBus::Reply& reply) {
+  record(call);
+  if (!hasOwner(call.busName)) return kServiceUnknown;
+  reply = replyOf(call.busName, call.method, call.params);
+  return reply.rc < 0 ? reply.rc : SVCIPC_ERROR_NONE;
+}
+
 SVCIPC_tError addSubscription(SvcIpcSubscription* sub, fakeBus::Call call, SVCIPC_tSigSubHnd* subHnd) {
   {
     State& s = state();
@@ -159,9 +171,6 @@ int deliver(const std::function<bool(const SvcIpcSubscription&)>& matches,
   }));
   return static_cast<int>(targets.size());
 }
-
-const SVCIPC_tError kServiceUnknown = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
-const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
 
 }  // namespace
 
@@ -233,11 +242,10 @@ SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tSvcRegHnd regHnd, const char* sigName, co
 SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection, const char* busName, const char* objPath, const char* method,
                             const char* params, int timeoutMsec, SVCIPC_tResponse** response) {
   if (response) *response = nullptr;
-  fakeBus::Call call{fakeBus::Call::Invoke, text(busName), text(objPath), text(method), text(params), timeoutMsec};
-  record(call);
-  if (!hasOwner(call.busName)) return kServiceUnknown;
-  fakeBus::Reply reply = replyOf(call.busName, call.method, call.params);
-  if (reply.rc < 0) return reply.rc;
+  fakeBus::Reply reply;
+  const SVCIPC_tError rc = request(
+      {fakeBus::Call::Invoke, text(busName), text(objPath), text(method), text(params), timeoutMsec}, reply);
+  if (rc < 0) return rc;
   if (reply.noAnswer) return kNoReply;
   if (response) {
     auto* r = new SVCIPC_tResponse;
@@ -250,12 +258,11 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection, const char* busName, const char*
 SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const char* objPath, const char* method,
                                  const char* params, int noReplyExpected, int timeoutMsec,
                                  SVCIPC_tResultCallback onResult, void* context) {
-  fakeBus::Call call{fakeBus::Call::AsyncInvoke, text(busName), text(objPath), text(method), text(params),
-                     timeoutMsec, noReplyExpected, context ? text(static_cast<const char*>(context)) : ""};
-  record(call);
-  if (!hasOwner(call.busName)) return kServiceUnknown;
-  fakeBus::Reply reply = replyOf(call.busName, call.method, call.params);
-  if (reply.rc < 0) return reply.rc;
+  fakeBus::Reply reply;
+  const SVCIPC_tError rc = request({fakeBus::Call::AsyncInvoke, text(busName), text(objPath), text(method), text(params),
+                                    timeoutMsec, noReplyExpected, context ? text(static_cast<const char*>(context)) : ""},
+                                   reply);
+  if (rc < 0) return rc;
   if (reply.noAnswer || noReplyExpected || !onResult) return SVCIPC_ERROR_NONE;
   post([reply, onResult, context] {
     SVCIPC_tCallbackStatus status{reply.callbackErr, nullptr, nullptr};
@@ -350,34 +357,35 @@ std::vector<Call> calls() {
   return s.calls;
 }
 
-std::vector<Call> callsOf(Call::Kind kind) {
-  std::vector<Call> out;
-  for (auto& c : calls())
-    if (c.kind == kind) out.push_back(c);
+namespace {
+bool isRequest(const Call& c) { return c.kind == Call::Invoke || c.kind == Call::AsyncInvoke; }
+// take(c) of every recorded call c that keep(c) holds for, in order.
+template <typename Keep, typename Take>
+auto select(Keep keep, Take take) {
+  std::vector<decltype(take(std::declval<const Call&>()))> out;
+  for (const Call& c : calls())
+    if (keep(c)) out.push_back(take(c));
   return out;
+}
+Call whole(const Call& c) { return c; }
+}  // namespace
+
+std::vector<Call> callsOf(Call::Kind kind) {
+  return select([&](const Call& c) { return c.kind == kind; }, whole);
 }
 
 std::vector<Call> requests(const std::string& busName, const std::string& method) {
-  std::vector<Call> out;
-  for (auto& c : calls())
-    if ((c.kind == Call::Invoke || c.kind == Call::AsyncInvoke) && (busName.empty() || c.busName == busName) &&
-        c.method == method)
-      out.push_back(c);
-  return out;
+  return select([&](const Call& c) { return isRequest(c) && (busName.empty() || c.busName == busName) && c.method == method; },
+                whole);
 }
 
 std::vector<std::string> emittedData(const std::string& sigName) {
-  std::vector<std::string> out;
-  for (auto& c : calls())
-    if (c.kind == Call::Emit && c.method == sigName) out.push_back(c.params);
-  return out;
+  return select([&](const Call& c) { return c.kind == Call::Emit && c.method == sigName; },
+                [](const Call& c) { return c.params; });
 }
 
 std::vector<std::string> requestTexts() {
-  std::vector<std::string> out;
-  for (auto& c : calls())
-    if (c.kind == Call::Invoke || c.kind == Call::AsyncInvoke) out.push_back(c.method + " " + c.params);
-  return out;
+  return select(isRequest, [](const Call& c) { return c.method + " " + c.params; });
 }
 
 void clearCalls() {
@@ -434,25 +442,12 @@ MethodResult callMethod(const std::string& method, const char* params, int noRep
     std::lock_guard<std::mutex> lock(state().mutex);
     reg = state().registration;
   }
-  MethodResult out;
-  if (!reg || !reg->handler) return out;
+  if (!reg || !reg->handler) return MethodResult{};
   SvcIpcRequest request;
-  std::string paramText = params ? params : "";
-  bool hasParams = params != nullptr;
-  uint64_t seq = post([&] {
-    reg->handler(&request, method.c_str(), hasParams ? paramText.c_str() : nullptr, noReplyExpected, reg->userData);
-  });
-  waitDone(seq);
-  out.handled = true;
-  out.replied = request.replied;
-  out.result = request.result;
-  out.contextFreed = request.freed;
-  return out;
+  waitDone(post([&] { reg->handler(&request, method.c_str(), params, noReplyExpected, reg->userData); }));
+  return MethodResult{true, request.replied, request.result, request.freed};
 }
 
-void drain() {
-  uint64_t seq = post([] {});
-  waitDone(seq);
-}
+void drain() { waitDone(post([] {})); }
 
 }  // namespace fakeBus
