@@ -100,7 +100,7 @@ class StateMachineFixture : public ::testing::Test {
     return testSupport::waitUntil([&] { return logCount(part) >= count; });
   }
   // Back in idle, no timer of the machine's own pending.
-  bool waitForIdle(size_t endings = 1) const { return waitForLog("End emergency mode", endings); }
+  bool waitForIdle() const { return waitForLog("End emergency mode"); }
 
   // Waits until the machine has finished the pulses queued so far: a run
   // pulse of the test's own comes after them, and once it is handled the
