@@ -29,6 +29,11 @@ inline const ms kLong{20000};
 inline const std::string kOk = "{\"result\":\"OK\"}\n";
 inline const std::string kAssistApp = "3305261F-B524-4E27-8048-C5778A672389";
 inline const std::string kCallActive = "Call Active.  Delay 6000 ms for PSAP TTS";
+inline const std::string kDialing = "PMSG: Calling 9-1-1";
+inline const std::string kOperatorKeys =
+    "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
+// Where the healthy car stands, as the operator hears it.
+inline const std::string kCarPosition = "Latitude... 42.33142. Longitude... -83.04575. ";
 inline const Strings kCarServices = {"platform",          "VehicleConfig", "VehicleStatus",      "NDR",
                                      "TextToSpeechService", "AudioMixerManager", "AudioCtrlSvc", "psseControlService",
                                      "BluetoothService",  "AppManager",    "HMIGateWay",         "EmbeddedPhone"};
@@ -50,6 +55,8 @@ inline std::string activeSignal(const std::string& type, const std::string& even
 inline std::string buttonSignal(const std::string& type, const std::string& number = "911") {
   return activeSignal(type, "E_CALL_BtnStat", "ECall button was pressed by the user", number);
 }
+// The signal of the crash the tests report most ("crash B can").
+inline const std::string kCrashB = activeSignal("acn", "CAN_IMPACT_B", "CAN - More severe rear event");
 inline std::string endedSignal(bool modeActive) { return ecallSignalText(false, "none", modeActive); }
 inline std::string systemErrorSignal() { return ecallSignalText(false, "systemError", false); }
 

@@ -37,14 +37,11 @@ E2eOptions callCar(Strings commands = {}) {
 }
 
 const std::string kInitiate = "PMSG: Starting 9-1-1 call. To cancel press the 9-1-1 button on the mirror.";
-const std::string kDialing = "PMSG: Calling 9-1-1";
 const std::string kEnded = "PMSG: 9-1-1 call ended. To reconnect, press the 9-1-1 button on the mirror.";
 const std::string kIncoming = "PMSG: Incoming call.";
 const std::string kPosition = "Latitude... 12.34567. Longitude... -98.76543. ";
-const std::string kKeys =
-    "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
-const std::string kPsap1 = "ECALL: Emergency call from a Vetta vehicle: " + kKeys;
-const std::string kPsap2 = "ECALL: Emergency call from a Vetta vehicle: " + kPosition + kKeys;
+const std::string kPsap1 = "ECALL: Emergency call from a Vetta vehicle: " + kOperatorKeys;
+const std::string kPsap2 = "ECALL: Emergency call from a Vetta vehicle: " + kPosition + kOperatorKeys;
 const std::string kGps = "ECALL: " + kPosition;
 const std::string kCallback =
     ecallSignalText(true, "emergency_callback", true, "911", "Emergency_Callback", "Emergency Callback");

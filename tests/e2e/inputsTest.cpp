@@ -16,14 +16,9 @@ namespace {
 
 constexpr double kScale = 0.05;
 
-const std::string kDialing = "PMSG: Calling 9-1-1";
-const std::string kOperatorKeys =
-    "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
 // The healthy car's brand and position.
 const std::string kCrash1 = "ECALL: A crash has occurred in a Corvane vehicle: " + kOperatorKeys;
-const std::string kCrash2 =
-    "ECALL: A crash has occurred in a Corvane vehicle: Latitude... 42.33142. Longitude... -83.04575. " + kOperatorKeys;
-const std::string kCrashB = activeSignal("acn", "CAN_IMPACT_B", "CAN - More severe rear event");
+const std::string kCrash2 = "ECALL: A crash has occurred in a Corvane vehicle: " + kCarPosition + kOperatorKeys;
 
 }  // namespace
 
@@ -163,9 +158,7 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   ASSERT_TRUE(s.waitForEmergency());
   ASSERT_TRUE(s.waitForRequestCount("AppManager", "stopApp", 1));
   s.sim("appmgr start");
-  ASSERT_FALSE(s.car.waitForRecordSince(s.mark, [](const Json::Value& r) {
-                        return r["kind"].asString() == "signal" && r["name"].asString() == "appStopped";
-                      }, kLong).isNull());
+  ASSERT_FALSE(s.waitForRecord([](const Json::Value& r) { return isSignal(r, "AppManager", "appStopped"); }).isNull());
   // Blinking from "initializing", green again when the blink time is over.
   EXPECT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
   EXPECT_TRUE(testSupport::waitUntil([&] { return s.channel(2).size() >= 4; }, kLong));

@@ -18,10 +18,6 @@ namespace {
 
 constexpr double kScale = 0.05;
 
-const std::string kOperatorKeys =
-    "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
-const std::string kPosition = "Latitude... 42.33142. Longitude... -83.04575. ";
-const std::string kCrashB = activeSignal("acn", "CAN_IMPACT_B", "CAN - More severe rear event");
 const std::string kNoPhoneVariant =
     "but since the VARIANT_ECELL indicates no embedded phone, do not act on the event";
 
@@ -85,7 +81,7 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   EXPECT_EQ(s.spoken(),
             (Strings{"PMSG: Appel du 9-1-1. Pour annuler, appuyez sur le bouton 9-1-1 sur le retroviseur.", dialling,
                      "ECALL: Emergency call from a Roadmast vehicle: " + kOperatorKeys,
-                     "ECALL: Emergency call from a Roadmast vehicle: " + kPosition + kOperatorKeys,
+                     "ECALL: Emergency call from a Roadmast vehicle: " + kCarPosition + kOperatorKeys,
                      "PMSG: Fin de l'appel au 9-1-1. Pour rappeler, appuyez sur le bouton 9-1-1 sur le retroviseur."}));
   EXPECT_TRUE(containsInOrder(s.log(), {"Speaker TTS language French", "Vehicle brand Roadmast", "TTS rqst 1"}))
       << testing::PrintToString(s.log());
@@ -96,7 +92,7 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   s.sim("crash B can");
   ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull());
   EXPECT_EQ(s.spoken(), (Strings{dialling, "ECALL: A crash has occurred in a Roadmast vehicle: " + kOperatorKeys,
-                                 "ECALL: A crash has occurred in a Roadmast vehicle: " + kPosition + kOperatorKeys}));
+                                 "ECALL: A crash has occurred in a Roadmast vehicle: " + kCarPosition + kOperatorKeys}));
   EXPECT_TRUE(containsInOrder(s.log(), {"Speaker TTS language French",
                                         "Vehicle brand received invalid, using current brand Roadmast", "TTS rqst 7"}))
       << testing::PrintToString(s.log());
@@ -130,12 +126,11 @@ TEST(ModuleReset, SilentPhoneIsResetThreeTimesThenReportedAndItsReturnStartsAfre
                      "First System error message generated due to embedded phone not present, current SystemError = 1",
                      "System error handling set LED to 3"}));
   std::vector<Json::Value> resets = s.car.recordsSince(s.mark, "channel");
-  Json::Value off = s.car.waitForRecordSince(
-      s.mark, [](const Json::Value& r) { return r["name"].asString() == "embeddedPhoneStatus"; }, ms(0));
+  Json::Value off = s.waitForRecord([](const Json::Value& r) { return r["name"] == "embeddedPhoneStatus"; }, ms(0));
   ASSERT_GE(resets.size(), 3u);
-  EXPECT_GE(resets[0]["t"].asDouble() - off["t"].asDouble(), 0.8 * 30 * scale) << "the phone-not-present time";
-  EXPECT_GE(resets[1]["t"].asDouble() - resets[0]["t"].asDouble(), 0.8 * 300 * scale) << "the module's five minutes";
-  EXPECT_GE(resets[2]["t"].asDouble() - resets[1]["t"].asDouble(), 0.8 * 300 * scale) << "the module's five minutes";
+  EXPECT_GE(at(resets[0]) - at(off), 0.8 * 30 * scale) << "the phone-not-present time";
+  EXPECT_GE(at(resets[1]) - at(resets[0]), 0.8 * 300 * scale) << "the module's five minutes";
+  EXPECT_GE(at(resets[2]) - at(resets[1]), 0.8 * 300 * scale) << "the module's five minutes";
 
   s.sim("phone on");
   ASSERT_TRUE(s.waitForChannel({{3}, {3}, {3}, {1, 3}, {1, 0}})) << testing::PrintToString(s.channel());

@@ -12,9 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "support/testSupport.h"
 
 namespace testSupport {
 
@@ -72,13 +73,6 @@ std::string readLine(int fd, std::chrono::milliseconds deadline) {
   return text.substr(0, text.find('\n'));
 }
 
-std::string fileText(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 }  // namespace
 
 PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds startDeadline) : mPolicy(policy) {
@@ -101,7 +95,7 @@ PrivateBus::~PrivateBus() { stop(); }
 void PrivateBus::start(std::chrono::milliseconds startDeadline) {
   const std::string config = mDir + "/bus.conf";
   const std::string logPath = mDir + "/daemon.log";
-  std::ofstream(config) << configText(mDir, mPolicy);
+  writeFile(config, configText(mDir, mPolicy));
 
   // Everything the child needs is prepared before fork: after it, only
   // async-signal-safe calls.
@@ -132,7 +126,7 @@ void PrivateBus::start(std::chrono::milliseconds startDeadline) {
   mAddress = readLine(addressPipe[0], startDeadline);
   close(addressPipe[0]);
   if (mAddress.empty())
-    throw std::runtime_error("PrivateBus: " + program + " gave no address; its log: " + fileText(logPath));
+    throw std::runtime_error("PrivateBus: " + program + " gave no address; its log: " + readFile(logPath));
 }
 
 void PrivateBus::stop() {
