@@ -18,13 +18,13 @@ namespace fakeBus {
 struct Call {
   enum Kind { Invoke, AsyncInvoke, Emit, Subscribe, SubscribeOwner, HasOwner, ReturnResult };
   Kind kind;
-  std::string busName;  // Emit: the registered service name; ReturnResult: empty
-  std::string objPath;
-  std::string method;   // Emit/Subscribe: the signal name
-  std::string params;   // Emit: the data; ReturnResult: the result text
+  std::string busName{};  // Emit: the registered service name; ReturnResult: empty
+  std::string objPath{};
+  std::string method{};   // Emit/Subscribe: the signal name
+  std::string params{};   // Emit: the data; ReturnResult: the result text
   int timeoutMsec = 0;
   int noReplyExpected = 0;
-  std::string context;  // the context pointer read as a text (async invokes, subscriptions), or ""
+  std::string context{};  // the context pointer read as a text (async invokes, subscriptions), or ""
 };
 
 // How a peer answers one method.
