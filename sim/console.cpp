@@ -120,6 +120,7 @@ std::string Console::help() {
          "  wend N                          call end reason from the phone\n"
          "  phone on|off\n"
          "  peer SERVICE gone|back|refuse|hang|normal\n"
+         "  signal SERVICE NAME [TEXT]      any signal, any data, from the service itself\n"
          "  set number NUMBER...|none\n"
          "  set variant YES|NO|none|TEXT\n"
          "  set brand N\n"
@@ -205,6 +206,7 @@ std::string Console::dispatch(const std::vector<std::string>& w, const std::stri
     return mCar.phone.setPhoneOn(w[1] == "on");
   }
   if (c == "peer") return peer(w);
+  if (c == "signal") return signal(w, line);
   if (c == "set") return set(w);
   if (c == "reply") return reply(w, line);
   if (c == "appmgr") return appManager(w, line);
@@ -247,6 +249,17 @@ std::string Console::peer(const std::vector<std::string>& w) {
   else if (what == "normal") service->setMode(SimService::Mode::Normal);
   else return usage("peer SERVICE gone|back|refuse|hang|normal");
   return "ok " + service->name() + " answers " + SimService::modeName(service->mode());
+}
+
+// A signal with any data, even no JSON at all, sent from the service's own
+// connection, so the ecall service takes it as the service's word.
+std::string Console::signal(const std::vector<std::string>& w, const std::string& line) {
+  if (w.size() < 3) return usage("signal SERVICE NAME [TEXT]");
+  SimService* service = mCar.service(w[1]);
+  if (!service) return "error no simulated service " + w[1];
+  const std::string data = restAfterWords(line, 3);
+  service->emitLater(0, w[2], data);
+  return "ok " + service->name() + "." + w[2] + " with " + std::to_string(data.size()) + " bytes";
 }
 
 std::string Console::set(const std::vector<std::string>& w) {

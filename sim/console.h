@@ -52,6 +52,7 @@ class Console {
   std::string dispatch(const std::vector<std::string>& words, const std::string& line, bool& quit);
   std::string set(const std::vector<std::string>& words);
   std::string peer(const std::vector<std::string>& words);
+  std::string signal(const std::vector<std::string>& words, const std::string& line);
   std::string psap(const std::vector<std::string>& words);
   std::string appManager(const std::vector<std::string>& words, const std::string& line);
   std::string reply(const std::vector<std::string>& words, const std::string& line);

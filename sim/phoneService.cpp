@@ -225,14 +225,18 @@ std::string PhoneService::wendReason(int serviceNumber) {
 }
 
 std::string PhoneService::describeSignal(const std::string& signal, const std::string& data) const {
+  // The console may send any text as a signal: a shape other than the
+  // phone's own is shown as it is.
   Json::Value value;
-  if (signal == "callState" && jsonParse(data, value) && value["callStateInfo"].isArray() &&
-      value["callStateInfo"].size() == 1) {
-    const Json::Value& call = value["callStateInfo"][0];
-    return "phone: call " + call.get("number", "").asString() + " " + shortState(call.get("callState", "").asString());
+  try {
+    if (signal == "callState" && jsonParse(data, value) && value["callStateInfo"].size() == 1) {
+      const Json::Value& call = value["callStateInfo"][0];
+      return "phone: call " + call.get("number", "").asString() + " " + shortState(call.get("callState", "").asString());
+    }
+    if (signal == "embeddedPhoneStatus" && jsonParse(data, value))
+      return std::string("phone: embedded phone ") + (value["embeddedPhoneStatus"]["status"].asBool() ? "ON" : "OFF");
+  } catch (const Json::Exception&) {
   }
-  if (signal == "embeddedPhoneStatus" && jsonParse(data, value))
-    return std::string("phone: embedded phone ") + (value["embeddedPhoneStatus"]["status"].asBool() ? "ON" : "OFF");
   return SimService::describeSignal(signal, data);
 }
 
