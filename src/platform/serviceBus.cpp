@@ -4,6 +4,7 @@
 #include "platform/serviceBus.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,6 +16,10 @@
 using svcipc::libraryError;
 
 namespace {
+
+// A service's object path and its bus name, one derived from the other.
+constexpr const char* SERVICE_PATH_PREFIX = "/com/nordak/service/";
+constexpr const char* SERVICE_NAME_PREFIX = "com.nordak.service.";
 
 // Handles given out are looked up before use, so that a closed or unknown
 // handle is refused instead of followed.
@@ -335,8 +340,14 @@ SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, con
   auto subscription = std::make_shared<SvcIpcSubscription>();
   subscription->onSignal = handler;
   subscription->context = context;
-  const std::string rule = "type='signal',interface='" SVCIPC_INTERFACE_NAME "',member='Emit',path=" +
-                           matchValue(objPath) + ",arg0=" + matchValue(sigName);
+  std::string rule = "type='signal',interface='" SVCIPC_INTERFACE_NAME "',member='Emit',path=" +
+                     matchValue(objPath) + ",arg0=" + matchValue(sigName);
+  // Any client may send a signal from any path. The signal of a service is
+  // only believed from the owner of that service's name, so no other client
+  // can end an emergency call or turn the phone off by a forged state.
+  const std::string path = objPath;
+  if (path.rfind(SERVICE_PATH_PREFIX, 0) == 0)
+    rule += ",sender=" + matchValue((SERVICE_NAME_PREFIX + path.substr(strlen(SERVICE_PATH_PREFIX))).c_str());
   return subscribeWith(conn, subscription, rule, subHnd);
 }
 

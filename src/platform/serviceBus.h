@@ -151,7 +151,9 @@ SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection conn, const char* busName, c
                                  const char* params, int noReplyExpected, int timeoutMsec,
                                  SVCIPC_tResultCallback onResult, void* context);
 
-// Subscribes to signal sigName sent from objPath (any sender).
+// Subscribes to signal sigName sent from objPath. The signal of a service's
+// path (/com/nordak/service/<Name>) is delivered only when it comes from the
+// owner of com.nordak.service.<Name>; other paths take any sender.
 SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, const char* sigName,
                                SVCIPC_tSignalCallback handler, void* context, SVCIPC_tSigSubHnd* subHnd);
 SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection conn, const char* busName,

@@ -8,6 +8,7 @@
 #include <cctype>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <string>
 #include <vector>
@@ -174,8 +175,12 @@ void refuseRequest(SVCIPC_tReqContext context, const char*, const char*, int, SV
   SVCIPC_freeReqContext(context);
 }
 
-// Any bus client may emit a signal from the path of a car's service: the
-// service listens by path and name, not by sender.
+void onAnswer(const SVCIPC_tCallbackStatus*, const char*, void* context) {
+  static_cast<std::atomic<bool>*>(context)->store(true);
+}
+
+// Another bus client sending from the path of a car's service under a name
+// of its own.
 class SignalForger {
  public:
   explicit SignalForger(const std::string& address) {
@@ -195,6 +200,16 @@ class SignalForger {
     }
     return !SVCIPC_IS_ERROR(SVCIPC_asyncEmit(registration, signal.c_str(), data.c_str(), nullptr, nullptr));
   }
+  // A request to the service after the signals, on the same connection:
+  // once it is answered, the service has had every signal sent before it.
+  bool roundTrip() {
+    std::atomic<bool> answered{false};
+    if (SVCIPC_IS_ERROR(SVCIPC_asyncInvoke(mConnection, "com.nordak.service.ecallService",
+                                           "/com/nordak/service/ecallService", "IsECallInProgess", "{}", 0, 10000,
+                                           onAnswer, &answered)))
+      return false;
+    return testSupport::waitUntil([&] { return answered.load(); }, kLong);
+  }
 
  private:
   SVCIPC_tConnection mConnection = nullptr;
@@ -203,15 +218,14 @@ class SignalForger {
 
 }  // namespace
 
-// Another client forges every signal the service listens to with payloads
-// that are huge, too deep, not JSON, not objects or without the members
-// that carry a state: none starts or changes anything, and the next request
-// is called. (A forged but well-formed state, such as the phone OFF, is
-// believed: the bus policy of each service must keep others from its path.)
-TEST(BadInput, ForgedSignalsWithGarbagePayloads) {
+// The car's own services send every signal the service listens to with
+// payloads that are huge, too deep, not JSON, not objects or without the
+// members that carry a state: none starts or changes anything. The states
+// that would matter, forged by another client, are not even heard. The next
+// request is called.
+TEST(BadInput, GarbageSignalsAndForgedStates) {
   Scene s(carOptions(kScale));
   E2eHarness& car = s.car;
-  SignalForger forger(car.busAddress());
   const std::string deep(100000, '[');
   const Strings payloads = {"\"" + std::string(kMiB, 'g') + "\"",
                             deep + std::string(100000, ']'),
@@ -223,20 +237,39 @@ TEST(BadInput, ForgedSignalsWithGarbagePayloads) {
                             "42",
                             "{\"x\":\"\\u0000\\u00ff\",\"y\":[{}]}"};
   const std::vector<std::pair<std::string, std::string>> signals = {
-      {"EmbeddedPhone", "callState"},   {"EmbeddedPhone", "embeddedPhoneStatus"}, {"EmbeddedPhone", "wendReason"},
-      {"EmbeddedPhone", "antennaStatus"}, {"TextToSpeechService", "ttsPlayState"}, {"AudioCtrlSvc", "DTMF"},
-      {"BluetoothService", "callState"}, {"AppManager", "operStatus"},           {"AppManager", "appStarted"},
-      {"AppManager", "appPaused"},       {"AppManager", "appStopped"}};
+      {"TextToSpeechService", "ttsPlayState"}, {"EmbeddedPhone", "callState"},  {"EmbeddedPhone", "embeddedPhoneStatus"},
+      {"EmbeddedPhone", "wendReason"},         {"EmbeddedPhone", "antennaStatus"}, {"AudioCtrlSvc", "DTMF"},
+      {"BluetoothService", "callState"},       {"AppManager", "operStatus"},     {"AppManager", "appStarted"},
+      {"AppManager", "appPaused"},             {"AppManager", "appStopped"}};
   for (const auto& [service, signal] : signals)
-    for (const auto& payload : payloads) ASSERT_TRUE(forger.emit(service, signal, payload)) << service << " " << signal;
-  // Signals of one sender arrive in the order sent: the last one seen means
-  // all were handled.
-  ASSERT_TRUE(forger.emit("EmbeddedPhone", "wendReason", "{\"last\":\"forged\"}"));
-  ASSERT_TRUE(car.waitForTrace("received embedded wendReason {\"last\":\"forged\"}", kLong));
-
-  EXPECT_TRUE(s.signals().empty()) << "forged garbage started or ended something";
-  EXPECT_EQ(s.countInTrace("Get Embedded Phone Status: OFF"), 0u) << "forged garbage turned the phone off";
+    for (const auto& payload : payloads)
+      ASSERT_EQ(car.sim("signal " + service + " " + signal + " " + payload).rfind("ok", 0), 0u) << service << signal;
+  // Signals of one sender arrive in the order sent: each service's last one
+  // seen means all of its signals were handled.
+  const std::vector<std::pair<std::string, std::string>> lastOnes = {
+      {"signal EmbeddedPhone wendReason {\"last\":1}", "received embedded wendReason {\"last\":1}"},
+      {"signal AudioCtrlSvc DTMF {\"KeyPressed\":77}", "dtmf detected: 77"},
+      {"signal BluetoothService callState {\"last\":1}", "Received BT call state info {\"last\":1}"},
+      {"signal AppManager appStopped last", "failed to parse App Manager signal appStopped data last"}};
+  for (const auto& [command, seen] : lastOnes) {
+    ASSERT_EQ(car.sim(command).rfind("ok", 0), 0u);
+    ASSERT_TRUE(car.waitForTrace(seen, kLong)) << seen;
+  }
+  EXPECT_TRUE(s.signals().empty()) << "garbage started or ended something";
+  EXPECT_EQ(s.countInTrace("Get Embedded Phone Status: OFF"), 0u) << "garbage turned the phone off";
   EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
   EXPECT_LE(longestLine(car.serviceStderr()), kSlogLineMax);
+
+  SignalForger forger(car.busAddress());
+  ASSERT_TRUE(forger.emit("EmbeddedPhone", "embeddedPhoneStatus", "{\"embeddedPhoneStatus\":{\"status\":false}}"));
+  ASSERT_TRUE(forger.emit("EmbeddedPhone", "wendReason", "{\"serviceNumber\":17,\"forged\":1}"));
+  ASSERT_TRUE(forger.emit("AudioCtrlSvc", "DTMF", "{\"KeyPressed\":1,\"forged\":1}"));
+  ASSERT_TRUE(forger.emit("BluetoothService", "callState", "{\"forged\":1}"));
+  ASSERT_TRUE(forger.emit("AppManager", "appStopped", "forged"));
+  ASSERT_TRUE(forger.roundTrip());
+  EXPECT_EQ(s.countInTrace("forged"), 0u) << "a forged signal was heard";
+  EXPECT_EQ(s.countInTrace("dtmf detected: 1"), 0u) << "a forged operator key was heard";
+  EXPECT_EQ(s.countInTrace("Get Embedded Phone Status: OFF") + countOf(car.emergencyLog(), "to OFF"), 0u)
+      << "a forged status turned the phone off";
   expectStartEcallDials(s.car);
 }

@@ -291,6 +291,22 @@ TEST_F(ServiceBusTest, SignalReachesOnlyTheSubscribersOfItsNameAndPath) {
   ASSERT_TRUE(second.waitFor(1));
   EXPECT_EQ(first.items(), std::vector<std::string>{"callState {\"c\":1}"});
   EXPECT_EQ(second.items(), first.items());
+
+  // Another client sends from the phone's path under a name of its own: not
+  // the phone's word. Its next signal, from its own path, comes after it.
+  SVCIPC_tConnection forger = connect();
+  SVCIPC_tSvcRegHnd forged = nullptr;
+  ASSERT_EQ(SVCIPC_registerService(forger, busName("Forger0").c_str(), "/com/nordak/service/Phone", 0,
+                                   TestService::onRequest, &make<TestService>(), &forged),
+            SVCIPC_ERROR_NONE);
+  SVCIPC_tSvcRegHnd own = serve(forger, "Forger", make<TestService>());
+  auto& marks = make<Inbox<std::string>>();
+  SVCIPC_tSigSubHnd markSub = nullptr;
+  ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Forger", "callState", onSignal, &marks, &markSub), 0);
+  EXPECT_EQ(SVCIPC_asyncEmit(forged, "callState", "{\"forged\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(SVCIPC_asyncEmit(own, "callState", "{\"d\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(marks.waitFor(1));
+  EXPECT_EQ(first.items(), std::vector<std::string>{"callState {\"c\":1}"});
 }
 
 TEST_F(ServiceBusTest, OwnerChangesAndHasOwnerFollowTheName) {
