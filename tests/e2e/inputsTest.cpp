@@ -102,6 +102,8 @@ TEST(MirrorButtons, EmergencyButtonStartsTheDelayOnceAndANewPressCancelsIt) {
   Scene s(carOptions(0.1));
   s.button("ecall", true);
   s.sim("button ecall press");  // still held: the object does not change
+  // The cancel is a press during the delay, so the delay must have begun.
+  ASSERT_FALSE(s.waitForSignal([](const Json::Value& sig) { return sig["type"] == "ecallDelay"; }).isNull());
   s.button("ecall", false);
   s.button("ecall", true);
   ASSERT_TRUE(s.waitForIdle());
