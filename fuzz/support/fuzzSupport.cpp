@@ -164,6 +164,20 @@ std::string asText(const uint8_t* data, size_t size) {
   return std::string(text, end);
 }
 
+SignalInput signalInput(const uint8_t* data, size_t size, const char* const* knownNames, size_t knownCount) {
+  SignalInput input;
+  if (data[0] < knownCount) {
+    input.name = knownNames[data[0]];
+    input.payload = asText(data + 2, size - 2);
+    return input;
+  }
+  const std::vector<std::string> fields = splitFields(data + 2, size - 2, 2);
+  input.name = fields[0];
+  if (fields.size() > 1)
+    input.payload = asText(reinterpret_cast<const uint8_t*>(fields[1].data()), fields[1].size());
+  return input;
+}
+
 void answer(const char* busName, const char* method, const char* text) {
   fakeBus::Reply reply;
   if (text == nullptr) {

@@ -38,6 +38,15 @@ std::vector<std::string> splitFields(const uint8_t* data, size_t size, size_t co
 // The input as text up to its first NUL (what a C string peer can send).
 std::string asText(const uint8_t* data, size_t size);
 
+// A signal as a signal target reads it from data[0] and data[2...]: a known
+// name chosen by data[0] with the rest as its text, or, for a data[0] past
+// the known names, any name and text split at a NUL.
+struct SignalInput {
+  std::string name;
+  std::string payload;
+};
+SignalInput signalInput(const uint8_t* data, size_t size, const char* const* knownNames, size_t knownCount);
+
 // Answers of the fake peers: method of busName answers text (a successful
 // reply), or fails when text is null.
 void answer(const char* busName, const char* method, const char* text);

@@ -34,17 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
   fuzzSupport::beginInput();
   setScene(data[1]);
-  std::string name;
-  std::string payload;
-  if (data[0] < kSignalCount) {
-    name = kSignals[data[0]];
-    payload = fuzzSupport::asText(data + 2, size - 2);
-  } else {
-    const std::vector<std::string> fields = fuzzSupport::splitFields(data + 2, size - 2, 2);
-    name = fields[0];
-    if (fields.size() > 1) payload = fuzzSupport::asText(reinterpret_cast<const uint8_t*>(fields[1].data()), fields[1].size());
-  }
-  ecallProcessor::onSubcribedAppMngrSignal(name.c_str(), (data[1] & 0x40) ? nullptr : payload.c_str(),
+  const fuzzSupport::SignalInput signal = fuzzSupport::signalInput(data, size, kSignals, kSignalCount);
+  ecallProcessor::onSubcribedAppMngrSignal(signal.name.c_str(), (data[1] & 0x40) ? nullptr : signal.payload.c_str(),
                                            const_cast<char*>("ecallProcessor"));
   const int led = canIpcEmergencyHandler.getLastLedSetStatus();
   fuzzSupport::expect(led >= LED_OFF && led <= LED_RED, "an LED status out of range");

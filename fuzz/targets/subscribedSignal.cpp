@@ -45,17 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
   fuzzSupport::beginInput();
   setCallInHand(data[1]);
-  std::string name;
-  std::string payload;
-  if (data[0] < kSignalCount) {
-    name = kSignals[data[0]];
-    payload = fuzzSupport::asText(data + 2, size - 2);
-  } else {
-    const std::vector<std::string> fields = fuzzSupport::splitFields(data + 2, size - 2, 2);
-    name = fields[0];
-    if (fields.size() > 1) payload = fuzzSupport::asText(reinterpret_cast<const uint8_t*>(fields[1].data()), fields[1].size());
-  }
-  ecallProcessor::onSubcribedSignal(name.c_str(), payload.c_str(), const_cast<char*>("ecallProcessor"));
+  const fuzzSupport::SignalInput signal = fuzzSupport::signalInput(data, size, kSignals, kSignalCount);
+  ecallProcessor::onSubcribedSignal(signal.name.c_str(), signal.payload.c_str(), const_cast<char*>("ecallProcessor"));
 
   const int phone = ecallHandler.emdPhOn;
   fuzzSupport::expect(phone >= -1 && phone <= 1, "a phone status out of range");
