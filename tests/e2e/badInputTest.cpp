@@ -34,7 +34,7 @@ size_t longestLine(const std::string& text) {
 
 // An entry's time stamp ("HH:MM:SS ") begins at pos.
 bool timeStampAt(const std::string& text, size_t pos) {
-  return pos + 9 <= text.size() && isdigit(static_cast<unsigned char>(text[pos])) && text[pos + 2] == ':' &&
+  return pos < text.size() && text.size() - pos >= 9 && isdigit(static_cast<unsigned char>(text[pos])) && text[pos + 2] == ':' &&
          text[pos + 5] == ':' && text[pos + 8] == ' ';
 }
 
@@ -153,9 +153,18 @@ TEST(BadInput, GarbageOnTheAirbagChannelAndInTheVehicleObject) {
   ASSERT_TRUE(car.waitForEmergencyLog(odd, kLong));
   replaceVehicleObject(car, std::string("@vehstat\nE_CALL_BtnStat::0\0\nU_CALL_BtnStat::1\n", 46));
   ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace("ecallBtn pps value 0") == 2; }, kLong));
-
-  std::string log = car.emergencyLog();
-  const size_t at = log.find(odd);
+  // The value is traced before it is logged: wait for its entry behind the
+  // cut one, which is what the cut is checked against.
+  std::string log;
+  size_t at = std::string::npos;
+  ASSERT_TRUE(testSupport::waitUntil(
+      [&] {
+        log = car.emergencyLog();
+        at = log.find(odd);
+        return at != std::string::npos && log.find("ecallBtn = 0\n", at) != std::string::npos;
+      },
+      kLong))
+      << log;
   const size_t lineStart = log.rfind('\n', at) + 1;
   const size_t end = log.find_first_not_of("\xfe\xff", at + 11);
   EXPECT_EQ(end - lineStart, kLogLineMax);
