@@ -9,6 +9,8 @@
 // Choices made where the target's behaviour has no Linux counterpart:
 // - The object's folder must exist when it is opened (ENOENT otherwise); the
 //   object itself need not, the first read then gives only "@name".
+// - A folder removed or renamed ends the blocked read with ENOENT; the next
+//   read watches the folder at the object's path again, once there is one.
 // - An object that is removed, or is empty (a writer that has created but not
 //   yet filled it), is not a change: the reader keeps waiting, and when the
 //   object reappears it gets the values that differ from those last reported.
@@ -38,7 +40,8 @@ namespace {
 
 using Attributes = std::map<std::string, std::string>;  // name -> "encoding:value"
 
-constexpr uint32_t kWatchedEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_MOVED_FROM;
+constexpr uint32_t kWatchedEvents =
+    IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVE_SELF;
 
 struct DeltaObject {
   std::string objectName;  // "vehstat"
@@ -206,12 +209,20 @@ WakeReason waitForObject(DeltaObject& object) {
     if (object.closing.load()) return WakeReason::Closing;
     bool touched = false;
     bool gone = false;
+    const int wd = object.watch.load();
     for (ssize_t at = 0; at < n;) {
       const auto* event = reinterpret_cast<const struct inotify_event*>(events + at);
-      if (event->mask & IN_IGNORED) gone = true;
-      if (event->mask & IN_Q_OVERFLOW) touched = true;  // events were lost: look anyway
-      if (event->len > 0 && object.fileName == event->name) touched = true;
       at += static_cast<ssize_t>(sizeof(struct inotify_event) + event->len);
+      if (event->mask & IN_Q_OVERFLOW) touched = true;  // events were lost: look anyway
+      if (event->wd != wd) continue;  // the end of a watch already given up
+      if (event->mask & IN_IGNORED) gone = true;
+      if (event->mask & IN_MOVE_SELF) {
+        // The folder was renamed: the object lives at its path, not in the
+        // renamed folder, so the watch is given up like that of a removed one.
+        inotify_rm_watch(object.fd, wd);
+        gone = true;
+      }
+      if (event->len > 0 && object.fileName == event->name) touched = true;
     }
     if (gone) return WakeReason::WatchGone;
     if (touched) return WakeReason::ObjectTouched;

@@ -100,6 +100,16 @@ TEST_F(Pps, ObjectThatComesLateLosesAttributesAndIsRecreated) {
   // A removed object is no news; its return gives what differs from before.
   ASSERT_EQ(0, ::unlink(root.path("/pps/can/vehstat").c_str()));
   EXPECT_EQ("@vehstat\nE_CALL_BtnStat::1\nU_CALL_BtnStat::0\n", nextAfter("E_CALL_BtnStat::1\nU_CALL_BtnStat::0\n"));
+
+  // A folder renamed away ends the read; the reader then follows the path,
+  // not the renamed folder.
+  auto blocked = readAsync();
+  ASSERT_EQ(0, std::rename(root.path("/pps/can").c_str(), root.path("/pps/can.old").c_str()));
+  ASSERT_EQ(std::future_status::ready, blocked.wait_for(5s));
+  EXPECT_EQ("error " + std::to_string(ENOENT), blocked.get());
+  EXPECT_EQ("error " + std::to_string(ENOENT), readNow());
+  testSupport::makeDirs(root.path("/pps/can"));
+  EXPECT_EQ("@vehstat\nE_CALL_BtnStat::0\n", nextAfter("E_CALL_BtnStat::0\nU_CALL_BtnStat::0\n"));
 }
 
 TEST_F(Pps, ShortBuffersGetWholeLinesAndHugeObjectsAreRead) {
