@@ -60,7 +60,10 @@ bool Recorder::open(const std::string& path) {
 }
 
 void Recorder::record(Json::Value entry, const std::string& readable) {
-  double now = monotonicSeconds();
+  recordAt(monotonicSeconds(), std::move(entry), readable);
+}
+
+void Recorder::recordAt(double now, Json::Value entry, const std::string& readable) {
   // The time goes last, in microseconds: more digits would only be noise.
   std::string line = oneLine(jsonText(entry));
   char stampMember[48];

@@ -43,6 +43,8 @@ class Recorder {
   bool showing() const { return mShow; }
   // Adds "t" and writes the entry; shows readable (when not empty).
   void record(Json::Value entry, const std::string& readable);
+  // The same with "t" taken by the caller (monotonicSeconds()).
+  void recordAt(double at, Json::Value entry, const std::string& readable);
   // A readable line only (nothing recorded).
   void show(const std::string& readable);
   // A console reply ("ok ..." / "error ..."), always printed.

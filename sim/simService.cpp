@@ -135,9 +135,13 @@ bool SimService::emit(const std::string& signal, const std::string& data) {
     mContext.recorder.record(entry, mName + " is off the bus: signal " + signal + " not sent");
     return false;
   }
+  // The time is taken before sending: what the service does on hearing the
+  // signal is then always later in time, even when its record is written
+  // first in the file.
+  const double sendingAt = monotonicSeconds();
   SVCIPC_tError rc = SVCIPC_asyncEmit(mRegistration, signal.c_str(), data.c_str(), nullptr, nullptr);
   entry["sent"] = !SVCIPC_IS_ERROR(rc);
-  mContext.recorder.record(entry, describeSignal(signal, data));
+  mContext.recorder.recordAt(sendingAt, entry, describeSignal(signal, data));
   return !SVCIPC_IS_ERROR(rc);
 }
 

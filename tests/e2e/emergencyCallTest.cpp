@@ -61,13 +61,16 @@ const std::string kReleaseAudio = request("releaseInformationSource", "{\"source
 const std::string kAbortAnnouncement = request("ttsAbort", "{\"readoutType\":\"ECALL\"}");
 const std::vector<Bytes> kLedOnOff = {{1, 1}, {1, 0}, {1, 0}};
 
-// Position of the first record since the mark that satisfies pred, or -1.
-int indexOf(Scene& s, const std::function<bool(const Json::Value&)>& pred) {
-  std::vector<Json::Value> all = s.car.recordsSince(s.mark);
-  for (size_t i = 0; i < all.size(); ++i)
-    if (pred(all[i])) return static_cast<int>(i);
+// Time of the first record since the mark that satisfies pred, or -1. The
+// times, not the places in the record, tell what came first: a signal's time
+// is taken before it is sent, but the service's answer to it may be written
+// to the record before it.
+double timeOf(Scene& s, const std::function<bool(const Json::Value&)>& pred) {
+  for (const auto& r : s.car.recordsSince(s.mark))
+    if (pred(r)) return at(r);
   return -1;
 }
+bool isPromptEnd(const Json::Value& r) { return isSignal(r, "TextToSpeechService", "ttsPlayState", "notPlaying"); }
 // The record of an "ecall" signal, by its exact text, without waiting.
 Json::Value signalRecord(Scene& s, const std::string& text) {
   return s.waitForRecord([&](const Json::Value& r) { return r["kind"] == "ecall" && r["data"] == text; }, ms(0));
@@ -139,12 +142,13 @@ TEST(EmergencyCall, StartEcallRunsTheWholeCallAndGivesEverythingBack) {
   EXPECT_GE(at(signalRecord(s, endedSignal(false))) - at(signalRecord(s, endedSignal(true))), atLeast(30000))
       << "the callback period";
   // The phone source is unmuted only after the second announcement ended.
-  int secondPsap = indexOf(s, [](const Json::Value& r) { return isReadout(r, kPsap2); });
-  int unmuted = indexOf(s, [](const Json::Value& r) { return isRequest(r, "AudioMixerManager", phoneMute(false)); });
-  std::vector<Json::Value> all = car.recordsSince(s.mark);
+  const double secondPsap = timeOf(s, [](const Json::Value& r) { return isReadout(r, kPsap2); });
+  const double unmuted =
+      timeOf(s, [](const Json::Value& r) { return isRequest(r, "AudioMixerManager", phoneMute(false)); });
+  ASSERT_GE(secondPsap, 0);
   bool endedBefore = false;
-  for (int i = secondPsap; i >= 0 && i < unmuted; ++i)
-    endedBefore = endedBefore || isSignal(all[i], "TextToSpeechService", "ttsPlayState", "notPlaying");
+  for (const auto& r : car.recordsSince(s.mark))
+    endedBefore = endedBefore || (isPromptEnd(r) && at(r) > secondPsap && at(r) < unmuted);
   EXPECT_TRUE(endedBefore) << "microphones opened before the announcement ended";
 
   EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
@@ -167,8 +171,8 @@ TEST(EmergencyCall, SecondStartDuringTheDelayCancelsWithoutDialling) {
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
   EXPECT_EQ(s.spoken(), (Strings{kInitiate, kEnded}));
   // Unless the first prompt had ended by itself, it was stopped.
-  int cancelled = indexOf(s, [](const Json::Value& r) { return r["data"] == endedSignal(true); });
-  int endedAlone = indexOf(s, [](const Json::Value& r) { return isSignal(r, "TextToSpeechService", "ttsPlayState", "notPlaying"); });
+  const double cancelled = timeOf(s, [](const Json::Value& r) { return r["data"] == endedSignal(true); });
+  const double endedAlone = timeOf(s, isPromptEnd);
   if (endedAlone < 0 || endedAlone > cancelled) {
     EXPECT_TRUE(abortedAfter(s, 0, request("ttsAbort", "{\"readoutType\":\"PMSG\"}")));
   }
