@@ -13,7 +13,6 @@ struct SvcIpcConnection {
 };
 struct SvcIpcRegistration {
   std::string busName;
-  std::string objPath;
   SVCIPC_tRequestCallback handler;
   void* userData;
 };
@@ -34,13 +33,10 @@ struct SvcIpcSubscription {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 struct State {
   std::mutex mutex;
-  std::condition_variable changed;  // a call was recorded
   std::vector<fakeBus::Call> calls;
-  std::map<std::pair<std::string, std::string>, fakeBus::Responder> responders;
+  std::map<std::pair<std::string, std::string>, std::deque<fakeBus::Reply>> replies;
   std::set<std::string> absent;
   std::vector<SvcIpcSubscription*> subscriptions;
   SvcIpcRegistration* registration = nullptr;
@@ -103,26 +99,19 @@ void waitDone(uint64_t seq) {
 }
 
 void record(const fakeBus::Call& call) {
-  State& s = state();
-  {
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.calls.push_back(call);
-  }
-  s.changed.notify_all();
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().calls.push_back(call);
 }
 
 std::string text(const char* p) { return p ? std::string(p) : std::string(); }
 
-fakeBus::Reply replyOf(const std::string& busName, const std::string& method, const std::string& params) {
-  fakeBus::Responder responder;
-  {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    auto it = s.responders.find({busName, method});
-    if (it != s.responders.end()) responder = it->second;
-  }
-  if (responder) return responder(params);
-  return fakeBus::Reply{};
+fakeBus::Reply replyOf(const std::string& busName, const std::string& method) {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  auto it = state().replies.find({busName, method});
+  if (it == state().replies.end()) return fakeBus::Reply{};
+  fakeBus::Reply reply = it->second.front();
+  if (it->second.size() > 1) it->second.pop_front();
+  return reply;
 }
 
 bool hasOwner(const std::string& busName) {
@@ -139,17 +128,16 @@ const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS
 SVCIPC_tError request(const fakeBus::Call& call, fakeBus::Reply& reply) {
   record(call);
   if (!hasOwner(call.busName)) return kServiceUnknown;
-  reply = replyOf(call.busName, call.method, call.params);
+  reply = replyOf(call.busName, call.method);
   return reply.rc < 0 ? reply.rc : SVCIPC_ERROR_NONE;
 }
 
-SVCIPC_tError addSubscription(SvcIpcSubscription* sub, fakeBus::Call call, SVCIPC_tSigSubHnd* subHnd) {
+SVCIPC_tError addSubscription(SvcIpcSubscription* sub, const fakeBus::Call& call, SVCIPC_tSigSubHnd* subHnd) {
   {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.subscriptions.push_back(sub);
   }
-  call.context = sub->context ? text(static_cast<const char*>(sub->context)) : "";
   record(call);
   if (subHnd) *subHnd = sub;
   return SVCIPC_ERROR_NONE;
@@ -191,10 +179,10 @@ SVCIPC_tError SVCIPC_getConnectionByAddress(const char*, SVCIPC_tConnection* con
 
 SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection) { return SVCIPC_ERROR_NONE; }
 
-SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection, const char* busName, const char* objPath, int,
+SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection, const char* busName, const char*, int,
                                      SVCIPC_tRequestCallback handler, void* userData, SVCIPC_tSvcRegHnd* regHnd) {
   State& s = state();
-  auto* reg = new SvcIpcRegistration{text(busName), text(objPath), handler, userData};
+  auto* reg = new SvcIpcRegistration{text(busName), handler, userData};
   {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.registration = reg;
@@ -209,9 +197,6 @@ SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* r
   if (!context) return SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_BAD_ARGS);
   context->replied = true;
   context->result = text(result);
-  fakeBus::Call call{fakeBus::Call::ReturnResult};
-  call.params = context->result;
-  record(call);
   return SVCIPC_ERROR_NONE;
 }
 
@@ -222,14 +207,7 @@ SVCIPC_tError SVCIPC_freeReqContext(SVCIPC_tReqContext context) {
 
 SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tSvcRegHnd regHnd, const char* sigName, const char* data,
                                SVCIPC_tResultCallback onStatus, void* context) {
-  fakeBus::Call call{fakeBus::Call::Emit};
-  if (regHnd) {
-    call.busName = regHnd->busName;
-    call.objPath = regHnd->objPath;
-  }
-  call.method = text(sigName);
-  call.params = text(data);
-  record(call);
+  record({fakeBus::Call::Emit, regHnd ? regHnd->busName : "", text(sigName), text(data)});
   if (onStatus) {
     post([onStatus, context] {
       SVCIPC_tCallbackStatus status{SVCIPC_ERROR_NONE, nullptr, nullptr};
@@ -239,12 +217,11 @@ SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tSvcRegHnd regHnd, const char* sigName, co
   return SVCIPC_ERROR_NONE;
 }
 
-SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection, const char* busName, const char* objPath, const char* method,
-                            const char* params, int timeoutMsec, SVCIPC_tResponse** response) {
+SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection, const char* busName, const char*, const char* method, const char* params,
+                            int, SVCIPC_tResponse** response) {
   if (response) *response = nullptr;
   fakeBus::Reply reply;
-  const SVCIPC_tError rc = request(
-      {fakeBus::Call::Invoke, text(busName), text(objPath), text(method), text(params), timeoutMsec}, reply);
+  const SVCIPC_tError rc = request({fakeBus::Call::Invoke, text(busName), text(method), text(params)}, reply);
   if (rc < 0) return rc;
   if (reply.noAnswer) return kNoReply;
   if (response) {
@@ -255,13 +232,13 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection, const char* busName, const char*
   return SVCIPC_ERROR_NONE;
 }
 
-SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const char* objPath, const char* method,
-                                 const char* params, int noReplyExpected, int timeoutMsec,
-                                 SVCIPC_tResultCallback onResult, void* context) {
+SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const char*, const char* method,
+                                 const char* params, int noReplyExpected, int, SVCIPC_tResultCallback onResult,
+                                 void* context) {
   fakeBus::Reply reply;
-  const SVCIPC_tError rc = request({fakeBus::Call::AsyncInvoke, text(busName), text(objPath), text(method), text(params),
-                                    timeoutMsec, noReplyExpected, context ? text(static_cast<const char*>(context)) : ""},
-                                   reply);
+  const SVCIPC_tError rc = request(
+      {fakeBus::Call::AsyncInvoke, text(busName), text(method), text(params), context ? static_cast<const char*>(context) : ""},
+      reply);
   if (rc < 0) return rc;
   if (reply.noAnswer || noReplyExpected || !onResult) return SVCIPC_ERROR_NONE;
   post([reply, onResult, context] {
@@ -280,14 +257,14 @@ SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const 
 SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection, const char* objPath, const char* sigName,
                                SVCIPC_tSignalCallback handler, void* context, SVCIPC_tSigSubHnd* subHnd) {
   auto* sub = new SvcIpcSubscription{false, text(objPath), text(sigName), handler, nullptr, context};
-  return addSubscription(sub, fakeBus::Call{fakeBus::Call::Subscribe, "", text(objPath), text(sigName)}, subHnd);
+  return addSubscription(sub, {fakeBus::Call::Subscribe, "", text(sigName)}, subHnd);
 }
 
 SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection, const char* busName,
                                            SVCIPC_tNameOwnerChangedCallback handler, void* context,
                                            SVCIPC_tSigSubHnd* subHnd) {
   auto* sub = new SvcIpcSubscription{true, "", text(busName), nullptr, handler, context};
-  return addSubscription(sub, fakeBus::Call{fakeBus::Call::SubscribeOwner, text(busName)}, subHnd);
+  return addSubscription(sub, {fakeBus::Call::SubscribeOwner, text(busName)}, subHnd);
 }
 
 SVCIPC_tError SVCIPC_unsubscribe(SVCIPC_tSigSubHnd subHnd) {
@@ -299,8 +276,6 @@ SVCIPC_tError SVCIPC_unsubscribe(SVCIPC_tSigSubHnd subHnd) {
 }
 
 SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection, const char* busName, int* hasOwnerOut) {
-  fakeBus::Call call{fakeBus::Call::HasOwner, text(busName)};
-  record(call);
   if (hasOwnerOut) *hasOwnerOut = hasOwner(text(busName)) ? 1 : 0;
   return SVCIPC_ERROR_NONE;
 }
@@ -326,20 +301,19 @@ void reset() {
   State& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   s.calls.clear();
-  s.responders.clear();
+  s.replies.clear();
   s.absent.clear();
   for (auto* sub : s.subscriptions) sub->active = false;
   s.subscriptions.clear();
 }
 
-void setReply(const std::string& busName, const std::string& method, const Reply& reply) {
-  setResponder(busName, method, [reply](const std::string&) { return reply; });
+void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies) {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().replies[{busName, method}].assign(replies.begin(), replies.end());
 }
 
-void setResponder(const std::string& busName, const std::string& method, Responder responder) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.responders[{busName, method}] = std::move(responder);
+void setReply(const std::string& busName, const std::string& method, const Reply& reply) {
+  setReplies(busName, method, {reply});
 }
 
 void setOwner(const std::string& busName, bool owned) {
@@ -393,34 +367,6 @@ void clearCalls() {
   state().calls.clear();
 }
 
-bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds deadline) {
-  State& s = state();
-  auto until = Clock::now() + deadline;
-  std::unique_lock<std::mutex> lock(s.mutex);
-  for (;;) {
-    lock.unlock();
-    bool ok = pred();
-    lock.lock();
-    if (ok) return true;
-    // Also wake regularly: some predicates watch state outside the fake.
-    if (s.changed.wait_until(lock, std::min(until, Clock::now() + std::chrono::milliseconds(20))) ==
-            std::cv_status::timeout &&
-        Clock::now() >= until) {
-      lock.unlock();
-      return pred();
-    }
-  }
-}
-
-bool waitForRequests(const std::string& busName, const std::string& method, size_t count,
-                     std::chrono::milliseconds deadline) {
-  return waitFor([&] { return requests(busName, method).size() >= count; }, deadline);
-}
-
-bool waitForEmitted(const std::string& sigName, size_t count, std::chrono::milliseconds deadline) {
-  return waitFor([&] { return emittedData(sigName).size() >= count; }, deadline);
-}
-
 int deliverSignal(const std::string& objPath, const std::string& sigName, const std::string& data) {
   return deliver([&](const SvcIpcSubscription& sub) { return !sub.owner && sub.objPath == objPath && sub.name == sigName; },
                  [sigName, data](const SvcIpcSubscription& sub) {
@@ -445,7 +391,7 @@ MethodResult callMethod(const std::string& method, const char* params, int noRep
   if (!reg || !reg->handler) return MethodResult{};
   SvcIpcRequest request;
   waitDone(post([&] { reg->handler(&request, method.c_str(), params, noReplyExpected, reg->userData); }));
-  return MethodResult{true, request.replied, request.result, request.freed};
+  return MethodResult{request.replied, request.result, request.freed};
 }
 
 void drain() { waitDone(post([] {})); }

@@ -6,7 +6,6 @@
 // that deliver them wait until the callback has returned.
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -16,15 +15,12 @@
 namespace fakeBus {
 
 struct Call {
-  enum Kind { Invoke, AsyncInvoke, Emit, Subscribe, SubscribeOwner, HasOwner, ReturnResult };
+  enum Kind { Invoke, AsyncInvoke, Emit, Subscribe, SubscribeOwner };
   Kind kind;
-  std::string busName{};  // Emit: the registered service name; ReturnResult: empty
-  std::string objPath{};
+  std::string busName{};  // Emit: the registered service name
   std::string method{};   // Emit/Subscribe: the signal name
-  std::string params{};   // Emit: the data; ReturnResult: the result text
-  int timeoutMsec = 0;
-  int noReplyExpected = 0;
-  std::string context{};  // the context pointer read as a text (async invokes, subscriptions), or ""
+  std::string params{};   // Emit: the data
+  std::string context{};  // an async invoke's context pointer read as a text, or ""
 };
 
 // How a peer answers one method.
@@ -34,15 +30,14 @@ struct Reply {
   bool noAnswer = false;                 // async: the callback never comes; sync: fails with a time-out
   SVCIPC_tError callbackErr = SVCIPC_ERROR_NONE;  // async: failure status handed to the callback
 };
-using Responder = std::function<Reply(const std::string& params)>;
 
-// Forgets every call, reply, subscription and owner (call at the start of a
-// test if the default state is not enough).
+// Forgets every call, reply, subscription and owner.
 void reset();
 
-// Answers of a peer's method. Unset methods answer rc 0 with "{}".
+// Answers of a peer's method, in turn, the last one for good. Unset methods
+// answer rc 0 with "{}".
+void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies);
 void setReply(const std::string& busName, const std::string& method, const Reply& reply);
-void setResponder(const std::string& busName, const std::string& method, Responder responder);
 
 // Every name has an owner unless told otherwise. Invokes (sync and async) to
 // a name without owner fail at once with a D-Bus "service unknown" status.
@@ -59,14 +54,6 @@ std::vector<std::string> emittedData(const std::string& sigName);
 std::vector<std::string> requestTexts();
 void clearCalls();
 
-// Waits until pred() holds over the recorded calls, or the deadline passes.
-bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds deadline = std::chrono::seconds(5));
-// Waits until count requests of method to busName were made.
-bool waitForRequests(const std::string& busName, const std::string& method, size_t count,
-                     std::chrono::milliseconds deadline = std::chrono::seconds(5));
-bool waitForEmitted(const std::string& sigName, size_t count,
-                    std::chrono::milliseconds deadline = std::chrono::seconds(5));
-
 // Delivers signal sigName from objPath to the matching subscriptions, on the
 // bus thread; returns the number of callbacks run, once they have returned.
 int deliverSignal(const std::string& objPath, const std::string& sigName, const std::string& data);
@@ -77,7 +64,6 @@ int changeOwner(const std::string& busName, const std::string& oldOwner, const s
 // Calls a method of the registered service on the bus thread and waits for
 // the handler to return.
 struct MethodResult {
-  bool handled = false;     // a handler was registered and ran
   bool replied = false;     // SVCIPC_asyncReturnResult was called
   std::string result;       // the reply text
   bool contextFreed = false;

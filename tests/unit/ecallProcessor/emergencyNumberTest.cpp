@@ -1,9 +1,6 @@
 // The emergency number: every reply form of the phone, the fetch with its
 // retries, and the callback number test.
 #include <chrono>
-#include <deque>
-#include <memory>
-#include <mutex>
 
 #include "smFixture.h"
 
@@ -11,21 +8,7 @@ using namespace smTest;
 
 namespace {
 
-class EmergencyNumberTest : public PhoneFixture {
- protected:
-  // The phone answers with these replies in turn (rc < 0: failed request).
-  void answerInTurn(std::deque<std::pair<SVCIPC_tError, std::string>> replies) {
-    auto queue = std::make_shared<std::deque<std::pair<SVCIPC_tError, std::string>>>(std::move(replies));
-    auto mutex = std::make_shared<std::mutex>();
-    fakeBus::setResponder(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers", [queue, mutex](const std::string&) {
-      std::lock_guard<std::mutex> lock(*mutex);
-      fakeBus::Reply reply;
-      std::tie(reply.rc, reply.result) = queue->front();
-      if (queue->size() > 1) queue->pop_front();
-      return reply;
-    });
-  }
-};
+using EmergencyNumberTest = PhoneFixture;
 
 TEST_F(EmergencyNumberTest, EveryReplyFormOfThePhone) {
   ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, true);
@@ -54,7 +37,9 @@ TEST_F(EmergencyNumberTest, EveryReplyFormOfThePhone) {
 
 TEST_F(EmergencyNumberTest, FetchGivesUpAfterTheThirdFailureWithPauses) {
   platform::setTimeScale(0.01);  // 5 ms pauses
-  answerInTurn({{kRefused, ""}, {SVCIPC_ERROR_NONE, R"({"code":3})"}, {kRefused, ""}, {SVCIPC_ERROR_NONE, "{}"}});
+  // The phone's replies in turn (rc < 0: a failed request).
+  fakeBus::setReplies(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers",
+                      {{kRefused, ""}, {SVCIPC_ERROR_NONE, R"({"code":3})"}, {kRefused, ""}, {SVCIPC_ERROR_NONE, "{}"}});
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(ecallHandler.readECallNumber());
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(15));
@@ -65,12 +50,13 @@ TEST_F(EmergencyNumberTest, FetchGivesUpAfterTheThirdFailureWithPauses) {
 }
 
 TEST_F(EmergencyNumberTest, ReplyWithoutNumberIsAskedAgainWithoutCountingIt) {
-  answerInTurn({{kRefused, ""},
-                {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":[]})"},
-                {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":[""]})"},
-                {kRefused, ""},
-                {SVCIPC_ERROR_NONE, R"({"count":1})"},
-                {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":["911"]})"}});
+  fakeBus::setReplies(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers",
+                      {{kRefused, ""},
+                       {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":[]})"},
+                       {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":[""]})"},
+                       {kRefused, ""},
+                       {SVCIPC_ERROR_NONE, R"({"count":1})"},
+                       {SVCIPC_ERROR_NONE, R"({"count":1,"numberList":["911"]})"}});
   EXPECT_TRUE(ecallHandler.readECallNumber());
   EXPECT_EQ(6u, requestCount("getEmergencyNumbers"));
   EXPECT_EQ("911", ecallHandler.getLocalEcallNumber());

@@ -96,7 +96,7 @@ TEST_F(EmergencyRequestsTest, SecondPressCancelsTheDelayAndAThirdRedials) {
   EXPECT_EQ(requestCount("ecallDial"), 0u);
 
   ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
-  ASSERT_TRUE(fakeBus::waitForRequests(EMBEDDED_PHONE_SERVICE, "ecallDial", 1));
+  ASSERT_TRUE(waitForRequests("ecallDial", 1));
   EXPECT_EQ(logCount("ecall/acr happened during wait for exit emergency mode"), 1u);
   ecallHandler.clearECallEvent();
   ASSERT_TRUE(waitForIdle());
@@ -115,12 +115,12 @@ TEST_F(EmergencyRequestsTest, CallsEndingBeforeTheyAreAnsweredAreRedialled) {
   };
   ecallHandler.emergencyHappened(ecallMain::SERIAL_IMPACT_X);
   for (size_t dials = 1; dials <= 2; ++dials) {
-    ASSERT_TRUE(fakeBus::waitForRequests(EMBEDDED_PHONE_SERVICE, "ecallDial", dials));
+    ASSERT_TRUE(waitForRequests("ecallDial", dials));
     callState("CALL_STATE_DIALING");
     ASSERT_TRUE(testSupport::waitUntil([&] { return log.countTrace("callstate alerting. wait to connect") >= dials; }));
     callState("CALL_STATE_TERMINATED");
   }
-  ASSERT_TRUE(fakeBus::waitForRequests(EMBEDDED_PHONE_SERVICE, "ecallDial", 3));
+  ASSERT_TRUE(waitForRequests("ecallDial", 3));
   EXPECT_EQ(logCount("Error Call Failed"), 1u);
   ecallHandler.clearECallEvent();
   ASSERT_TRUE(waitForIdle());

@@ -40,6 +40,9 @@ inline std::vector<std::string> ecallSignalSummary() {
   return out;
 }
 inline size_t requestCount(const std::string& method) { return fakeBus::requests("", method).size(); }
+inline bool waitForRequests(const std::string& method, size_t count) {
+  return testSupport::waitUntil([&] { return requestCount(method) >= count; });
+}
 
 inline const SVCIPC_tError kRefused = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR);
 // How the embedded phone answers method.
@@ -58,9 +61,7 @@ class StateMachineFixture : public ::testing::Test {
     ecallHandler.emdPhOn = 1;
     embeddedPhAvail = 1;
     answer("getEmergencyNumbers", R"({"code":0,"count":1,"numberList":["911"]})");
-    fakeBus::Reply silent;
-    silent.noAnswer = true;
-    fakeBus::setReply(TTS_SERVICE, "ttsReadout", silent);
+    fakeBus::setReply(TTS_SERVICE, "ttsReadout", {.noAnswer = true});
   }
 
   // Subscriptions and the command thread (prompts and mutes handed over by

@@ -13,7 +13,7 @@ TEST_F(ExtServTest, CommandsRunInTheOrderSentAndUnknownCodesOnlyTrace) {
   ASSERT_EQ(0, qnx::MsgSendPulse(coid, qnx::getprio(0), 0, 5));
   ASSERT_EQ(0, qnx::MsgSendPulse(coid, qnx::getprio(0), 4, 9));
   ASSERT_EQ(0, qnx::MsgSendPulse(coid, qnx::getprio(0), EXT_CMD_SET_MIC_MUTE, 7));  // any non-zero value mutes
-  ASSERT_TRUE(fakeBus::waitForRequests(kAudioCtrl, "setMux", 2));
+  ASSERT_TRUE(testSupport::waitUntil([] { return fakeBus::requests(kAudioCtrl, "setMux").size() == 2; }));
 
   const auto calls = requested();
   ASSERT_EQ(5u, calls.size());

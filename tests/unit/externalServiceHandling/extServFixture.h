@@ -44,8 +44,7 @@ class ExtServTest : public ::testing::Test {
     testSupport::writeFile(root.path("/pps/can/vehstat"), "@vehstat\nODO::1234567\n");
     fakeBus::reset();
     // Asynchronous replies belong to the processor: keep them out of these tests.
-    fakeBus::Reply silent;
-    silent.noAnswer = true;
+    const fakeBus::Reply silent{.noAnswer = true};
     fakeBus::setReply(kTts, "ttsReadout", silent);
     fakeBus::setReply(kMixer, "setMixerMute", silent);
     fakeBus::setReply(kMixer, "adjustVolume", silent);
