@@ -154,12 +154,3 @@ TEST(Timers, TimeScaleShortensWaitsButTimeLeftReadsUnscaled) {
   platform::setTimeScale(2);
   EXPECT_DOUBLE_EQ(0.01, platform::timeScale());
 }
-
-TEST(Runtime, PathsResolveUnderTheRoot) {
-  EXPECT_EQ("/fs/x", platform::rootPath("/fs/x"));
-  platform::setRoot("/tmp/car/");
-  EXPECT_EQ("/tmp/car/fs/etfs/usr/var/ecall/ecall_log.txt", platform::rootPath("/fs/etfs/usr/var/ecall/ecall_log.txt"));
-  EXPECT_EQ("relative/x", platform::rootPath("relative/x"));
-  platform::setRoot("/");
-  EXPECT_EQ("/pps/can/vehstat", platform::rootPath("/pps/can/vehstat"));
-}

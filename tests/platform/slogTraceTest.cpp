@@ -2,9 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <limits.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <regex>
 #include <string>
 #include <thread>
@@ -15,35 +13,6 @@
 #include "support/testSupport.h"
 
 namespace {
-
-// Standard error sent to a file until text() is read.
-class StderrCapture {
- public:
-  StderrCapture() : mSaved(dup(STDERR_FILENO)) {
-    const int fd = mkstemp(mPath);
-    dup2(fd, STDERR_FILENO);
-    close(fd);
-  }
-  ~StderrCapture() {
-    restore();
-    unlink(mPath);
-  }
-  std::string text() {
-    restore();
-    return testSupport::readFile(mPath);
-  }
-
- private:
-  void restore() {
-    if (mSaved < 0) return;
-    dup2(mSaved, STDERR_FILENO);
-    close(mSaved);
-    mSaved = -1;
-  }
-
-  char mPath[32] = "/tmp/ecall-stderr-XXXXXX";
-  int mSaved;
-};
 
 CQVTraceScopeDef testScope("ecallService_ecallMain", "all");
 
@@ -75,12 +44,12 @@ std::vector<TraceLine> traceFile(const std::string& file) {
 
 TEST(Slog, OneAtomicLinePerEntryWithTheJournalPriority) {
   testSupport::LogCapture capture;
-  StderrCapture err;
+  testing::internal::CaptureStderr();
   EXPECT_EQ(0, slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "ecallService: %s", "cannot open\nORC channel\n"));
   slogf(ECALL_SLOG_OPCODE, _SLOG_ERROR, "ecallService: %s", "resp is NULL");
   // An overlong text is cut to one line that one write can carry whole.
   slogf(ECALL_SLOG_OPCODE, _SLOG_INFO, "ecallService: %s", std::string(20000, 'x').c_str());
-  const auto lines = testSupport::splitLines(err.text());
+  const auto lines = testSupport::splitLines(testing::internal::GetCapturedStderr());
   ASSERT_EQ(3u, lines.size());
   EXPECT_EQ("<4>ecallService: cannot open ORC channel", lines[0]);
   EXPECT_EQ("<3>ecallService: resp is NULL", lines[1]);
