@@ -17,9 +17,6 @@ TEST_F(busMethodsTest, StatusQueriesAlwaysAnswerWhileGeneralRepliesFollowTheCall
   EXPECT_EQ(fakeBus::callMethod("IsECallInProgess", "{}", 1).result, "{\"ecallInProgress\":false}\n");
   EXPECT_EQ(fakeBus::callMethod("IsECallModeActive", nullptr, 1).result, "{\"eCallModeActive\":false}\n");
   EXPECT_EQ(fakeBus::callMethod("getEmergencyCallLanguage", "{}", 1).result, "{\"language\":\"en_US\"}\n");
-  // The in-progress answer is what the last "ecall" signal said.
-  emitEmergencySignal(true, ecallMain::E_CALL_BtnStat, "911", ecallMain::CALL_ECALL, false, true);
-  EXPECT_EQ(fakeBus::callMethod("IsECallInProgess", "{}", 0).result, "{\"ecallInProgress\":true}\n");
 
   EXPECT_EQ(fakeBus::callMethod("exitEcall", "{}", 0).result, OK_REPLY);
   const fakeBus::MethodResult silent = fakeBus::callMethod("exitEcall", "{}", 1);
