@@ -1,13 +1,24 @@
 // The service's bus methods, called through the fake bus, and the mode its
 // "ecall" signal shows.
+#include "ecallMain/ecallMain.h"
 #include "ecallMain/jsonText.h"
-#include "externalServiceHandling/externalServiceHandling.h"
-#include "frameFixture.h"
+#include "unit/unitFixture.h"
 
 namespace {
 
 const char* const OK_REPLY = "{\"result\":\"OK\"}\n";
-using busMethodsTest = frameFixture;
+
+// The service registered on the fake bus.
+class busMethodsTest : public UnitFixture {
+ protected:
+  void SetUp() override {
+    UnitFixture::SetUp();
+    ASSERT_GE(SVCIPC_getConnection(SVCIPC_CONNECTION_DEFAULT, 0, &svcIPCConn), 0);
+    ASSERT_GE(SVCIPC_registerService(svcIPCConn, ECALL_SERVICE_NAME, ECALL_SERVICE_PATH, 0, onECallRequest, nullptr,
+                                     &svcIPCRegHnd),
+              0);
+  }
+};
 
 bool endsWith(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;

@@ -1,17 +1,11 @@
 // The emergency log file and its export to a USB stick.
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <filesystem>
 #include <regex>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
-#include "platform/runtime.h"
-#include "support/testSupport.h"
+#include "unit/unitFixture.h"
 
 namespace {
 
@@ -19,27 +13,23 @@ const std::string HEADER_END = "-- Time Date : Odometer : Log msg \n" + std::str
 // "14:03:27 March 05, 2014 GMT:" in UTC.
 const std::string STAMP = "[0-2][0-9]:[0-5][0-9]:[0-6][0-9] [A-Z][a-z]+ [0-3][0-9], 20[0-9][0-9] GMT:";
 
-class emergencyLogTest : public ::testing::Test {
+class emergencyLogTest : public UnitFixture {
  protected:
   void SetUp() override {
-    createProcessObjects();  // writes its version entry
+    UnitFixture::SetUp();  // the process objects write their version entry
     std::filesystem::remove_all(root.path("/fs"));  // a device that never had a log
     log.clear();
   }
   std::string logPath() const { return root.path(emergencyLogPath); }
-  std::string logText() const { return testSupport::readFile(logPath()); }
   // The entries after the one header the log starts with.
   std::string entries() const {
-    const std::string text = logText();
+    const std::string text = emergencyLog();
     const size_t end = text.find(HEADER_END);
     if (text.rfind("Ecall Log File\n", 0) != 0 || end == std::string::npos || text.find("Ecall Log File", 1) != std::string::npos)
       return "<no single header>";
     return text.substr(end + HEADER_END.size());
   }
   void writeOdometer(const std::string& ppsText) { testSupport::writeFile(root.path(vehicleStatusPPSPath), ppsText); }
-
-  testSupport::TempRoot root;
-  testSupport::LogCapture log;
 };
 
 // The first entry makes the folder and the header; entries follow as given
@@ -59,7 +49,7 @@ TEST_F(emergencyLogTest, EntriesFollowTheHeaderWithStampAndOdometer) {
 TEST_F(emergencyLogTest, LogAtItsSizeLimitStartsAgainWithTheResetLines) {
   testSupport::writeFile(logPath(), std::string(EMERGENCY_LOG_SIZE_LIMIT - EMERGENCY_LOG_ENTRY_SIZE - 1, 'x'));
   ecallHandler.addEntryToEmergencyLog("still fits\n");
-  EXPECT_EQ(logText().substr(0, 3), "xxx");
+  EXPECT_EQ(emergencyLog().substr(0, 3), "xxx");
 
   testSupport::writeFile(logPath(), std::string(EMERGENCY_LOG_SIZE_LIMIT - EMERGENCY_LOG_ENTRY_SIZE, 'x'));
   ecallHandler.addEntryToEmergencyLog("after reset\n");
@@ -110,7 +100,7 @@ TEST_F(emergencyLogTest, ConcurrentEntriesLandWholeAndExactlyOnce) {
 // then removed; the next entry starts a new log.
 TEST_F(emergencyLogTest, ExportCopiesBothLogsWholeThenRemovesThem) {
   ecallHandler.addEntryToEmergencyLog("before export\n");
-  const std::string original = logText();
+  const std::string original = emergencyLog();
   const std::string usb = root.path("/fs/usb0");
   testSupport::makeDirs(usb);
   const std::string gpsLog(3000, 'g');

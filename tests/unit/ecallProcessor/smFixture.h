@@ -4,24 +4,16 @@
 // readers for what the service did.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <json/json.h>
 #include <pthread.h>
 
 #include <future>
-#include <string>
-#include <vector>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "externalServiceHandling/externalServiceHandling.h"
-#include "fake/fakeBus.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pulses.h"
-#include "platform/runtime.h"
-#include "support/testSupport.h"
+#include "unit/unitFixture.h"
 
 namespace smTest {
 
@@ -50,16 +42,12 @@ inline void answer(const std::string& method, const std::string& result, SVCIPC_
   fakeBus::setReply(EMBEDDED_PHONE_SERVICE, method, fakeBus::Reply{rc, result});
 }
 
-class StateMachineFixture : public ::testing::Test {
+class StateMachineFixture : public UnitFixture {
  protected:
   void SetUp() override {
+    UnitFixture::SetUp();
     platform::setTimeScale(kTimeScale);
-    fakeBus::reset();
-    createProcessObjects();
-    extServHandle.mVariantInfoKnown = true;
-    extServHandle.mEmbeddedPhoneEnabled = true;
-    ecallHandler.emdPhOn = 1;
-    embeddedPhAvail = 1;
+    healthyCar();
     answer("getEmergencyNumbers", R"({"code":0,"count":1,"numberList":["911"]})");
     fakeBus::setReply(TTS_SERVICE, "ttsReadout", {.noAnswer = true});
   }
@@ -83,20 +71,6 @@ class StateMachineFixture : public ::testing::Test {
   }
   static void promptFinished() { signal(TTS_PATH, "ttsPlayState", R"({"state":"notPlaying"})"); }
 
-  // The emergency log's entries, without time stamp and odometer field.
-  std::vector<std::string> logEntries() const {
-    std::vector<std::string> out;
-    for (const std::string& line : testSupport::splitLines(testSupport::readFile(root.path(emergencyLogPath)))) {
-      const size_t stamp = line.find(" GMT:");
-      if (stamp != std::string::npos) out.push_back(line.substr(line.find(':', stamp + 5) + 1));
-    }
-    return out;
-  }
-  size_t logCount(const std::string& part) const {
-    size_t n = 0;
-    for (const std::string& entry : logEntries()) n += entry.find(part) != std::string::npos;
-    return n;
-  }
   bool waitForLog(const std::string& part, size_t count = 1) const {
     return testSupport::waitUntil([&] { return logCount(part) >= count; });
   }
@@ -118,9 +92,6 @@ class StateMachineFixture : public ::testing::Test {
       return false;
     }));
   }
-
-  testSupport::TempRoot root;
-  testSupport::LogCapture log;
 };
 
 // The phone status, emergency number, USB port and start-up tests look at

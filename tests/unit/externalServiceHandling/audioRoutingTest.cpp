@@ -19,7 +19,7 @@ TEST_F(ExtServTest, FailedFirstMicrophoneSkipsTheSecond) {
   EXPECT_EQ((std::vector<std::string>{"setMixerMute {\"id\":0,\"input\":\"PHONE\",\"mute\":true}\n",
                                       "setMux {\"gain\":0,\"input\":\"OFF\",\"name\":\"mic1_mux1\"}\n"}),
             requested());
-  EXPECT_EQ(1u, logEntries("Request mute mic inputs"));
+  EXPECT_EQ(1u, logCount("Request mute mic inputs"));
   ASSERT_TRUE(testSupport::waitUntil([] { return !fakeBus::emittedData("ecallProgress").empty(); }));
   EXPECT_NE(std::string::npos, fakeBus::emittedData("ecallProgress").at(0).find("55936"));
   EXPECT_TRUE(log.hasSlog("Unable to mute mic1 input, rc 0x"));

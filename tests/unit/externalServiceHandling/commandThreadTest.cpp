@@ -33,12 +33,12 @@ TEST_F(ExtServTest, SoftwareVersionsLoggedAtStartAndWhenThePlatformReturns) {
   ASSERT_EQ(1u, watch.size());
   EXPECT_EQ(kPlatform, watch[0].busName);
   EXPECT_EQ(1, platformDBUSAvail.load());
-  EXPECT_EQ(1u, logEntries("System Software Version: 17.3.2"));
+  EXPECT_EQ(1u, logCount("System Software Version: 17.3.2"));
 
   ASSERT_EQ(1, fakeBus::changeOwner(kPlatform, ":1.4", ""));
   EXPECT_TRUE(log.hasSlog("platform DBUS owner gone."));
   EXPECT_EQ(1, platformDBUSAvail.load());  // written only at start
   fakeBus::setReply(kPlatform, "get_all_versions", answer("{}"));
   ASSERT_EQ(1, fakeBus::changeOwner(kPlatform, "", ":1.9"));
-  EXPECT_EQ(1u, logEntries("System Software Version: NOT PRESENT"));
+  EXPECT_EQ(1u, logCount("System Software Version: NOT PRESENT"));
 }

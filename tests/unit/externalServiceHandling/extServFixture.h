@@ -1,18 +1,8 @@
-// Common ground of the external services tests: a temporary root, captured
-// traces and system log, the process objects, and the fake peers' answers.
+// Common ground of the external services tests: an odometer, and the fake
+// peers' answers.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
-#include "externalServiceHandling/externalServiceHandling.h"
-#include "fake/fakeBus.h"
-#include "platform/runtime.h"
-#include "support/testSupport.h"
+#include "unit/unitFixture.h"
 
 namespace extServTest {
 
@@ -37,32 +27,20 @@ inline bool btActiveAfter(const char* sigName, const char* data, bool before) {
   return ecallHandler.btCallActive;
 }
 
-class ExtServTest : public ::testing::Test {
+class ExtServTest : public UnitFixture {
  protected:
   void SetUp() override {
-    platform::setTimeScale(0.001);
     testSupport::writeFile(root.path("/pps/can/vehstat"), "@vehstat\nODO::1234567\n");
-    fakeBus::reset();
+    UnitFixture::SetUp();
     // Asynchronous replies belong to the processor: keep them out of these tests.
     const fakeBus::Reply silent{.noAnswer = true};
     fakeBus::setReply(kTts, "ttsReadout", silent);
     fakeBus::setReply(kMixer, "setMixerMute", silent);
     fakeBus::setReply(kMixer, "adjustVolume", silent);
     fakeBus::setReply(kBluetooth, "setBluetoothStatus", silent);
-    createProcessObjects();
     fakeBus::clearCalls();
   }
-  // Entries of the emergency log ending with text.
-  size_t logEntries(const std::string& text) const {
-    size_t count = 0;
-    for (const auto& line : testSupport::splitLines(testSupport::readFile(root.path(emergencyLogPath))))
-      if (line.size() >= text.size() && line.compare(line.size() - text.size(), text.size(), text) == 0) ++count;
-    return count;
-  }
   static std::vector<std::string> requested() { return fakeBus::requestTexts(); }
-
-  testSupport::TempRoot root;
-  testSupport::LogCapture log;
 };
 
 }  // namespace extServTest

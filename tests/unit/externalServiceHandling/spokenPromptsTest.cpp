@@ -34,7 +34,7 @@ TEST_F(ExtServTest, ReadoutRequestsAndReadoutState) {
   extServHandle.playTtsMsg(TTS_PROMPT_NONE);
   extServHandle.playTtsMsg(TTS_PROMPT_COUNT);
   EXPECT_TRUE(requested().empty());
-  EXPECT_EQ(0u, logEntries("TTS rqst 0") + logEntries("TTS rqst 13"));
+  EXPECT_EQ(0u, logCount("TTS rqst 0") + logCount("TTS rqst 13"));
   extServHandle.playTtsMsgHasCompleted();
 
   extServHandle.playTtsMsg(TTS_PROMPT_INCOMING);
@@ -50,7 +50,7 @@ TEST_F(ExtServTest, ReadoutRequestsAndReadoutState) {
   EXPECT_EQ("ttsAbort {\"readoutType\":\"ECALL\"}\n", calls[3]);
   EXPECT_EQ(calls[3], calls[4]);
   EXPECT_EQ("ttsReadout", fakeBus::requests(kTts, "ttsReadout").at(0).context);
-  EXPECT_EQ(1u, logEntries("TTS rqst 2"));
+  EXPECT_EQ(1u, logCount("TTS rqst 2"));
 
   extServHandle.playTtsMsgHasCompleted();
   fakeBus::clearCalls();

@@ -56,7 +56,7 @@ TEST_F(ExtServTest, BrandAndLanguageKeepTheLastGoodAnswer) {
   EXPECT_EQ(7, brand("{\"vehicleBrand\":7}"));
   for (const char* invalid : {"{\"vehicleBrand\":0}", "{\"vehicleBrand\":\"Vetta\"}"})
     EXPECT_EQ(7, brand(invalid)) << invalid;
-  EXPECT_EQ(2u, logEntries("Vehicle brand received invalid, using current brand Roadmast"));
+  EXPECT_EQ(2u, logCount("Vehicle brand received invalid, using current brand Roadmast"));
   log.clear();
   EXPECT_EQ(7, brand("{\"other\":1}"));
   EXPECT_FALSE(log.hasTrace("brand"));

@@ -1,25 +1,15 @@
 // Common ground of the controller channel, mirror button, LED, module reset
-// and Assist tests: a temporary root holding the vehicle status object, the process
-// objects, a vehicle with a healthy embedded phone, and the vehicle micro's
-// end of the restraint controller channel.
+// and Assist tests: the vehicle status object, a vehicle with a healthy
+// embedded phone, and the vehicle micro's end of the restraint controller
+// channel.
 #pragma once
 
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
-#include "externalServiceHandling/externalServiceHandling.h"
-#include "fake/fakeBus.h"
 #include "orcImpact/CANImpactECallHandler.h"
-#include "platform/runtime.h"
-#include "support/testSupport.h"
+#include "unit/unitFixture.h"
 
 namespace orcTest {
 
@@ -52,18 +42,13 @@ struct vehicleMicro {
   }
 };
 
-class OrcFixture : public ::testing::Test {
+class OrcFixture : public UnitFixture {
  protected:
   void SetUp() override {
-    platform::setTimeScale(0.001);
-    fakeBus::reset();
     testSupport::makeDirs(root.path("/tmp"));
     testSupport::writeFile(root.path(vehicleStatusPPSPath), "@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\n");
-    createProcessObjects();
-    extServHandle.mEmbeddedPhoneEnabled = true;
-    extServHandle.mVariantInfoKnown = true;
-    ecallHandler.emdPhOn = 1;
-    embeddedPhAvail = 1;
+    UnitFixture::SetUp();
+    healthyCar();
   }
 
   // Blink timer threads left running would use the process objects while
@@ -74,12 +59,7 @@ class OrcFixture : public ::testing::Test {
   }
 
   void connectChannel() { ASSERT_NO_FATAL_FAILURE(micro.connect()); }
-  bool logHas(const std::string& text) const {
-    return testSupport::readFile(root.path(emergencyLogPath)).find(text) != std::string::npos;
-  }
 
-  testSupport::TempRoot root;
-  testSupport::LogCapture log;
   vehicleMicro micro;
 };
 
