@@ -4,6 +4,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -36,7 +37,7 @@ namespace {
 struct State {
   std::mutex mutex;
   std::vector<fakeBus::Call> calls;
-  std::map<std::pair<std::string, std::string>, std::deque<fakeBus::Reply>> replies;
+  std::map<std::pair<std::string, std::string>, fakeBus::Responder> responders;
   std::set<std::string> absent;
   std::vector<SvcIpcSubscription*> subscriptions;
   SvcIpcRegistration* registration = nullptr;
@@ -105,13 +106,10 @@ void record(const fakeBus::Call& call) {
 
 std::string text(const char* p) { return p ? std::string(p) : std::string(); }
 
-fakeBus::Reply replyOf(const std::string& busName, const std::string& method) {
+fakeBus::Reply replyOf(const std::string& busName, const std::string& method, const std::string& params) {
   std::lock_guard<std::mutex> lock(state().mutex);
-  auto it = state().replies.find({busName, method});
-  if (it == state().replies.end()) return fakeBus::Reply{};
-  fakeBus::Reply reply = it->second.front();
-  if (it->second.size() > 1) it->second.pop_front();
-  return reply;
+  auto it = state().responders.find({busName, method});
+  return it == state().responders.end() ? fakeBus::Reply{} : it->second(params);
 }
 
 bool hasOwner(const std::string& busName) {
@@ -128,7 +126,7 @@ const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS
 SVCIPC_tError request(const fakeBus::Call& call, fakeBus::Reply& reply) {
   record(call);
   if (!hasOwner(call.busName)) return kServiceUnknown;
-  reply = replyOf(call.busName, call.method);
+  reply = replyOf(call.busName, call.method, call.params);
   return reply.rc < 0 ? reply.rc : SVCIPC_ERROR_NONE;
 }
 
@@ -301,15 +299,24 @@ void reset() {
   State& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   s.calls.clear();
-  s.replies.clear();
+  s.responders.clear();
   s.absent.clear();
   for (auto* sub : s.subscriptions) sub->active = false;
   s.subscriptions.clear();
 }
 
-void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies) {
+void setResponder(const std::string& busName, const std::string& method, Responder responder) {
   std::lock_guard<std::mutex> lock(state().mutex);
-  state().replies[{busName, method}].assign(replies.begin(), replies.end());
+  state().responders[{busName, method}] = std::move(responder);
+}
+
+void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies) {
+  auto queue = std::make_shared<std::deque<Reply>>(replies.begin(), replies.end());
+  setResponder(busName, method, [queue](const std::string&) {
+    Reply reply = queue->front();
+    if (queue->size() > 1) queue->pop_front();
+    return reply;
+  });
 }
 
 void setReply(const std::string& busName, const std::string& method, const Reply& reply) {
@@ -391,7 +398,7 @@ MethodResult callMethod(const std::string& method, const char* params, int noRep
   if (!reg || !reg->handler) return MethodResult{};
   SvcIpcRequest request;
   waitDone(post([&] { reg->handler(&request, method.c_str(), params, noReplyExpected, reg->userData); }));
-  return MethodResult{request.replied, request.result, request.freed};
+  return MethodResult{true, request.replied, request.result, request.freed};
 }
 
 void drain() { waitDone(post([] {})); }

@@ -34,8 +34,11 @@ struct Reply {
 // Forgets every call, reply, subscription and owner.
 void reset();
 
-// Answers of a peer's method, in turn, the last one for good. Unset methods
-// answer rc 0 with "{}".
+// Answers of a peer's method: computed from the parameters, or given in
+// turn, the last one for good. Unset methods answer rc 0 with "{}". A
+// responder runs under the fake's lock: it must not call the fake.
+using Responder = std::function<Reply(const std::string& params)>;
+void setResponder(const std::string& busName, const std::string& method, Responder responder);
 void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies);
 void setReply(const std::string& busName, const std::string& method, const Reply& reply);
 
@@ -64,6 +67,7 @@ int changeOwner(const std::string& busName, const std::string& oldOwner, const s
 // Calls a method of the registered service on the bus thread and waits for
 // the handler to return.
 struct MethodResult {
+  bool handled = false;     // a handler was registered and ran
   bool replied = false;     // SVCIPC_asyncReturnResult was called
   std::string result;       // the reply text
   bool contextFreed = false;
