@@ -44,23 +44,17 @@ Json::Value ask(E2eHarness& car, const std::string& service, const std::string& 
 
 bool ok(const std::string& reply) { return reply.rfind("ok", 0) == 0; }
 
-// The phone's "callState" signals sent so far, waiting until there are count.
-std::vector<Json::Value> callStateInfos(E2eHarness& car, size_t count) {
-  std::vector<Json::Value> infos;
-  testSupport::waitUntil([&] {
-    infos.clear();
-    for (const auto& r : car.records("signal"))
-      if (r["service"] == "EmbeddedPhone" && r["name"] == "callState" && r["sent"].asBool())
-        infos.push_back(parse(r["data"].asString())["callStateInfo"]);
-    return infos.size() >= count;
-  });
-  return infos;
-}
-
-// Their call states, "missing" for those that did not come in time.
+// The call states of the phone's "callState" signals sent so far, waiting
+// until there are count; "missing" for those that did not come in time.
 std::vector<std::string> callStates(E2eHarness& car, size_t count) {
   std::vector<std::string> states;
-  for (const auto& info : callStateInfos(car, count)) states.push_back(info[0]["callState"].asString());
+  testSupport::waitUntil([&] {
+    states.clear();
+    for (const auto& r : car.records("signal"))
+      if (r["service"] == "EmbeddedPhone" && r["name"] == "callState" && r["sent"].asBool())
+        states.push_back(parse(r["data"].asString())["callStateInfo"][0]["callState"].asString());
+    return states.size() >= count;
+  });
   states.resize(std::max(states.size(), count), "missing");
   return states;
 }

@@ -15,13 +15,14 @@ TEST_F(ExtServTest, CommandsRunInTheOrderSentAndUnknownCodesOnlyTrace) {
   ASSERT_EQ(0, qnx::MsgSendPulse(coid, qnx::getprio(0), EXT_CMD_SET_MIC_MUTE, 7));  // any non-zero value mutes
   ASSERT_TRUE(testSupport::waitUntil([] { return fakeBus::requests(kAudioCtrl, "setMux").size() == 2; }));
 
-  const auto calls = requested();
-  ASSERT_EQ(5u, calls.size());
+  auto calls = requested();
+  ASSERT_FALSE(calls.empty());
   EXPECT_EQ(0u, calls[0].rfind("ttsReadout ", 0));
-  EXPECT_EQ("ttsAbort {\"readoutType\":\"PMSG\"}\n", calls[1]);
-  EXPECT_EQ("setMixerMute {\"id\":0,\"input\":\"PHONE\",\"mute\":true}\n", calls[2]);
-  EXPECT_EQ("setMux {\"gain\":0,\"input\":\"OFF\",\"name\":\"mic1_mux1\"}\n", calls[3]);
-  EXPECT_EQ("setMux {\"gain\":0,\"input\":\"OFF\",\"name\":\"mic2_mux1\"}\n", calls[4]);
+  EXPECT_EQ(std::vector<std::string>(calls.begin() + 1, calls.end()),
+            (std::vector<std::string>{"ttsAbort {\"readoutType\":\"PMSG\"}\n",
+                                      "setMixerMute {\"id\":0,\"input\":\"PHONE\",\"mute\":true}\n",
+                                      "setMux {\"gain\":0,\"input\":\"OFF\",\"name\":\"mic1_mux1\"}\n",
+                                      "setMux {\"gain\":0,\"input\":\"OFF\",\"name\":\"mic2_mux1\"}\n"}));
   EXPECT_EQ(1u, log.countTrace("External service command received, pulse 0, value 5"));
   EXPECT_EQ(1u, log.countTrace("External service command received, pulse 4, value 9"));
 }
