@@ -29,7 +29,6 @@ struct SvcIpcSubscription {
   SVCIPC_tSignalCallback signalHandler = nullptr;
   SVCIPC_tNameOwnerChangedCallback ownerHandler = nullptr;
   void* context = nullptr;
-  bool active = true;
 };
 
 namespace {
@@ -56,6 +55,13 @@ struct State {
 State& state() {
   static State* s = new State();  // never destroyed: the bus thread outlives static destruction
   return *s;
+}
+
+// Runs f on the state under its lock and returns what f returns.
+template <typename F>
+auto locked(F f) {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  return f(state());
 }
 
 void busThreadBody() {
@@ -100,8 +106,7 @@ void waitDone(uint64_t seq) {
 }
 
 void record(const fakeBus::Call& call) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().calls.push_back(call);
+  locked([&](State& s) { s.calls.push_back(call); });
 }
 
 std::string text(const char* p) { return p ? std::string(p) : std::string(); }
@@ -113,9 +118,7 @@ fakeBus::Reply replyOf(const std::string& busName, const std::string& method, co
 }
 
 bool hasOwner(const std::string& busName) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  return s.absent.count(busName) == 0;
+  return locked([&](State& s) { return s.absent.count(busName) == 0; });
 }
 
 const SVCIPC_tError kServiceUnknown = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
@@ -131,11 +134,7 @@ SVCIPC_tError request(const fakeBus::Call& call, fakeBus::Reply& reply) {
 }
 
 SVCIPC_tError addSubscription(SvcIpcSubscription* sub, const fakeBus::Call& call, SVCIPC_tSigSubHnd* subHnd) {
-  {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.subscriptions.push_back(sub);
-  }
+  locked([&](State& s) { s.subscriptions.push_back(sub); });
   record(call);
   if (subHnd) *subHnd = sub;
   return SVCIPC_ERROR_NONE;
@@ -146,12 +145,10 @@ SVCIPC_tError addSubscription(SvcIpcSubscription* sub, const fakeBus::Call& call
 int deliver(const std::function<bool(const SvcIpcSubscription&)>& matches,
             const std::function<void(const SvcIpcSubscription&)>& notify) {
   std::vector<SvcIpcSubscription*> targets;
-  {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+  locked([&](State& s) {
     for (auto* sub : s.subscriptions)
-      if (sub->active && matches(*sub)) targets.push_back(sub);
-  }
+      if (matches(*sub)) targets.push_back(sub);
+  });
   waitDone(post([targets, notify] {
     for (auto* sub : targets) notify(*sub);
   }));
@@ -162,7 +159,6 @@ int deliver(const std::function<bool(const SvcIpcSubscription&)>& matches,
 
 // ---- The bus functions the service calls ----
 
-SVCIPC_tError SVCIPC_initialize(void) { return SVCIPC_ERROR_NONE; }
 SVCIPC_tError SVCIPC_shutdown(void) { return SVCIPC_ERROR_NONE; }
 
 SVCIPC_tError SVCIPC_getConnection(int, int, SVCIPC_tConnection* conn) {
@@ -171,25 +167,13 @@ SVCIPC_tError SVCIPC_getConnection(int, int, SVCIPC_tConnection* conn) {
   return SVCIPC_ERROR_NONE;
 }
 
-SVCIPC_tError SVCIPC_getConnectionByAddress(const char*, SVCIPC_tConnection* conn) {
-  return SVCIPC_getConnection(0, 0, conn);
-}
-
-SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection) { return SVCIPC_ERROR_NONE; }
-
 SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection, const char* busName, const char*, int,
                                      SVCIPC_tRequestCallback handler, void* userData, SVCIPC_tSvcRegHnd* regHnd) {
-  State& s = state();
   auto* reg = new SvcIpcRegistration{text(busName), handler, userData};
-  {
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.registration = reg;
-  }
+  locked([&](State& s) { s.registration = reg; });
   if (regHnd) *regHnd = reg;
   return SVCIPC_ERROR_NONE;
 }
-
-SVCIPC_tError SVCIPC_unregisterService(SVCIPC_tSvcRegHnd) { return SVCIPC_ERROR_NONE; }
 
 SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* result, int, SVCIPC_tUserToken) {
   if (!context) return SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_BAD_ARGS);
@@ -265,14 +249,6 @@ SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection, const char* busNa
   return addSubscription(sub, {fakeBus::Call::SubscribeOwner, text(busName)}, subHnd);
 }
 
-SVCIPC_tError SVCIPC_unsubscribe(SVCIPC_tSigSubHnd subHnd) {
-  if (subHnd) {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    subHnd->active = false;
-  }
-  return SVCIPC_ERROR_NONE;
-}
-
 SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection, const char* busName, int* hasOwnerOut) {
   if (hasOwnerOut) *hasOwnerOut = hasOwner(text(busName)) ? 1 : 0;
   return SVCIPC_ERROR_NONE;
@@ -286,10 +262,6 @@ SVCIPC_tError SVCIPC_freeResponse(SVCIPC_tResponse* response) {
   return SVCIPC_ERROR_NONE;
 }
 
-namespace platform {
-void setDefaultBus(const char*) {}
-}  // namespace platform
-
 // ---- The test's side ----
 
 namespace fakeBus {
@@ -301,13 +273,11 @@ void reset() {
   s.calls.clear();
   s.responders.clear();
   s.absent.clear();
-  for (auto* sub : s.subscriptions) sub->active = false;
   s.subscriptions.clear();
 }
 
 void setResponder(const std::string& busName, const std::string& method, Responder responder) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().responders[{busName, method}] = std::move(responder);
+  locked([&](State& s) { s.responders[{busName, method}] = std::move(responder); });
 }
 
 void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies) {
@@ -324,18 +294,11 @@ void setReply(const std::string& busName, const std::string& method, const Reply
 }
 
 void setOwner(const std::string& busName, bool owned) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  if (owned)
-    s.absent.erase(busName);
-  else
-    s.absent.insert(busName);
+  locked([&](State& s) { owned ? void(s.absent.erase(busName)) : void(s.absent.insert(busName)); });
 }
 
 std::vector<Call> calls() {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  return s.calls;
+  return locked([](State& s) { return s.calls; });
 }
 
 namespace {
@@ -370,8 +333,7 @@ std::vector<std::string> requestTexts() {
 }
 
 void clearCalls() {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().calls.clear();
+  locked([](State& s) { s.calls.clear(); });
 }
 
 int deliverSignal(const std::string& objPath, const std::string& sigName, const std::string& data) {
@@ -390,11 +352,7 @@ int changeOwner(const std::string& busName, const std::string& oldOwner, const s
 }
 
 MethodResult callMethod(const std::string& method, const char* params, int noReplyExpected) {
-  SvcIpcRegistration* reg;
-  {
-    std::lock_guard<std::mutex> lock(state().mutex);
-    reg = state().registration;
-  }
+  SvcIpcRegistration* const reg = locked([](State& s) { return s.registration; });
   if (!reg || !reg->handler) return MethodResult{};
   SvcIpcRequest request;
   waitDone(post([&] { reg->handler(&request, method.c_str(), params, noReplyExpected, reg->userData); }));
