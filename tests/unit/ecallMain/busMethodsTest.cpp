@@ -20,10 +20,6 @@ class busMethodsTest : public UnitFixture {
   }
 };
 
-bool endsWith(const std::string& text, const std::string& end) {
-  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 TEST_F(busMethodsTest, StatusQueriesAlwaysAnswerWhileGeneralRepliesFollowTheCaller) {
   EXPECT_EQ(fakeBus::callMethod("IsECallInProgess", "{}", 1).result, "{\"ecallInProgress\":false}\n");
   EXPECT_EQ(fakeBus::callMethod("IsECallModeActive", nullptr, 1).result, "{\"eCallModeActive\":false}\n");
@@ -56,11 +52,11 @@ TEST_F(busMethodsTest, LoggedStringIsOneEntryCutToSizeAndNeverAnswered) {
   fakeBus::MethodResult r = fakeBus::callMethod("logStringToEcallLog", "{\"message\":\"seat module replaced\\n\"}", 0);
   EXPECT_FALSE(r.replied);
   EXPECT_TRUE(r.contextFreed);
-  EXPECT_TRUE(endsWith(emergencyLog(), "GMT:ODO N/A:seat module replaced\n"));
+  EXPECT_TRUE(emergencyLog().ends_with("GMT:ODO N/A:seat module replaced\n"));
 
   for (const char* params : {(const char*)nullptr, "{\"message\":[1]}"}) {  // both log an empty entry
     EXPECT_FALSE(fakeBus::callMethod("logStringToEcallLog", params, 0).replied);
-    EXPECT_TRUE(endsWith(emergencyLog(), "GMT:ODO N/A:"));
+    EXPECT_TRUE(emergencyLog().ends_with("GMT:ODO N/A:"));
   }
 
   const size_t before = emergencyLog().size();
