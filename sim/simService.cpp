@@ -104,6 +104,8 @@ void SimService::leave(bool announce) {
   std::lock_guard<std::mutex> lock(mBusMutex);
   if (!mConnection) return;
   mOnBus.store(false);
+  // Stamped before leaving, so that the service's answer is later in time.
+  const double leavingAt = monotonicSeconds();
   if (mRegistration) SVCIPC_unregisterService(mRegistration);
   SVCIPC_closeConnection(mConnection);
   mRegistration = nullptr;
@@ -112,7 +114,7 @@ void SimService::leave(bool announce) {
   entry["kind"] = "peer";
   entry["service"] = mName;
   entry["state"] = "gone";
-  mContext.recorder.record(entry, announce ? mName + " left the bus" : "");
+  mContext.recorder.recordAt(leavingAt, entry, announce ? mName + " left the bus" : "");
 }
 
 void SimService::overrideReply(const std::string& method, const std::string& text) {

@@ -188,6 +188,8 @@ void VehicleMicro::received(const std::vector<uint8_t>& bytes) {
 
 bool VehicleMicro::send(const std::vector<uint8_t>& bytes, const std::string& what) {
   ssize_t n = -1;
+  // Stamped before the write, so that the service's answer is later in time.
+  const double sendingAt = monotonicSeconds();
   {
     std::lock_guard<std::mutex> lock(mMutex);
     if (mConnection >= 0) n = write(mConnection, bytes.data(), bytes.size());
@@ -197,7 +199,7 @@ bool VehicleMicro::send(const std::vector<uint8_t>& bytes, const std::string& wh
   entry["event"] = what;
   entry["bytes"] = byteArray(bytes);
   entry["sent"] = n == static_cast<ssize_t>(bytes.size());
-  mRecorder.record(entry, "channel -> " + what + " " + hex(bytes) + (n < 0 ? "  (not connected)" : ""));
+  mRecorder.recordAt(sendingAt, entry, "channel -> " + what + " " + hex(bytes) + (n < 0 ? "  (not connected)" : ""));
   return n == static_cast<ssize_t>(bytes.size());
 }
 
