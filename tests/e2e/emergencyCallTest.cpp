@@ -21,19 +21,21 @@ using testSupport::spokenTexts;
 namespace {
 
 constexpr double kScale = 0.05;
+// For tests whose next step must come within the 10 s delay before the dial.
+constexpr double kSlowScale = 0.1;
 
 // The scaled length of a duration of the service, in seconds of the
 // simulator's clock, less a margin for the time between arming and the
 // event the test can see.
-double atLeast(double carMs) { return 0.8 * carMs * kScale / 1000.0; }
+double atLeast(double carMs, double scale = kScale) { return 0.8 * carMs * scale / 1000.0; }
 
 // A car with a brand and a position of its own, so that the announcement
 // shows where they come from. Call states two seconds apart leave the
 // machine time to take each one.
-E2eOptions callCar(Strings commands = {}) {
+E2eOptions callCar(Strings commands = {}, double scale = kScale) {
   Strings all = {"set brand 9", "set gps 12345678 -98765432", "set pace 2000"};
   all.insert(all.end(), commands.begin(), commands.end());
-  return carOptions(kScale, all);
+  return carOptions(scale, all);
 }
 
 const std::string kInitiate = "PMSG: Starting 9-1-1 call. To cancel press the 9-1-1 button on the mirror.";
@@ -168,7 +170,7 @@ TEST(EmergencyCall, StartEcallRunsTheWholeCallAndGivesEverythingBack) {
 // (a delay timer left running would return in the callback period as a
 // redial).
 TEST(EmergencyCall, SecondStartDuringTheDelayCancelsWithoutDialling) {
-  Scene s(callCar());
+  Scene s(callCar({}, kSlowScale));
   ASSERT_EQ(s.car.call("startEcall"), kOk);
   ASSERT_TRUE(s.waitForEmergency());
   ASSERT_EQ(s.car.call("startEcall"), kOk);
@@ -193,7 +195,7 @@ TEST(EmergencyCall, SecondStartDuringTheDelayCancelsWithoutDialling) {
 // The bus library refuses the dial while the phone service is off the bus:
 // the head unit is told, and the dial is made again a retry period later.
 TEST(EmergencyCall, RefusedDialIsReportedAndRetriedAfterTheRetryPeriod) {
-  Scene s(callCar());
+  Scene s(callCar({}, kSlowScale));
   E2eHarness& car = s.car;
   ASSERT_EQ(car.call("startEcall"), kOk);
   ASSERT_TRUE(s.waitForEmergency());
@@ -208,7 +210,7 @@ TEST(EmergencyCall, RefusedDialIsReportedAndRetriedAfterTheRetryPeriod) {
   Json::Value redial = car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong);
   ASSERT_FALSE(redial.isNull());
   EXPECT_EQ(requestTexts({redial}), Strings{kDial});
-  EXPECT_GE(at(redial) - at(numberRead(s)), atLeast(10000 + 60000)) << "the delay, then the retry period";
+  EXPECT_GE(at(redial) - at(numberRead(s)), atLeast(10000 + 60000, kSlowScale)) << "the delay, then the retry period";
   // The redial is a call like the first would have been.
   EXPECT_TRUE(car.waitForEmergencyLog(kCallActive, kLong));
   EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").size(), 1u);
@@ -466,7 +468,7 @@ TEST(EmergencyNumber, MissingNumberIsASystemErrorUntilThePhoneHasOne) {
 // and served once when the phone reports ON; a further ON report during the
 // delay does not take it for a second press, which would cancel it.
 TEST(PhoneStatus, RequestWhileThePhoneIsOffIsServedOnceWhenItComesOn) {
-  Scene s(callCar());
+  Scene s(callCar({}, kSlowScale));
   E2eHarness& car = s.car;
   s.sim("phone off");
   ASSERT_TRUE(car.waitForTrace("Get Embedded Phone Status: OFF, start Phone not present timer"));
