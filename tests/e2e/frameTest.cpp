@@ -22,7 +22,7 @@ TEST(ServiceFrame, RegistersAnswersQueriesAndLogsAString) {
   SVCIPC_tError rc = car.invoke("ecallService", "startecall", "{}", 500, &reply);
   EXPECT_TRUE(testSupport::isNoReply(rc)) << "the caller runs into its own time-out, rc 0x" << std::hex << rc;
   EXPECT_TRUE(car.waitForTrace("ecallRequest: startecall, params: {}"));
-  EXPECT_TRUE(car.ecallSignals().empty());
+  EXPECT_TRUE(car.ecallSignalTextsSince(0).empty());
 
   rc = car.invoke("ecallService", "logStringToEcallLog", "{\"message\":\"driver reports smoke from the hood\\n\"}",
                   500, &reply);

@@ -90,7 +90,7 @@ TEST(ImpactChannel, LinkLossSetsAndClearsItsThreeSourcesAndTheLedFollows) {
       << testing::PrintToString(s.log());
   EXPECT_EQ(s.log(), expected);
   EXPECT_TRUE(s.waitForLed({{1, 3}, {1, 0}})) << testing::PrintToString(s.led());
-  ASSERT_FALSE(s.waitForSignal([](const Json::Value& sig) { return sig["type"].asString() == "systemError"; }).isNull());
+  ASSERT_TRUE(s.waitForSignalType("systemError"));
   EXPECT_EQ(s.signals(), Strings{systemErrorSignal()});
   EXPECT_NE(s.car.serviceStdout().find("Ecall - IPC /dev/ipc/ch12 Read LOC: 01 01 00 00\n"), std::string::npos);
 }
@@ -103,7 +103,7 @@ TEST(MirrorButtons, EmergencyButtonStartsTheDelayOnceAndANewPressCancelsIt) {
   s.button("ecall", true);
   s.sim("button ecall press");  // still held: the object does not change
   // The cancel is a press during the delay, so the delay must have begun.
-  ASSERT_FALSE(s.waitForSignal([](const Json::Value& sig) { return sig["type"] == "ecallDelay"; }).isNull());
+  ASSERT_TRUE(s.waitForSignalType("ecallDelay"));
   s.button("ecall", false);
   s.button("ecall", true);
   ASSERT_TRUE(s.waitForIdle());
@@ -124,7 +124,7 @@ TEST(MirrorButtons, EmergencyButtonStartsTheDelayOnceAndANewPressCancelsIt) {
 TEST(MirrorButtons, ButtonHeldAtStartStartsTheDelay) {
   E2eHarness car(carOptions(kScale, {"button ecall press"}));
   ASSERT_TRUE(car.waitForEmergencyLog("ecallBtn = 1\n"));
-  ASSERT_FALSE(car.waitForEcallSignal([](const Json::Value& sig) { return sig["ecall"].asBool(); }, kLong).isNull());
+  ASSERT_FALSE(car.waitForEcallSignalSince(0, [](const Json::Value& sig) { return sig["ecall"].asBool(); }, kLong).isNull());
   EXPECT_EQ(car.ecallSignalTextsSince(0), Strings{buttonSignal("ecallDelay")});
 }
 
@@ -228,7 +228,7 @@ TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorking) {
   ASSERT_TRUE(car.waitForEmergencyLog("ecallBtn = 0\n"));
 
   EXPECT_EQ(car.sim("button ecall press").rfind("ok", 0), 0u);
-  EXPECT_FALSE(car.waitForEcallSignal([](const Json::Value& sig) { return sig["ecall"].asBool(); }, kLong).isNull());
+  EXPECT_FALSE(car.waitForEcallSignalSince(0, [](const Json::Value& sig) { return sig["ecall"].asBool(); }, kLong).isNull());
   EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
   EXPECT_TRUE(car.serviceRunning());
   EXPECT_FALSE(car.waitForChannelConnected(ms(0)));

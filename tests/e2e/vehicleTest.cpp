@@ -61,10 +61,10 @@ TEST(Variant, WithoutEmbeddedPhoneNoEmergencyIsActedOn) {
   EXPECT_EQ(s.log(), (Strings{"Rx ORC CAN 0x0200", ignored, ignored}));
   Strings whole = s.car.emergencyLogMessages();
   EXPECT_EQ(containing(whole, {"System error"}), Strings{"System error cleared, " + kNoPhoneVariant});
-  EXPECT_TRUE(s.car.ecallSignals().empty());
+  EXPECT_TRUE(s.car.ecallSignalTextsSince(0).empty());
   EXPECT_TRUE(s.car.channelMessages().empty()) << "no LED or Assist message in such a vehicle";
-  EXPECT_TRUE(s.car.requests("EmbeddedPhone", "ecallDial").empty());
-  EXPECT_TRUE(s.car.requests("TextToSpeechService").empty());
+  EXPECT_TRUE(s.car.requestsSince(0, "EmbeddedPhone", "ecallDial").empty());
+  EXPECT_TRUE(s.car.requestsSince(0, "TextToSpeechService").empty());
   EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
 }
 
@@ -113,7 +113,7 @@ TEST(ModuleReset, SilentPhoneIsResetThreeTimesThenReportedAndItsReturnStartsAfre
   // Made once the reset has been sent, so looked for only now.
   EXPECT_TRUE(testSupport::fileExists(marker));
   EXPECT_TRUE(s.waitForChannel({{3}, {3}, {3}, {1, 3}})) << testing::PrintToString(s.channel());
-  ASSERT_FALSE(s.waitForSignal([](const Json::Value& sig) { return sig["type"].asString() == "systemError"; }).isNull());
+  ASSERT_TRUE(s.waitForSignalType("systemError"));
   EXPECT_EQ(s.signals(), Strings{systemErrorSignal()});
   EXPECT_EQ(containing(s.log(), {"Sierra", "V850", "System error"}),
             (Strings{"Sent IPC message to V850 to reset Sierra 1th time",
@@ -173,9 +173,7 @@ TEST(Bluetooth, CallAtTheCrashIsReportedAndBluetoothIsOffForTheEmergency) {
   // Switching Bluetooth off ended its call; the service did not take it.
   ASSERT_TRUE(s.car.waitForTrace("mWillDisconnBT = 1"));
   ASSERT_EQ(s.car.call("startEcall"), kOk);  // the button during the call
-  ASSERT_FALSE(s.waitForSignal([](const Json::Value& sig) {
-                  return sig["type"].asString() == "ecall_button_repeat";
-                }).isNull());
+  ASSERT_TRUE(s.waitForSignalType("ecall_button_repeat"));
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
 
@@ -218,6 +216,6 @@ TEST(ModuleUsbPorts, PhoneGoingOffWritesTheModulePortsToTheLog) {
   s.sim("reply EmbeddedPhone getUsbPorts {\"ports\":[\"swiusb1\",\"swiusb3\"]}");
   s.sim("phone off");
   ASSERT_TRUE(s.car.waitForEmergencyLog("SWIUSB ports: swiusb1, swiusb3\n", kLong));
-  EXPECT_EQ(testSupport::requestTexts(s.car.requests("EmbeddedPhone", "getUsbPorts")),
+  EXPECT_EQ(testSupport::requestTexts(s.car.requestsSince(0, "EmbeddedPhone", "getUsbPorts")),
             Strings(2, "getUsbPorts "));
 }

@@ -448,16 +448,6 @@ Json::Value E2eHarness::waitForRequestSince(size_t mark, const std::string& serv
       deadline);
 }
 
-std::vector<Json::Value> E2eHarness::ecallSignals() {
-  std::vector<Json::Value> out;
-  for (const auto& text : ecallSignalTextsSince(0)) {
-    Json::Value data;
-    parseJson(text, data);
-    out.push_back(data);
-  }
-  return out;
-}
-
 std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark) {
   std::vector<std::string> out;
   for (const auto& r : recordsSince(mark, "ecall")) out.push_back(r["data"].asString());
@@ -498,7 +488,8 @@ bool E2eHarness::waitForChannelMessage(const std::vector<int>& bytes, ms deadlin
 }
 
 bool E2eHarness::waitForChannelConnected(ms deadline) {
-  return !waitForRecord("vehicle", [](const Json::Value& r) { return r["event"] == "connected"; }, deadline).isNull();
+  auto connected = [](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "connected"; };
+  return !waitForRecord(connected, deadline).isNull();
 }
 
 bool E2eHarness::waitForServiceStarted(ms deadline) {

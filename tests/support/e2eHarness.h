@@ -120,7 +120,6 @@ class E2eHarness {
   E2eHarness& operator=(const E2eHarness&) = delete;
 
   // --- where things are
-  const std::string& root() const { return mRoot; }
   // A path of the service ("/fs/...") under the root.
   std::string path(const std::string& absolutePath) const { return mRoot + absolutePath; }
   const std::string& busAddress() const { return mBusAddress; }
@@ -154,27 +153,17 @@ class E2eHarness {
   std::vector<Json::Value> records(const std::string& kind = "") { return recordsSince(0, kind); }
   Json::Value waitForRecordSince(size_t mark, const Pred& pred, ms deadline = ms(10000));
   Json::Value waitForRecord(const Pred& pred, ms deadline = ms(10000)) { return waitForRecordSince(0, pred, deadline); }
-  Json::Value waitForRecord(const std::string& kind, const Pred& pred, ms deadline = ms(10000)) {
-    return waitForRecord([&](const Json::Value& r) { return r["kind"] == kind && pred(r); }, deadline);
-  }
   // Requests the simulator received for service (and method, unless empty).
   std::vector<Json::Value> requestsSince(size_t mark, const std::string& service, const std::string& method = "");
-  std::vector<Json::Value> requests(const std::string& service, const std::string& method = "") {
-    return requestsSince(0, service, method);
-  }
   Json::Value waitForRequestSince(size_t mark, const std::string& service, const std::string& method,
                                   ms deadline = ms(10000));
   Json::Value waitForRequest(const std::string& service, const std::string& method, ms deadline = ms(10000)) {
     return waitForRequestSince(0, service, method, deadline);
   }
-  // The service's "ecall" signals: parsed, or as their exact JSON texts.
-  std::vector<Json::Value> ecallSignals();
+  // The service's "ecall" signals as their exact JSON texts.
   std::vector<std::string> ecallSignalTextsSince(size_t mark);
   // The first "ecall" signal since mark that satisfies pred (parsed).
   Json::Value waitForEcallSignalSince(size_t mark, const Pred& pred, ms deadline = ms(10000));
-  Json::Value waitForEcallSignal(const Pred& pred, ms deadline = ms(10000)) {
-    return waitForEcallSignalSince(0, pred, deadline);
-  }
   // Messages the service wrote on the restraint controller channel.
   std::vector<std::vector<int>> channelMessages(size_t mark = 0);
   bool waitForChannelMessage(const std::vector<int>& bytes, ms deadline = ms(10000));

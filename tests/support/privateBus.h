@@ -35,9 +35,6 @@ class PrivateBus {
 
   // The D-Bus address of the bus ("unix:path=...,guid=...").
   const std::string& address() const { return mAddress; }
-  // The daemon's temporary folder (its socket, configuration and log).
-  const std::string& dir() const { return mDir; }
-  pid_t pid() const { return mPid; }
 
  private:
   void start(std::chrono::milliseconds startDeadline);

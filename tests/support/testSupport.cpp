@@ -55,13 +55,6 @@ std::vector<std::string> LogCapture::traces() const {
   return out;
 }
 
-std::vector<std::string> LogCapture::slogs() const {
-  std::vector<std::string> out;
-  for (auto& e : entries())
-    if (e.scope == "slog") out.push_back(e.text);
-  return out;
-}
-
 std::vector<LogCapture::Entry> LogCapture::slogEntries() const {
   std::vector<Entry> out;
   for (auto& e : entries())
@@ -72,8 +65,8 @@ std::vector<LogCapture::Entry> LogCapture::slogEntries() const {
 bool LogCapture::hasTrace(const std::string& part) const { return countTrace(part) > 0; }
 
 bool LogCapture::hasSlog(const std::string& part) const {
-  for (auto& t : slogs())
-    if (t.find(part) != std::string::npos) return true;
+  for (auto& e : slogEntries())
+    if (e.text.find(part) != std::string::npos) return true;
   return false;
 }
 
@@ -82,10 +75,6 @@ size_t LogCapture::countTrace(const std::string& part) const {
   for (auto& t : traces())
     if (t.find(part) != std::string::npos) ++n;
   return n;
-}
-
-bool LogCapture::waitForTrace(const std::string& part, std::chrono::milliseconds deadline) const {
-  return waitUntil([&] { return hasTrace(part); }, deadline);
 }
 
 void LogCapture::clear() {

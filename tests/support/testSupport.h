@@ -38,13 +38,11 @@ class LogCapture {
   ~LogCapture();
   std::vector<Entry> entries() const;
   std::vector<std::string> traces() const;  // trace texts only
-  std::vector<std::string> slogs() const;   // system log texts only
   std::vector<Entry> slogEntries() const;
   // True when some trace (or slog) text contains part.
   bool hasTrace(const std::string& part) const;
   bool hasSlog(const std::string& part) const;
   size_t countTrace(const std::string& part) const;
-  bool waitForTrace(const std::string& part, std::chrono::milliseconds deadline = std::chrono::seconds(5)) const;
   void clear();
 
  private:
