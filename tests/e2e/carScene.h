@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -92,6 +93,14 @@ inline void replaceVehicleObject(E2eHarness& car, const std::string& content) {
   const std::string path = car.path("/pps/can/vehstat");
   testSupport::writeFile(path + ".test-tmp", content);
   ASSERT_EQ(rename((path + ".test-tmp").c_str(), path.c_str()), 0);
+}
+
+// The emergency log exported to the USB stick, "" while there is none.
+inline std::string exportedLog(const E2eHarness& car) {
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(car.path("/fs/usb0"), ec))
+    if (entry.path().filename().string().rfind("ecall_log", 0) == 0) return testSupport::readFile(entry.path());
+  return "";
 }
 
 // The service still places a call: a request from the head unit reaches the
