@@ -220,7 +220,6 @@ E2eHarness::~E2eHarness() {
   killAndReap(mServicePid);
   killAndReap(mSimPid);
   if (mSimIn >= 0) close(mSimIn);
-  if (mSimReader.joinable()) mSimReader.join();
   if (mSimOut >= 0) close(mSimOut);
   if (mConnection) SVCIPC_closeConnection(mConnection);
   SVCIPC_shutdown();
@@ -252,9 +251,7 @@ void E2eHarness::startSim() {
   int err = openOutput(mSimErr);
   std::vector<std::string> args = {VEHICLE_SIM_BIN, "--root", mRoot, "--bus", mBusAddress,
                                    "--record", mRecordFile, "--time-scale", fixed(mOptions.timeScale)};
-  if (!mOptions.simUser.empty()) {
-    struct passwd* user = getpwnam(mOptions.simUser.c_str());
-    ASSERT_NE(user, nullptr) << "no user " << mOptions.simUser;
+  if (struct passwd* user = mOptions.simUser.empty() ? nullptr : getpwnam(mOptions.simUser.c_str())) {
     // The build folder need not be open to other accounts: the simulator
     // runs from a copy in the work folder.
     args[0] = mWorkDir + "/vehicle-sim";
@@ -273,54 +270,34 @@ void E2eHarness::startSim() {
   mSimIn = in[1];
   mSimOut = out[0];
   ASSERT_GT(mSimPid, 0) << "cannot start " << VEHICLE_SIM_BIN;
-  mSimReader = std::thread([this] { readSimOutput(); });
   // The console answers only once every simulated service is on the bus.
   std::string reply = sim("status", mOptions.startDeadline);
   ASSERT_EQ(reply.rfind("ok", 0), 0u) << "vehicle-sim did not come up: " << reply << "\n" << readFile(mSimErr);
 #endif
 }
 
-void E2eHarness::readSimOutput() {
-  std::string pending;
-  char buffer[4096];
-  while (true) {
-    ssize_t n = read(mSimOut, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    pending.append(buffer, static_cast<size_t>(n));
-    size_t end;
-    std::lock_guard<std::mutex> lock(mSimMutex);
-    while ((end = pending.find('\n')) != std::string::npos) {
-      mSimLines.push_back(pending.substr(0, end));
-      pending.erase(0, end + 1);
-    }
-    mSimCond.notify_all();
-  }
-  std::lock_guard<std::mutex> lock(mSimMutex);
-  mSimOutputClosed = true;
-  mSimCond.notify_all();
-}
-
 std::string E2eHarness::sim(const std::string& command, ms deadline) {
-  // One command at a time: the reply is the next "ok"/"error" line.
+  // One command at a time: the reply is the next "ok"/"error" line (the
+  // simulator prints nothing else unless asked to show what it does).
   std::string line = command + "\n";
   if (mSimIn < 0 || write(mSimIn, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
     return "error vehicle-sim does not take commands";
-  std::unique_lock<std::mutex> lock(mSimMutex);
-  auto isReply = [](const std::string& l) { return l.rfind("ok", 0) == 0 || l.rfind("error", 0) == 0; };
-  std::string reply;
-  bool answered = mSimCond.wait_for(lock, deadline, [&] {
-    while (mReplyCursor < mSimLines.size()) {
-      const std::string& l = mSimLines[mReplyCursor++];
-      if (isReply(l)) {
-        reply = l;
-        return true;
-      }
+  const auto end = std::chrono::steady_clock::now() + deadline;
+  for (size_t eol;;) {
+    while ((eol = mSimPending.find('\n')) != std::string::npos) {
+      line = mSimPending.substr(0, eol);
+      mSimPending.erase(0, eol + 1);
+      if (line.rfind("ok", 0) == 0 || line.rfind("error", 0) == 0) return line;
     }
-    return mSimOutputClosed;
-  });
-  if (!answered || reply.empty()) return "error no answer from vehicle-sim to '" + command + "'";
-  return reply;
+    const auto left = std::chrono::duration_cast<ms>(end - std::chrono::steady_clock::now()).count();
+    pollfd polled = {mSimOut, POLLIN, 0};
+    const int ready = left > 0 ? poll(&polled, 1, static_cast<int>(left)) : 0;
+    if (ready < 0 && errno == EINTR) continue;
+    char buffer[4096];
+    const ssize_t n = ready > 0 ? read(mSimOut, buffer, sizeof buffer) : 0;
+    if (n <= 0) return "error no answer from vehicle-sim to '" + command + "'";
+    mSimPending.append(buffer, static_cast<size_t>(n));
+  }
 }
 
 void E2eHarness::startService() {

@@ -22,12 +22,10 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/serviceBus.h"
@@ -189,7 +187,6 @@ class E2eHarness {
  private:
   void startBus();
   void startSim();
-  void readSimOutput();
   void refreshRecords();
   void dumpOnFailure();
   bool waitForService(ms deadline);
@@ -202,12 +199,7 @@ class E2eHarness {
   pid_t mSimPid = -1, mServicePid = -1;
   int mSimIn = -1, mSimOut = -1;
 
-  std::mutex mSimMutex;
-  std::condition_variable mSimCond;
-  std::vector<std::string> mSimLines;
-  size_t mReplyCursor = 0;
-  bool mSimOutputClosed = false;
-  std::thread mSimReader;
+  std::string mSimPending;  // what the simulator printed after the last reply
 
   std::mutex mRecordMutex;
   std::vector<Json::Value> mRecords;
