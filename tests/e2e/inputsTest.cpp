@@ -86,9 +86,7 @@ TEST(ImpactChannel, LinkLossSetsAndClearsItsThreeSourcesAndTheLedFollows) {
       "System error ORC CAN LOC CLEARED", "System error ORC Serial LOC OCCURRED", "System error Mirror LOC CLEARED",
       "System error ORC CAN LOC CLEARED", "System error ORC Serial LOC CLEARED", "send LED status 0",
       "System error handling set LED to 0", "System error Mirror LOC CLEARED"};
-  ASSERT_TRUE(testSupport::waitUntil([&] { return s.log().size() >= expected.size(); }, kLong))
-      << testing::PrintToString(s.log());
-  EXPECT_EQ(s.log(), expected);
+  EXPECT_SOON_EQ(s.log(), expected);
   EXPECT_TRUE(s.waitForLed({{1, 3}, {1, 0}})) << testing::PrintToString(s.led());
   ASSERT_TRUE(s.waitForSignalType("systemError"));
   EXPECT_EQ(s.signals(), Strings{systemErrorSignal()});
@@ -163,8 +161,7 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   ASSERT_FALSE(s.waitForRecord([](const Json::Value& r) { return isSignal(r, "AppManager", "appStopped"); }).isNull());
   // Blinking from "initializing", green again when the blink time is over.
   EXPECT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
-  EXPECT_TRUE(testSupport::waitUntil([&] { return s.channel(2).size() >= 4; }, kLong));
-  EXPECT_EQ(s.channel(2), (std::vector<Bytes>{{2, 1}, {2, 1}, {2, 0}, {2, 0}}));
+  EXPECT_SOON_EQ(s.channel(2), (std::vector<Bytes>{{2, 1}, {2, 1}, {2, 0}, {2, 0}}));
   // The application manager may report the stop before it records the request.
   EXPECT_SOON_EQ(s.requests("AppManager"), Strings(2, "stopApp {\"appId\":\"" + kAssistApp + "\"}\n"));
   EXPECT_EQ(s.countInLog("ecall active. Assist app initializing. blink LED green and close Assist"), 1u);
