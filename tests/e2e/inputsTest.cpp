@@ -107,14 +107,12 @@ TEST(MirrorButtons, EmergencyButtonStartsTheDelayOnceAndANewPressCancelsIt) {
   ASSERT_TRUE(s.waitForIdle());
 
   EXPECT_EQ(s.signals(), (Strings{buttonSignal("ecallDelay"), endedSignal(true), endedSignal(false)}));
-  EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
   Strings log = s.log();
   EXPECT_TRUE(containsInOrder(log, {"ecallBtn = 1", "ecallBtn = 0", "ecallBtn = 1",
                                     "User cancelled mode during Ecall delay", "End emergency mode"}))
       << testing::PrintToString(log);
   EXPECT_EQ(s.countInLog("ecallBtn = 1"), 2u);
   EXPECT_EQ(s.countInLog("Ecall delay 10 before calling"), 1u);
-  EXPECT_TRUE(s.waitForLed({{1, 1}, {1, 0}, {1, 0}})) << testing::PrintToString(s.led());
 }
 
 // A button already pressed when the service starts is a press: the first
