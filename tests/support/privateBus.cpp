@@ -1,11 +1,6 @@
 #include "support/privateBus.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "support/e2eHarness.h"
 #include "support/testSupport.h"
 
 namespace testSupport {
@@ -52,27 +48,6 @@ std::string configText(const std::string& dir, const std::string& policy) {
          (policy.empty() ? std::string(kSessionPolicy) : policy) + "</busconfig>\n";
 }
 
-// Reads up to the first line end, or until the deadline or end of file.
-std::string readLine(int fd, std::chrono::milliseconds deadline) {
-  const auto until = std::chrono::steady_clock::now() + deadline;
-  std::string text;
-  while (text.find('\n') == std::string::npos) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now()).count();
-    if (left <= 0) return "";
-    struct pollfd p = {fd, POLLIN, 0};
-    const int r = poll(&p, 1, static_cast<int>(left));
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return "";
-    char chunk[256];
-    const ssize_t n = read(fd, chunk, sizeof chunk);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return "";
-    text.append(chunk, static_cast<size_t>(n));
-  }
-  return text.substr(0, text.find('\n'));
-}
-
 }  // namespace
 
 PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds startDeadline) : mPolicy(policy) {
@@ -94,48 +69,17 @@ PrivateBus::~PrivateBus() { stop(); }
 
 void PrivateBus::start(std::chrono::milliseconds startDeadline) {
   const std::string config = mDir + "/bus.conf";
-  const std::string logPath = mDir + "/daemon.log";
   writeFile(config, configText(mDir, mPolicy));
-
-  // Everything the child needs is prepared before fork: after it, only
-  // async-signal-safe calls.
-  const std::string program = findDaemon();
-  const std::string configArg = "--config-file=" + config;
-  const char* argv[] = {program.c_str(), configArg.c_str(), "--print-address", "--nofork",
-                        "--nopidfile",   "--nosyslog",      nullptr};
-  int addressPipe[2];
-  if (pipe2(addressPipe, O_CLOEXEC) != 0) throw std::runtime_error("PrivateBus: pipe2 failed");
-  const int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  const pid_t parent = getpid();
-
-  mPid = fork();
-  if (mPid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);
-    dup2(addressPipe[1], STDOUT_FILENO);
-    if (log >= 0) dup2(log, STDERR_FILENO);
-    execv(program.c_str(), const_cast<char* const*>(argv));
-    _exit(127);
-  }
-  close(addressPipe[1]);
-  if (log >= 0) close(log);
-  if (mPid < 0) {
-    close(addressPipe[0]);
-    throw std::runtime_error(std::string("PrivateBus: fork: ") + strerror(errno));
-  }
-  mAddress = readLine(addressPipe[0], startDeadline);
-  close(addressPipe[0]);
-  if (mAddress.empty())
-    throw std::runtime_error("PrivateBus: " + program + " gave no address; its log: " + readFile(logPath));
+  mDaemon = std::make_unique<Child>(std::vector<std::string>{findDaemon(), "--config-file=" + config,
+                                                             "--print-address", "--nofork", "--nopidfile", "--nosyslog"});
+  const std::string& out = mDaemon->out();
+  if (!mDaemon->waitForOutput([&] { return out.find('\n') != std::string::npos; }, startDeadline))
+    throw std::runtime_error("PrivateBus: dbus-daemon gave no address; its errors: " + mDaemon->err());
+  mAddress = out.substr(0, out.find('\n'));
 }
 
 void PrivateBus::stop() {
-  if (mPid > 0) {
-    kill(mPid, SIGKILL);
-    while (waitpid(mPid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    mPid = -1;
-  }
+  mDaemon.reset();  // killed and reaped
   if (!mDir.empty()) {
     std::error_code ignored;
     std::filesystem::remove_all(mDir, ignored);

@@ -13,12 +13,13 @@
 // short-lived helper thread.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
+#include <memory>
 #include <string>
 
 namespace testSupport {
+
+class Child;
 
 class PrivateBus {
  public:
@@ -43,7 +44,7 @@ class PrivateBus {
   std::string mDir;
   std::string mAddress;
   std::string mPolicy;  // empty: the session-like policy
-  pid_t mPid = -1;
+  std::unique_ptr<Child> mDaemon;
 };
 
 }  // namespace testSupport
