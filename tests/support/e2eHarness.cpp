@@ -86,12 +86,14 @@ bool contains(const std::string& text, const std::string& part) { return text.fi
 
 }  // namespace
 
-Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
-  int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return;
-  int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  mPid = spawn(argv, in, out[1], err[1], env);
-  close(in);
+Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, bool input) {
+  int in[2] = {-1, -1}, out[2], err[2];
+  if ((input ? pipe2(in, O_CLOEXEC) : (in[0] = open("/dev/null", O_RDONLY | O_CLOEXEC))) < 0 ||
+      pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+    return;
+  mPid = spawn(argv, in[0], out[1], err[1], env);
+  close(in[0]);
+  mIn = in[1];
   close(out[1]);
   close(err[1]);
   mOut = out[0];
@@ -100,12 +102,17 @@ Child::Child(const std::vector<std::string>& argv, const std::vector<std::string
 
 Child::~Child() {
   killAndReap(mPid);
+  if (mIn >= 0) close(mIn);
   if (mOut >= 0) close(mOut);
   if (mErr >= 0) close(mErr);
 }
 
 void Child::signal(int sig) {
   if (mPid > 0) kill(mPid, sig);
+}
+
+bool Child::send(const std::string& text) {
+  return mIn >= 0 && write(mIn, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 bool Child::waitForOutput(const std::function<bool()>& pred, std::chrono::milliseconds deadline) {
@@ -197,7 +204,6 @@ E2eHarness::E2eHarness(E2eOptions options) : mOptions(std::move(options)) {
   mTraceFile = mWorkDir + "/trace.txt";
   mServiceErr = mWorkDir + "/service.stderr";
   mServiceOut = mWorkDir + "/service.stdout";
-  mSimErr = mWorkDir + "/sim.stderr";
   if (!mOptions.simUser.empty()) {
     // The simulator writes its record, socket and vehicle object here.
     struct passwd* user = getpwnam(mOptions.simUser.c_str());
@@ -218,9 +224,10 @@ E2eHarness::E2eHarness(E2eOptions options) : mOptions(std::move(options)) {
 
 E2eHarness::~E2eHarness() {
   killAndReap(mServicePid);
-  killAndReap(mSimPid);
-  if (mSimIn >= 0) close(mSimIn);
-  if (mSimOut >= 0) close(mSimOut);
+  if (mSim) {
+    mSim->signal(SIGKILL);
+    mSim->wait();  // and its last errors read
+  }
   if (mConnection) SVCIPC_closeConnection(mConnection);
   SVCIPC_shutdown();
   mBus.reset();
@@ -245,10 +252,6 @@ void E2eHarness::startSim() {
 #ifndef VEHICLE_SIM_BIN
   FAIL() << "vehicle-sim is not part of this build";
 #else
-  int in[2], out[2];
-  ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);
-  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-  int err = openOutput(mSimErr);
   std::vector<std::string> args = {VEHICLE_SIM_BIN, "--root", mRoot, "--bus", mBusAddress,
                                    "--record", mRecordFile, "--time-scale", fixed(mOptions.timeScale)};
   if (struct passwd* user = mOptions.simUser.empty() ? nullptr : getpwnam(mOptions.simUser.c_str())) {
@@ -263,41 +266,27 @@ void E2eHarness::startSim() {
                                "--regid=" + std::to_string(user->pw_gid), "--clear-groups", "--"});
   }
   args.insert(args.end(), mOptions.simArgs.begin(), mOptions.simArgs.end());
-  mSimPid = spawn(args, in[0], out[1], err);
-  close(in[0]);
-  close(out[1]);
-  close(err);
-  mSimIn = in[1];
-  mSimOut = out[0];
-  ASSERT_GT(mSimPid, 0) << "cannot start " << VEHICLE_SIM_BIN;
+  mSim = std::make_unique<Child>(args, std::vector<std::string>{}, true);
   // The console answers only once every simulated service is on the bus.
   std::string reply = sim("status", mOptions.startDeadline);
-  ASSERT_EQ(reply.rfind("ok", 0), 0u) << "vehicle-sim did not come up: " << reply << "\n" << readFile(mSimErr);
+  ASSERT_EQ(reply.rfind("ok", 0), 0u) << "vehicle-sim did not come up: " << reply << "\n" << mSim->err();
 #endif
 }
 
 std::string E2eHarness::sim(const std::string& command, ms deadline) {
   // One command at a time: the reply is the next "ok"/"error" line (the
   // simulator prints nothing else unless asked to show what it does).
-  std::string line = command + "\n";
-  if (mSimIn < 0 || write(mSimIn, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
-    return "error vehicle-sim does not take commands";
-  const auto end = std::chrono::steady_clock::now() + deadline;
-  for (size_t eol;;) {
-    while ((eol = mSimPending.find('\n')) != std::string::npos) {
-      line = mSimPending.substr(0, eol);
-      mSimPending.erase(0, eol + 1);
-      if (line.rfind("ok", 0) == 0 || line.rfind("error", 0) == 0) return line;
+  if (!mSim || !mSim->send(command + "\n")) return "error vehicle-sim does not take commands";
+  std::string reply;
+  auto replied = [&] {
+    for (size_t eol; (eol = mSim->out().find('\n', mSimReplied)) != std::string::npos;) {
+      reply = mSim->out().substr(mSimReplied, eol - mSimReplied);
+      mSimReplied = eol + 1;
+      if (reply.rfind("ok", 0) == 0 || reply.rfind("error", 0) == 0) return true;
     }
-    const auto left = std::chrono::duration_cast<ms>(end - std::chrono::steady_clock::now()).count();
-    pollfd polled = {mSimOut, POLLIN, 0};
-    const int ready = left > 0 ? poll(&polled, 1, static_cast<int>(left)) : 0;
-    if (ready < 0 && errno == EINTR) continue;
-    char buffer[4096];
-    const ssize_t n = ready > 0 ? read(mSimOut, buffer, sizeof buffer) : 0;
-    if (n <= 0) return "error no answer from vehicle-sim to '" + command + "'";
-    mSimPending.append(buffer, static_cast<size_t>(n));
-  }
+    return false;
+  };
+  return mSim->waitForOutput(replied, deadline) ? reply : "error no answer from vehicle-sim to '" + command + "'";
 }
 
 void E2eHarness::startService() {
@@ -518,7 +507,7 @@ void E2eHarness::dumpOnFailure() {
           "--- ecallService trace (last lines):\n%s--- vehicle-sim standard error:\n%s"
           "--- vehicle-sim record (last entries):\n%s",
           mWorkDir.c_str(), tail(serviceStderr(), 30).c_str(), tail(trace(), 40).c_str(),
-          tail(readFile(mSimErr), 20).c_str(), record.c_str());
+          tail(mSim ? mSim->err() : "", 20).c_str(), record.c_str());
 }
 
 }  // namespace testSupport

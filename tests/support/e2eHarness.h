@@ -78,14 +78,16 @@ bool containsInOrder(const std::vector<std::string>& all, const std::vector<std:
 class Child {
  public:
   // argv[0] is the program's path; env entries "NAME=VALUE" are added to
-  // the test's environment.
-  explicit Child(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+  // the test's environment. Its standard input is a pipe when input is true
+  // (see send), or else empty.
+  explicit Child(const std::vector<std::string>& argv, const std::vector<std::string>& env = {}, bool input = false);
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
   const std::string& out() const { return mOutText; }
   const std::string& err() const { return mErrText; }
   void signal(int sig);
+  bool send(const std::string& text);
   // Reads output until pred holds or the deadline passes; pred's last value.
   bool waitForOutput(const std::function<bool()>& pred, std::chrono::milliseconds deadline);
   // Reads everything until the program ends; its exit code, or -1 when it
@@ -95,7 +97,7 @@ class Child {
  private:
   bool readSome(int timeoutMs);
   pid_t mPid = -1;
-  int mOut = -1, mErr = -1, mExit = -1;
+  int mIn = -1, mOut = -1, mErr = -1, mExit = -1;
   std::string mOutText, mErrText;
 };
 
@@ -193,13 +195,13 @@ class E2eHarness {
 
   E2eOptions mOptions;
   std::string mWorkDir, mRoot, mBusAddress;
-  std::string mRecordFile, mTraceFile, mServiceErr, mServiceOut, mSimErr;
+  std::string mRecordFile, mTraceFile, mServiceErr, mServiceOut;
   std::unique_ptr<PrivateBus> mBus;
   SVCIPC_tConnection mConnection = nullptr;
-  pid_t mSimPid = -1, mServicePid = -1;
-  int mSimIn = -1, mSimOut = -1;
+  pid_t mServicePid = -1;
+  std::unique_ptr<Child> mSim;
+  size_t mSimReplied = 0;  // how much of the simulator's output has been read as replies
 
-  std::string mSimPending;  // what the simulator printed after the last reply
 
   std::mutex mRecordMutex;
   std::vector<Json::Value> mRecords;
