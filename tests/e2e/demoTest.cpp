@@ -31,16 +31,9 @@ bool processMentions(const std::string& text) {
 // The messages of the emergency log printed after the scene: each entry
 // without its time stamp and odometer field.
 Strings printedLogMessages(const std::string& output) {
-  static const std::regex entry(R"(^\d\d:\d\d:\d\d [A-Za-z]+ \d\d, \d{4} GMT:(?:\d{7}|ODO N/A):(.*)$)");
-  Strings messages;
-  bool inLog = false;
-  std::smatch match;
-  for (const auto& line : testSupport::splitLines(output)) {
-    if (line.rfind("demo: the emergency log (", 0) == 0) inLog = true;
-    else if (line.rfind("demo: ", 0) == 0) inLog = false;
-    else if (inLog && std::regex_match(line, match, entry)) messages.push_back(match[1].str());
-  }
-  return messages;
+  const size_t from = output.find("\ndemo: the emergency log (");
+  if (from == std::string::npos) return {};
+  return testSupport::logEntryMessages(output.substr(from, output.find("\ndemo: ", from + 1) - from));
 }
 
 // The car time of the first timeline line that holds text, or -1.

@@ -331,12 +331,12 @@ bool E2eHarness::serviceRunning() {
   return true;
 }
 
-SVCIPC_tError E2eHarness::invoke(const std::string& service, const std::string& method, const std::string& params,
-                                 int timeoutMs, std::string* reply) {
+SVCIPC_tError invokeOn(SVCIPC_tConnection connection, const std::string& service, const std::string& method,
+                       const std::string& params, int timeoutMs, std::string* reply) {
   std::string name = "com.nordak.service." + service;
   std::string objectPath = "/com/nordak/service/" + service;
   SVCIPC_tResponse* response = nullptr;
-  SVCIPC_tError rc = SVCIPC_invoke(mConnection, name.c_str(), objectPath.c_str(), method.c_str(), params.c_str(),
+  SVCIPC_tError rc = SVCIPC_invoke(connection, name.c_str(), objectPath.c_str(), method.c_str(), params.c_str(),
                                    timeoutMs, &response);
   if (reply) *reply = response && response->result ? response->result : "";
   if (response) SVCIPC_freeResponse(response);
@@ -464,12 +464,12 @@ bool E2eHarness::waitForServiceStarted(ms deadline) {
 
 std::string E2eHarness::emergencyLog() const { return readFile(path("/fs/etfs/usr/var/ecall/ecall_log.txt")); }
 
-std::vector<std::string> E2eHarness::emergencyLogMessages() const {
+std::vector<std::string> logEntryMessages(const std::string& text) {
   // An entry: "HH:MM:SS Month DD, YYYY GMT:" then "NNNNNNN:" or "ODO N/A:".
   static const std::regex entry(R"(^\d\d:\d\d:\d\d [A-Za-z]+ \d\d, \d{4} GMT:(?:\d{7}|ODO N/A):(.*)$)");
   std::vector<std::string> out;
   std::smatch match;
-  for (const auto& line : splitLines(emergencyLog()))
+  for (const auto& line : splitLines(text))
     if (std::regex_match(line, match, entry)) out.push_back(match[1].str());
   return out;
 }

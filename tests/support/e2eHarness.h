@@ -72,6 +72,15 @@ std::vector<std::string> spokenTexts(const std::vector<Json::Value>& requests);
 // wanted appears in all in this order (other entries may come between).
 bool containsInOrder(const std::vector<std::string>& all, const std::vector<std::string>& wanted);
 
+// The messages of the emergency log entries in text, without their time
+// stamp and odometer field.
+std::vector<std::string> logEntryMessages(const std::string& text);
+// Invokes a method of a service ("ecallService", "EmbeddedPhone", ...) by
+// its short name on a connection; the status word, and *reply gets the
+// result text (empty without one).
+SVCIPC_tError invokeOn(SVCIPC_tConnection connection, const std::string& service, const std::string& method,
+                       const std::string& params, int timeoutMs, std::string* reply);
+
 // A program run by a test with its output captured: to completion (run), or
 // kept running while the test reads what it prints (Child). Every wait has a
 // deadline; a child still running at the end is killed and reaped.
@@ -141,7 +150,9 @@ class E2eHarness {
   // Invokes a method of any service ("EmbeddedPhone", ...) by its short name.
   // Returns the status word; *reply gets the result text on success.
   SVCIPC_tError invoke(const std::string& service, const std::string& method, const std::string& params,
-                       int timeoutMs, std::string* reply);
+                       int timeoutMs, std::string* reply) {
+    return invokeOn(mConnection, service, method, params, timeoutMs, reply);
+  }
 
   // --- the record of the simulator. A mark is the number of records so far
   // (recordMark); the "...Since" calls look only at what was recorded after
@@ -177,7 +188,7 @@ class E2eHarness {
   std::string emergencyLog() const;
   // The emergency log's entries without their time stamp and odometer field,
   // in order (the entry text as the service gave it, line end removed).
-  std::vector<std::string> emergencyLogMessages() const;
+  std::vector<std::string> emergencyLogMessages() const { return logEntryMessages(emergencyLog()); }
   bool waitForEmergencyLog(const std::string& part, ms deadline = ms(10000)) const;
   std::string trace() const;
   bool waitForTrace(const std::string& part, ms deadline = ms(10000)) const;
