@@ -204,12 +204,10 @@ struct Scene {
     return out;
   }
   std::vector<Bytes> led() { return channel(1); }
-  bool waitForLed(const std::vector<Bytes>& wanted) {
-    return testSupport::waitUntil([&] { return led() == wanted; }, kLong);
+  bool waitForChannel(const std::vector<Bytes>& wanted, int first = -1) {
+    return testSupport::waitUntil([&] { return channel(first) == wanted; }, kLong);
   }
-  bool waitForChannel(const std::vector<Bytes>& wanted) {
-    return testSupport::waitUntil([&] { return channel() == wanted; }, kLong);
-  }
+  bool waitForLed(const std::vector<Bytes>& wanted) { return waitForChannel(wanted, 1); }
 
   Strings log() {
     Strings all = car.emergencyLogMessages();
