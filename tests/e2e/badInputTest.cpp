@@ -19,7 +19,6 @@ using namespace carScene;
 
 namespace {
 
-constexpr double kScale = 0.05;
 constexpr size_t kMiB = 1024 * 1024;
 // One line of the emergency log: the entry buffer less its terminator.
 constexpr size_t kLogLineMax = 255;

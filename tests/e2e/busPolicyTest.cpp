@@ -17,7 +17,6 @@ using testSupport::Outcome;
 
 namespace {
 
-constexpr double kScale = 0.05;
 const char* const kCarUser = "ecall-e2e-car";
 const char* const kMemberUser = "ecall-e2e-member";
 const char* const kCallerGroup = "ecall";

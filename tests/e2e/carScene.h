@@ -25,6 +25,9 @@ using testSupport::E2eHarness;
 using testSupport::E2eOptions;
 using testSupport::ecallSignalText;
 
+// The usual pace of the car: 1/20 of real time, so that the 10 s delay
+// takes 0.5 s.
+inline constexpr double kScale = 0.05;
 // Deadline of every wait: far beyond the longest scaled duration.
 inline const ms kLong{20000};
 inline const std::string kOk = "{\"result\":\"OK\"}\n";

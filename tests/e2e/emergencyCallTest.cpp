@@ -20,7 +20,6 @@ using testSupport::spokenTexts;
 
 namespace {
 
-constexpr double kScale = 0.05;
 // For tests whose next step must come within the 10 s delay before the dial.
 constexpr double kSlowScale = 0.1;
 

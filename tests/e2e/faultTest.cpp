@@ -25,7 +25,6 @@ using namespace carScene;
 
 namespace {
 
-constexpr double kScale = 0.05;
 const char* const kLogFolder = "/fs/etfs/usr/var/ecall";
 const char* const kChannelRetry = "Error reading ORC IPC channel /dev/ipc/ch12.  Attempt to read again after 1000ms.";
 

@@ -14,8 +14,6 @@ using namespace carScene;
 
 namespace {
 
-constexpr double kScale = 0.05;
-
 // The healthy car's brand and position.
 const std::string kCrash1 = "ECALL: A crash has occurred in a Corvane vehicle: " + kOperatorKeys;
 const std::string kCrash2 = "ECALL: A crash has occurred in a Corvane vehicle: " + kCarPosition + kOperatorKeys;

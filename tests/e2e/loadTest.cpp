@@ -18,7 +18,6 @@ using namespace carScene;
 
 namespace {
 
-constexpr double kScale = 0.05;
 constexpr int kClients = 8;
 const auto kLoadTime = std::chrono::seconds(10);
 

@@ -16,8 +16,6 @@ using namespace carScene;
 
 namespace {
 
-constexpr double kScale = 0.05;
-
 const std::string kNoPhoneVariant =
     "but since the VARIANT_ECELL indicates no embedded phone, do not act on the event";
 
