@@ -414,9 +414,9 @@ Json::Value E2eHarness::waitForRequestSince(size_t mark, const std::string& serv
       deadline);
 }
 
-std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark) {
+std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark, const std::string& name) {
   std::vector<std::string> out;
-  for (const auto& r : recordsSince(mark, "ecall")) out.push_back(r["data"].asString());
+  for (const auto& r : recordsSince(mark, name)) out.push_back(r["data"].asString());
   return out;
 }
 

@@ -171,8 +171,9 @@ class E2eHarness {
   Json::Value waitForRequest(const std::string& service, const std::string& method, ms deadline = ms(10000)) {
     return waitForRequestSince(0, service, method, deadline);
   }
-  // The service's "ecall" signals as their exact JSON texts.
-  std::vector<std::string> ecallSignalTextsSince(size_t mark);
+  // The service's "ecall" signals (or those of another name, such as
+  // "ecallProgress") as their exact JSON texts.
+  std::vector<std::string> ecallSignalTextsSince(size_t mark, const std::string& name = "ecall");
   // The first "ecall" signal since mark that satisfies pred (parsed).
   Json::Value waitForEcallSignalSince(size_t mark, const Pred& pred, ms deadline = ms(10000));
   // Messages the service wrote on the restraint controller channel.
