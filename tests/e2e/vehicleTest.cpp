@@ -19,13 +19,6 @@ namespace {
 const std::string kNoPhoneVariant =
     "but since the VARIANT_ECELL indicates no embedded phone, do not act on the event";
 
-// The same signal text with a Bluetooth call reported active.
-std::string withBluetoothCall(std::string signal) {
-  const std::string idle = "\"BTCallActive\":false";
-  signal.replace(signal.find(idle), idle.size(), "\"BTCallActive\":true");
-  return signal;
-}
-
 Strings containing(const Strings& lines, const Strings& parts) {
   Strings out;
   for (const auto& line : lines)
@@ -175,11 +168,11 @@ TEST(Bluetooth, CallAtTheCrashIsReportedAndBluetoothIsOffForTheEmergency) {
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
 
-  std::string repeat = withBluetoothCall(kCrashB);
-  repeat.replace(repeat.find("\"911\""), 5, "\"\"");
-  repeat.replace(repeat.find("\"acn\""), 5, "\"ecall_button_repeat\"");
+  const std::string crash = "CAN - More severe rear event";
   // The phone's end of the call also ends what the service knew of Bluetooth.
-  EXPECT_EQ(s.signals(), (Strings{withBluetoothCall(kCrashB), repeat, endedSignal(true), endedSignal(false)}));
+  EXPECT_EQ(s.signals(), (Strings{ecallSignalText(true, "acn", true, "911", "CAN_IMPACT_B", crash, true),
+                                 ecallSignalText(true, "ecall_button_repeat", true, "", "CAN_IMPACT_B", crash, true),
+                                 endedSignal(true), endedSignal(false)}));
   ASSERT_TRUE(s.waitForRequestCount("BluetoothService", "setBluetoothStatus", 1));
   EXPECT_EQ(s.requests("BluetoothService"),
             (Strings{"switchBluetoothOff ", "setBluetoothStatus {\"enable\":true}\n"}));

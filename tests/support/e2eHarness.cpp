@@ -163,9 +163,9 @@ Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>
 }
 
 std::string ecallSignalText(bool ecall, const std::string& type, bool modeActive, const std::string& number,
-                            const std::string& event, const std::string& detail) {
+                            const std::string& event, const std::string& detail, bool btCall) {
   auto flag = [](bool b) { return b ? "true" : "false"; };
-  return std::string("{\"BTCallActive\":false,\"ecall\":") + flag(ecall) + ",\"ecallModeActive\":" +
+  return std::string("{\"BTCallActive\":") + flag(btCall) + ",\"ecall\":" + flag(ecall) + ",\"ecallModeActive\":" +
          flag(modeActive) + ",\"event\":\"" + event + "\",\"eventdetail\":\"" + detail +
          "\",\"phoneNumber\":\"" + number + "\",\"type\":\"" + type + "\"}\n";
 }

@@ -62,9 +62,10 @@ struct E2eOptions {
 };
 
 // The text of an "ecall" signal exactly as the service emits it (members in
-// name order, one line). event and detail are "NONE" for ecall false.
+// name order, one line). event and detail are "NONE" for ecall false;
+// btCall: a Bluetooth call is reported active.
 std::string ecallSignalText(bool ecall, const std::string& type, bool modeActive, const std::string& number = "",
-                            const std::string& event = "NONE", const std::string& detail = "NONE");
+                            const std::string& event = "NONE", const std::string& detail = "NONE", bool btCall = false);
 // "method params" of each request record, the parameter text verbatim.
 std::vector<std::string> requestTexts(const std::vector<Json::Value>& requests);
 // "readoutType: data" of each "ttsReadout" request among the records.
