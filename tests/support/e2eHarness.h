@@ -3,7 +3,7 @@
 //
 //   testSupport::E2eHarness car;                    // healthy car, service up
 //   car.sim("crash B can");                         // drive the car
-//   auto sig = car.waitForEcallSignal([](const Json::Value& s) { return s["ecall"].asBool(); });
+//   auto sig = car.waitForEcallSignalSince(0, [](const Json::Value& s) { return s["ecall"].asBool(); });
 //   EXPECT_EQ(sig["type"].asString(), "acn");
 //   EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
 //
