@@ -278,7 +278,10 @@ SVCIPC_tError SvcIpcConnection::withBus(Operation&& operation) {
     if (mBroken) return svcipc::errnoError(ENOTCONN);
     rc = operation(mBus);
   }
-  wake();  // new timeouts, unwritten messages or queued completions for the loop
+  // New timeouts, unwritten messages or queued completions for the loop. A
+  // callback on the dispatch thread needs no wake: the loop processes the
+  // bus and computes its wait anew after every callback.
+  if (mThreadId.load() != std::this_thread::get_id()) wake();
   return rc;
 }
 
