@@ -28,10 +28,14 @@ bool jsonParse(const char* text, Json::Value& value) {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
   value = Json::Value();
   if (text == nullptr) text = "";
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["stackLimit"] = JSON_NESTING_LIMIT;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  // A reader is made once per thread (making one costs as much as a parse)
+  // and never shared between threads.
+  thread_local const std::unique_ptr<Json::CharReader> reader = [] {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    builder["stackLimit"] = JSON_NESTING_LIMIT;
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+  }();
   const char* end = text;
   while (*end != '\0') ++end;
   Json::Value parsed;

@@ -295,7 +295,8 @@ void E2eHarness::startService() {
   int out = openOutput(mServiceOut);
   int err = openOutput(mServiceErr);
   std::vector<std::string> args = {ECALL_SERVICE_BIN, "--root", mRoot, "--bus", mBusAddress,
-                                   "--time-scale", fixed(mOptions.timeScale), "--trace", mTraceFile};
+                                   "--time-scale", fixed(mOptions.timeScale)};
+  if (mOptions.trace) args.insert(args.end(), {"--trace", mTraceFile});
   mServicePid = spawn(args, in, out, err);
   close(in);
   close(out);

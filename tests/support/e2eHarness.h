@@ -46,6 +46,9 @@ struct E2eOptions {
   double timeScale = 0.01;
   // Start ecallService in the constructor (false: the simulator alone).
   bool startService = true;
+  // Run ecallService with its trace on, into the file trace() reads (false:
+  // as the car runs it, for figures of its own cost).
+  bool trace = true;
   // Console commands given to the simulator before the service starts (the
   // car the service wakes up in), e.g. "set variant NO", "phone off".
   std::vector<std::string> simCommands;
