@@ -120,6 +120,7 @@ std::string Console::help() {
          "  wend N                          call end reason from the phone\n"
          "  phone on|off\n"
          "  peer SERVICE gone|back|refuse|hang|normal\n"
+         "  peer SERVICE hang METHOD        never answers that one method\n"
          "  signal SERVICE NAME [TEXT]      any signal, any data, from the service itself\n"
          "  set number NUMBER...|none\n"
          "  set variant YES|NO|none|TEXT\n"
@@ -231,7 +232,13 @@ std::string Console::psap(const std::vector<std::string>& w) {
 }
 
 std::string Console::peer(const std::vector<std::string>& w) {
-  if (w.size() != 3) return usage("peer SERVICE gone|back|refuse|hang|normal");
+  if (w.size() == 4 && w[2] == "hang") {
+    SimService* service = mCar.service(w[1]);
+    if (!service) return "error no simulated service " + w[1];
+    service->hangMethod(w[3]);
+    return "ok " + service->name() + " never answers " + w[3];
+  }
+  if (w.size() != 3) return usage("peer SERVICE gone|back|refuse|hang [METHOD]|normal");
   SimService* service = mCar.service(w[1]);
   if (!service) return "error no simulated service " + w[1];
   const std::string& what = w[2];
