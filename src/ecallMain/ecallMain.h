@@ -17,6 +17,10 @@ inline const char* const ecallServiceVersion = "1.2.1r";
 // milliseconds; one that takes a second is hung, and an emergency call must
 // not wait on it.
 constexpr int PEER_REPLY_BOUND_MS = 1000;
+// The bound as a time limit for a request (the bus library scales it). In a
+// car run fast for simulation, the scaled bound is kept at a quarter of a
+// real second at least: a healthy but busy peer must never count as hung.
+int peerReplyLimitMs();
 // The status word says the peer gave no reply in time (the time limit ran
 // out), as opposed to an error reply.
 inline bool isPeerTimeout(SVCIPC_tError rc) {

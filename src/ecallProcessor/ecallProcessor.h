@@ -213,6 +213,9 @@ class ecallProcessor {
   // The emergency in curECallType is requested but no number could be read
   // yet; it is tried again at the retry period, or when a number arrives.
   std::atomic<bool> waitingForNumber{false};
+  // Counts the numbers stored, so that a number that arrives while a read
+  // fails is not missed.
+  std::atomic<unsigned> numbersStored{0};
 
   // Texts of emdPhOn + 1.
   static const char* const sEmbPhoneStatusString[3];

@@ -27,7 +27,6 @@ constexpr int ECALL_NUMBER_MAX_FAILURES = 3;
 // not answer at all, must still not hold the state machine: the whole read
 // is bounded by one peer reply bound. The emergency is not given up on a
 // failed read: the state machine asks again at its retry period.
-constexpr int ECALL_NUMBER_READ_BOUND_MS = PEER_REPLY_BOUND_MS;
 
 constexpr int PARSE_ERROR = -1;
 constexpr int PARSE_NO_NUMBER = 0;
@@ -68,6 +67,7 @@ int ecallProcessor::parseEcallNumber(const char* reply) {
     errorSentForNoEcallNumberLoaded = false;
     ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
     // An emergency waiting for a number is placed now, not at its retry.
+    ++ecallHandler.numbersStored;
     if (ecallHandler.waitingForNumber) startEcallStateMachineTimer(1);
     return PARSE_NUMBER_STORED;
   }
@@ -81,13 +81,13 @@ bool ecallProcessor::readECallNumber() {
   const std::string params = ecallNumberQuery();
   // The pauses after errors are not part of the bound (they are counted).
   auto deadline = std::chrono::steady_clock::now() +
-                        std::chrono::milliseconds(platform::scaledMs(ECALL_NUMBER_READ_BOUND_MS));
+                        std::chrono::milliseconds(platform::scaledMs(peerReplyLimitMs()));
   int failures = 0;
   bool result = false;
   while (failures < ECALL_NUMBER_MAX_FAILURES) {
     SVCIPC_tResponse* response = nullptr;
     const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
-                                           "getEmergencyNumbers", params.c_str(), ECALL_NUMBER_READ_BOUND_MS, &response);
+                                           "getEmergencyNumbers", params.c_str(), peerReplyLimitMs(), &response);
     bool pause = false;
     if (SVCIPC_IS_ERROR(rc)) {
       scope.sendFormattedWarning("Failed to get ecall number, rc %d\n", rc);
@@ -97,9 +97,9 @@ bool ecallProcessor::readECallNumber() {
       if (isPeerTimeout(rc)) {
         // A phone that hung once would only hang again: the read fails now.
         scope.sendFormattedError("Get ecall number timed out after %d ms, keeping number \"%s\"\n",
-                                 ECALL_NUMBER_READ_BOUND_MS, getLocalEcallNumber().c_str());
+                                 peerReplyLimitMs(), getLocalEcallNumber().c_str());
         sendtoSlog(_SLOG_WARNING, "Get ecall number timed out after %d ms, keeping number \"%s\"\n",
-                   ECALL_NUMBER_READ_BOUND_MS, getLocalEcallNumber().c_str());
+                   peerReplyLimitMs(), getLocalEcallNumber().c_str());
         failures = ECALL_NUMBER_MAX_FAILURES;
         pause = false;
       }

@@ -235,7 +235,7 @@ void ecallProcessor::requestHMIDisplayPleaseWaitPopup() {
   scope.sendFormattedMessage("HMIGateWay displayGlobalPopup, params %s\n", text.c_str());
   SVCIPC_tResponse* response = nullptr;
   const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, HMI_GATEWAY_SERVICE, HMI_GATEWAY_PATH,
-                                         "displayGlobalPopupByMsgId", text.c_str(), PEER_REPLY_BOUND_MS, &response);
+                                         "displayGlobalPopupByMsgId", text.c_str(), peerReplyLimitMs(), &response);
   if (rc < 0) {
     const char* failure =
         "Failed to request HMI to display please wait popup for ecall button press but no emb phone comm.";

@@ -52,6 +52,7 @@ void ecallStateMachine::stepIdle() {
 bool ecallStateMachine::readNumberOrRaiseFailure() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   ecallHandler.waitingForNumber = false;
+  const unsigned storedBefore = ecallHandler.numbersStored;
   if (ecallHandler.readECallNumber()) {
     errorSentForNoEcallNumberLoaded = false;
     return true;
@@ -59,7 +60,8 @@ bool ecallStateMachine::readNumberOrRaiseFailure() {
   scope.sendFormattedError("PSAP ecall number not set in the embedded phone\n");
   sendtoSlog(_SLOG_WARNING, "PSAP ecall number not set in the embedded phone\n");
   ecallHandler.waitingForNumber = true;
-  startEcallStateMachineTimer(dialRetryMs);
+  // A number the phone reported while this read failed is taken at once.
+  startEcallStateMachineTimer(ecallHandler.numbersStored != storedBefore ? 1 : dialRetryMs);
   if (errorSentForNoEcallNumberLoaded.exchange(true)) return false;
   if (systemErrorSent) {
     const std::string& cause = ecallSystemFailure::sDescription[ecallSystemFailure::NO_ECALL_NUMBER];

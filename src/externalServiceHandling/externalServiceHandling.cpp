@@ -27,7 +27,7 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
                          std::string* result) {
   SVCIPC_tResponse* response = nullptr;
   SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, service.name, service.path, method, params.c_str(),
-                                   PEER_REPLY_BOUND_MS, &response);
+                                   peerReplyLimitMs(), &response);
   if (response != nullptr) {
     if (result != nullptr && response->result != nullptr) *result = response->result;
     SVCIPC_freeResponse(response);
@@ -45,9 +45,9 @@ SVCIPC_tError invokeAsync(const busService& service, const char* method, const s
 bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept) {
   if (!isPeerTimeout(rc)) return false;
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
-  scope.sendFormattedError("The %s query timed out after %d ms, keeping %s\n", query, PEER_REPLY_BOUND_MS,
+  scope.sendFormattedError("The %s query timed out after %d ms, keeping %s\n", query, peerReplyLimitMs(),
                            kept.c_str());
-  sendtoSlog(_SLOG_WARNING, "The %s query timed out after %d ms, keeping %s\n", query, PEER_REPLY_BOUND_MS,
+  sendtoSlog(_SLOG_WARNING, "The %s query timed out after %d ms, keeping %s\n", query, peerReplyLimitMs(),
              kept.c_str());
   return true;
 }

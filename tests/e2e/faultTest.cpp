@@ -140,49 +140,6 @@ TEST(Faults, PhoneServiceLeavesDuringACallAndComesBack) {
   expectStartEcallDials(car);
 }
 
-// A service that takes a synchronous request and never answers holds the
-// call for the bus time-out (25 s, scaled here), after which the call goes
-// on. The delay is measured against the same crash in a healthy car.
-TEST(Faults, PeerThatNeverAnswersDelaysTheDialByTheBusTimeOut) {
-  Scene s(carOptions(kScale));
-  E2eHarness& car = s.car;
-  // Seconds on the simulator's clock from the crash to the dial, and from
-  // the language query to the dial: the brand query that follows it is the
-  // one left unanswered when the vehicle configuration hangs, and a hung
-  // service may record it late, but the language query is recorded before
-  // its answer, so before the brand query is sent.
-  struct Timing {
-    double crashToDial = -1, queryToDial = -1;
-  };
-  auto crashToDial = [&]() {
-    Timing timing;
-    timing.crashToDial = s.crashToDial();
-    Json::Value dial = car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", ms(0));
-    Json::Value query = car.waitForRequestSince(s.mark, "VehicleStatus", "getProperties", ms(0));
-    if (!dial.isNull() && !query.isNull()) timing.queryToDial = at(dial) - at(query);
-    s.markNow();
-    EXPECT_EQ(car.call("exitEcall"), kOk);
-    EXPECT_TRUE(s.waitForIdle());
-    return timing;
-  };
-
-  const Timing healthy = crashToDial();
-  s.sim("peer VehicleConfig hang");
-  const Timing hung = crashToDial();
-  ASSERT_GT(healthy.crashToDial, 0);
-  ASSERT_GT(hung.crashToDial, 0);
-  EXPECT_TRUE(car.waitForTrace("Unable to get the vehicle Brand, rc", kLong));
-  const double timeOut = 25.0 * kScale;
-  EXPECT_GE(hung.queryToDial, 0.8 * timeOut) << "the dial did not wait for the brand query";
-  const double delay = hung.crashToDial - healthy.crashToDial;
-  printf("[ figures  ] crash to dial at time scale %g: healthy car %.0f ms, vehicle configuration never answering "
-         "%.0f ms (%.0f ms of it after the query just before the unanswered one); delay %.0f ms against a bus "
-         "time-out of %.0f ms, that is %.1f s of real time\n",
-         kScale, healthy.crashToDial * 1000, hung.crashToDial * 1000, hung.queryToDial * 1000, delay * 1000,
-         timeOut * 1000, delay / kScale);
-  RecordProperty("dial_delay_hung_peer_ms_scaled", static_cast<int>(delay * 1000));
-}
-
 // With a file size limit below what the log needs, entries past it are lost
 // without harm to the service (no signal ends it); once there is room, the
 // log goes on.
