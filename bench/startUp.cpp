@@ -83,16 +83,16 @@ int main(int argc, char** argv) {
   std::vector<double> service, floor;
   for (int i = 0; i < runs; ++i) {
     double t = timeToName(bus, "com.nordak.service.ecallService",
-                          {ECALL_SERVICE_BIN, "--root", car.root(), "--bus", car.busAddress()});
+                          {ECALL_SERVICE_BIN, "--root", car.path(""), "--bus", car.busAddress()});
     if (t >= 0) service.push_back(t);
     t = timeToName(bus, "com.nordak.service.benchFloor", {self, "--floor-service", car.busAddress()});
     if (t >= 0) floor.push_back(t);
   }
   // One more start with the trace on, to show where the time goes.
-  const std::string traceFile = car.root() + "/startup-trace.txt";
+  const std::string traceFile = car.path("") + "/startup-trace.txt";
   double startedAt = 0;
   const double traced = timeToName(bus, "com.nordak.service.ecallService",
-                                   {ECALL_SERVICE_BIN, "--root", car.root(), "--bus", car.busAddress(), "--trace",
+                                   {ECALL_SERVICE_BIN, "--root", car.path(""), "--bus", car.busAddress(), "--trace",
                                     traceFile},
                                    &startedAt);
   printf("\none start with --trace: name on the bus after %.3f ms; trace lines before it:\n", traced);

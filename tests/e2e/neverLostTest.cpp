@@ -31,6 +31,16 @@ bool isAnnouncementWithPosition(const Json::Value& r) {
   return isReadout(r, "ECALL: A crash has occurred in a Vetta vehicle: " + kCarPosition + kOperatorKeys);
 }
 
+// A command to the car, and the service's trace of what it saw of it.
+void simUntilTraced(Scene& s, const std::string& command, const std::string& seen) {
+  const size_t before = s.countInTrace(seen);
+  s.sim(command);
+  EXPECT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(seen) > before; }, kLong))
+      << command << ": the service did not trace " << seen;
+}
+const char* const kPhoneOff = "embedded phone status signal: change from ON to OFF";
+const char* const kNotAvailable = "embedded phone not available";
+
 std::vector<Json::Value> dials(Scene& s) { return s.car.requestsSince(s.mark, "EmbeddedPhone", "ecallDial"); }
 
 }  // namespace
@@ -42,8 +52,7 @@ std::vector<Json::Value> dials(Scene& s) { return s.car.requestsSince(s.mark, "E
 TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   Scene s(carOptions(kRetryScale, {"peer EmbeddedPhone gone"}));
   E2eHarness& car = s.car;
-  s.sim("crash B can");
-  ASSERT_TRUE(car.waitForTrace("embedded phone not available", kLong));
+  simUntilTraced(s, "crash B can", kNotAvailable);
   s.sim("peer EmbeddedPhone back");
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the crash was not placed on the phone's return";
   EXPECT_FALSE(s.waitForSignal(isImpactSignal).isNull());
@@ -51,11 +60,11 @@ TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
 
   // A press, then a crash while the phone is OFF: the crash is what is placed,
   // once, although two ON reports follow.
-  s.sim("phone off");
-  ASSERT_TRUE(car.waitForTrace("Get Embedded Phone Status: OFF, start Phone not present timer", kLong));
+  simUntilTraced(s, "phone off", kPhoneOff);
+  const size_t pressed = s.countInTrace(kNotAvailable);
   ASSERT_EQ(car.call("startEcall"), kOk);
-  s.sim("crash B can");
-  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace("embedded phone not available") >= 3; }, kLong));
+  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(kNotAvailable) > pressed; }, kLong));
+  simUntilTraced(s, "crash B can", kNotAvailable);
   s.sim("phone on");
   s.sim("phone on");
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
@@ -69,9 +78,8 @@ TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   cancelAndWaitForIdle(s);
 
   // Cancelled while waiting: the phone's return places nothing.
-  s.sim("phone off");
-  s.sim("crash B can");
-  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace("embedded phone not available") >= 4; }, kLong));
+  simUntilTraced(s, "phone off", kPhoneOff);
+  simUntilTraced(s, "crash B can", kNotAvailable);
   EXPECT_EQ(car.call("exitEcall"), kOk);
   s.sim("phone on");
   ASSERT_TRUE(car.waitForTrace("Ecall caching status not handled", kLong));
@@ -106,9 +114,7 @@ TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
 
   s.sim("set answer manual");
   const std::string waiting = "callstate alerting. wait to connect";
-  const size_t waited = s.countInTrace(waiting);
-  s.sim("crash B can");
-  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(waiting) > waited; }, kLong));
+  simUntilTraced(s, "crash B can", waiting);
   s.sim("set answer auto");
   s.sim("wend 3");
   s.sim("psap hangup");
