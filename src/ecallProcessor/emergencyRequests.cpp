@@ -160,9 +160,10 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
     // The phone cannot call now: the request is kept for when it reports ON.
     scope.sendFormattedWarning("emergency happened. type %d, embedded phone not available\n", newType);
     processEcallBtnPressWithSystemError();
-    curECallType = newType;
+    // Marked as waiting unless an emergency is in hand already: the state
+    // machine's own retries carry that one (and this request with it).
+    if (curECallType.exchange(newType) == ecallMain::NONE) waitingForPhone = true;
     curCallModeType = newMode;
-    waitingForPhone = true;
     scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
                                ecallMain::eCallModeTypeString[newMode].c_str());
     return;
