@@ -229,12 +229,15 @@ struct Scene {
   // the service: the button object reports changes only, so a press and a
   // release in quick succession could otherwise pass unseen.
   void button(const std::string& which, bool pressed) {
-    const std::string seen =
-        std::string(which == "ecall" ? "ecallBtn" : "UcallBtn") + " pps value " + (pressed ? "1" : "0");
+    simUntilTraced("button " + which + (pressed ? " press" : " release"),
+                   std::string(which == "ecall" ? "ecallBtn" : "UcallBtn") + " pps value " + (pressed ? "1" : "0"));
+  }
+  // A command to the car, and the service's trace of what it saw of it.
+  void simUntilTraced(const std::string& command, const std::string& seen) {
     const size_t before = countInTrace(seen);
-    sim("button " + which + (pressed ? " press" : " release"));
+    sim(command);
     EXPECT_TRUE(testSupport::waitUntil([&] { return countInTrace(seen) > before; }, kLong))
-        << "the service did not see " << seen;
+        << command << ": the service did not see " << seen;
   }
 
   Strings spoken() { return testSupport::spokenTexts(car.requestsSince(mark, "TextToSpeechService")); }

@@ -31,15 +31,9 @@ bool isAnnouncementWithPosition(const Json::Value& r) {
   return isReadout(r, "ECALL: A crash has occurred in a Vetta vehicle: " + kCarPosition + kOperatorKeys);
 }
 
-// A command to the car, and the service's trace of what it saw of it.
-void simUntilTraced(Scene& s, const std::string& command, const std::string& seen) {
-  const size_t before = s.countInTrace(seen);
-  s.sim(command);
-  EXPECT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(seen) > before; }, kLong))
-      << command << ": the service did not trace " << seen;
-}
 const char* const kPhoneOff = "embedded phone status signal: change from ON to OFF";
-const char* const kNotAvailable = "embedded phone not available";
+// The crash recorded while the phone cannot call.
+const char* const kCrashRecorded = "Emergency happened. type 3. mode";
 
 std::vector<Json::Value> dials(Scene& s) { return s.car.requestsSince(s.mark, "EmbeddedPhone", "ecallDial"); }
 
@@ -52,7 +46,7 @@ std::vector<Json::Value> dials(Scene& s) { return s.car.requestsSince(s.mark, "E
 TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   Scene s(carOptions(kRetryScale, {"peer EmbeddedPhone gone"}));
   E2eHarness& car = s.car;
-  simUntilTraced(s, "crash B can", kNotAvailable);
+  s.simUntilTraced("crash B can", kCrashRecorded);
   s.sim("peer EmbeddedPhone back");
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the crash was not placed on the phone's return";
   EXPECT_FALSE(s.waitForSignal(isImpactSignal).isNull());
@@ -60,11 +54,12 @@ TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
 
   // A press, then a crash while the phone is OFF: the crash is what is placed,
   // once, although two ON reports follow.
-  simUntilTraced(s, "phone off", kPhoneOff);
-  const size_t pressed = s.countInTrace(kNotAvailable);
+  s.simUntilTraced("phone off", kPhoneOff);
+  const std::string pressRecorded = "Emergency happened. type 1. mode";
+  const size_t pressed = s.countInTrace(pressRecorded);
   ASSERT_EQ(car.call("startEcall"), kOk);
-  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(kNotAvailable) > pressed; }, kLong));
-  simUntilTraced(s, "crash B can", kNotAvailable);
+  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(pressRecorded) > pressed; }, kLong));
+  s.simUntilTraced("crash B can", kCrashRecorded);
   s.sim("phone on");
   s.sim("phone on");
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
@@ -78,11 +73,10 @@ TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   cancelAndWaitForIdle(s);
 
   // Cancelled while waiting: the phone's return places nothing.
-  simUntilTraced(s, "phone off", kPhoneOff);
-  simUntilTraced(s, "crash B can", kNotAvailable);
+  s.simUntilTraced("phone off", kPhoneOff);
+  s.simUntilTraced("crash B can", kCrashRecorded);
   EXPECT_EQ(car.call("exitEcall"), kOk);
-  s.sim("phone on");
-  ASSERT_TRUE(car.waitForTrace("Ecall caching status not handled", kLong));
+  s.simUntilTraced("phone on", "Ecall caching status not handled");
   s.sim("wait 61000");
   EXPECT_TRUE(dials(s).empty()) << "a cancelled emergency was placed";
 }
@@ -114,7 +108,7 @@ TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
 
   s.sim("set answer manual");
   const std::string waiting = "callstate alerting. wait to connect";
-  simUntilTraced(s, "crash B can", waiting);
+  s.simUntilTraced("crash B can", waiting);
   s.sim("set answer auto");
   s.sim("wend 3");
   s.sim("psap hangup");
