@@ -114,6 +114,7 @@ std::string Console::help() {
          "  crash LETTER [can|serial]       airbag impact of kind A B C D F Tgl H I K L M O X\n"
          "  impact HEX...                   raw message on the restraint controller channel\n"
          "  loc CAN SERIAL MIRROR           link-loss message (1 = lost)\n"
+         "  micro close|open|restart        the micro's end of the channel closes, listens again\n"
          "  button ecall|assist press|release\n"
          "  psap answer|hangup|callback [NUMBER]\n"
          "  dtmf KEY                        a key pressed by the operator\n"
@@ -188,6 +189,10 @@ std::string Console::dispatch(const std::vector<std::string>& w, const std::stri
     }
     if (!mCar.micro.send(message, c)) return "error the service is not connected to the channel";
     return "ok sent" + hexText(message);
+  }
+  if (c == "micro") {
+    if (n != 2 || (w[1] != "close" && w[1] != "open" && w[1] != "restart")) return usage("micro close|open|restart");
+    return mCar.micro.restart(w[1] != "open", w[1] != "close");
   }
   if (c == "button") {
     if (n != 3 || (w[1] != "ecall" && w[1] != "assist") || (w[2] != "press" && w[2] != "release"))

@@ -28,8 +28,9 @@ using testSupport::ecallSignalText;
 // The usual pace of the car: 1/20 of real time, so that the 10 s delay
 // takes 0.5 s.
 inline constexpr double kScale = 0.05;
-// Deadline of every wait: far beyond the longest scaled duration.
-inline const ms kLong{20000};
+// Deadline of every wait: far beyond the longest scaled duration, and what
+// a loaded machine under the sanitizers needs.
+inline const ms kLong = testSupport::kWaitDeadline;
 inline const std::string kOk = "{\"result\":\"OK\"}\n";
 inline const std::string kAssistApp = "3305261F-B524-4E27-8048-C5778A672389";
 inline const std::string kCallActive = "Call Active.  Delay 6000 ms for PSAP TTS";
