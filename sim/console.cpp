@@ -114,12 +114,14 @@ std::string Console::help() {
          "  crash LETTER [can|serial]       airbag impact of kind A B C D F Tgl H I K L M O X\n"
          "  impact HEX...                   raw message on the restraint controller channel\n"
          "  loc CAN SERIAL MIRROR           link-loss message (1 = lost)\n"
+         "  micro close|open|restart        the micro's end of the channel closes, listens again\n"
          "  button ecall|assist press|release\n"
          "  psap answer|hangup|callback [NUMBER]\n"
          "  dtmf KEY                        a key pressed by the operator\n"
          "  wend N                          call end reason from the phone\n"
          "  phone on|off\n"
          "  peer SERVICE gone|back|refuse|hang|normal\n"
+         "  peer SERVICE hang METHOD        never answers that one method\n"
          "  signal SERVICE NAME [TEXT]      any signal, any data, from the service itself\n"
          "  set number NUMBER...|none\n"
          "  set variant YES|NO|none|TEXT\n"
@@ -188,6 +190,10 @@ std::string Console::dispatch(const std::vector<std::string>& w, const std::stri
     if (!mCar.micro.send(message, c)) return "error the service is not connected to the channel";
     return "ok sent" + hexText(message);
   }
+  if (c == "micro") {
+    if (n != 2 || (w[1] != "close" && w[1] != "open" && w[1] != "restart")) return usage("micro close|open|restart");
+    return mCar.micro.restart(w[1] != "open", w[1] != "close");
+  }
   if (c == "button") {
     if (n != 3 || (w[1] != "ecall" && w[1] != "assist") || (w[2] != "press" && w[2] != "release"))
       return usage("button ecall|assist press|release");
@@ -231,7 +237,13 @@ std::string Console::psap(const std::vector<std::string>& w) {
 }
 
 std::string Console::peer(const std::vector<std::string>& w) {
-  if (w.size() != 3) return usage("peer SERVICE gone|back|refuse|hang|normal");
+  if (w.size() == 4 && w[2] == "hang") {
+    SimService* service = mCar.service(w[1]);
+    if (!service) return "error no simulated service " + w[1];
+    service->hangMethod(w[3]);
+    return "ok " + service->name() + " never answers " + w[3];
+  }
+  if (w.size() != 3) return usage("peer SERVICE gone|back|refuse|hang [METHOD]|normal");
   SimService* service = mCar.service(w[1]);
   if (!service) return "error no simulated service " + w[1];
   const std::string& what = w[2];

@@ -147,6 +147,19 @@ bool SimService::emit(const std::string& signal, const std::string& data) {
   return !SVCIPC_IS_ERROR(rc);
 }
 
+void SimService::setMode(Mode mode) {
+  if (mode == Mode::Normal) {
+    std::lock_guard<std::mutex> lock(mOverrideMutex);
+    mHungMethods.clear();
+  }
+  mMode.store(mode);
+}
+
+void SimService::hangMethod(const std::string& method) {
+  std::lock_guard<std::mutex> lock(mOverrideMutex);
+  mHungMethods.insert(method);
+}
+
 void SimService::emitLater(int64_t delayMs, const std::string& signal, const std::string& data) {
   mContext.scheduler.after(delayMs, [this, signal, data] { emit(signal, data); });
 }
@@ -169,12 +182,16 @@ void SimService::handle(SVCIPC_tReqContext request, const std::string& method, c
     answer = error("refused by the simulator");
   } else if (mode == Mode::Normal) {
     std::string fixed;
+    bool hung = false;
     {
       std::lock_guard<std::mutex> lock(mOverrideMutex);
       auto it = mOverrides.find(method);
       if (it != mOverrides.end()) fixed = it->second;
+      hung = mHungMethods.count(method) != 0;
     }
-    if (!fixed.empty()) {
+    if (hung) {
+      // This one method is never answered.
+    } else if (!fixed.empty()) {
       // A fixed answer replaces the simulation of that method entirely.
       answer = Answer{Answer::Result, fixed};
     } else {

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "platform/serviceBus.h"
@@ -42,13 +43,17 @@ class SimService {
   void leave(bool announce = true);
   bool onBus() const { return mOnBus.load(); }
 
-  void setMode(Mode mode) { mMode.store(mode); }
+  // "normal" also ends the hang of single methods.
+  void setMode(Mode mode);
   Mode mode() const { return mMode.load(); }
   static const char* modeName(Mode mode);
 
   // A fixed answer text for one method instead of the simulated one (empty
   // text: back to the simulated answer).
   void overrideReply(const std::string& method, const std::string& text);
+
+  // Never answers this one method (the others as the mode says).
+  void hangMethod(const std::string& method);
 
   // Emits a signal from this service now; false when it is off the bus.
   bool emit(const std::string& signal, const std::string& data);
@@ -94,6 +99,7 @@ class SimService {
   SVCIPC_tSvcRegHnd mRegistration = nullptr;
   mutable std::mutex mOverrideMutex;
   std::map<std::string, std::string> mOverrides;
+  std::set<std::string> mHungMethods;  // guarded by mOverrideMutex
 };
 
 }  // namespace sim

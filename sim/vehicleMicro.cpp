@@ -117,6 +117,24 @@ void VehicleMicro::stop() {
   }
 }
 
+std::string VehicleMicro::restart(bool closeEnd, bool openEnd) {
+  Json::Value entry(Json::objectValue);
+  entry["kind"] = "vehicle";
+  if (closeEnd) {
+    stop();  // the reading threads close the service's connection
+    entry["event"] = "micro closed";
+    mRecorder.record(entry, "vehicle micro closed its end of the channel");
+  }
+  if (openEnd) {
+    std::string why;
+    if (mListen >= 0) return "error the micro listens already";
+    if (!start(mPath, why)) return "error " + why;
+    entry["event"] = "micro listening";
+    mRecorder.record(entry, "vehicle micro listens on the channel again");
+  }
+  return std::string("ok micro ") + (closeEnd && openEnd ? "restarted" : closeEnd ? "closed" : "listening");
+}
+
 void VehicleMicro::acceptLoop() {
   while (true) {
     struct pollfd fds[2] = {{mListen, POLLIN, 0}, {mStopEvent, POLLIN, 0}};

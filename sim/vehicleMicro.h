@@ -35,6 +35,9 @@ class VehicleMicro {
   // Creates the socket and starts accepting; false with the reason.
   bool start(const std::string& socketPath, std::string& why);
   void stop();
+  // The micro restarts: its end of the channel closes and stops listening
+  // ("close"), until it listens again ("open"); "restart" does both.
+  std::string restart(bool closeEnd, bool openEnd);
   // Sends one message to the service; false when nobody is connected.
   bool send(const std::vector<uint8_t>& bytes, const std::string& what);
   bool connected() const;

@@ -12,6 +12,23 @@
 // Version text of the service, written to the emergency log at start.
 inline const char* const ecallServiceVersion = "1.2.1r";
 
+// How long the service waits for a peer's reply before it goes on without it
+// (scaled by the time scale, as every wait). Head-unit services answer in
+// milliseconds; one that takes a second is hung, and an emergency call must
+// not wait on it.
+constexpr int PEER_REPLY_BOUND_MS = 1000;
+// The bound as a time limit for a request (the bus library scales it). In a
+// car run fast for simulation, the scaled bound is kept at a quarter of a
+// real second at least: a healthy but busy peer must never count as hung.
+int peerReplyLimitMs();
+// The status word says the peer gave no reply in time (the time limit ran
+// out), as opposed to an error reply.
+inline bool isPeerTimeout(SVCIPC_tError rc) {
+  return SVCIPC_IS_ERROR(rc) &&
+         ((SVCIPC_ERROR_DOMAIN(rc) == SVCIPC_DOMAIN_DBUS && SVCIPC_ERROR_CODE(rc) == SVCIPC_DBUS_ERR_NO_REPLY) ||
+          (SVCIPC_ERROR_DOMAIN(rc) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(rc) == SVCIPC_ERR_TIMEOUT));
+}
+
 // The process-wide bus connection and the service's registration (used for
 // every reply and every emitted signal).
 extern SVCIPC_tConnection svcIPCConn;

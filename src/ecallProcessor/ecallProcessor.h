@@ -51,6 +51,9 @@ enum ecallStateMachinePulse : int {
   ECALL_PULSE_PHONE_NOT_PRESENT = 8,
   ECALL_PULSE_ANTENNA_FAULT = 9,
   ECALL_PULSE_DELAY_SYS_ERR_NO_SIERRA_COMM = 10,
+  // The phone's reply to the dial request was an error (sent by the bus
+  // thread, judged by the state machine).
+  ECALL_PULSE_DIAL_FAILED = 11,
 };
 
 // Name of a state for traces (the table has no row for state 5, kept so).
@@ -112,6 +115,9 @@ class ecallProcessor {
   void exitEmergencyMode();
   void assistButtonPressed();
   void processCachedEcallStatus();
+  // The phone is seen ON again: an emergency recorded while it could not
+  // call is handed over once, whichever way the return was seen.
+  void servePhoneReturn();
   void emergencyHappened(ecallMain::eEmergencyType newType);
   void processEcallBtnPressWithSystemError();
   void requestHMIDisplayPleaseWaitPopup();
@@ -201,6 +207,15 @@ class ecallProcessor {
   std::atomic<bool> orcMonitoringStarted{false};
   std::atomic<uint32_t> systemError{0};
   std::atomic<bool> mWillDisconnBT{false};
+  // The emergency in curECallType was recorded while the phone could not
+  // call; it is handed to emergencyHappened when the phone is back.
+  std::atomic<bool> waitingForPhone{false};
+  // The emergency in curECallType is requested but no number could be read
+  // yet; it is tried again at the retry period, or when a number arrives.
+  std::atomic<bool> waitingForNumber{false};
+  // Counts the numbers stored, so that a number that arrives while a read
+  // fails is not missed.
+  std::atomic<unsigned> numbersStored{0};
 
   // Texts of emdPhOn + 1.
   static const char* const sEmbPhoneStatusString[3];

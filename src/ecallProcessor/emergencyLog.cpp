@@ -305,6 +305,9 @@ void ecallProcessor::addEntryToEmergencyLog(const char* text) {
   // concurrent writers never mix.
   const int length = snprintf(line, sizeof line, "%s%s%s", stamp.c_str(), odometer.c_str(), text);
   const size_t size = length < 0 ? 0 : std::min(static_cast<size_t>(length), sizeof line - 1);
+  // An entry cut to the buffer still ends its line, so that the next event
+  // never shares it. A caller's own text without a line end is kept as given.
+  if (length >= static_cast<int>(sizeof line)) line[size - 1] = '\n';
   const ssize_t written = write(fd, line, size);
   if (written != static_cast<ssize_t>(size)) {
     const int err = written < 0 ? errno : ENOSPC;
@@ -324,6 +327,7 @@ void ecallProcessor::addFormattedEntryToEmergencyLog(const char* format, ...) {
   const int n = vsnprintf(text, sizeof text, format, args);
   va_end(args);
   if (n < 0) text[0] = '\0';
+  if (n >= static_cast<int>(sizeof text)) text[sizeof text - 2] = '\n';
   addEntryToEmergencyLog(text);
 }
 

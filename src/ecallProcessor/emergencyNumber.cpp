@@ -4,6 +4,7 @@
 // number of the phone's list is kept; a reply without one never erases it.
 #include <json/json.h>
 
+#include <chrono>
 #include <cstring>
 #include <string>
 
@@ -11,6 +12,7 @@
 #include "ecallMain/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorTimers.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
 
@@ -21,10 +23,10 @@ constexpr int ECALL_NUMBER_MAX_COUNT = 10;
 constexpr int64_t ECALL_NUMBER_RETRY_PAUSE_NS = 500000000;
 constexpr int ECALL_NUMBER_MAX_FAILURES = 3;
 // A reply that is well formed but holds no number is asked again at once
-// and does not count as a failure. A phone that keeps answering so must
-// still not hold the emergency start for ever: after this many such replies
-// in a row, one failure is counted.
-constexpr int ECALL_NUMBER_EMPTY_REPLIES_PER_FAILURE = 50;
+// and does not count as a failure; a phone that keeps answering so, or does
+// not answer at all, must still not hold the state machine: the whole read
+// is bounded by one peer reply bound. The emergency is not given up on a
+// failed read: the state machine asks again at its retry period.
 
 constexpr int PARSE_ERROR = -1;
 constexpr int PARSE_NO_NUMBER = 0;
@@ -64,6 +66,9 @@ int ecallProcessor::parseEcallNumber(const char* reply) {
     // requests that were dropped while it was missing are taken again.
     errorSentForNoEcallNumberLoaded = false;
     ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
+    // An emergency waiting for a number is placed now, not at its retry.
+    ++ecallHandler.numbersStored;
+    if (ecallHandler.waitingForNumber) startEcallStateMachineTimer(1);
     return PARSE_NUMBER_STORED;
   }
   scope.sendFormattedWarning("ecall number does not exist!  Please set it.\n");
@@ -74,19 +79,30 @@ int ecallProcessor::parseEcallNumber(const char* reply) {
 bool ecallProcessor::readECallNumber() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const std::string params = ecallNumberQuery();
+  // The pauses after errors are not part of the bound (they are counted).
+  auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::milliseconds(platform::scaledMs(peerReplyLimitMs()));
   int failures = 0;
-  int emptyReplies = 0;
   bool result = false;
   while (failures < ECALL_NUMBER_MAX_FAILURES) {
     SVCIPC_tResponse* response = nullptr;
     const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
-                                           "getEmergencyNumbers", params.c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
+                                           "getEmergencyNumbers", params.c_str(), peerReplyLimitMs(), &response);
     bool pause = false;
     if (SVCIPC_IS_ERROR(rc)) {
       scope.sendFormattedWarning("Failed to get ecall number, rc %d\n", rc);
       sendtoSlog(_SLOG_ERROR, "Failed to get ecall number %d, resp is %s\n", rc,
                  response != nullptr ? "not NULL" : "NULL");
       pause = true;
+      if (isPeerTimeout(rc)) {
+        // A phone that hung once would only hang again: the read fails now.
+        scope.sendFormattedError("Get ecall number timed out after %d ms, keeping number \"%s\"\n",
+                                 peerReplyLimitMs(), getLocalEcallNumber().c_str());
+        sendtoSlog(_SLOG_WARNING, "Get ecall number timed out after %d ms, keeping number \"%s\"\n",
+                   peerReplyLimitMs(), getLocalEcallNumber().c_str());
+        failures = ECALL_NUMBER_MAX_FAILURES;
+        pause = false;
+      }
     } else {
       const char* text = response != nullptr ? response->result : nullptr;
       if (text != nullptr) scope.sendFormattedMessage("Get PSAP (emergency) number result %s\n", text);
@@ -95,18 +111,15 @@ bool ecallProcessor::readECallNumber() {
         pause = true;
       } else if (parsed == PARSE_NUMBER_STORED) {
         result = true;
-      } else {
-        result = false;
-        if (++emptyReplies >= ECALL_NUMBER_EMPTY_REPLIES_PER_FAILURE) {
-          emptyReplies = 0;
-          ++failures;
-        }
+      } else if (std::chrono::steady_clock::now() >= deadline) {
+        failures = ECALL_NUMBER_MAX_FAILURES;
       }
     }
     if (response != nullptr) SVCIPC_freeResponse(response);
     if (result) break;
     if (pause) {
       platform::sleepNs(ECALL_NUMBER_RETRY_PAUSE_NS);
+      deadline += std::chrono::nanoseconds(platform::scaledNs(ECALL_NUMBER_RETRY_PAUSE_NS));
       ++failures;
     }
   }

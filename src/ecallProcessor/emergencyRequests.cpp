@@ -46,6 +46,9 @@ void ecallProcessor::setEcallFailedToStart() {
 
 void ecallProcessor::clearECallEvent() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  // A cancel also drops an emergency that waits for the phone or a number.
+  waitingForPhone = false;
+  waitingForNumber = false;
   curECallType = ecallMain::NONE;
   curCallModeType = ecallMain::CALL_NONE;
   stopDelayEcallRequest();
@@ -80,23 +83,31 @@ void ecallProcessor::assistButtonPressed() {
   startAssistTimeoutTimer();
 }
 
-// A button press recorded while the phone was off is served once the phone
-// reports ON, if it is still waiting and no call is in progress.
-void ecallProcessor::processCachedEcallStatus() {
+// The signal's path to the phone's return: the same rule as every other.
+void ecallProcessor::processCachedEcallStatus() { servePhoneReturn(); }
+
+// An emergency recorded while the phone could not call (a crash, the button,
+// a request of the head unit) is handed over when the phone is back, once:
+// the marker is taken atomically, so two reports of the return serve it once.
+// A cancel meanwhile cleared the marker and the request.
+void ecallProcessor::servePhoneReturn() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const eEmergencyType type = curECallType;
   const eCallModeType mode = curCallModeType;
   const std::string callState = curCallState.get();
-  if (type == ecallMain::E_CALL_BtnStat && mode == ecallMain::CALL_ECALL_DELAY && callState == "CALL_STATE_IDLE") {
-    scope.sendFormattedMessage("Handle Ecall caching status. curECallType: %d, curCallModeType: %d, curCallState %s",
-                               type, mode, callState.c_str());
-    addFormattedEntryToEmergencyLog("Handle Ecall caching status. curECallType: %d, curCallModeType: %d, curCallState %s\n",
-                                    type, mode, callState.c_str());
-    emergencyHappened(ecallMain::E_CALL_BtnStat);
-  } else {
+  if (!waitingForPhone.exchange(false) || type == ecallMain::NONE) {
     scope.sendFormattedMessage("Ecall caching status not handled. curECallType: %d, curCallModeType: %d, curCallState %s",
                                type, mode, callState.c_str());
+    return;
   }
+  scope.sendFormattedMessage("Handle Ecall caching status. curECallType: %d, curCallModeType: %d, curCallState %s",
+                             type, mode, callState.c_str());
+  addFormattedEntryToEmergencyLog("Handle Ecall caching status. curECallType: %d, curCallModeType: %d, curCallState %s\n",
+                                  type, mode, callState.c_str());
+  // Handed over as if it happened now: the mode table decides afresh.
+  curECallType = ecallMain::NONE;
+  curCallModeType = ecallMain::CALL_NONE;
+  emergencyHappened(type);
 }
 
 void ecallProcessor::emergencyHappened(eEmergencyType newType) {
@@ -149,7 +160,9 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
     // The phone cannot call now: the request is kept for when it reports ON.
     scope.sendFormattedWarning("emergency happened. type %d, embedded phone not available\n", newType);
     processEcallBtnPressWithSystemError();
-    curECallType = newType;
+    // Marked as waiting unless an emergency is in hand already: the state
+    // machine's own retries carry that one (and this request with it).
+    if (curECallType.exchange(newType) == ecallMain::NONE) waitingForPhone = true;
     curCallModeType = newMode;
     scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
                                ecallMain::eCallModeTypeString[newMode].c_str());
@@ -160,7 +173,7 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
     // A crash during a button call turns it into a crash notification.
     scope.sendFormattedMessage("stop delay ecall request.");
     stopDelayEcallRequest();
-  } else if (curECallType != ecallMain::NONE) {
+  } else if (curECallType != ecallMain::NONE && !waitingForNumber) {
     scope.sendFormattedMessage("ecall already requested. Current type %d", curECallType.load());
     if (curCallModeType != ecallMain::CALL_ECALL_DELAY && newType == ecallMain::E_CALL_BtnStat) {
       scope.sendFormattedMessage("ecall ongoing, blink LED");
@@ -223,7 +236,7 @@ void ecallProcessor::requestHMIDisplayPleaseWaitPopup() {
   scope.sendFormattedMessage("HMIGateWay displayGlobalPopup, params %s\n", text.c_str());
   SVCIPC_tResponse* response = nullptr;
   const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, HMI_GATEWAY_SERVICE, HMI_GATEWAY_PATH,
-                                         "displayGlobalPopupByMsgId", text.c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
+                                         "displayGlobalPopupByMsgId", text.c_str(), peerReplyLimitMs(), &response);
   if (rc < 0) {
     const char* failure =
         "Failed to request HMI to display please wait popup for ecall button press but no emb phone comm.";

@@ -304,12 +304,9 @@ void ecallProcessor::getEmdPhStatus() {
     }
     phoneSeenOn(scope);
     readECallNumber();
-    // An emergency raised while the phone was off was only recorded; serve
-    // it now. Taking the type out first makes sure it is served once.
-    if (oldStatus == PHONE_OFF) {
-      const ecallMain::eEmergencyType waiting = curECallType.exchange(ecallMain::NONE);
-      if (waiting != ecallMain::NONE) emergencyHappened(waiting);
-    }
+    // An emergency raised while the phone could not call was only recorded;
+    // serve it now (from OFF or from nothing known yet).
+    servePhoneReturn();
     checkAntennaStatus();
   } else {
     if (oldStatus != PHONE_OFF) {
@@ -323,9 +320,8 @@ void ecallProcessor::getEmdPhStatus() {
 
 // The phone's own status report. It runs on the bus thread, so every request
 // it makes is asynchronous. ON: the phone is present again; its numbers and
-// antenna may have changed, and a button press cached while it was not ON is
-// served (only on the change: during the normal delay of a button press the
-// same cached-looking request is already in hand). OFF: the module's ports
+// antenna may have changed, and an emergency recorded while it was not ON is
+// served (its marker says so; a request in hand is never taken for one). OFF: the module's ports
 // are recorded on the change, and the phone must come back in time.
 void ecallProcessor::processEmdPhStatusSignal(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
@@ -343,7 +339,7 @@ void ecallProcessor::processEmdPhStatusSignal(const char* data) {
   if (on) {
     phoneSeenOn(scope);
     asyncReadECallNumber();
-    if (oldStatus != PHONE_ON) processCachedEcallStatus();
+    processCachedEcallStatus();
     asyncCheckAntennaStatus();
   } else {
     if (oldStatus != PHONE_OFF) asyncRequestSWIUSBPorts();

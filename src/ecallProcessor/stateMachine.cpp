@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstring>
 
 #include "ecallMain/ecallMain.h"
 #include "ecallMain/processObjects.h"
@@ -187,6 +188,10 @@ void ecallStateMachine::handlePulse(int code) {
     case ECALL_PULSE_DELAY_SYS_ERR_NO_SIERRA_COMM:
       ecallHandler.onDelaySysErrTimeout();
       break;
+    case ECALL_PULSE_DIAL_FAILED:
+      scope.sendFormattedMessage("Received dial failed pulse\n");
+      act = true;
+      break;
     default:
       break;
   }
@@ -302,6 +307,9 @@ void ecallProcessor::onAsyncResult(const SVCIPC_tCallbackStatus* status, const c
   if (SVCIPC_IS_ERROR(err)) {
     if (SVCIPC_ERROR_DOMAIN(err) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(err) == SVCIPC_ERR_CANCELLED) return;
     sendtoSlog(_SLOG_WARNING, "Async call %s failed: 0x%0X\n", name, static_cast<unsigned>(err));
+    // A dial the phone took and then failed (or never answered) is a failed
+    // dial; the state machine judges it against the call's state.
+    if (std::strcmp(name, "dial") == 0) sendStateMachinePulse(ECALL_PULSE_DIAL_FAILED);
     return;
   }
   scope.sendFormattedMessage("onAsyncResult[%s]: %s\n", name, result ? result : "");

@@ -48,6 +48,7 @@ class ecallStateMachine {
   void stepCallDelay();
   void stepMakeCall();
   void dial();
+  void retryDialLater();
   void stepWaitToConnect();
   void stepWaitForPsapTts();
   void stepCallActive();

@@ -33,22 +33,35 @@ void ecallStateMachine::stepIdle() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   if (startCall || delayStart) {
     startEmergency();
+  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE && type != ecallMain::NONE &&
+             ecallHandler.waitingForNumber.exchange(false)) {
+    // The retry period of an emergency without number ran out, or a number
+    // came: the request starts again as it first started.
+    startCall = mode != ecallMain::CALL_ECALL_DELAY;
+    delayStart = !startCall;
+    startEmergency();
   } else if (type == ecallMain::Emergency_Callback) {
     startCallback();
   }
 }
 
-// Without an emergency number there is nothing to dial: the request is
-// dropped and, once per loss of the number, the failure is raised.
+// Without an emergency number there is nothing to dial, but the emergency is
+// not given up: it stays requested and is tried again at the retry period,
+// or as soon as the phone reports a number. Once per loss of the number the
+// failure is raised.
 bool ecallStateMachine::readNumberOrRaiseFailure() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
+  ecallHandler.waitingForNumber = false;
+  const unsigned storedBefore = ecallHandler.numbersStored;
   if (ecallHandler.readECallNumber()) {
     errorSentForNoEcallNumberLoaded = false;
     return true;
   }
   scope.sendFormattedError("PSAP ecall number not set in the embedded phone\n");
   sendtoSlog(_SLOG_WARNING, "PSAP ecall number not set in the embedded phone\n");
-  ecallHandler.setEcallFailedToStart();
+  ecallHandler.waitingForNumber = true;
+  // A number the phone reported while this read failed is taken at once.
+  startEcallStateMachineTimer(ecallHandler.numbersStored != storedBefore ? 1 : dialRetryMs);
   if (errorSentForNoEcallNumberLoaded.exchange(true)) return false;
   if (systemErrorSent) {
     const std::string& cause = ecallSystemFailure::sDescription[ecallSystemFailure::NO_ECALL_NUMBER];
@@ -130,8 +143,17 @@ void ecallStateMachine::stepCallDelay() {
 
 void ecallStateMachine::stepMakeCall() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
-  const bool redialPulse = pulseCode == ECALL_PULSE_PSAP_CALL_ENDED || pulseCode == ECALL_PULSE_RUN_STATE_MACHINE;
-  if (callStateIs("CALL_STATE_IDLE") && (redialPulse || dialAllowed)) {
+  // Every failed attempt arms the retry period, whose run pulse dials again.
+  // A call-ended pulse does not dial: the end reason and the TERMINATED state
+  // of one call both send one, and the first already armed the retry.
+  const bool redialPulse = pulseCode == ECALL_PULSE_RUN_STATE_MACHINE;
+  if (pulseCode == ECALL_PULSE_DIAL_FAILED) {
+    if (!callStateIs("CALL_STATE_IDLE")) return;
+    stopEcallTimeoutTimer();
+    scope.sendFormattedError("Dial request failed in the embedded phone, trying again in %dms\n",
+                             static_cast<int>(dialRetryMs));
+    retryDialLater();
+  } else if (callStateIs("CALL_STATE_IDLE") && (redialPulse || dialAllowed)) {
     dial();
   } else if (callStateIs("CALL_STATE_DIALING") || callStateIs("CALL_STATE_ALERTING") ||
              callStateIs("CALL_STATE_ACTIVE")) {
@@ -139,13 +161,14 @@ void ecallStateMachine::stepMakeCall() {
     startEcallTimeoutTimer();
     state = ECALL_SM_WAIT_TO_CONNECT;
   } else if (pulseCode == ECALL_PULSE_CONNECT_TIMEOUT) {
-    // The dial was accepted but the phone never left idle. The next run or
-    // call-ended pulse dials again.
+    // The dial was accepted but the phone never left idle: a failed attempt,
+    // dialled again after the retry period.
     stopEcallTimeoutTimer();
     scope.sendFormattedError(
         "PSAP ecall timeout when attempting to make the call (no transition out of IDLE), sending failed so retry strategy can kick in\n");
     ecallHandler.addEntryToEmergencyLog("Error: Call state did not transition after successful dial request\n");
     emitEcall(true, type, ecallMain::CALL_FAILED);
+    startEcallStateMachineTimer(dialRetryMs);
   }
 }
 
@@ -167,6 +190,13 @@ void ecallStateMachine::dial() {
   // Refused: tell the user it failed and try again after the retry period.
   scope.sendFormattedError("Failed dial emergency number, rc %d\n", rc);
   sendtoSlog(_SLOG_WARNING, "Failed to dial emergency number, rc 0x%0X\n", static_cast<unsigned>(rc));
+  retryDialLater();
+}
+
+// A dial that failed, refused at once or in the phone's late reply: the
+// user is told, and the run pulse of the retry period dials again.
+void ecallStateMachine::retryDialLater() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
   scope.sendFormattedMessage("emit ecall true signal case 3, type failed. in statemachine. async dial failed, will try again");
   emitEcall(true, type, ecallMain::CALL_FAILED);
   ecallHandler.addEntryToEmergencyLog("Error dial PSAP number failed\n");

@@ -5,6 +5,7 @@
 #include "ecallMain/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/serviceRequests.h"
+#include "platform/slog.h"
 
 CQVTraceScopeDef externalServiceHandlingTraceScope("ecallService_externalServiceHandling", "all");
 
@@ -26,7 +27,7 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
                          std::string* result) {
   SVCIPC_tResponse* response = nullptr;
   SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, service.name, service.path, method, params.c_str(),
-                                   SVCIPC_TIMEOUT_DEFAULT, &response);
+                                   peerReplyLimitMs(), &response);
   if (response != nullptr) {
     if (result != nullptr && response->result != nullptr) *result = response->result;
     SVCIPC_freeResponse(response);
@@ -39,6 +40,16 @@ SVCIPC_tError invokeAsync(const busService& service, const char* method, const s
   return SVCIPC_asyncInvoke(svcIPCConn, service.name, service.path, method, params.c_str(), 0 /*reply expected*/,
                             SVCIPC_TIMEOUT_DEFAULT, ecallProcessor::onAsyncResult,
                             const_cast<char*>(context));
+}
+
+bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept) {
+  if (!isPeerTimeout(rc)) return false;
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  scope.sendFormattedError("The %s query timed out after %d ms, keeping %s\n", query, peerReplyLimitMs(),
+                           kept.c_str());
+  sendtoSlog(_SLOG_WARNING, "The %s query timed out after %d ms, keeping %s\n", query, peerReplyLimitMs(),
+             kept.c_str());
+  return true;
 }
 
 std::string propertyQuery(const char* name) {

@@ -94,6 +94,9 @@ class externalServiceHandling {
   // ---- Vehicle configuration (vehicleConfig.cpp) ----
   bool getEmebeddedPhoneEnabledInVariant();
   void getVehicleBrand();
+  // The brand and language the prompts use now (valid indexes).
+  int currentBrand() const;
+  int currentLanguage() const;
   void getCurrentLanguage();
   void logSystemSWInfo();
 
@@ -112,4 +115,6 @@ class externalServiceHandling {
   pthread_t mCmdThread{};
   std::atomic<bool> mEmbeddedPhoneEnabled{true};
   std::atomic<bool> mVariantInfoKnown{false};
+  // The last position the navigation service gave, spoken when it hangs.
+  sharedText mLastPosition;
 };

@@ -34,7 +34,8 @@ inline constexpr busService vehicleConfigService{"com.nordak.service.VehicleConf
 inline constexpr busService vehicleStatusService{"com.nordak.service.VehicleStatus",
                                                  "/com/nordak/service/VehicleStatus"};
 
-// A synchronous request with the default reply time-out. The answer's text
+// A synchronous request bounded by the peer reply bound: a hung peer costs
+// the caller one second (scaled), never the bus's 25 s. The answer's text
 // goes to *result when the caller wants it; the response is released here.
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
                          std::string* result = nullptr);
@@ -43,6 +44,10 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
 // handler, named by context (a text that lives for the process).
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context);
+
+// When rc says the peer did not answer in time: says so in the trace and the
+// system log, with the value the service goes on with, and returns true.
+bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept);
 
 // {"props":[name]}: the one-property query of the configuration services.
 std::string propertyQuery(const char* name);

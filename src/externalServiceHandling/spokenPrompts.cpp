@@ -187,6 +187,10 @@ std::string externalServiceHandling::getGPSResponseString() {
   if (rc < 0) {
     scope.sendFormattedError("Unable to get gps information, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "Unable to gps information, rc 0x%0X\n", rc);
+    // A hung navigation service: the last position it gave is better than
+    // none (the car moves little in a second of an emergency).
+    const std::string last = mLastPosition.get();
+    if (extServ::reportTimedOut(rc, "position", last.empty() ? result : last) && !last.empty()) return last;
     return result;
   }
 
@@ -201,6 +205,7 @@ std::string externalServiceHandling::getGPSResponseString() {
     const int32_t lon = longitude.asInt();
     scope.sendFormattedMessage("GPS info from NDR service - lat: %d - lon: %d\n", lat, lon);
     result = "Latitude... " + formatCoordinate(lat) + ". " + "Longitude... " + formatCoordinate(lon) + ". ";
+    mLastPosition.set(result);
   }
   scope.sendFormattedMessage("GPS response %s\n", result.c_str());
   return result;

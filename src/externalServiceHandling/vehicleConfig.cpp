@@ -45,6 +45,8 @@ bool externalServiceHandling::getEmebeddedPhoneEnabledInVariant() {
     if (rc < 0) {
       scope.sendFormattedError("Unable to get the CMC variant info, rc %d, attempts left %d\n", rc, attemptsLeft);
       sendtoSlog(_SLOG_WARNING, "Unable to get the vehicle Brand, rc 0x%0X, attempt left %d\n", rc, attemptsLeft);
+      // A hung platform service already took the pause of this attempt.
+      if (extServ::reportTimedOut(rc, "variant", "the embedded phone enabled")) continue;
     } else {
       scope.sendFormattedMessage("Received variant info: %s\n", reply.c_str());
       Json::Value root;
@@ -76,6 +78,16 @@ bool externalServiceHandling::getEmebeddedPhoneEnabledInVariant() {
   return mEmbeddedPhoneEnabled;
 }
 
+int externalServiceHandling::currentBrand() const {
+  const int current = mVehicleBrandIndex;
+  return current < 0 || current >= VEHICLE_BRAND_COUNT ? VEHICLE_BRAND_NONE : current;
+}
+
+int externalServiceHandling::currentLanguage() const {
+  const int current = mTtsLanguage;
+  return current < 0 || current >= TTS_LANGUAGE_COUNT ? 0 : current;
+}
+
 void externalServiceHandling::getVehicleBrand() {
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
   std::string reply;
@@ -84,6 +96,7 @@ void externalServiceHandling::getVehicleBrand() {
   if (rc < 0) {
     scope.sendFormattedError("Unable to get the vehicle Brand, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "Unable to get the vehicle Brand, rc 0x%0X\n", rc);
+    extServ::reportTimedOut(rc, "vehicle brand", std::string("brand ") + strVehicleBrands[currentBrand()]);
     return;
   }
   Json::Value root;
@@ -98,8 +111,7 @@ void externalServiceHandling::getVehicleBrand() {
     ecallHandler.addFormattedEntryToEmergencyLog("Vehicle brand %s\n", strVehicleBrands[number]);
     return;
   }
-  int current = mVehicleBrandIndex;
-  if (current < 0 || current >= VEHICLE_BRAND_COUNT) current = VEHICLE_BRAND_NONE;
+  const int current = currentBrand();
   scope.sendFormattedMessage("Vehicle brand received invalid, using current brand %s\n", strVehicleBrands[current]);
   ecallHandler.addFormattedEntryToEmergencyLog("Vehicle brand received invalid, using current brand %s\n",
                                                strVehicleBrands[current]);
@@ -113,6 +125,7 @@ void externalServiceHandling::getCurrentLanguage() {
   if (rc < 0) {
     scope.sendFormattedError("Unable to get the language, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "Unable to get the language, rc 0x%0X\n", rc);
+    extServ::reportTimedOut(rc, "language", std::string("language ") + strTtsLanguage[currentLanguage()]);
     return;
   }
   Json::Value root;
@@ -140,8 +153,7 @@ void externalServiceHandling::getCurrentLanguage() {
     scope.sendFormattedMessage("%s", entry);
     return;
   }
-  int current = mTtsLanguage;
-  if (current < 0 || current >= TTS_LANGUAGE_COUNT) current = 0;
+  const int current = currentLanguage();
   ecallHandler.addFormattedEntryToEmergencyLog("Speaker TTS language %s\n", strTtsLanguage[current]);
   scope.sendFormattedMessage("Speaker TTS language %s\n", strTtsLanguage[current]);
 }
@@ -153,6 +165,7 @@ void externalServiceHandling::logSystemSWInfo() {
   if (rc < 0) {
     scope.sendFormattedError("Unable to get system software version, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "Unable to get system software version, rc 0x%0X\n", rc);
+    extServ::reportTimedOut(rc, "software version", "the version logged before");
     return;
   }
   scope.sendFormattedMessage("Received system software versions: %s\n", reply.c_str());

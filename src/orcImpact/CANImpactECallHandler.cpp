@@ -18,14 +18,6 @@
 
 CQVTraceScopeDef orcImpactTraceScope("ecallService_orcImpact", "all");
 
-namespace {
-
-// The target's open flag for the vehicle micro's IPC device; the platform
-// layer drops it where it has no meaning.
-constexpr int ORC_IPC_OPEN_FLAG = 0x2000;
-
-}  // namespace
-
 CANImpactECallHandler::CANImpactECallHandler() {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   int fd = -1;
@@ -40,9 +32,7 @@ CANImpactECallHandler::~CANImpactECallHandler() {
     closePPSObj(ppsFd);
     mPpsFd = ppsFd;
   }
-  // A negative descriptor was never opened; 0 is never ours.
-  int orcFd = mOrcFd.exchange(-1);
-  if (orcFd > 0) close(orcFd);
+  mOrcChannel.close();
 }
 
 int CANImpactECallHandler::openPPSObj(std::string path, int& fd) {
@@ -81,9 +71,7 @@ int CANImpactECallHandler::closePPSObj(int& fd) {
 
 bool CANImpactECallHandler::openOrcIpcChannel() {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
-  int fd = platform::ipcOpen(orcIpcChannelPath.c_str(), O_RDWR | ORC_IPC_OPEN_FLAG);
-  mOrcFd = fd;
-  if (fd < 0) {
+  if (!mOrcChannel.open()) {
     scope.sendFormattedError("cannot open ORC IPC channel %s", orcIpcChannelPath.c_str());
     sendtoSlog(_SLOG_WARNING, "cannot open ORC IPC channel %s", orcIpcChannelPath.c_str());
     return false;
@@ -93,32 +81,27 @@ bool CANImpactECallHandler::openOrcIpcChannel() {
 
 void CANImpactECallHandler::monitorCANForEmergency() {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
-  bool allStarted = true;
-
   pthread_t buttonThread{};
   bool buttonThreadRunning = pthread_create(&buttonThread, nullptr, ecallReadThrdFunc, this) == 0;
   if (!buttonThreadRunning) {
     scope.sendFormattedError("Failed to create ecall reading thread");
     sendtoSlog(_SLOG_WARNING, "Failed to create ecall reading thread");
-    allStarted = false;
   }
-
-  pthread_t channelThread{};
-  bool channelThreadRunning = false;
-  if (!openOrcIpcChannel()) {
-    allStarted = false;
-  } else {
-    channelThreadRunning = pthread_create(&channelThread, nullptr, canImpactThrdFunc, &mOrcFd) == 0;
-    if (!channelThreadRunning) {
-      scope.sendFormattedError("Failed to create canImpact reading thread");
-      sendtoSlog(_SLOG_WARNING, "Failed to create canImpact reading thread");
-      allStarted = false;
-    }
-  }
+  mButtonThreadRunning = buttonThreadRunning;
 
   // The Assist status may only be sent to the controller once its channel
-  // is read and written by a running input side.
-  ecallHandler.orcMonitoringStarted = allStarted;
+  // is read and written by a running input side. A micro that is not up yet
+  // is waited for: the reader thread opens the channel every second until
+  // it can, as after a loss, since an impact must never go unheard for the
+  // rest of the drive; the Assist side starts then (orcChannelReturned).
+  ecallHandler.orcMonitoringStarted = openOrcIpcChannel() && buttonThreadRunning;
+  pthread_t channelThread{};
+  bool channelThreadRunning = pthread_create(&channelThread, nullptr, canImpactThrdFunc, &mOrcChannel) == 0;
+  if (!channelThreadRunning) {
+    ecallHandler.orcMonitoringStarted = false;
+    scope.sendFormattedError("Failed to create canImpact reading thread");
+    sendtoSlog(_SLOG_WARNING, "Failed to create canImpact reading thread");
+  }
 
   if (buttonThreadRunning) pthread_join(buttonThread, nullptr);
   if (channelThreadRunning) pthread_join(channelThread, nullptr);

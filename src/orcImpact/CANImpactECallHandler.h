@@ -3,13 +3,16 @@
 // micro, the blink timer and the reset of the cellular module.
 #pragma once
 
+#include <fcntl.h>
 #include <pthread.h>
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "ecallMain/ecallTypes.h"
+#include "platform/ipcChannel.h"
 #include "platform/trace.h"
 
 extern CQVTraceScopeDef orcImpactTraceScope;  // "ecallService_orcImpact"
@@ -47,9 +50,16 @@ extern const uint8_t orcCanTriggers[];
 
 // Maximum number of module resets until the module is seen working again.
 constexpr uint32_t V850_RESET_LIMIT = 3;
+// The pause between two reads that failed, and between two attempts to open
+// the channel while the vehicle micro is away.
+constexpr int64_t ORC_RETRY_MS = 1000;
+// The target's open flag for the vehicle micro's IPC device; the platform
+// layer drops it where it has no meaning.
+constexpr int ORC_IPC_OPEN_FLAG = 0x2000;
 
 extern pthread_t blinkTimerThreadHnd;
 
+// arg points to the handler's channel (platform::IpcChannel).
 void* canImpactThrdFunc(void* arg);
 void* ecallReadThrdFunc(void* arg);
 void* BlinkTimerThreadFunc(void* arg);
@@ -70,6 +80,11 @@ class CANImpactECallHandler {
   // Opens the restraint controller channel into the handler's descriptor
   // (a step of monitorCANForEmergency); false, logged, when it cannot.
   bool openOrcIpcChannel();
+  // The channel is open again after a loss, or open at last after a failed
+  // first attempt: the Assist side may use it, and the vehicle micro, which
+  // has lost what it was told, gets the LED and Assist states once more.
+  void orcChannelReturned();
+  platform::IpcChannel& orcChannel() { return mOrcChannel; }
 
   // One message read from the restraint controller channel (n bytes).
   void processOrcMessage(const uint8_t* msg, int n);
@@ -91,11 +106,19 @@ class CANImpactECallHandler {
   void resetV850ResetPhCounter();
 
   int getPpsFd() const { return mPpsFd.load(); }
-  int getOrcFd() const { return mOrcFd.load(); }
 
  private:
+  // The last LED status (where the variant has the LED) and the Assist
+  // status, sent again without a log entry: they are not new states.
+  void resendControllerState();
+
   std::atomic<int> mPpsFd{-1};
-  std::atomic<int> mOrcFd{-1};
+  platform::IpcChannel mOrcChannel{orcIpcChannelPath.c_str(), O_RDWR | ORC_IPC_OPEN_FLAG};
+  // The button thread runs (the Assist side needs both inputs).
+  std::atomic<bool> mButtonThreadRunning{false};
+  // Keeps the last LED status and its message in step: a status set while
+  // the micro gets the last one again after its return is never overtaken.
+  std::mutex mLedMutex;
   std::atomic<eLedStatus> mLastLedSetStatus{LED_OFF};
   std::atomic<uint32_t> mV850ResetCounter{0};
 };

@@ -1,8 +1,5 @@
 // The restraint controller channel: impact messages become emergencies,
 // link-loss (LOC) messages become system failure sources.
-#include <unistd.h>
-
-#include <atomic>
 #include <cstdio>
 
 #include "ecallMain/ecallMain.h"
@@ -139,22 +136,48 @@ void CANImpactECallHandler::processOrcMessage(const uint8_t* msg, int n) {
   // Anything else (another kind, or too short for its kind) is dropped.
 }
 
-// arg points to the handler's channel descriptor (std::atomic<int>), opened
-// before the thread starts and never changed afterwards.
+namespace {
+
+// The first failed read of a connection reports the loss; the reads are not
+// retried on it: it is opened anew (the micro restarted) every second.
+void reportOrcChannelLost() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  scope.sendFormattedError("Error reading ORC IPC channel %s.  Attempt to read again after 1000ms.",
+                           orcIpcChannelPath.c_str());
+  sendtoSlog(_SLOG_WARNING, "Error reading ORC IPC channel %s.  Attempt to read again after 1000ms.",
+             orcIpcChannelPath.c_str());
+  ecallHandler.addFormattedEntryToEmergencyLog("ORC IPC channel %s lost. Opening it again every 1000ms\n",
+                                               orcIpcChannelPath.c_str());
+}
+
+}  // namespace
+
+void CANImpactECallHandler::orcChannelReturned() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  scope.sendFormattedMessage("ORC IPC channel %s is open again", orcIpcChannelPath.c_str());
+  sendtoSlog(_SLOG_INFO, "ORC IPC channel %s is open again", orcIpcChannelPath.c_str());
+  ecallHandler.addFormattedEntryToEmergencyLog("ORC IPC channel %s is open again\n", orcIpcChannelPath.c_str());
+  ecallHandler.orcMonitoringStarted = mButtonThreadRunning.load();
+  resendControllerState();
+}
+
+// arg points to the handler's channel. Read failures and an end closed by
+// the vehicle micro are the same to the reader: the channel is opened again
+// with the read retry period, for as long as it takes, and the impacts that
+// follow are handled as before.
 void* canImpactThrdFunc(void* arg) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
-  auto* orcFd = static_cast<std::atomic<int>*>(arg);
+  auto* channel = static_cast<platform::IpcChannel*>(arg);
   uint8_t msg[ORC_READ_SIZE];
   for (;;) {
-    ssize_t n = read(orcFd->load(), msg, sizeof msg);
-    // An empty read means the vehicle micro side has gone; it is retried
-    // like an error so that the thread never spins.
+    if (!channel->isOpen()) {
+      channel->reopenEvery(ORC_RETRY_MS);
+      canIpcEmergencyHandler.orcChannelReturned();
+    }
+    ssize_t n = channel->read(msg, sizeof msg);
     if (n <= 0) {
-      scope.sendFormattedError("Error reading ORC IPC channel %s.  Attempt to read again after 1000ms.",
-                               orcIpcChannelPath.c_str());
-      sendtoSlog(_SLOG_WARNING, "Error reading ORC IPC channel %s.  Attempt to read again after 1000ms.",
-                 orcIpcChannelPath.c_str());
-      platform::sleepMs(1000);
+      reportOrcChannelLost();
+      platform::sleepMs(ORC_RETRY_MS);
       continue;
     }
     canIpcEmergencyHandler.processOrcMessage(msg, static_cast<int>(n));

@@ -58,11 +58,12 @@ struct blinkTimerLife {
 };
 
 // Every message to the vehicle micro is one write; its result is not
-// checked (a closed channel just loses the message).
-void writeOrcMessage(int fd, uint8_t kind, uint8_t value) {
+// checked (a closed channel just loses the message; the micro gets the
+// states again when the channel returns).
+void writeOrcMessage(uint8_t kind, uint8_t value) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   const uint8_t msg[2] = {kind, value};
-  ssize_t rc = write(fd, msg, sizeof msg);
+  ssize_t rc = canIpcEmergencyHandler.orcChannel().write(msg, sizeof msg);
   (void)rc;
 }
 
@@ -127,14 +128,26 @@ void CANImpactECallHandler::setLedStatus(eLedStatus status) {
     status = LED_RED;
   }
 
-  mLastLedSetStatus = status;
-  writeOrcMessage(mOrcFd.load(), ORC_MSG_LED_STATUS, static_cast<uint8_t>(status));
+  {
+    std::lock_guard<std::mutex> lock(mLedMutex);
+    mLastLedSetStatus = status;
+    writeOrcMessage(ORC_MSG_LED_STATUS, static_cast<uint8_t>(status));
+  }
   ecallHandler.addFormattedEntryToEmergencyLog("send LED status %d\n", static_cast<int>(status));
 }
 
 void CANImpactECallHandler::sendAssistAppStatus(bool active) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
-  writeOrcMessage(mOrcFd.load(), ORC_MSG_ASSIST_STATUS, active ? 1 : 0);
+  writeOrcMessage(ORC_MSG_ASSIST_STATUS, active ? 1 : 0);
+}
+
+void CANImpactECallHandler::resendControllerState() {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  if (extServHandle.getEmebeddedPhoneEnabledInVariant()) {
+    std::lock_guard<std::mutex> lock(mLedMutex);
+    writeOrcMessage(ORC_MSG_LED_STATUS, static_cast<uint8_t>(mLastLedSetStatus.load()));
+  }
+  ecallHandler.sendAssistStatus();
 }
 
 void CANImpactECallHandler::startBlinkTimer() {

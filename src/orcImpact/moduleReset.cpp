@@ -1,7 +1,5 @@
 // Reset of the cellular module by the vehicle micro, limited to a few
 // requests until the module is seen working again.
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
@@ -18,7 +16,7 @@ bool CANImpactECallHandler::v850ResetSierra() {
     if (!mV850ResetCounter.compare_exchange_weak(counted, counted + 1)) continue;
     uint32_t attempt = ++counted;
     const uint8_t msg = ORC_MSG_RESET_CELL_MODULE;
-    ssize_t rc = write(mOrcFd.load(), &msg, sizeof msg);
+    ssize_t rc = mOrcChannel.write(&msg, sizeof msg);
     int err = errno;
     scope.sendFormattedMessage("write IPC for reset, rc %d", static_cast<int>(rc));
     if (rc == 1) {

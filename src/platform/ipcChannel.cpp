@@ -57,4 +57,57 @@ int ipcOpen(const char* path, int flags) {
   return ::open(resolved.c_str(), (flags & ~kTargetOnlyOpenFlag) | O_CLOEXEC);
 }
 
+bool IpcChannel::open() {
+  std::lock_guard<std::mutex> lock(mMutex);
+  if (mFd < 0) mFd = ipcOpen(mPath.c_str(), mFlags);
+  return mFd >= 0;
+}
+
+void IpcChannel::reopenEvery(int64_t retryMs) {
+  close();
+  while (!open()) sleepMs(retryMs);
+}
+
+bool IpcChannel::isOpen() const {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return mFd >= 0;
+}
+
+ssize_t IpcChannel::read(void* buffer, size_t size) {
+  // Only the reading thread replaces the descriptor, so it reads without the
+  // lock (a blocked read must not hold up the writers).
+  int fd;
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    fd = mFd;
+  }
+  ssize_t n;
+  do {
+    n = ::read(fd, buffer, size);
+  } while (n < 0 && errno == EINTR);
+  if (n <= 0) {
+    const int err = n < 0 ? errno : 0;
+    close();
+    errno = err;
+  }
+  return n;
+}
+
+ssize_t IpcChannel::write(const void* bytes, size_t size) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  if (mFd < 0) {
+    errno = EBADF;
+    return -1;
+  }
+  ssize_t n = ::send(mFd, bytes, size, MSG_NOSIGNAL);
+  if (n < 0 && errno == ENOTSOCK) n = ::write(mFd, bytes, size);
+  return n;
+}
+
+void IpcChannel::close() {
+  std::lock_guard<std::mutex> lock(mMutex);
+  if (mFd >= 0) ::close(mFd);
+  mFd = -1;
+}
+
 }  // namespace platform

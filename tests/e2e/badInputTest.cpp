@@ -37,6 +37,14 @@ bool timeStampAt(const std::string& text, size_t pos) {
          text[pos + 5] == ':' && text[pos + 8] == ' ';
 }
 
+// An entry cut to the log's line keeps its line end: the cut text fills the
+// line up to it, and the next entry begins on the next line.
+void expectCutEntryEndsItsLine(const std::string& log, size_t lineStart, size_t end) {
+  EXPECT_EQ(end - lineStart, kLogLineMax - 1);
+  EXPECT_EQ(log.substr(end, 1), "\n") << "the cut entry does not end its line";
+  EXPECT_TRUE(timeStampAt(log, end + 1)) << "the next entry does not follow the cut";
+}
+
 std::string hexBytes(const std::vector<int>& bytes) {
   std::string text;
   char byte[4];
@@ -93,9 +101,7 @@ TEST(BadInput, BusParametersNamesAndLoggedStringsOfAnySizeDepthOrContent) {
   ASSERT_NE(first, std::string::npos);
   const size_t lineStart = log.rfind('\n', first) + 1;
   const size_t end = log.find_first_not_of('m', first);
-  // The cut entry has no line end of its own: the next entry follows at once.
-  EXPECT_EQ(end - lineStart, kLogLineMax);
-  EXPECT_TRUE(timeStampAt(log, end)) << "the next entry does not follow the cut";
+  expectCutEntryEndsItsLine(log, lineStart, end);
   EXPECT_EQ(log.find("mmmm", end), std::string::npos) << "the rest of the message was written as well";
   EXPECT_TRUE(car.waitForTrace("logStringToEcallLog: " + message, kLong));
 
@@ -166,8 +172,7 @@ TEST(BadInput, GarbageOnTheAirbagChannelAndInTheVehicleObject) {
       << log;
   const size_t lineStart = log.rfind('\n', at) + 1;
   const size_t end = log.find_first_not_of("\xfe\xff", at + 11);
-  EXPECT_EQ(end - lineStart, kLogLineMax);
-  EXPECT_TRUE(timeStampAt(log, end));
+  expectCutEntryEndsItsLine(log, lineStart, end);
   EXPECT_TRUE(s.signals().empty()) << "the garbage started an emergency";
   EXPECT_EQ(s.countInTrace("UcallBtn pps value 1"), 0u) << "a line behind a NUL was read";
 

@@ -28,8 +28,9 @@ using testSupport::ecallSignalText;
 // The usual pace of the car: 1/20 of real time, so that the 10 s delay
 // takes 0.5 s.
 inline constexpr double kScale = 0.05;
-// Deadline of every wait: far beyond the longest scaled duration.
-inline const ms kLong{20000};
+// Deadline of every wait: far beyond the longest scaled duration, and what
+// a loaded machine under the sanitizers needs.
+inline const ms kLong = testSupport::kWaitDeadline;
 inline const std::string kOk = "{\"result\":\"OK\"}\n";
 inline const std::string kAssistApp = "3305261F-B524-4E27-8048-C5778A672389";
 inline const std::string kCallActive = "Call Active.  Delay 6000 ms for PSAP TTS";
@@ -229,12 +230,15 @@ struct Scene {
   // the service: the button object reports changes only, so a press and a
   // release in quick succession could otherwise pass unseen.
   void button(const std::string& which, bool pressed) {
-    const std::string seen =
-        std::string(which == "ecall" ? "ecallBtn" : "UcallBtn") + " pps value " + (pressed ? "1" : "0");
+    simUntilTraced("button " + which + (pressed ? " press" : " release"),
+                   std::string(which == "ecall" ? "ecallBtn" : "UcallBtn") + " pps value " + (pressed ? "1" : "0"));
+  }
+  // A command to the car, and the service's trace of what it saw of it.
+  void simUntilTraced(const std::string& command, const std::string& seen) {
     const size_t before = countInTrace(seen);
-    sim("button " + which + (pressed ? " press" : " release"));
+    sim(command);
     EXPECT_TRUE(testSupport::waitUntil([&] { return countInTrace(seen) > before; }, kLong))
-        << "the service did not see " << seen;
+        << command << ": the service did not see " << seen;
   }
 
   Strings spoken() { return testSupport::spokenTexts(car.requestsSince(mark, "TextToSpeechService")); }

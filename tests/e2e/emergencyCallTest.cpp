@@ -208,29 +208,6 @@ TEST(EmergencyCall, RefusedDialIsReportedAndRetriedAfterTheRetryPeriod) {
   EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").size(), 1u);
 }
 
-// The phone accepts the dial but its call never leaves idle: the connect
-// time-out reports the failure, and the next end of a call dials again.
-TEST(EmergencyCall, DialThatNeverLeavesIdleTimesOutThenRedialsOnTheNextCallEnd) {
-  Scene s(callCar({"set dial idle"}));
-  E2eHarness& car = s.car;
-  ASSERT_EQ(car.call("startEcall"), kOk);
-  ASSERT_TRUE(s.waitForSignalType("failed"));
-  // The time-out is armed as the dial is sent, not when the phone takes it.
-  EXPECT_GE(at(signalRecord(s, buttonSignal("failed"))) - at(numberRead(s)), atLeast(10000 + 60000))
-      << "the delay, then the connect time-out";
-  EXPECT_TRUE(car.waitForEmergencyLog("Error: Call state did not transition after successful dial request\n"));
-  EXPECT_TRUE(car.waitForTrace(
-      "PSAP ecall timeout when attempting to make the call (no transition out of IDLE), sending failed so retry "
-      "strategy can kick in"));
-
-  // The phone's end of a call is what the state machine waits for.
-  s.sim("set dial ok");
-  s.sim("wend 3");
-  ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 2));
-  EXPECT_TRUE(car.waitForEmergencyLog(kCallActive, kLong));
-  EXPECT_SOON_EQ(s.requests("EmbeddedPhone", "ecallDial"), (Strings{kDial, kDial}));
-}
-
 // The centre's line rings but nobody answers: the connect time-out reports
 // the failure and keeps waiting for the call; once it ends, the retry
 // period runs and the call is made again.
@@ -394,65 +371,6 @@ TEST(EmergencyCallback, AnsweredInTheCallbackPeriodAndGivenUpWhenItComesWhileIdl
                           "Incoming Call - PSAP ended call before it was answered", "send LED status 0", "TTS rqst 3",
                           "Request unmute mic inputs", "send LED status 0", "End emergency mode"}));
   EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
-}
-
-// Without a programmed number nothing is dialled: the failure is raised once
-// and told as the first system error; a press while it stands is told again
-// and waits; once the phone has a number the button calls; losing the
-// number again is told as a repeated system error.
-TEST(EmergencyNumber, MissingNumberIsASystemErrorUntilThePhoneHasOne) {
-  Scene s(callCar({"set number none"}));
-  E2eHarness& car = s.car;
-  ASSERT_EQ(car.call("startEcall"), kOk);
-  ASSERT_TRUE(car.waitForEmergencyLog("Error failed to obtain PSAP number\n", kLong));
-  EXPECT_SOON_EQ(s.signals(), Strings{systemErrorSignal()});
-  EXPECT_EQ(s.requests("EmbeddedPhone", "getEmergencyNumbers").size(), 3u) << "three attempts";
-  EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
-  EXPECT_TRUE(car.waitForSlog("PSAP ecall number not set in the embedded phone"));
-  EXPECT_SOON_EQ(s.led(), (std::vector<Bytes>{{1, 3}}));
-  EXPECT_SOON_EQ(s.log(),
-                 (Strings{"Speaker TTS language English", "Vehicle brand Vetta",
-                          "System error no ecall number programmed OCCURRED",
-                          "First System error message generated due to no ecall number programmed, current "
-                          "SystemError = 128",
-                          "send LED status 3", "System error handling set LED to 3",
-                          "Error failed to obtain PSAP number"}));
-  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
-
-  // Pressed again while the failure stands: told again, and the request waits.
-  s.markNow();
-  ASSERT_EQ(car.call("startEcall"), kOk);
-  ASSERT_TRUE(car.waitForTrace("Error msg active when ecall delay start pulse received, ignoring the pulse"));
-  EXPECT_SOON_EQ(s.signals(), Strings{systemErrorSignal()});
-  EXPECT_SOON_EQ(s.log(), Strings{"Send System error message due to ECall Button press. System error 128"});
-
-  // The number is programmed, and the phone's next report brings it.
-  s.markNow();
-  s.sim("set number 911");
-  s.sim("phone on");
-  ASSERT_TRUE(car.waitForEmergencyLog("System error no ecall number programmed CLEARED\n", kLong));
-  EXPECT_TRUE(s.waitForLed({{1, 0}}));
-
-  s.markNow();
-  ASSERT_EQ(car.call("startEcall"), kOk);
-  ASSERT_TRUE(s.waitForEmergency()) << "the button does nothing although the phone has a number now";
-  EXPECT_SOON_EQ(s.signals().front(), buttonSignal("ecallDelay"));
-  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
-  ASSERT_NO_FATAL_FAILURE(s.exitWhenActive());
-  ASSERT_TRUE(s.waitForIdle());
-
-  // Lost again: this time it is a system error told again, not the first.
-  s.sim("set number none");
-  s.markNow();
-  ASSERT_EQ(car.call("startEcall"), kOk);
-  ASSERT_TRUE(s.waitForLogCount("Error failed to obtain PSAP number", 1));
-  EXPECT_SOON_EQ(s.signals(), Strings{systemErrorSignal()});
-  Strings log = s.log();
-  EXPECT_TRUE(containsInOrder(log, {"System error message generated again due to no ecall number programmed",
-                                    "System error no ecall number programmed OCCURRED",
-                                    "Error failed to obtain PSAP number"}))
-      << testing::PrintToString(log);
-  for (const auto& line : log) EXPECT_EQ(line.find("First System error"), std::string::npos) << line;
 }
 
 // A request made while the phone is OFF is kept (the user is asked to wait)

@@ -211,8 +211,9 @@ TEST(MirrorLed, BlinkEndsGreenInAnEmergencyAndOffOrRedOutsideIt) {
 }
 
 // Without the airbag controller's channel the service still starts, the
-// mirror buttons still work and the service stays up.
-TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorking) {
+// mirror buttons still work and the service stays up; once the micro is up,
+// the channel is opened.
+TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorkingUntilTheMicroIsUp) {
   E2eHarness car(carOptions(kScale, {}, false));
   ASSERT_EQ(unlink(car.path("/dev/ipc/ch12").c_str()), 0);
   car.startService();
@@ -225,4 +226,35 @@ TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorking) {
   EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
   EXPECT_TRUE(car.serviceRunning());
   EXPECT_FALSE(car.waitForChannelConnected(ms(0)));
+
+  EXPECT_EQ(car.sim("micro restart").rfind("ok", 0), 0u);
+  EXPECT_TRUE(car.waitForChannelConnected(kLong));
+  EXPECT_TRUE(car.waitForEmergencyLog("ORC IPC channel /dev/ipc/ch12 is open again\n", kLong));
+}
+
+// The vehicle micro restarts and stays away a while: the service opens the
+// channel again, gives the micro back the LED and Assist states it lost,
+// and hears the next messages; the emergency's LED goes on the new
+// connection. The loss and the return are logged once each.
+TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
+  Scene s(carOptions(kScale));
+  s.sim("loc 0 0 1");
+  ASSERT_TRUE(s.waitForLed({{1, 3}}));
+  s.sim("micro close");
+  ASSERT_TRUE(s.car.waitForEmergencyLog("ORC IPC channel /dev/ipc/ch12 lost. Opening it again every 1000ms\n", kLong));
+  s.sim("wait 5000");  // the micro stays away for five periods of the retry
+  s.markNow();
+  s.sim("micro open");
+  ASSERT_TRUE(s.waitForChannel({{1, 3}, {2, 0}})) << testing::PrintToString(s.channel());
+
+  s.sim("loc 0 0 0");
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForEmergency());
+  EXPECT_TRUE(s.waitForLed({{1, 3}, {1, 0}, {1, 1}})) << testing::PrintToString(s.led());
+  const std::string lost = "Error reading ORC IPC channel /dev/ipc/ch12.  Attempt to read again after 1000ms.";
+  EXPECT_EQ(countOf(s.car.trace(), lost), 1u);
+  EXPECT_EQ(countOf(s.car.serviceStderr(), lost), 1u);
+  const std::string log = s.car.emergencyLog();
+  EXPECT_EQ(countOf(log, "ORC IPC channel /dev/ipc/ch12 lost."), 1u) << log;
+  EXPECT_EQ(countOf(log, "ORC IPC channel /dev/ipc/ch12 is open again"), 1u) << log;
 }

@@ -69,11 +69,11 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull());
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
-  EXPECT_EQ(s.spoken(),
-            (Strings{"PMSG: Appel du 9-1-1. Pour annuler, appuyez sur le bouton 9-1-1 sur le retroviseur.", dialling,
-                     "ECALL: Emergency call from a Roadmast vehicle: " + kOperatorKeys,
-                     "ECALL: Emergency call from a Roadmast vehicle: " + kCarPosition + kOperatorKeys,
-                     "PMSG: Fin de l'appel au 9-1-1. Pour rappeler, appuyez sur le bouton 9-1-1 sur le retroviseur."}));
+  EXPECT_SOON_EQ(s.spoken(),
+                 (Strings{"PMSG: Appel du 9-1-1. Pour annuler, appuyez sur le bouton 9-1-1 sur le retroviseur.", dialling,
+                          "ECALL: Emergency call from a Roadmast vehicle: " + kOperatorKeys,
+                          "ECALL: Emergency call from a Roadmast vehicle: " + kCarPosition + kOperatorKeys,
+                          "PMSG: Fin de l'appel au 9-1-1. Pour rappeler, appuyez sur le bouton 9-1-1 sur le retroviseur."}));
   EXPECT_TRUE(containsInOrder(s.log(), {"Speaker TTS language French", "Vehicle brand Roadmast", "TTS rqst 1"}))
       << testing::PrintToString(s.log());
 

@@ -16,7 +16,6 @@
 
 using testSupport::E2eHarness;
 using testSupport::E2eOptions;
-using ms = std::chrono::milliseconds;
 
 namespace {
 
@@ -133,7 +132,7 @@ TEST(VehicleSim, ChannelCarriesExactImpactBytesAndRecordsWhatTheServiceWrites) {
   address.sun_family = AF_UNIX;
   std::snprintf(address.sun_path, sizeof address.sun_path, "%s", car.path("/dev/ipc/ch12").c_str());
   ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << strerror(errno);
-  ASSERT_TRUE(car.waitForChannelConnected(ms(5000)));
+  ASSERT_TRUE(car.waitForChannelConnected());
 
   // Kind B on CAN, raw impacts and link loss are read by the service end to end.
   struct Case {
@@ -156,7 +155,7 @@ TEST(VehicleSim, ChannelCarriesExactImpactBytesAndRecordsWhatTheServiceWrites) {
   // What the service writes: LED, Assist status, module reset.
   for (std::vector<unsigned char> message : {std::vector<unsigned char>{1, 2}, {2, 1}, {3}})
     ASSERT_EQ(write(fd, message.data(), message.size()), static_cast<ssize_t>(message.size()));
-  ASSERT_TRUE(car.waitForChannelMessage({3}, ms(5000)));
+  ASSERT_TRUE(car.waitForChannelMessage({3}));
   EXPECT_EQ(car.channelMessages(), (std::vector<std::vector<int>>{{1, 2}, {2, 1}, {3}}));
   std::string status = car.sim("status");
   EXPECT_NE(status.find("led=blinking green"), std::string::npos) << status;

@@ -30,6 +30,7 @@
 
 #include "platform/serviceBus.h"
 #include "support/privateBus.h"
+#include "support/testSupport.h"
 
 namespace testSupport {
 
@@ -55,7 +56,7 @@ struct E2eOptions {
   // Extra command-line options of vehicle-sim.
   std::vector<std::string> simArgs;
   // How long the start of each process may take.
-  std::chrono::milliseconds startDeadline{15000};
+  std::chrono::milliseconds startDeadline = kWaitDeadline;
   // The bus's policy (see PrivateBus); empty: the session-like bus on which
   // anyone may own and call anything.
   std::string busPolicy;
@@ -105,7 +106,7 @@ class Child {
   bool waitForOutput(const std::function<bool()>& pred, std::chrono::milliseconds deadline);
   // Reads everything until the program ends; its exit code, or -1 when it
   // was killed by a signal or still ran at the deadline (then it is killed).
-  int wait(std::chrono::milliseconds deadline = std::chrono::seconds(20));
+  int wait(std::chrono::milliseconds deadline = kWaitDeadline);
 
  private:
   bool readSome(int timeoutMs);
@@ -119,7 +120,7 @@ struct Outcome {
   std::string out, err;
 };
 Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
-            std::chrono::milliseconds deadline = std::chrono::seconds(20));
+            std::chrono::milliseconds deadline = kWaitDeadline);
 
 class E2eHarness {
  public:
@@ -138,7 +139,7 @@ class E2eHarness {
   const std::string& busAddress() const { return mBusAddress; }
 
   // --- the simulator's console: one command, its "ok ..." / "error ..." line.
-  std::string sim(const std::string& command, ms deadline = ms(10000));
+  std::string sim(const std::string& command, ms deadline = kWaitDeadline);
 
   // --- the service
   void startService();
@@ -166,40 +167,40 @@ class E2eHarness {
   // Records of a kind ("" for all), in order.
   std::vector<Json::Value> recordsSince(size_t mark, const std::string& kind = "");
   std::vector<Json::Value> records(const std::string& kind = "") { return recordsSince(0, kind); }
-  Json::Value waitForRecordSince(size_t mark, const Pred& pred, ms deadline = ms(10000));
-  Json::Value waitForRecord(const Pred& pred, ms deadline = ms(10000)) { return waitForRecordSince(0, pred, deadline); }
+  Json::Value waitForRecordSince(size_t mark, const Pred& pred, ms deadline = kWaitDeadline);
+  Json::Value waitForRecord(const Pred& pred, ms deadline = kWaitDeadline) { return waitForRecordSince(0, pred, deadline); }
   // Requests the simulator received for service (and method, unless empty).
   std::vector<Json::Value> requestsSince(size_t mark, const std::string& service, const std::string& method = "");
   Json::Value waitForRequestSince(size_t mark, const std::string& service, const std::string& method,
-                                  ms deadline = ms(10000));
-  Json::Value waitForRequest(const std::string& service, const std::string& method, ms deadline = ms(10000)) {
+                                  ms deadline = kWaitDeadline);
+  Json::Value waitForRequest(const std::string& service, const std::string& method, ms deadline = kWaitDeadline) {
     return waitForRequestSince(0, service, method, deadline);
   }
   // The service's "ecall" signals (or those of another name, such as
   // "ecallProgress") as their exact JSON texts.
   std::vector<std::string> ecallSignalTextsSince(size_t mark, const std::string& name = "ecall");
   // The first "ecall" signal since mark that satisfies pred (parsed).
-  Json::Value waitForEcallSignalSince(size_t mark, const Pred& pred, ms deadline = ms(10000));
+  Json::Value waitForEcallSignalSince(size_t mark, const Pred& pred, ms deadline = kWaitDeadline);
   // Messages the service wrote on the restraint controller channel.
   std::vector<std::vector<int>> channelMessages(size_t mark = 0);
-  bool waitForChannelMessage(const std::vector<int>& bytes, ms deadline = ms(10000));
+  bool waitForChannelMessage(const std::vector<int>& bytes, ms deadline = kWaitDeadline);
   // The service has connected to the restraint controller channel.
-  bool waitForChannelConnected(ms deadline = ms(15000));
+  bool waitForChannelConnected(ms deadline = kWaitDeadline);
   // The service has finished starting: its processor has made its start-up
   // queries (the last is the audio mixer's volumes) and it reads the channel.
-  bool waitForServiceStarted(ms deadline = ms(15000));
+  bool waitForServiceStarted(ms deadline = kWaitDeadline);
 
   // --- files and logs
   std::string emergencyLog() const;
   // The emergency log's entries without their time stamp and odometer field,
   // in order (the entry text as the service gave it, line end removed).
   std::vector<std::string> emergencyLogMessages() const { return logEntryMessages(emergencyLog()); }
-  bool waitForEmergencyLog(const std::string& part, ms deadline = ms(10000)) const;
+  bool waitForEmergencyLog(const std::string& part, ms deadline = kWaitDeadline) const;
   std::string trace() const;
-  bool waitForTrace(const std::string& part, ms deadline = ms(10000)) const;
+  bool waitForTrace(const std::string& part, ms deadline = kWaitDeadline) const;
   // The service's standard error: its system log lines.
   std::string serviceStderr() const;
-  bool waitForSlog(const std::string& part, ms deadline = ms(10000)) const;
+  bool waitForSlog(const std::string& part, ms deadline = kWaitDeadline) const;
   std::string serviceStdout() const;
 
  private:

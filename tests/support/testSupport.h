@@ -55,8 +55,12 @@ bool fileExists(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);  // creates parent folders
 void makeDirs(const std::string& path);
 std::vector<std::string> splitLines(const std::string& text);
+// The deadline of every wait for an event: what a loaded machine running the
+// sanitizer builds may need, far beyond any scaled duration of the service.
+// A wait ends as soon as its event comes, so only a failure takes this long.
+inline constexpr std::chrono::milliseconds kWaitDeadline{30000};
 // Waits (by re-checking on a short period) until pred holds or the deadline
 // passes; returns pred's last value.
-bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds deadline = std::chrono::seconds(5));
+bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds deadline = kWaitDeadline);
 
 }  // namespace testSupport

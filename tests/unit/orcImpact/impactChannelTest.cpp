@@ -1,5 +1,4 @@
 // Impact and link-loss messages of the restraint controller channel.
-#include <atomic>
 #include <thread>
 
 #include "unit/orcImpact/orcFixture.h"
@@ -73,18 +72,15 @@ TEST_F(ImpactChannelTest, LocMessageTakesOnlyTheValueOneAsLost) {
 }
 
 TEST_F(ImpactChannelTest, ReaderTakesOneMessagePerReadAndDumpsNoFurtherThanByte252) {
-  int pair[2];
-  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair));
-  static std::atomic<int> readerFd;  // the reader stays blocked on it until exit
-  readerFd = pair[0];
-  std::thread(canImpactThrdFunc, &readerFd).detach();
+  connectChannel();  // the reader stays blocked on it until exit
+  std::thread(canImpactThrdFunc, &canIpcEmergencyHandler.orcChannel()).detach();
 
   // Impact messages without a valid path: their trace is the reader's last act.
   for (size_t size : {300, 200}) {
     Bytes msg(size);
     for (size_t i = 0; i < size; ++i) msg[i] = static_cast<uint8_t>(i);
     msg[0] = msg[1] = 0;
-    ASSERT_EQ(ssize_t(size), write(pair[1], msg.data(), size));
+    ASSERT_EQ(ssize_t(size), write(micro.fd, msg.data(), size));
   }
   ASSERT_TRUE(testSupport::waitUntil([&] { return log.countTrace("IPC /dev/ipc/ch12 Rx: ") == 2; }));
   std::vector<std::string> dumps;

@@ -1,0 +1,191 @@
+// A requested emergency is never lost: it waits for the phone to come back,
+// is dialled again after every failed attempt, survives a missing number and
+// peers that never answer.
+#include <gtest/gtest.h>
+
+#include "carScene.h"
+
+using namespace carScene;
+
+namespace {
+
+// A car run so fast that the 60 s retry period takes one second.
+constexpr double kRetryScale = 1.0 / 60;
+// The scaled length of a duration of the service on the simulator's clock
+// (seconds), less a margin for the time between arming and what is seen.
+double atLeast(double carMs, double scale = kRetryScale) { return 0.8 * carMs * scale / 1000.0; }
+
+bool isImpactSignal(const Json::Value& s) { return s["ecall"].asBool() && s["type"].asString() == "acn"; }
+
+// Ends the emergency in hand from the head unit and waits for the end of the
+// emergency mode; the next step looks only at what follows.
+void cancelAndWaitForIdle(Scene& s) {
+  s.markNow();
+  EXPECT_EQ(s.car.call("exitEcall"), kOk);
+  EXPECT_TRUE(s.waitForIdle());
+  s.markNow();
+}
+
+// The crash's second announcement, with the brand and position of the car.
+bool isAnnouncementWithPosition(const Json::Value& r) {
+  return isReadout(r, "ECALL: A crash has occurred in a Vetta vehicle: " + kCarPosition + kOperatorKeys);
+}
+
+const char* const kPhoneOff = "embedded phone status signal: change from ON to OFF";
+// The crash recorded while the phone cannot call.
+const char* const kCrashRecorded = "Emergency happened. type 3. mode";
+
+std::vector<Json::Value> dials(Scene& s) { return s.car.requestsSince(s.mark, "EmbeddedPhone", "ecallDial"); }
+
+}  // namespace
+
+// An emergency recorded while the phone cannot call is placed when the phone
+// is back, however its return is seen: its service rejoining the bus while
+// nothing was known of the phone yet, or its ON signal after OFF. A further
+// emergency meanwhile is not swallowed, and a cancel drops the waiting one.
+TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
+  Scene s(carOptions(kRetryScale, {"peer EmbeddedPhone gone"}));
+  E2eHarness& car = s.car;
+  s.simUntilTraced("crash B can", kCrashRecorded);
+  s.sim("peer EmbeddedPhone back");
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the crash was not placed on the phone's return";
+  EXPECT_FALSE(s.waitForSignal(isImpactSignal).isNull());
+  cancelAndWaitForIdle(s);
+
+  // A press, then a crash while the phone is OFF: the crash is what is placed,
+  // once, although two ON reports follow.
+  s.simUntilTraced("phone off", kPhoneOff);
+  const std::string pressRecorded = "Emergency happened. type 1. mode";
+  const size_t pressed = s.countInTrace(pressRecorded);
+  ASSERT_EQ(car.call("startEcall"), kOk);
+  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(pressRecorded) > pressed; }, kLong));
+  s.simUntilTraced("crash B can", kCrashRecorded);
+  s.sim("phone on");
+  s.sim("phone on");
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
+  EXPECT_FALSE(s.waitForSignal(isImpactSignal).isNull()) << "the crash after the press was swallowed";
+  ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
+  EXPECT_EQ(dials(s).size(), 1u);
+  EXPECT_EQ(s.countInLog("Handle Ecall caching status. curECallType: 3, curCallModeType: 1, curCallState "
+                         "CALL_STATE_IDLE"),
+            1u)
+      << testing::PrintToString(s.log());
+  cancelAndWaitForIdle(s);
+
+  // Cancelled while waiting: the phone's return places nothing.
+  s.simUntilTraced("phone off", kPhoneOff);
+  s.simUntilTraced("crash B can", kCrashRecorded);
+  EXPECT_EQ(car.call("exitEcall"), kOk);
+  s.simUntilTraced("phone on", "Ecall caching status not handled");
+  s.sim("wait 61000");
+  EXPECT_TRUE(dials(s).empty()) << "a cancelled emergency was placed";
+}
+
+// Dials that fail in every way the phone has are dialled again after the
+// retry period, without limit: a dial the phone takes but never moves on,
+// one whose reply never comes (it fails late, at the bus time-out), and a
+// call whose end is reported twice (an end reason and the TERMINATED state),
+// which is redialled once, after the retry period.
+TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
+  Scene s(carOptions(kRetryScale, {"set dial idle"}));
+  E2eHarness& car = s.car;
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 3)) << "the idle dial was not retried";
+  std::vector<Json::Value> idle = dials(s);
+  // The connect time-out, then the retry period.
+  EXPECT_GE(at(idle[2]) - at(idle[1]), atLeast(60000 + 60000));
+  EXPECT_EQ(s.countInLog("Error: Call state did not transition after successful dial request"), 2u);
+
+  s.markNow();
+  s.sim("peer EmbeddedPhone hang ecallDial");
+  s.sim("set dial ok");
+  ASSERT_TRUE(s.waitForLogCount("Error dial PSAP number failed", 2)) << "an unanswered dial is not a failed dial";
+  ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 3));
+  EXPECT_TRUE(car.waitForSlog("Async call dial failed"));
+  s.sim("peer EmbeddedPhone normal");
+  ASSERT_TRUE(s.waitForLogCount(kCallActive, 1)) << "no call once the phone answers again";
+  cancelAndWaitForIdle(s);
+
+  s.sim("set answer manual");
+  const std::string waiting = "callstate alerting. wait to connect";
+  s.simUntilTraced("crash B can", waiting);
+  s.sim("set answer auto");
+  s.sim("wend 3");
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
+  std::vector<Json::Value> redial = dials(s);
+  ASSERT_EQ(redial.size(), 2u) << "the two ends of one call were redialled twice";
+  Json::Value ended = s.waitForRecord([](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "wendReason"); });
+  ASSERT_FALSE(ended.isNull());
+  EXPECT_GE(at(redial[1]) - at(ended), atLeast(60000)) << "redialled before the retry period";
+}
+
+// Without a number the emergency is kept: the failure is told as always, the
+// number is asked again at the retry period, and the call is placed as soon
+// as the phone reports a number. A cancel drops the waiting emergency.
+TEST(NeverLost, EmergencyWithoutNumberIsPlacedOnceANumberComes) {
+  Scene s(carOptions(kRetryScale, {"set number none"}));
+  E2eHarness& car = s.car;
+  s.sim("crash B can");
+  ASSERT_TRUE(car.waitForEmergencyLog("Error failed to obtain PSAP number\n", kLong));
+  EXPECT_TRUE(car.waitForSlog("PSAP ecall number not set in the embedded phone"));
+  EXPECT_TRUE(s.waitForSignalType("systemError"));
+  // Three reads of each attempt, and the second attempt after the retry period.
+  ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "getEmergencyNumbers", 6));
+  std::vector<Json::Value> reads = car.requestsSince(s.mark, "EmbeddedPhone", "getEmergencyNumbers");
+  EXPECT_GE(at(reads[3]) - at(reads[2]), atLeast(60000));
+  EXPECT_EQ(s.countInLog("Error failed to obtain PSAP number"), 1u) << "the failure is told once per loss";
+
+  s.sim("set number 911");
+  s.sim("phone on");  // the phone's report, whose number read brings it
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the kept emergency was not placed";
+  EXPECT_FALSE(s.waitForSignal(isImpactSignal).isNull());
+  EXPECT_TRUE(containsInOrder(s.log(), {"System error no ecall number programmed OCCURRED",
+                                        "Error failed to obtain PSAP number",
+                                        "System error no ecall number programmed CLEARED", "Calling 911"}))
+      << testing::PrintToString(s.log());
+  ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
+  cancelAndWaitForIdle(s);
+
+  s.sim("set number none");
+  const std::string noNumber = "PSAP ecall number not set in the embedded phone";
+  const size_t told = countOf(car.serviceStderr(), noNumber);
+  s.sim("crash B can");
+  ASSERT_TRUE(testSupport::waitUntil([&] { return countOf(car.serviceStderr(), noNumber) > told; }, kLong));
+  EXPECT_TRUE(s.waitForLogCount("System error message generated again due to no ecall number programmed", 1))
+      << "a second loss of the number is not told as a system error again";
+  EXPECT_EQ(car.call("exitEcall"), kOk);
+  s.sim("set number 911");
+  s.sim("phone on");
+  s.sim("wait 61000");
+  EXPECT_TRUE(dials(s).empty()) << "a cancelled emergency was placed";
+}
+
+// Peers that never answer cost the call one bounded wait each, and what they
+// would have refined keeps its last value: a platform service hung from the
+// start (the inputs are watched and the variant falls back), a vehicle
+// configuration and status that never answer the brand and language, an
+// audio mixer that never answers, a navigation service hung for the
+// position in the announcement.
+TEST(NeverLost, HungPeersDoNotHoldTheCall) {
+  Scene s(carOptions(kScale, {"peer platform hang", "set brand 9"}));
+  E2eHarness& car = s.car;
+  EXPECT_TRUE(car.waitForTrace("The variant query timed out", kLong));
+  EXPECT_TRUE(car.waitForTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", kLong));
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
+  EXPECT_FALSE(s.waitForRecord(isAnnouncementWithPosition).isNull());
+  cancelAndWaitForIdle(s);
+
+  for (const char* hang : {"peer VehicleConfig hang getProperties", "peer VehicleStatus hang getProperties",
+                           "peer AudioMixerManager hang", "peer NDR hang JSON_GetProperties"})
+    s.sim(hang);
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "a hung peer held the dial";
+  EXPECT_TRUE(car.waitForSlog("The vehicle brand query timed out after"));
+  EXPECT_TRUE(car.waitForSlog("The language query timed out after"));
+  ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
+  // The announcement still names the brand and the position last known.
+  EXPECT_FALSE(s.waitForRecord(isAnnouncementWithPosition).isNull());
+  EXPECT_TRUE(car.waitForSlog("The position query timed out after"));
+}
