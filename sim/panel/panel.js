@@ -155,6 +155,7 @@ function liveControls(table) {
 
 if (saved) {
   document.body.classList.add('saved');
+  for (const control of document.querySelectorAll('button, input')) control.disabled = true;
   $('link').textContent = 'saved timeline';
   reset();
   RECORD.forEach(add);
