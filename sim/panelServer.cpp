@@ -78,6 +78,9 @@ bool PanelServer::start(const std::string& address, std::string& why) {
   }
   mServer->new_task_queue = [] { return new httplib::ThreadPool(kMaxStreams + 4); };
   mServer->set_payload_max_length(kMaxBody);
+  // One request a connection: no idle connection waits on the car, and the
+  // car stops at once even with a page open.
+  mServer->set_keep_alive_max_count(1);
   routes();
   int bound = number == 0 ? mServer->bind_to_any_port(host) : (mServer->bind_to_port(host, number) ? number : -1);
   if (bound <= 0) {

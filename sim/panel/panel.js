@@ -39,8 +39,22 @@ function showStatus(line) {
   }
 }
 
+// One question at a time, and one more if something changed meanwhile.
+let asking = false;
+let askAgain = false;
 function refreshStatus() {
-  fetch('status').then((r) => r.text()).then(showStatus, () => {});
+  if (asking) {
+    askAgain = true;
+    return;
+  }
+  asking = true;
+  fetch('status').then((r) => r.text()).then(showStatus, () => {}).finally(() => {
+    asking = false;
+    if (askAgain) {
+      askAgain = false;
+      refreshStatus();
+    }
+  });
 }
 
 function parse(text) {
