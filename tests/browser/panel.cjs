@@ -18,11 +18,12 @@ function check(ok, what) {
   if (!ok) throw new Error(what);
 }
 
-// A request that is not HTTP at all, straight on the socket.
+// A request that is not HTTP at all, straight on the socket (kept open for
+// the answer: a client that closes its side is not answered).
 function rawRequest(text) {
   const { hostname, port } = new URL(url);
   return new Promise((resolve, reject) => {
-    const socket = net.connect(port, hostname, () => socket.end(text));
+    const socket = net.connect(port, hostname, () => socket.write(text));
     let answer = '';
     socket.setTimeout(timeout, () => socket.destroy(new Error('no answer to ' + JSON.stringify(text))));
     socket.on('data', (d) => { answer += d; });
