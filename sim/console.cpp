@@ -114,19 +114,20 @@ std::string hexText(const std::vector<uint8_t>& bytes) {
 // the panel both run commands through this table only, so that a button of
 // the panel is exactly the console's command. A new command is a new row.
 const std::vector<Console::Command>& Console::commands() {
+  constexpr bool kPanelToo = true, kConsoleOnly = false;
   static const std::vector<Command> table = {
-      {"crash", "crash LETTER [can|serial]       airbag impact of kind A B C D F Tgl H I K L M O X", true,
+      {"crash", "crash LETTER [can|serial]       airbag impact of kind A B C D F Tgl H I K L M O X", kPanelToo,
        &Console::crash},
-      {"impact", "impact HEX...                   raw message on the restraint controller channel", true,
+      {"impact", "impact HEX...                   raw message on the restraint controller channel", kPanelToo,
        &Console::channelBytes},
-      {"loc", "loc CAN SERIAL MIRROR           link-loss message (1 = lost)", true, &Console::channelBytes},
-      {"button", "button ecall|assist press|release", true, &Console::button},
-      {"psap", "psap answer|hangup|callback [NUMBER]", true, &Console::psap},
-      {"dtmf", "dtmf KEY                        a key pressed by the operator", true, &Console::number},
-      {"wend", "wend N                          call end reason from the phone", true, &Console::number},
-      {"phone", "phone on|off", true, &Console::phone},
-      {"peer", "peer SERVICE gone|back|refuse|hang|normal", true, &Console::peer},
-      {"signal", "signal SERVICE NAME [TEXT]      any signal, any data, from the service itself", true,
+      {"loc", "loc CAN SERIAL MIRROR           link-loss message (1 = lost)", kPanelToo, &Console::channelBytes},
+      {"button", "button ecall|assist press|release", kPanelToo, &Console::button},
+      {"psap", "psap answer|hangup|callback [NUMBER]", kPanelToo, &Console::psap},
+      {"dtmf", "dtmf KEY                        a key pressed by the operator", kPanelToo, &Console::number},
+      {"wend", "wend N                          call end reason from the phone", kPanelToo, &Console::number},
+      {"phone", "phone on|off", kPanelToo, &Console::phone},
+      {"peer", "peer SERVICE gone|back|refuse|hang|normal", kPanelToo, &Console::peer},
+      {"signal", "signal SERVICE NAME [TEXT]      any signal, any data, from the service itself", kPanelToo,
        &Console::signal},
       {"set",
        "set number NUMBER...|none\n"
@@ -140,20 +141,20 @@ const std::vector<Console::Command>& Console::commands() {
        "set answer auto|manual          whether the operator answers by itself\n"
        "set volume N                    phone volume of the mixer\n"
        "set scenario NAME|none          active hands-free scenario",
-       true, &Console::set},
-      {"reply", "reply SERVICE METHOD JSON|default", true, &Console::reply},
-      {"odo", "odo N", true, &Console::number},
+       kPanelToo, &Console::set},
+      {"reply", "reply SERVICE METHOD JSON|default", kPanelToo, &Console::reply},
+      {"odo", "odo N", kPanelToo, &Console::number},
       {"appmgr",
        "appmgr start|stop [APPID]\n"
        "appmgr operStatus|appStarted|appPaused|appStopped JSON",
-       true, &Console::appManager},
-      {"bt", "bt callstate active|idle", true, &Console::bluetooth},
+       kPanelToo, &Console::appManager},
+      {"bt", "bt callstate active|idle", kPanelToo, &Console::bluetooth},
       // A pause or the end of the car belongs to whoever started it.
-      {"wait", "wait MS                         pause (car time)", false, &Console::wait},
-      {"status", "status", true, &Console::statusCommand},
-      {"help", "help", true, &Console::helpCommand},
-      {"quit", "quit                            (so does the end of the input)", false, &Console::quitCommand},
-      {"exit", "", false, &Console::quitCommand},
+      {"wait", "wait MS                         pause (car time)", kConsoleOnly, &Console::wait},
+      {"status", "status", kPanelToo, &Console::statusCommand},
+      {"help", "help", kPanelToo, &Console::helpCommand},
+      {"quit", "quit                            (so does the end of the input)", kConsoleOnly, &Console::quitCommand},
+      {"exit", "", kConsoleOnly, &Console::quitCommand},
   };
   return table;
 }
