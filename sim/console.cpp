@@ -109,134 +109,193 @@ std::string hexText(const std::vector<uint8_t>& bytes) {
 
 }  // namespace
 
-std::string Console::help() {
-  return "ok commands:\n"
-         "  crash LETTER [can|serial]       airbag impact of kind A B C D F Tgl H I K L M O X\n"
-         "  impact HEX...                   raw message on the restraint controller channel\n"
-         "  loc CAN SERIAL MIRROR           link-loss message (1 = lost)\n"
-         "  micro close|open|restart        the micro's end of the channel closes, listens again\n"
-         "  button ecall|assist press|release\n"
-         "  psap answer|hangup|callback [NUMBER]\n"
-         "  dtmf KEY                        a key pressed by the operator\n"
-         "  wend N                          call end reason from the phone\n"
-         "  phone on|off\n"
-         "  peer SERVICE gone|back|refuse|hang|normal\n"
-         "  peer SERVICE hang METHOD        never answers that one method\n"
-         "  signal SERVICE NAME [TEXT]      any signal, any data, from the service itself\n"
-         "  set number NUMBER...|none\n"
-         "  set variant YES|NO|none|TEXT\n"
-         "  set brand N\n"
-         "  set language CODE               e.g. en_US fr_CA es_MX\n"
-         "  set gps none|LAT LON            degrees (with a point) or millionths\n"
-         "  set antenna fault|normal\n"
-         "  set dial ok|fail|idle|drop\n"
-         "  set pace MS                     time between call states\n"
-         "  set answer auto|manual          whether the operator answers by itself\n"
-         "  set volume N                    phone volume of the mixer\n"
-         "  set scenario NAME|none          active hands-free scenario\n"
-         "  reply SERVICE METHOD JSON|default\n"
-         "  odo N\n"
-         "  appmgr start|stop [APPID]\n"
-         "  appmgr operStatus|appStarted|appPaused|appStopped JSON\n"
-         "  bt callstate active|idle\n"
-         "  wait MS                         pause (car time)\n"
-         "  status\n"
-         "  help\n"
-         "  quit                            (so does the end of the input)";
+// One row per command: its first word, its lines of help (none: not
+// listed), whether the panel may give it, and what it does. The console and
+// the panel both run commands through this table only, so that a button of
+// the panel is exactly the console's command. A new command is a new row.
+const std::vector<Console::Command>& Console::commands() {
+  constexpr bool kPanelToo = true, kConsoleOnly = false;
+  static const std::vector<Command> table = {
+      {"crash", "crash LETTER [can|serial]       airbag impact of kind A B C D F Tgl H I K L M O X", kPanelToo,
+       &Console::crash},
+      {"impact", "impact HEX...                   raw message on the restraint controller channel", kPanelToo,
+       &Console::channelBytes},
+      {"loc", "loc CAN SERIAL MIRROR           link-loss message (1 = lost)", kPanelToo, &Console::channelBytes},
+      {"micro", "micro close|open|restart        the micro's end of the channel closes, listens again", kPanelToo,
+       &Console::micro},
+      {"button", "button ecall|assist press|release", kPanelToo, &Console::button},
+      {"psap", "psap answer|hangup|callback [NUMBER]", kPanelToo, &Console::psap},
+      {"dtmf", "dtmf KEY                        a key pressed by the operator", kPanelToo, &Console::number},
+      {"wend", "wend N                          call end reason from the phone", kPanelToo, &Console::number},
+      {"phone", "phone on|off", kPanelToo, &Console::phone},
+      {"peer",
+       "peer SERVICE gone|back|refuse|hang|normal\n"
+       "peer SERVICE hang METHOD        never answers that one method",
+       kPanelToo, &Console::peer},
+      {"signal", "signal SERVICE NAME [TEXT]      any signal, any data, from the service itself", kPanelToo,
+       &Console::signal},
+      {"set",
+       "set number NUMBER...|none\n"
+       "set variant YES|NO|none|TEXT\n"
+       "set brand N\n"
+       "set language CODE               e.g. en_US fr_CA es_MX\n"
+       "set gps none|LAT LON            degrees (with a point) or millionths\n"
+       "set antenna fault|normal\n"
+       "set dial ok|fail|idle|drop\n"
+       "set pace MS                     time between call states\n"
+       "set answer auto|manual          whether the operator answers by itself\n"
+       "set volume N                    phone volume of the mixer\n"
+       "set scenario NAME|none          active hands-free scenario",
+       kPanelToo, &Console::set},
+      {"reply", "reply SERVICE METHOD JSON|default", kPanelToo, &Console::reply},
+      {"odo", "odo N", kPanelToo, &Console::number},
+      {"appmgr",
+       "appmgr start|stop [APPID]\n"
+       "appmgr operStatus|appStarted|appPaused|appStopped JSON",
+       kPanelToo, &Console::appManager},
+      {"bt", "bt callstate active|idle", kPanelToo, &Console::bluetooth},
+      // A pause or the end of the car belongs to whoever started it.
+      {"wait", "wait MS                         pause (car time)", kConsoleOnly, &Console::wait},
+      {"status", "status", kPanelToo, &Console::statusCommand},
+      {"help", "help", kPanelToo, &Console::helpCommand},
+      {"quit", "quit                            (so does the end of the input)", kConsoleOnly, &Console::quitCommand},
+      {"exit", "", kConsoleOnly, &Console::quitCommand},
+  };
+  return table;
 }
 
-std::string Console::run(const std::string& line, bool& quit) {
+const Console::Command* Console::command(const std::string& name) {
+  for (const Command& c : commands())
+    if (name == c.name) return &c;
+  return nullptr;
+}
+
+std::string Console::help() {
+  std::string text = "ok commands:";
+  for (const Command& c : commands()) {
+    std::istringstream lines(c.usage);
+    for (std::string line; std::getline(lines, line);) text += "\n  " + line;
+  }
+  return text;
+}
+
+std::string Console::run(const std::string& line, bool& quit, bool fromPanel) {
   std::vector<std::string> words = splitWords(line);
   if (words.empty() || words[0][0] == '#') return "";
-  std::string answer = dispatch(words, line, quit);
+  std::string answer;
+  {
+    std::lock_guard<std::mutex> lock(mMutex);  // the console and the panel take turns
+    answer = dispatch({words, line, quit}, fromPanel);
+  }
   Json::Value entry(Json::objectValue);
   entry["kind"] = "command";
   entry["line"] = line;
   entry["reply"] = answer.substr(0, answer.find('\n'));
+  if (fromPanel) entry["from"] = "panel";
   mContext.recorder.record(entry, "");
   return answer;
 }
 
-std::string Console::dispatch(const std::vector<std::string>& w, const std::string& line, bool& quit) {
-  const std::string& c = w[0];
-  size_t n = w.size();
-  if (c == "help") return help();
-  if (c == "status") return status();
-  if (c == "quit" || c == "exit") {
-    quit = true;
-    return "ok bye";
-  }
-  if (c == "crash") {
-    if (n < 2 || n > 3 || (n == 3 && w[2] != "can" && w[2] != "serial")) return usage("crash LETTER [can|serial]");
-    bool serial = n == 3 && w[2] == "serial";
-    std::vector<uint8_t> message = impactMessage(w[1], serial);
-    if (message.empty()) return "error unknown impact kind " + w[1] + " (A B C D F Tgl H I K L M O X)";
-    if (!mCar.micro.send(message, "impact")) return "error the service is not connected to the channel";
-    return "ok impact " + w[1] + (serial ? " on the serial path:" : " on the CAN path:") + hexText(message);
-  }
-  if (c == "impact" || c == "loc") {
-    std::vector<uint8_t> message;
-    if (c == "loc") {
-      if (n != 4) return usage("loc CAN SERIAL MIRROR");
-      message.push_back(1);
-    } else if (n < 2 || n > 1025) {
-      return usage("impact HEX...");
-    }
-    for (size_t i = 1; i < n; ++i) {
-      uint8_t b;
-      if (!toByte(w[i], b, c == "loc" ? 10 : 16)) return "error not a byte: " + w[i];
-      message.push_back(b);
-    }
-    if (!mCar.micro.send(message, c)) return "error the service is not connected to the channel";
-    return "ok sent" + hexText(message);
-  }
-  if (c == "micro") {
-    if (n != 2 || (w[1] != "close" && w[1] != "open" && w[1] != "restart")) return usage("micro close|open|restart");
-    return mCar.micro.restart(w[1] != "open", w[1] != "close");
-  }
-  if (c == "button") {
-    if (n != 3 || (w[1] != "ecall" && w[1] != "assist") || (w[2] != "press" && w[2] != "release"))
-      return usage("button ecall|assist press|release");
-    return mCar.vehstat.button(w[1], w[2] == "press");
-  }
-  if (c == "psap") return psap(w);
-  if (c == "dtmf" || c == "wend" || c == "odo") {
-    long long v;
-    if (n != 2 || !toInt(w[1], v)) return usage((c + " N").c_str());
-    if (c == "dtmf") return mCar.audioControl.dtmf(static_cast<int>(v));
-    if (c == "wend") return mCar.phone.wendReason(static_cast<int>(v));
-    return mCar.vehstat.odometer(v);
-  }
-  if (c == "phone") {
-    if (n != 2 || (w[1] != "on" && w[1] != "off")) return usage("phone on|off");
-    return mCar.phone.setPhoneOn(w[1] == "on");
-  }
-  if (c == "peer") return peer(w);
-  if (c == "signal") return signal(w, line);
-  if (c == "set") return set(w);
-  if (c == "reply") return reply(w, line);
-  if (c == "appmgr") return appManager(w, line);
-  if (c == "bt") {
-    if (n != 3 || w[1] != "callstate" || (w[2] != "active" && w[2] != "idle")) return usage("bt callstate active|idle");
-    return mCar.bluetooth.setCallActive(w[2] == "active");
-  }
-  if (c == "wait") {
-    long long ms;
-    if (n != 2 || !toInt(w[1], ms) || ms < 0) return usage("wait MS");
-    platform::sleepMs(ms);
-    return "ok waited " + w[1] + " ms";
-  }
-  return "error unknown command " + c + " (try help)";
+std::string Console::dispatch(const Args& a, bool fromPanel) {
+  const Command* c = command(a.w[0]);
+  if (!c) return "error unknown command " + a.w[0] + " (try help)";
+  if (fromPanel && !c->fromPanel) return "error " + a.w[0] + " is for the console only";
+  return (this->*c->handler)(a);
 }
 
-std::string Console::psap(const std::vector<std::string>& w) {
+std::string Console::crash(const Args& a) {
+  const auto& w = a.w;
+  size_t n = w.size();
+  if (n < 2 || n > 3 || (n == 3 && w[2] != "can" && w[2] != "serial")) return usage("crash LETTER [can|serial]");
+  bool serial = n == 3 && w[2] == "serial";
+  std::vector<uint8_t> message = impactMessage(w[1], serial);
+  if (message.empty()) return "error unknown impact kind " + w[1] + " (A B C D F Tgl H I K L M O X)";
+  if (!mCar.micro.send(message, "impact")) return "error the service is not connected to the channel";
+  return "ok impact " + w[1] + (serial ? " on the serial path:" : " on the CAN path:") + hexText(message);
+}
+
+// "impact HEX..." and "loc CAN SERIAL MIRROR": bytes on the channel.
+std::string Console::channelBytes(const Args& a) {
+  const auto& w = a.w;
+  const std::string& c = w[0];
+  size_t n = w.size();
+  std::vector<uint8_t> message;
+  if (c == "loc") {
+    if (n != 4) return usage("loc CAN SERIAL MIRROR");
+    message.push_back(1);
+  } else if (n < 2 || n > 1025) {
+    return usage("impact HEX...");
+  }
+  for (size_t i = 1; i < n; ++i) {
+    uint8_t b;
+    if (!toByte(w[i], b, c == "loc" ? 10 : 16)) return "error not a byte: " + w[i];
+    message.push_back(b);
+  }
+  if (!mCar.micro.send(message, c)) return "error the service is not connected to the channel";
+  return "ok sent" + hexText(message);
+}
+
+std::string Console::micro(const Args& a) {
+  const auto& w = a.w;
+  if (w.size() != 2 || (w[1] != "close" && w[1] != "open" && w[1] != "restart")) return usage("micro close|open|restart");
+  return mCar.micro.restart(w[1] != "open", w[1] != "close");
+}
+
+std::string Console::button(const Args& a) {
+  const auto& w = a.w;
+  if (w.size() != 3 || (w[1] != "ecall" && w[1] != "assist") || (w[2] != "press" && w[2] != "release"))
+    return usage("button ecall|assist press|release");
+  return mCar.vehstat.button(w[1], w[2] == "press");
+}
+
+// "dtmf N", "wend N", "odo N".
+std::string Console::number(const Args& a) {
+  const auto& w = a.w;
+  const std::string& c = w[0];
+  long long v;
+  if (w.size() != 2 || !toInt(w[1], v)) return usage((c + " N").c_str());
+  if (c == "dtmf") return mCar.audioControl.dtmf(static_cast<int>(v));
+  if (c == "wend") return mCar.phone.wendReason(static_cast<int>(v));
+  return mCar.vehstat.odometer(v);
+}
+
+std::string Console::phone(const Args& a) {
+  const auto& w = a.w;
+  if (w.size() != 2 || (w[1] != "on" && w[1] != "off")) return usage("phone on|off");
+  return mCar.phone.setPhoneOn(w[1] == "on");
+}
+
+std::string Console::bluetooth(const Args& a) {
+  const auto& w = a.w;
+  if (w.size() != 3 || w[1] != "callstate" || (w[2] != "active" && w[2] != "idle"))
+    return usage("bt callstate active|idle");
+  return mCar.bluetooth.setCallActive(w[2] == "active");
+}
+
+std::string Console::wait(const Args& a) {
+  long long ms;
+  if (a.w.size() != 2 || !toInt(a.w[1], ms) || ms < 0) return usage("wait MS");
+  platform::sleepMs(ms);
+  return "ok waited " + a.w[1] + " ms";
+}
+
+std::string Console::helpCommand(const Args&) { return help(); }
+
+std::string Console::quitCommand(const Args& a) {
+  a.quit = true;
+  return "ok bye";
+}
+
+std::string Console::psap(const Args& a) {
+  const auto& w = a.w;
   if (w.size() == 2 && w[1] == "answer") return mCar.phone.psapAnswer();
   if (w.size() == 2 && w[1] == "hangup") return mCar.phone.psapHangup();
   if ((w.size() == 2 || w.size() == 3) && w[1] == "callback") return mCar.phone.psapCallback(w.size() == 3 ? w[2] : "");
   return usage("psap answer|hangup|callback [NUMBER]");
 }
 
-std::string Console::peer(const std::vector<std::string>& w) {
+std::string Console::peer(const Args& a) {
+  const auto& w = a.w;
   if (w.size() == 4 && w[2] == "hang") {
     SimService* service = mCar.service(w[1]);
     if (!service) return "error no simulated service " + w[1];
@@ -265,7 +324,9 @@ std::string Console::peer(const std::vector<std::string>& w) {
 
 // A signal with any data, even no JSON at all, sent from the service's own
 // connection, so the ecall service takes it as the service's word.
-std::string Console::signal(const std::vector<std::string>& w, const std::string& line) {
+std::string Console::signal(const Args& a) {
+  const auto& w = a.w;
+  const std::string& line = a.line;
   if (w.size() < 3) return usage("signal SERVICE NAME [TEXT]");
   SimService* service = mCar.service(w[1]);
   if (!service) return "error no simulated service " + w[1];
@@ -274,7 +335,8 @@ std::string Console::signal(const std::vector<std::string>& w, const std::string
   return "ok " + service->name() + "." + w[2] + " with " + std::to_string(data.size()) + " bytes";
 }
 
-std::string Console::set(const std::vector<std::string>& w) {
+std::string Console::set(const Args& a) {
+  const auto& w = a.w;
   size_t n = w.size();
   if (n < 3) return usage("set WHAT VALUE (try help)");
   const std::string& what = w[1];
@@ -315,7 +377,9 @@ std::string Console::set(const std::vector<std::string>& w) {
   return "error cannot set " + what + " that way (try help)";
 }
 
-std::string Console::reply(const std::vector<std::string>& w, const std::string& line) {
+std::string Console::reply(const Args& a) {
+  const auto& w = a.w;
+  const std::string& line = a.line;
   if (w.size() < 4) return usage("reply SERVICE METHOD JSON|default");
   SimService* service = mCar.service(w[1]);
   if (!service) return "error no simulated service " + w[1];
@@ -328,7 +392,9 @@ std::string Console::reply(const std::vector<std::string>& w, const std::string&
   return "ok " + service->name() + "." + w[2] + " answers " + text;
 }
 
-std::string Console::appManager(const std::vector<std::string>& w, const std::string& line) {
+std::string Console::appManager(const Args& a) {
+  const auto& w = a.w;
+  const std::string& line = a.line;
   size_t n = w.size();
   if (n >= 2 && (w[1] == "start" || w[1] == "stop") && n <= 3) {
     std::string appId = n == 3 ? w[2] : AppManagerService::kAssistApp;
@@ -338,6 +404,8 @@ std::string Console::appManager(const std::vector<std::string>& w, const std::st
     return mCar.appManager.rawSignal(w[1], restAfterWords(line, 2));
   return usage("appmgr start|stop [APPID] | appmgr operStatus|appStarted|appPaused|appStopped JSON");
 }
+
+std::string Console::statusCommand(const Args&) { return status(); }
 
 std::string Console::status() {
   std::string text = "ok";

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -45,21 +46,50 @@ class Console {
  public:
   Console(SimContext& context, Car& car) : mContext(context), mCar(car) {}
   // Runs one command line and returns its reply line. Sets quit for "quit".
-  std::string run(const std::string& line, bool& quit);
+  // fromPanel: the line came from the panel, which may not give every command.
+  std::string run(const std::string& line, bool& quit, bool fromPanel = false);
   static std::string help();
+  // The state of the car in one line ("ok ...", as the command "status").
+  std::string status();
+
+  // What a command is given: its words, the whole line, the quit flag.
+  struct Args {
+    const std::vector<std::string>& w;
+    const std::string& line;
+    bool& quit;
+  };
+  struct Command {
+    const char* name;
+    const char* usage;  // its lines of help, "\n" between them
+    bool fromPanel;
+    std::string (Console::*handler)(const Args&);
+  };
+  static const std::vector<Command>& commands();
+  static const Command* command(const std::string& name);
 
  private:
-  std::string dispatch(const std::vector<std::string>& words, const std::string& line, bool& quit);
-  std::string set(const std::vector<std::string>& words);
-  std::string peer(const std::vector<std::string>& words);
-  std::string signal(const std::vector<std::string>& words, const std::string& line);
-  std::string psap(const std::vector<std::string>& words);
-  std::string appManager(const std::vector<std::string>& words, const std::string& line);
-  std::string reply(const std::vector<std::string>& words, const std::string& line);
-  std::string status();
+  std::string dispatch(const Args& a, bool fromPanel);
+  std::string crash(const Args& a);
+  std::string channelBytes(const Args& a);
+  std::string micro(const Args& a);
+  std::string button(const Args& a);
+  std::string number(const Args& a);
+  std::string phone(const Args& a);
+  std::string bluetooth(const Args& a);
+  std::string wait(const Args& a);
+  std::string helpCommand(const Args& a);
+  std::string quitCommand(const Args& a);
+  std::string set(const Args& a);
+  std::string peer(const Args& a);
+  std::string signal(const Args& a);
+  std::string psap(const Args& a);
+  std::string appManager(const Args& a);
+  std::string reply(const Args& a);
+  std::string statusCommand(const Args& a);
 
   SimContext& mContext;
   Car& mCar;
+  std::mutex mMutex;
 };
 
 // The words of a line, and the text after the first n of them.

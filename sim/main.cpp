@@ -2,12 +2,15 @@
 // emergency call service can run, be driven and be watched without a car.
 //
 //   vehicle-sim [--root DIR] [--bus session|system|ADDRESS] [--record FILE]
-//               [--speak DIR] [--time-scale F] [--show] [--script FILE] [--help]
+//               [--speak DIR] [--time-scale F] [--show] [--script FILE]
+//               [--panel [ADDRESS:]PORT] [--timeline FILE] [--help]
 //
 // With only --root it serves the healthy car on the session bus. Commands
 // are read from the script, then from standard input; the car stops at
 // "quit", at the end of standard input, or on SIGINT or SIGTERM. (So a car
 // whose driver went away, a test that died, say, does not run on for ever.)
+// --panel serves the car's panel in a browser (panelServer.h); --timeline
+// writes the whole record as a page a person can open when the car stops.
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -22,6 +25,9 @@
 #include <string>
 
 #include "console.h"
+#include "panelServer.h"
+#include "recordLog.h"
+#include "timelineFile.h"
 #include "platform/runtime.h"
 #include "platform/serviceBus.h"
 #include "simCore.h"
@@ -34,15 +40,20 @@ struct Options {
   std::string record;
   std::string speak;
   std::string script;
+  std::string panel;
+  std::string timeline;
   double timeScale = 1.0;
   bool show = false;
 };
 
 const char* kUsage =
     "usage: vehicle-sim [--root DIR] [--bus session|system|ADDRESS] [--record FILE]\n"
-    "                   [--speak DIR] [--time-scale F] [--show] [--script FILE] [--help]\n"
+    "                   [--speak DIR] [--time-scale F] [--show] [--script FILE]\n"
+    "                   [--panel [ADDRESS:]PORT] [--timeline FILE] [--help]\n"
     "Plays the head-unit services, the vehicle micro and the mirror buttons around\n"
-    "ecallService. Type 'help' for the console commands.\n";
+    "ecallService. Type 'help' for the console commands.\n"
+    "--panel serves the car in a browser (loopback unless an ADDRESS is given; port 0: any\n"
+    "free port, see the \"panel\" record); --timeline writes the record as an HTML page.\n";
 
 bool parseOptions(int argc, char** argv, Options& options, std::string& why) {
   for (int i = 1; i < argc; ++i) {
@@ -70,6 +81,10 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& why) {
       if (!value(options.speak)) return false;
     } else if (arg == "--script") {
       if (!value(options.script)) return false;
+    } else if (arg == "--panel") {
+      if (!value(options.panel)) return false;
+    } else if (arg == "--timeline") {
+      if (!value(options.timeline)) return false;
     } else if (arg == "--time-scale") {
       std::string text;
       if (!value(text)) return false;
@@ -201,6 +216,9 @@ int main(int argc, char** argv) {
     fprintf(stderr, "vehicle-sim: cannot write %s: %s\n", options.record.c_str(), strerror(errno));
     return 1;
   }
+  sim::RecordLog log;  // the panel's and the timeline's copy of the record
+  if (!options.panel.empty() || !options.timeline.empty())
+    recorder.setListener([&log](const std::string& line) { log.add(line); });
   sim::Scheduler scheduler;
   sim::CarSettings settings;
   sim::SimContext context{recorder, scheduler, settings, address};
@@ -238,11 +256,24 @@ int main(int argc, char** argv) {
   recorder.record(ready, "the car is ready (root " + platform::root() + ")");
 
   sim::Console console(context, car);
+  sim::PanelServer panel(console, log, options.speak);
+  if (!options.panel.empty()) {
+    if (!panel.start(options.panel, why)) {
+      fprintf(stderr, "vehicle-sim: %s\n", why.c_str());
+      fflush(stderr);
+      _exit(1);
+    }
+    Json::Value entry(Json::objectValue);
+    entry["kind"] = "panel";
+    entry["url"] = panel.url();
+    recorder.record(entry, "the car's panel is at " + panel.url());
+  }
   bool keepGoing = options.script.empty() || runScript(options.script, console, recorder);
   if (keepGoing) consoleLoop(console, recorder, signals);
 
   // Stop the paced events first, so that nothing emits while the services
   // leave the bus.
+  panel.stop();
   scheduler.stop();
   watcher.stop();
   for (sim::SimService* service : car.services()) service->leave(false);
@@ -253,5 +284,9 @@ int main(int argc, char** argv) {
   done["kind"] = "sim";
   done["event"] = "stopped";
   recorder.record(done, "the car is parked");
+  if (!options.timeline.empty() && !sim::writeTimeline(options.timeline, log.all(), why)) {
+    fprintf(stderr, "vehicle-sim: %s\n", why.c_str());
+    return 1;
+  }
   return 0;
 }

@@ -75,6 +75,7 @@ void Recorder::recordAt(double now, Json::Value entry, const std::string& readab
     fputs(line.c_str(), mFile);
     fflush(mFile);  // tests read the record while it grows
   }
+  if (mListener) mListener(oneLine(line));
   if (mShow && !readable.empty()) {
     char stamp[32];
     snprintf(stamp, sizeof stamp, "[%8.3f] ", now - mStart);

@@ -49,6 +49,9 @@ class Recorder {
   void show(const std::string& readable);
   // A console reply ("ok ..." / "error ..."), always printed.
   void reply(const std::string& line);
+  // Also hands every recorded line (JSON, no line end) to listener, in
+  // record order; set before the car starts.
+  void setListener(std::function<void(const std::string&)> listener) { mListener = std::move(listener); }
 
  private:
   void printLocked(const std::string& line);
@@ -56,6 +59,7 @@ class Recorder {
   FILE* mFile = nullptr;
   bool mShow = false;
   double mStart;
+  std::function<void(const std::string&)> mListener;
 };
 
 // Runs functions at a later time on its own thread. Delays are the car's own

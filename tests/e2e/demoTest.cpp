@@ -1,6 +1,7 @@
 // The README's main job, run as CI runs it (standard input not a terminal,
 // the binaries already built): it plays the crash scene to its end, prints
-// its timeline and the emergency log, and leaves nothing behind.
+// its timeline and the emergency log, leaves the timeline page, and nothing
+// else behind.
 #include <gtest/gtest.h>
 #include <dirent.h>
 
@@ -87,6 +88,11 @@ TEST(Demo, CrashSceneRunsToItsEndPrintsTheWholeCallAndCleansUp) {
   EXPECT_GE(idle - hungUp, 0.8 * 30) << "the call-back period, in car seconds\n" << out;
   EXPECT_GE(timelineSeconds(out, "say (ECALL): A crash has occurred in a Corvane vehicle:"), 0.0) << out;
   EXPECT_GE(timelineSeconds(out, "mirror LED solid green"), 0.0) << out;
+
+  // The whole call, left as a page to open, with the record in it.
+  std::smatch page;
+  ASSERT_TRUE(std::regex_search(out, page, std::regex("timeline, to open in a browser: (\\S+)"))) << out;
+  EXPECT_NE(testSupport::readFile(page[1].str()).find("\"method\":\"ecallDial\""), std::string::npos);
 
   std::smatch folder;
   ASSERT_TRUE(std::regex_search(out, folder, std::regex("removed (/tmp/ecall-demo-[A-Za-z0-9]+)"))) << out;
