@@ -160,6 +160,10 @@ void ecallStateMachine::stepMakeCall() {
     scope.sendFormattedMessage("callstate alerting. wait to connect");
     startEcallTimeoutTimer();
     state = ECALL_SM_WAIT_TO_CONNECT;
+    // The phone's reports may come faster than the machine's turns: a call
+    // already active when it is first seen must not wait for a report that
+    // has come and gone.
+    if (callStateIs("CALL_STATE_ACTIVE")) startEcallStateMachineTimer(1);
   } else if (pulseCode == ECALL_PULSE_CONNECT_TIMEOUT) {
     // The dial was accepted but the phone never left idle: a failed attempt,
     // dialled again after the retry period.
