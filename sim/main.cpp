@@ -2,7 +2,8 @@
 // emergency call service can run, be driven and be watched without a car.
 //
 //   vehicle-sim [--root DIR] [--bus session|system|ADDRESS] [--record FILE]
-//               [--speak DIR] [--time-scale F] [--show] [--script FILE] [--help]
+//               [--speak DIR] [--time-scale F] [--show] [--script FILE]
+//               [--vehicle-only] [--help]
 //
 // With only --root it serves the healthy car on the session bus. Commands
 // are read from the script, then from standard input; the car stops at
@@ -36,13 +37,17 @@ struct Options {
   std::string script;
   double timeScale = 1.0;
   bool show = false;
+  bool vehicleOnly = false;  // the head unit's services come from elsewhere
 };
 
 const char* kUsage =
     "usage: vehicle-sim [--root DIR] [--bus session|system|ADDRESS] [--record FILE]\n"
-    "                   [--speak DIR] [--time-scale F] [--show] [--script FILE] [--help]\n"
+    "                   [--speak DIR] [--time-scale F] [--show] [--script FILE]\n"
+    "                   [--vehicle-only] [--help]\n"
     "Plays the head-unit services, the vehicle micro and the mirror buttons around\n"
-    "ecallService. Type 'help' for the console commands.\n";
+    "ecallService. Type 'help' for the console commands. --vehicle-only plays the\n"
+    "vehicle micro, the vehicle status and the mirror only, for a head unit whose\n"
+    "services are real (ecall-headunit).\n";
 
 bool parseOptions(int argc, char** argv, Options& options, std::string& why) {
   for (int i = 1; i < argc; ++i) {
@@ -60,6 +65,8 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& why) {
       exit(0);
     } else if (arg == "--show") {
       options.show = true;
+    } else if (arg == "--vehicle-only") {
+      options.vehicleOnly = true;
     } else if (arg == "--root") {
       if (!value(options.root)) return false;
     } else if (arg == "--bus") {
@@ -221,7 +228,8 @@ int main(int argc, char** argv) {
     why = "the bus library did not start";
     started = false;
   }
-  for (sim::SimService* service : car.services()) started = started && service->join(why, false);
+  if (!options.vehicleOnly)
+    for (sim::SimService* service : car.services()) started = started && service->join(why, false);
   started = started && watcher.startBus(why) &&
             watcher.startFiles(platform::rootPath("/fs/etfs/usr/var/ecall"), platform::rootPath("/fs/usb0"), why);
   if (!started) {
