@@ -7,11 +7,14 @@
 //
 // With only --root it serves the healthy car on the session bus. Commands
 // are read from the script, then from standard input; the car stops at
-// "quit", at the end of standard input, or on SIGINT or SIGTERM. (So a car
-// whose driver went away, a test that died, say, does not run on for ever.)
+// "quit", on SIGINT or SIGTERM, or at the end of standard input when that is
+// a terminal or a pipe (so a car whose driver went away, a test that died,
+// say, does not run on for ever). Without a console (/dev/null, a file) it
+// runs until a signal ends it.
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -121,13 +124,23 @@ void makeCarFolders() {
   }
 }
 
-// Reads lines from standard input until "quit", its end, or a termination
-// signal.
+// The end of standard input ends the car only when a driver holds it: a
+// terminal or a pipe. A car started without a console (stdin /dev/null, as a
+// background job of a script gets, or a file of commands) runs on until
+// SIGTERM or SIGINT.
+bool inputEndsRun() {
+  struct stat info;
+  return isatty(STDIN_FILENO) || (fstat(STDIN_FILENO, &info) == 0 && S_ISFIFO(info.st_mode));
+}
+
+// Reads lines from standard input until "quit", its end (see inputEndsRun),
+// or a termination signal.
 void consoleLoop(sim::Console& console, sim::Recorder& recorder, int signals) {
   std::string pending;
   char buffer[4096];
+  int input = STDIN_FILENO;
   while (true) {
-    struct pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
+    struct pollfd fds[2] = {{input, POLLIN, 0}, {signals, POLLIN, 0}};
     if (poll(fds, 2, -1) < 0) {
       if (errno == EINTR) continue;
       return;
@@ -140,7 +153,10 @@ void consoleLoop(sim::Console& console, sim::Recorder& recorder, int signals) {
       bool quit = false;
       std::string reply = pending.empty() ? "" : console.run(pending, quit);  // a last line without its end
       if (!reply.empty()) recorder.reply(reply);
-      return;
+      if (inputEndsRun()) return;
+      input = -1;  // poll() skips it: only a signal ends the car now
+      pending.clear();
+      continue;
     }
     pending.append(buffer, static_cast<size_t>(n));
     size_t end;
