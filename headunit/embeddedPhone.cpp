@@ -102,6 +102,11 @@ bool setModem(sd_bus* bus, const std::string& modem, const char* property, std::
 bool EmbeddedPhone::start(std::string& why) {
   return mBus.use([&](sd_bus* bus) {
     int rc = sd_bus_match_signal(bus, &mSlot, kOfono, nullptr, nullptr, nullptr, &EmbeddedPhone::onSignal, this);
+    // oFono leaving the bus takes its modems along without a word.
+    if (rc >= 0)
+      rc = sd_bus_add_match(bus, &mOwnerSlot,
+                            "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.ofono'",
+                            &EmbeddedPhone::onSignal, this);
     if (rc < 0) {
       why = std::string("cannot follow oFono's signals: ") + strerror(-rc);
       return false;
@@ -122,14 +127,15 @@ void EmbeddedPhone::signal(sd_bus_message* m) {
   const std::string interface = sd_bus_message_get_interface(m) ?: "", member = sd_bus_message_get_member(m) ?: "",
                     path = sd_bus_message_get_path(m) ?: "";
   const char* text = nullptr;
-  if (interface == "org.ofono.Manager") {
+  if (member == "NameOwnerChanged") {
+    const char *name = nullptr, *oldOwner = nullptr, *newOwner = nullptr;
+    if (sd_bus_message_read(m, "sss", &name, &oldOwner, &newOwner) < 0) return;
+    dropModem();
+    if (newOwner && *newOwner) takeModems(bus);
+  } else if (interface == "org.ofono.Manager") {
     if (member == "ModemAdded" && mModem.empty()) takeModems(bus);
     if (member == "ModemRemoved" && sd_bus_message_read(m, "o", &text) >= 0 && text == mModem) {
-      mModem.clear();
-      mPowered = mOnline = mHasVoice = false;
-      for (auto& [callPath, call] : mCalls) callChanged(callPath, call);
-      mCalls.clear();
-      reportStatus();
+      dropModem();
       takeModems(bus);
     }
   } else if (interface == "org.ofono.Modem" && member == "PropertyChanged" && path == mModem) {
@@ -174,6 +180,20 @@ void EmbeddedPhone::signal(sd_bus_message* m) {
       callChanged(it->first, it->second);
     }
   }
+}
+
+void EmbeddedPhone::dropModem() {
+  mModem.clear();
+  mPowered = mOnline = mHasVoice = false;
+  mRegistration.clear();
+  mStrength = 0;
+  for (auto& [callPath, call] : mCalls) {
+    call.state = "disconnected";
+    callChanged(callPath, call);
+  }
+  mCalls.clear();
+  reportStatus();
+  reportAntenna();
 }
 
 void EmbeddedPhone::takeModems(sd_bus* bus) {

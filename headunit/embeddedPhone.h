@@ -50,6 +50,7 @@ class EmbeddedPhone : public BusService {
   static int onSignal(sd_bus_message* message, void* self, sd_bus_error* error);
   void signal(sd_bus_message* message);
   void takeModems(sd_bus* bus);
+  void dropModem();
   void modemChanged(sd_bus* bus, const std::string& name, sd_bus_message* value);
   void bringUp(sd_bus* bus);
   void readNetwork(sd_bus* bus);
@@ -69,6 +70,7 @@ class EmbeddedPhone : public BusService {
   const Config& mConfig;
   SystemBus& mBus;
   sd_bus_slot* mSlot = nullptr;
+  sd_bus_slot* mOwnerSlot = nullptr;
   std::string mModem;  // the modem's object path; empty: none
   bool mPowered = false, mOnline = false, mWantOnline = false, mHasVoice = false;
   bool mReportedOn = false;

@@ -23,6 +23,7 @@
 #include "embeddedPhone.h"
 #include "navigation.h"
 #include "platform/serviceBus.h"
+#include "platform/systemdNotify.h"
 #include "standIns.h"
 #include "systemBus.h"
 #include "textToSpeech.h"
@@ -104,13 +105,10 @@ int main(int argc, char** argv) {
   headunit::EmbeddedPhone phone(config, systemBus);
   headunit::Navigation navigation(config);
   headunit::TextToSpeech speech(config, options.speechOut);
-  headunit::VehicleConfigService vehicleConfig(config);
-  headunit::VehicleStatusService vehicleStatus(config);
-  headunit::PlatformService platformService(config);
-  auto standIns = headunit::standIns();
-  std::vector<headunit::BusService*> services = {&phone, &navigation, &speech, &vehicleConfig, &vehicleStatus,
-                                                 &platformService};
-  for (auto& standIn : standIns) services.push_back(standIn.get());
+  auto fixed = headunit::vehicleServices(config);
+  for (auto& standIn : headunit::standIns()) fixed.push_back(std::move(standIn));
+  std::vector<headunit::BusService*> services = {&phone, &navigation, &speech};
+  for (auto& service : fixed) services.push_back(service.get());
 
   if (!speech.start(why)) return fail(why);
   navigation.start();
@@ -125,6 +123,7 @@ int main(int argc, char** argv) {
   for (auto* service : services)
     if (!service->join(connection, why)) return fail(why);
   headunit::logLine("ecall-headunit: ready");
+  platform::notifyReady();
 
   int sig = 0;
   sigwait(&mask, &sig);

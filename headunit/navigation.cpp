@@ -52,9 +52,11 @@ void Navigation::follow() {
     if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
     if (fds[1].revents || gps_read(&gps, nullptr, 0) < 0) break;
     if (!(gps.set & MODE_SET)) continue;
+    const bool fix = gps.fix.mode >= MODE_2D && std::isfinite(gps.fix.latitude) && std::isfinite(gps.fix.longitude);
     std::lock_guard<std::mutex> lock(mMutex);
-    mFix = gps.fix.mode >= MODE_2D && std::isfinite(gps.fix.latitude) && std::isfinite(gps.fix.longitude);
-    if (mFix) {
+    if (fix != mFix) logLine(fix ? "NDR: position fixed" : "NDR: position lost");
+    mFix = fix;
+    if (fix) {
       mLatitude = static_cast<int32_t>(std::lround(gps.fix.latitude * 1e6));
       mLongitude = static_cast<int32_t>(std::lround(gps.fix.longitude * 1e6));
     }

@@ -6,16 +6,16 @@ namespace {
 const char* const kOk = "{\"result\":\"OK\"}\n";
 }
 
-BusService::Answer StandIn::answer(const std::string& method, const Json::Value&) {
+BusService::Answer FixedService::answer(const std::string& method, const Json::Value&) {
   auto it = mAnswers.find(method);
   if (it == mAnswers.end()) return error("unknown method " + method);
   return {false, it->second};
 }
 
-std::vector<std::unique_ptr<StandIn>> standIns() {
-  std::vector<std::unique_ptr<StandIn>> services;
+FixedServices standIns() {
+  FixedServices services;
   auto add = [&](const char* name, std::map<std::string, std::string> answers) {
-    services.push_back(std::make_unique<StandIn>(name, std::move(answers)));
+    services.push_back(std::make_unique<FixedService>(name, std::move(answers)));
   };
   add("AudioMixerManager", {{"requestInformationSource", kOk},
                             {"releaseInformationSource", kOk},

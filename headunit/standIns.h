@@ -1,8 +1,10 @@
-// Stand-ins for the services that have no Linux binding yet (audio mixer
-// and audio control, the hands-free scenario, Bluetooth, the application
-// manager, the HMI gateway): each answers what ecallService expects of a
-// healthy head unit and logs the request, so that the call goes on while
-// the audio routing stays the machine's default.
+// Services whose answers are fixed while the bridge runs: one reply text
+// per method, a log line per request.
+//
+// The stand-ins serve what has no Linux binding yet (audio mixer and audio
+// control, the hands-free scenario, Bluetooth, the application manager, the
+// HMI gateway): each answers what ecallService expects of a healthy head
+// unit, so that the call goes on while the audio stays the machine's default.
 #pragma once
 
 #include <map>
@@ -13,10 +15,10 @@
 
 namespace headunit {
 
-class StandIn : public BusService {
+class FixedService : public BusService {
  public:
   // answers: method -> reply text; a method not named gets an error reply.
-  StandIn(std::string name, std::map<std::string, std::string> answers)
+  FixedService(std::string name, std::map<std::string, std::string> answers)
       : BusService(std::move(name)), mAnswers(std::move(answers)) {}
 
  protected:
@@ -26,7 +28,9 @@ class StandIn : public BusService {
   const std::map<std::string, std::string> mAnswers;
 };
 
+using FixedServices = std::vector<std::unique_ptr<FixedService>>;
+
 // The stand-ins of the head unit.
-std::vector<std::unique_ptr<StandIn>> standIns();
+FixedServices standIns();
 
 }  // namespace headunit

@@ -2,29 +2,25 @@
 
 namespace headunit {
 
-BusService::Answer VehicleConfigService::answer(const std::string& method, const Json::Value&) {
-  if (method != "getProperties") return error("unknown method " + method);
+namespace {
+std::string member(const char* name, const Json::Value& value) {
   Json::Value reply(Json::objectValue);
-  reply["vehicleBrand"] = mConfig.brand;
-  return result(reply);
+  reply[name] = value;
+  return jsonText(reply);
 }
+}  // namespace
 
-BusService::Answer VehicleStatusService::answer(const std::string& method, const Json::Value&) {
-  if (method != "getProperties") return error("unknown method " + method);
-  Json::Value reply(Json::objectValue);
-  reply["language"] = mConfig.language;
-  return result(reply);
-}
-
-BusService::Answer PlatformService::answer(const std::string& method, const Json::Value&) {
-  Json::Value reply(Json::objectValue);
-  if (method == "get_variantinfo")
-    reply["VARIANT_ECELL"] = mConfig.embeddedPhone ? "YES" : "NO";
-  else if (method == "get_all_versions")
-    reply["app_version"] = mConfig.softwareVersion;
-  else
-    return error("unknown method " + method);
-  return result(reply);
+FixedServices vehicleServices(const Config& config) {
+  FixedServices services;
+  services.push_back(std::make_unique<FixedService>(
+      "VehicleConfig", std::map<std::string, std::string>{{"getProperties", member("vehicleBrand", config.brand)}}));
+  services.push_back(std::make_unique<FixedService>(
+      "VehicleStatus", std::map<std::string, std::string>{{"getProperties", member("language", config.language)}}));
+  services.push_back(std::make_unique<FixedService>(
+      "platform", std::map<std::string, std::string>{
+                      {"get_variantinfo", member("VARIANT_ECELL", config.embeddedPhone ? "YES" : "NO")},
+                      {"get_all_versions", member("app_version", config.softwareVersion)}}));
+  return services;
 }
 
 }  // namespace headunit

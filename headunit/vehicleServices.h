@@ -4,42 +4,11 @@
 // the software version).
 #pragma once
 
-#include "busService.h"
 #include "config.h"
+#include "standIns.h"
 
 namespace headunit {
 
-class VehicleConfigService : public BusService {
- public:
-  explicit VehicleConfigService(const Config& config) : BusService("VehicleConfig"), mConfig(config) {}
-
- protected:
-  Answer answer(const std::string& method, const Json::Value& params) override;
-
- private:
-  const Config& mConfig;
-};
-
-class VehicleStatusService : public BusService {
- public:
-  explicit VehicleStatusService(const Config& config) : BusService("VehicleStatus"), mConfig(config) {}
-
- protected:
-  Answer answer(const std::string& method, const Json::Value& params) override;
-
- private:
-  const Config& mConfig;
-};
-
-class PlatformService : public BusService {
- public:
-  explicit PlatformService(const Config& config) : BusService("platform"), mConfig(config) {}
-
- protected:
-  Answer answer(const std::string& method, const Json::Value& params) override;
-
- private:
-  const Config& mConfig;
-};
+FixedServices vehicleServices(const Config& config);
 
 }  // namespace headunit

@@ -64,7 +64,7 @@ RealHeadUnit::RealHeadUnit()
       std::vector<std::string>{HEADUNIT_BIN, "--config", dir + "/ecall-headunit.conf", "--bus", harness.busAddress(),
                                "--speech-out", speechFolder()},
       std::vector<std::string>{systemBus});
-  if (!waitForBridge("\"embeddedPhoneStatus\":{\"status\":true}") || !waitForBridge("NDR: following gpsd"))
+  if (!waitForBridge("\"embeddedPhoneStatus\":{\"status\":true}") || !waitForBridge("NDR: position fixed"))
     throw std::runtime_error("the head unit did not come up; it said:\n" + bridge->out() + bridge->err());
   harness.startService();
   if (!harness.waitForChannelConnected()) throw std::runtime_error("ecallService did not start");
