@@ -52,10 +52,14 @@ RealHeadUnit::RealHeadUnit()
   ofono = std::make_unique<testSupport::Child>(std::vector<std::string>{OFONOD, "-n", "-P", "udev,udevng"},
                                                std::vector<std::string>{systemBus, "OFONO_PHONESIM_CONFIG=" + dir + "/phonesim.conf"});
 
-  // gpsd dies with gpsfake, whatever ends gpsfake.
+  // gpsfake in a PID namespace of its own: whatever ends it (or this test)
+  // ends the gpsd it started too, which drops its privileges and with them
+  // any parent-death signal.
   const std::string gpsPort = freePort();
   gps = std::make_unique<testSupport::Child>(std::vector<std::string>{
-      GPSFAKE, "-q", "-c", "0.1", "-P", gpsPort, "-m", "setpriv --pdeathsig KILL", DRIVE_NMEA});
+      UNSHARE, "--pid", "--fork", "--kill-child", GPSFAKE, "-q", "-c", "0.1", "-P", gpsPort, DRIVE_NMEA},
+      // gpsd's control socket is named after gpsfake's process number, 1 here.
+      std::vector<std::string>{"TMPDIR=" + dir});
   testSupport::writeFile(dir + "/ecall-headunit.conf",
                          "brand = 9\nlanguage = en_US\nemergencyNumber = 911\ngpsd = 127.0.0.1:" + gpsPort + "\n");
 
@@ -75,7 +79,9 @@ RealHeadUnit::~RealHeadUnit() {
   harnessPtr.reset();
   for (auto* child : {&bridge, &gps, &ofono, &modem}) {
     if (!*child) continue;
-    (*child)->signal(SIGTERM);
+    // unshare ignores SIGTERM while its child runs; killed, it kills gpsfake,
+    // and with it the namespace and gpsd.
+    (*child)->signal(child == &gps ? SIGKILL : SIGTERM);
     (*child)->wait(ms(5000));
   }
   std::error_code ec;
