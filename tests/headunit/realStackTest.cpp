@@ -2,9 +2,10 @@
 // network and the emergency centre, gpsd fed with the project's drive, and
 // espeak-ng writing the prompts, all behind ecall-headunit.
 #include <gtest/gtest.h>
+#include <signal.h>
 
-#include <chrono>
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <regex>
@@ -93,4 +94,7 @@ TEST(RealStack, ModemGoingOfflineIsAPhoneFailure) {
   ASSERT_TRUE(car.waitForBridge("\"embeddedPhoneStatus\":{\"status\":false}"));
   EXPECT_TRUE(car.harness.waitForTrace("Get Embedded Phone Status: OFF, start Phone not present timer"));
   EXPECT_TRUE(car.harness.waitForChannelMessage({3}, ms(20000)));
+  // The bridge runs without a console and ends cleanly on SIGTERM.
+  car.bridge->signal(SIGTERM);
+  EXPECT_EQ(car.bridge->wait(ms(10000)), 0) << car.bridge->err();
 }
