@@ -43,25 +43,30 @@ BusService::Answer BusService::ok() {
 
 bool BusService::join(SVCIPC_tConnection connection, std::string& why) {
   const std::string busName = "com.nordak.service." + mName, path = "/com/nordak/service/" + mName;
+  SVCIPC_tSvcRegHnd registration = nullptr;
   SVCIPC_tError rc = SVCIPC_registerService(connection, busName.c_str(), path.c_str(), 0, &BusService::onRequest, this,
-                                            &mRegistration);
-  if (!SVCIPC_IS_ERROR(rc)) return true;
+                                            &registration);
+  if (!SVCIPC_IS_ERROR(rc)) {
+    mRegistration.store(registration);
+    return true;
+  }
   char text[128];
   snprintf(text, sizeof text, "cannot own %s, rc 0x%X", busName.c_str(), static_cast<unsigned>(rc));
   why = text;
-  mRegistration = nullptr;
   return false;
 }
 
 void BusService::leave() {
-  if (mRegistration) SVCIPC_unregisterService(mRegistration);
-  mRegistration = nullptr;
+  if (SVCIPC_tSvcRegHnd registration = mRegistration.exchange(nullptr)) SVCIPC_unregisterService(registration);
 }
 
 void BusService::emit(const std::string& signal, const Json::Value& data) {
   const std::string text = jsonText(data);
   logLine("<- " + mName + " " + signal + " " + text);
-  if (mRegistration) SVCIPC_asyncEmit(mRegistration, signal.c_str(), text.c_str(), nullptr, nullptr);
+  // Before the name is owned nobody can hear it: ecallService asks for the
+  // state when it finds the service.
+  if (SVCIPC_tSvcRegHnd registration = mRegistration.load())
+    SVCIPC_asyncEmit(registration, signal.c_str(), text.c_str(), nullptr, nullptr);
 }
 
 void BusService::onRequest(SVCIPC_tReqContext request, const char* method, const char* params, int noReplyExpected,

@@ -8,6 +8,7 @@
 
 #include <json/json.h>
 
+#include <atomic>
 #include <string>
 
 #include "platform/serviceBus.h"
@@ -52,7 +53,8 @@ class BusService {
   static void onRequest(SVCIPC_tReqContext request, const char* method, const char* params, int noReplyExpected,
                         SVCIPC_tUserToken token);
   const std::string mName;
-  SVCIPC_tSvcRegHnd mRegistration = nullptr;
+  // Written at join and leave, read by the threads that emit.
+  std::atomic<SVCIPC_tSvcRegHnd> mRegistration{nullptr};
 };
 
 }  // namespace headunit

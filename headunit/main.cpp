@@ -128,11 +128,12 @@ int main(int argc, char** argv) {
   int sig = 0;
   sigwait(&mask, &sig);
   headunit::logLine(std::string("ecall-headunit: stopping on ") + strsignal(sig));
-  for (auto* service : services) service->leave();
-  SVCIPC_closeConnection(connection);
-  SVCIPC_shutdown();
+  // The threads that emit stop first, then the services leave the bus.
   systemBus.stop();
   navigation.stop();
   speech.stop();
+  for (auto* service : services) service->leave();
+  SVCIPC_closeConnection(connection);
+  SVCIPC_shutdown();
   return 0;
 }
