@@ -116,6 +116,14 @@ bool EmbeddedPhone::start(std::string& why) {
   });
 }
 
+EmbeddedPhone::~EmbeddedPhone() {
+  mBus.use([&](sd_bus*) {
+    sd_bus_slot_unref(mSlot);
+    sd_bus_slot_unref(mOwnerSlot);
+    return 0;
+  });
+}
+
 int EmbeddedPhone::onSignal(sd_bus_message* message, void* self, sd_bus_error*) {
   static_cast<EmbeddedPhone*>(self)->signal(message);
   return 0;

@@ -32,6 +32,8 @@ namespace headunit {
 class EmbeddedPhone : public BusService {
  public:
   EmbeddedPhone(const Config& config, SystemBus& bus) : BusService("EmbeddedPhone"), mConfig(config), mBus(bus) {}
+  // The subscriptions hold the system bus: they go before it.
+  ~EmbeddedPhone() override;
   // Follows oFono's signals and takes the first modem; false with a reason
   // when the system bus refuses the subscription.
   bool start(std::string& why);
