@@ -3,17 +3,20 @@
 //
 //   vehicle-sim [--root DIR] [--bus session|system|ADDRESS] [--record FILE]
 //               [--speak DIR] [--time-scale F] [--show] [--script FILE]
-//               [--panel [ADDRESS:]PORT] [--timeline FILE] [--help]
+//               [--panel [ADDRESS:]PORT] [--timeline FILE] [--vehicle-only] [--help]
 //
 // With only --root it serves the healthy car on the session bus. Commands
 // are read from the script, then from standard input; the car stops at
-// "quit", at the end of standard input, or on SIGINT or SIGTERM. (So a car
-// whose driver went away, a test that died, say, does not run on for ever.)
+// "quit", on SIGINT or SIGTERM, or at the end of standard input when that is
+// a terminal or a pipe (so a car whose driver went away, a test that died,
+// say, does not run on for ever). Without a console (/dev/null, a file) it
+// runs until a signal ends it.
 // --panel serves the car's panel in a browser (panelServer.h); --timeline
 // writes the whole record as a page a person can open when the car stops.
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -44,16 +47,19 @@ struct Options {
   std::string timeline;
   double timeScale = 1.0;
   bool show = false;
+  bool vehicleOnly = false;  // the head unit's services come from elsewhere
 };
 
 const char* kUsage =
     "usage: vehicle-sim [--root DIR] [--bus session|system|ADDRESS] [--record FILE]\n"
     "                   [--speak DIR] [--time-scale F] [--show] [--script FILE]\n"
-    "                   [--panel [ADDRESS:]PORT] [--timeline FILE] [--help]\n"
+    "                   [--panel [ADDRESS:]PORT] [--timeline FILE] [--vehicle-only] [--help]\n"
     "Plays the head-unit services, the vehicle micro and the mirror buttons around\n"
     "ecallService. Type 'help' for the console commands.\n"
     "--panel serves the car in a browser (loopback unless an ADDRESS is given; port 0: any\n"
-    "free port, see the \"panel\" record); --timeline writes the record as an HTML page.\n";
+    "free port, see the \"panel\" record); --timeline writes the record as an HTML page.\n"
+    "--vehicle-only plays the vehicle micro, the vehicle status and the mirror only, for a\n"
+    "head unit whose services are real (ecall-headunit).\n";
 
 bool parseOptions(int argc, char** argv, Options& options, std::string& why) {
   for (int i = 1; i < argc; ++i) {
@@ -71,6 +77,8 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& why) {
       exit(0);
     } else if (arg == "--show") {
       options.show = true;
+    } else if (arg == "--vehicle-only") {
+      options.vehicleOnly = true;
     } else if (arg == "--root") {
       if (!value(options.root)) return false;
     } else if (arg == "--bus") {
@@ -129,13 +137,23 @@ void makeCarFolders() {
   }
 }
 
-// Reads lines from standard input until "quit", its end, or a termination
-// signal.
+// The end of standard input ends the car only when a driver holds it: a
+// terminal or a pipe. A car started without a console (stdin /dev/null, as a
+// background job of a script gets, or a file of commands) runs on until
+// SIGTERM or SIGINT.
+bool inputEndsRun() {
+  struct stat info;
+  return isatty(STDIN_FILENO) || (fstat(STDIN_FILENO, &info) == 0 && S_ISFIFO(info.st_mode));
+}
+
+// Reads lines from standard input until "quit", its end (see inputEndsRun),
+// or a termination signal.
 void consoleLoop(sim::Console& console, sim::Recorder& recorder, int signals) {
   std::string pending;
   char buffer[4096];
+  int input = STDIN_FILENO;
   while (true) {
-    struct pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
+    struct pollfd fds[2] = {{input, POLLIN, 0}, {signals, POLLIN, 0}};
     if (poll(fds, 2, -1) < 0) {
       if (errno == EINTR) continue;
       return;
@@ -148,7 +166,10 @@ void consoleLoop(sim::Console& console, sim::Recorder& recorder, int signals) {
       bool quit = false;
       std::string reply = pending.empty() ? "" : console.run(pending, quit);  // a last line without its end
       if (!reply.empty()) recorder.reply(reply);
-      return;
+      if (inputEndsRun()) return;
+      input = -1;  // poll() skips it: only a signal ends the car now
+      pending.clear();
+      continue;
     }
     pending.append(buffer, static_cast<size_t>(n));
     size_t end;
@@ -239,7 +260,8 @@ int main(int argc, char** argv) {
     why = "the bus library did not start";
     started = false;
   }
-  for (sim::SimService* service : car.services()) started = started && service->join(why, false);
+  if (!options.vehicleOnly)
+    for (sim::SimService* service : car.services()) started = started && service->join(why, false);
   started = started && watcher.startBus(why) &&
             watcher.startFiles(platform::rootPath("/fs/etfs/usr/var/ecall"), platform::rootPath("/fs/usb0"), why);
   if (!started) {

@@ -1,0 +1,88 @@
+// EmbeddedPhone on oFono: the service's calls go through the first modem
+// oFono offers, and oFono's view of that modem and its calls comes back as
+// the phone's signals.
+//
+//   oFono                                   EmbeddedPhone
+//   Modem Powered and Online                "embeddedPhoneStatus" status true
+//   VoiceCall State dialing/alerting/...    "callState" CALL_STATE_...
+//   VoiceCall DisconnectReason              "wendReason" (a 24.008 cause)
+//   NetworkRegistration Status/Strength     "getAntennaStatus", "antennaStatus"
+//   VoiceCallManager EmergencyNumbers       "getEmergencyNumbers"
+//
+// The bridge powers the modem and brings it online when it starts and when
+// a modem appears; a modem that goes down later stays down and is reported
+// OFF, which is the service's cue to reset the module.
+//
+// Threads: requests come on the service bus's thread, oFono's signals on the
+// system bus's dispatcher; the phone's state is guarded by the system bus's
+// lock, which both take through SystemBus::use.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "busService.h"
+#include "config.h"
+#include "systemBus.h"
+
+namespace headunit {
+
+class EmbeddedPhone : public BusService {
+ public:
+  EmbeddedPhone(const Config& config, SystemBus& bus) : BusService("EmbeddedPhone"), mConfig(config), mBus(bus) {}
+  // The subscriptions hold the system bus: they go before it.
+  ~EmbeddedPhone() override;
+  // Follows oFono's signals and takes the first modem; false with a reason
+  // when the system bus refuses the subscription.
+  bool start(std::string& why);
+
+ protected:
+  Answer answer(const std::string& method, const Json::Value& params) override;
+
+ private:
+  struct Call {
+    std::string state;  // oFono's
+    std::string number;
+    bool incoming = false;
+    bool emergency = false;
+    bool reported = false;  // its end has been told
+  };
+  static int onSignal(sd_bus_message* message, void* self, sd_bus_error* error);
+  void signal(sd_bus_message* message);
+  void takeModems(sd_bus* bus);
+  void dropModem();
+  void modemChanged(sd_bus* bus, const std::string& name, sd_bus_message* value);
+  void bringUp(sd_bus* bus);
+  void readNetwork(sd_bus* bus);
+  void callChanged(const std::string& path, Call& call);
+  void reportStatus();
+  void reportAntenna();
+  bool phoneOn() const { return mPowered && mOnline; }
+  bool antennaKnown() const;
+  Json::Value antennaReply() const;
+  int callType(const Call& call) const;
+
+  Answer dial(const Json::Value& params);
+  Answer hangUp();
+  Answer acceptIncoming();
+  Answer emergencyNumbers();
+
+  const Config& mConfig;
+  SystemBus& mBus;
+  sd_bus_slot* mSlot = nullptr;
+  sd_bus_slot* mOwnerSlot = nullptr;
+  std::string mModem;  // the modem's object path; empty: none
+  bool mPowered = false, mOnline = false, mWantOnline = false, mHasVoice = false;
+  bool mReportedOn = false;
+  std::string mRegistration;  // NetworkRegistration Status
+  int mStrength = 0;
+  bool mReportedAntenna = false;
+  std::map<std::string, Call> mCalls;  // by oFono object path
+  std::string mDialled;                // the number ecallDial placed last
+  std::chrono::steady_clock::time_point mLastEmergency{};
+  bool mHadEmergency = false;
+};
+
+}  // namespace headunit
