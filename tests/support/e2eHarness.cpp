@@ -33,6 +33,13 @@ bool parseJson(const std::string& text, Json::Value& value) {
   return reader->parse(text.data(), text.data() + text.size(), &value, &errors);
 }
 
+#ifndef ECALL_E2E_SLOWDOWN
+#define ECALL_E2E_SLOWDOWN 1
+#endif
+
+// The --time-scale of both processes for a test's pace (see tests/CMakeLists.txt).
+double carScale(double testScale) { return std::min(1.0, testScale * ECALL_E2E_SLOWDOWN); }
+
 std::string fixed(double value) {
   char text[32];
   snprintf(text, sizeof text, "%g", value);
@@ -253,7 +260,7 @@ void E2eHarness::startSim() {
   FAIL() << "vehicle-sim is not part of this build";
 #else
   std::vector<std::string> args = {VEHICLE_SIM_BIN, "--root", mRoot, "--bus", mBusAddress,
-                                   "--record", mRecordFile, "--time-scale", fixed(mOptions.timeScale)};
+                                   "--record", mRecordFile, "--time-scale", fixed(carScale(mOptions.timeScale))};
   if (struct passwd* user = mOptions.simUser.empty() ? nullptr : getpwnam(mOptions.simUser.c_str())) {
     // The build folder need not be open to other accounts: the simulator
     // runs from a copy in the work folder.
@@ -295,7 +302,7 @@ void E2eHarness::startService() {
   int out = openOutput(mServiceOut);
   int err = openOutput(mServiceErr);
   std::vector<std::string> args = {ECALL_SERVICE_BIN, "--root", mRoot, "--bus", mBusAddress,
-                                   "--time-scale", fixed(mOptions.timeScale)};
+                                   "--time-scale", fixed(carScale(mOptions.timeScale))};
   if (mOptions.trace) args.insert(args.end(), {"--trace", mTraceFile});
   mServicePid = spawn(args, in, out, err);
   close(in);

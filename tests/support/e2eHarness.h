@@ -43,7 +43,8 @@ inline bool isNoReply(SVCIPC_tError rc) {
 }
 
 struct E2eOptions {
-  // --time-scale of both processes: 0.01 runs a 10 s delay of the service in 0.1 s.
+  // --time-scale of both processes: 0.01 runs a 10 s delay of the service in 0.1 s
+  // (the sanitizer builds run the car at half that pace, see tests/CMakeLists.txt).
   double timeScale = 0.01;
   // Start ecallService in the constructor (false: the simulator alone).
   bool startService = true;
