@@ -22,6 +22,7 @@
 #include "config.h"
 #include "embeddedPhone.h"
 #include "navigation.h"
+#include "platform/runtime.h"
 #include "platform/serviceBus.h"
 #include "platform/systemdNotify.h"
 #include "standIns.h"
@@ -86,12 +87,7 @@ int main(int argc, char** argv) {
   }
   // Termination is awaited by the main thread; every thread started below
   // inherits the blocked mask.
-  sigset_t mask;
-  sigemptyset(&mask);
-  sigaddset(&mask, SIGINT);
-  sigaddset(&mask, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &mask, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  const sigset_t mask = platform::blockTerminationSignals();
 
   headunit::Config config;
   if (!config.load(options.config, why)) return fail(why);

@@ -219,13 +219,8 @@ int main(int argc, char** argv) {
   // Termination arrives as a readable descriptor for the console loop; every
   // thread started below inherits the blocked mask. A peer that hangs up
   // must not kill the car.
-  sigset_t mask;
-  sigemptyset(&mask);
-  sigaddset(&mask, SIGINT);
-  sigaddset(&mask, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+  const sigset_t mask = platform::blockTerminationSignals();
   int signals = signalfd(-1, &mask, SFD_CLOEXEC);
-  signal(SIGPIPE, SIG_IGN);
 
   platform::setRoot(options.root);
   platform::setTimeScale(options.timeScale);

@@ -95,4 +95,14 @@ void sleepMs(int64_t ms) { sleepForNs(scaledMs(ms) * kNsPerMs); }
 
 void sleepNs(int64_t ns) { sleepForNs(scaledNs(ns)); }
 
+sigset_t blockTerminationSignals() {
+  sigset_t mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGINT);
+  sigaddset(&mask, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  return mask;
+}
+
 }  // namespace platform

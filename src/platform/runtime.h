@@ -3,6 +3,8 @@
 // scale that shortens every wait for simulation (--time-scale).
 #pragma once
 
+#include <signal.h>
+
 #include <cstdint>
 #include <string>
 
@@ -25,5 +27,11 @@ int64_t scaledNs(int64_t ns);
 // nanosleep for a scaled duration (retried on EINTR).
 void sleepMs(int64_t ms);
 void sleepNs(int64_t ns);
+
+// For a program whose one thread waits for its end: blocks SIGINT and SIGTERM
+// in the calling thread, and so in every thread it starts afterwards, and
+// ignores SIGPIPE, so that a peer that hangs up never ends the program.
+// Returns the blocked set, for sigwait or signalfd.
+sigset_t blockTerminationSignals();
 
 }  // namespace platform
