@@ -72,8 +72,11 @@ TEST_F(ImpactChannelTest, LocMessageTakesOnlyTheValueOneAsLost) {
 }
 
 TEST_F(ImpactChannelTest, ReaderTakesOneMessagePerReadAndDumpsNoFurtherThanByte252) {
-  connectChannel();  // the reader stays blocked on it until exit
-  std::thread(canImpactThrdFunc, &canIpcEmergencyHandler.orcChannel()).detach();
+  // The reader gets a channel of its own that nothing closes or destroys, so
+  // it stays blocked on it while the process objects are destroyed at exit.
+  static auto* channel = new platform::IpcChannel(orcIpcChannelPath.c_str(), O_RDWR);
+  ASSERT_NO_FATAL_FAILURE(micro.connect(*channel));
+  std::thread(canImpactThrdFunc, channel).detach();
 
   // Impact messages without a valid path: their trace is the reader's last act.
   for (size_t size : {300, 200}) {

@@ -21,7 +21,7 @@ struct vehicleMicro {
   int fd = -1;
 
   // Listens where the service opens the channel, has it opened, accepts.
-  void connect() {
+  void connect(platform::IpcChannel& channel = canIpcEmergencyHandler.orcChannel()) {
     const std::string path = platform::rootPath(orcIpcChannelPath);
     testSupport::makeDirs(path.substr(0, path.rfind('/')));
     sockaddr_un address{AF_UNIX, {}};
@@ -29,7 +29,8 @@ struct vehicleMicro {
     const int listenFd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     ASSERT_EQ(0, bind(listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address));
     ASSERT_EQ(0, listen(listenFd, 1));
-    ASSERT_TRUE(canIpcEmergencyHandler.openOrcIpcChannel());
+    ASSERT_TRUE(&channel == &canIpcEmergencyHandler.orcChannel() ? canIpcEmergencyHandler.openOrcIpcChannel()
+                                                                 : channel.open());
     ASSERT_GE(fd = accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK), 0);
   }
   // What the handler wrote so far, a message an element: enough after a
