@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "benchCommon.h"
-#include "ecallMain/ecallTypes.h"
+#include "common/ecallTypes.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "support/testSupport.h"

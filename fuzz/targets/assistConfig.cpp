@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "ecallMain/ecallTypes.h"
+#include "common/ecallTypes.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "support/fuzzSupport.h"

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "ecallMain/ecallTypes.h"
+#include "common/ecallTypes.h"
 #include "ecallMain/processObjects.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pps.h"

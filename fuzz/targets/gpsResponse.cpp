@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "ecallMain/ecallTypes.h"
+#include "common/ecallTypes.h"
 #include "ecallMain/processObjects.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "support/fuzzSupport.h"

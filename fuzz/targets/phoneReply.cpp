@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "ecallMain/ecallTypes.h"
+#include "common/ecallTypes.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "support/fuzzSupport.h"

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "ecallMain/ecallTypes.h"
+#include "common/ecallTypes.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/externalServiceHandling.h"

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <string>
 
-#include "ecallMain/ecallTypes.h"
+#include "common/ecallTypes.h"
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 
@@ -68,7 +68,3 @@ void emitECallProgressSignal(unsigned int progress);
 
 // The mode text last emitted in the "ecall" signal ("none" at start).
 std::string getCurCallModeString();
-
-// Progress codes of the "ecallProgress" signal.
-constexpr unsigned int ECALL_PROGRESS_MIC_MUTED = 0xDA80;    // 55936
-constexpr unsigned int ECALL_PROGRESS_MIC_UNMUTED = 0xDA6B;  // 55915

@@ -3,8 +3,8 @@
 #include <json/json.h>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/jsonText.h"
-#include "ecallMain/sharedText.h"
+#include "common/jsonText.h"
+#include "common/sharedText.h"
 #include "platform/slog.h"
 
 std::atomic<bool> bECallInProgress{false};

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/jsonText.h"
+#include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"

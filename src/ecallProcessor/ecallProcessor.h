@@ -15,8 +15,8 @@
 #include <cstdint>
 #include <string>
 
-#include "ecallMain/ecallTypes.h"
-#include "ecallMain/sharedText.h"
+#include "common/ecallTypes.h"
+#include "common/sharedText.h"
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/jsonText.h"
+#include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"

@@ -2,7 +2,7 @@
 // that state. Everything here runs on the state machine thread; the request
 // (type and mode) was read once at the start of the turn.
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/jsonText.h"
+#include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "ecallMain/ecallMain.h"
-#include "ecallMain/jsonText.h"
+#include "common/ecallTypes.h"
+#include "common/jsonText.h"
 #include "platform/serviceBus.h"
 
 namespace {

@@ -2,7 +2,7 @@
 // audio mixer, the phone source and microphone muting, and the hands-free
 // (PSSE) scenario that plays the embedded phone's ring tone.
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/jsonText.h"
+#include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/externalServiceHandling.h"

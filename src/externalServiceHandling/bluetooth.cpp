@@ -1,7 +1,7 @@
 // Bluetooth off for the length of an emergency call, so that the embedded
 // phone has the hands-free audio to itself, and on again afterwards.
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/jsonText.h"
+#include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/externalServiceHandling.h"

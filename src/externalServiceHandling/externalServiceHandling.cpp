@@ -2,7 +2,7 @@
 #include "externalServiceHandling/externalServiceHandling.h"
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/jsonText.h"
+#include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "platform/slog.h"

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-#include "ecallMain/sharedText.h"
+#include "common/sharedText.h"
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <string>
 
-#include "ecallMain/ecallTypes.h"
+#include "common/ecallTypes.h"
 #include "platform/ipcChannel.h"
 #include "platform/trace.h"
 

@@ -1,7 +1,7 @@
 // The service's bus methods, called through the fake bus, and the mode its
 // "ecall" signal shows.
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/jsonText.h"
+#include "common/jsonText.h"
 #include "unit/unitFixture.h"
 
 namespace {

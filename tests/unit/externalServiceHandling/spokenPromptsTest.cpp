@@ -2,7 +2,7 @@
 // and how readouts replace and abort each other.
 #include <climits>
 
-#include "ecallMain/jsonText.h"
+#include "common/jsonText.h"
 #include "extServFixture.h"
 
 using namespace extServTest;

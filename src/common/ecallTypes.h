@@ -209,6 +209,10 @@ inline const std::string vehicleStatusPPSPath = "/pps/can/vehstat";
 inline const std::string orcIpcChannelPath = "/dev/ipc/ch12";
 inline const std::string embeddedCallActiveFlag = "/tmp/embeddedCallActive";
 
+// Progress codes of the "ecallProgress" signal.
+constexpr unsigned int ECALL_PROGRESS_MIC_MUTED = 0xDA80;    // 55936
+constexpr unsigned int ECALL_PROGRESS_MIC_UNMUTED = 0xDA6B;  // 55915
+
 #define ECALL_SERVICE_NAME "com.nordak.service.ecallService"
 #define ECALL_SERVICE_PATH "/com/nordak/service/ecallService"
 #define EMBEDDED_PHONE_SERVICE "com.nordak.service.EmbeddedPhone"

@@ -1,11 +1,15 @@
 // The JSON text form of every bus payload.
-#include "ecallMain/jsonText.h"
-
-#include "ecallMain/ecallMain.h"
+#include "common/jsonText.h"
 
 #include <memory>
 
+#include "platform/trace.h"
+
 namespace {
+
+// The JSON helpers trace under the service frame's scope, as they did when
+// they were part of it.
+const CQVTraceScopeDef jsonTraceScope("ecallService_ecallMain", "all");
 
 // Deeper nesting than any payload of the head unit has; a peer that sends
 // more gets an empty value instead of exhausting the stack.
@@ -14,7 +18,7 @@ constexpr int JSON_NESTING_LIMIT = 64;
 }  // namespace
 
 std::string jsonWrite(const Json::Value& value) {
-  CQVTraceScope scope(ecallMainTraceScope, __func__);
+  CQVTraceScope scope(jsonTraceScope, __func__);
   // The compact writer is the wire form the peers expect: one line, members
   // in ascending byte order, no blanks, a line end at the end.
 #pragma GCC diagnostic push
@@ -25,7 +29,7 @@ std::string jsonWrite(const Json::Value& value) {
 }
 
 bool jsonParse(const char* text, Json::Value& value) {
-  CQVTraceScope scope(ecallMainTraceScope, __func__);
+  CQVTraceScope scope(jsonTraceScope, __func__);
   value = Json::Value();
   if (text == nullptr) text = "";
   // A reader is made once per thread (making one costs as much as a parse)
@@ -49,7 +53,7 @@ bool jsonParse(const char* text, Json::Value& value) {
 }
 
 int jsonGetInt(const Json::Value& object, const char* name, int defaultValue) {
-  CQVTraceScope scope(ecallMainTraceScope, __func__);
+  CQVTraceScope scope(jsonTraceScope, __func__);
   if (!object.isObject()) return defaultValue;
   try {
     return object.get(name, defaultValue).asInt();
@@ -59,7 +63,7 @@ int jsonGetInt(const Json::Value& object, const char* name, int defaultValue) {
 }
 
 std::string jsonGetString(const Json::Value& object, const char* name, const std::string& defaultValue) {
-  CQVTraceScope scope(ecallMainTraceScope, __func__);
+  CQVTraceScope scope(jsonTraceScope, __func__);
   if (!object.isObject()) return defaultValue;
   try {
     return object.get(name, defaultValue).asString();
