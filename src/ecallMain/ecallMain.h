@@ -43,7 +43,7 @@ extern std::atomic<unsigned char> gQuit;
 extern std::atomic<bool> bECallInProgress;
 
 // Trace scope of the service frame.
-extern CQVTraceScopeDef ecallMainTraceScope;
+inline const CQVTraceScopeDef ecallMainTraceScope("ecallService_ecallMain", "all");
 
 void sigHandler(int sig);
 

@@ -51,8 +51,8 @@ void createProcessObjects() {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
   std::call_once(processObjectsCreated, [] {
     new (&processorSlot.object) ecallProcessor();
-    new (&inputHandlerSlot.object) CANImpactECallHandler();
-    new (&extServSlot.object) externalServiceHandling();
+    new (&inputHandlerSlot.object) CANImpactECallHandler(processorSlot.object, extServSlot.object);
+    new (&extServSlot.object) externalServiceHandling(processorSlot.object);
     std::atexit(destroyProcessObjects);
   });
 }

@@ -11,7 +11,6 @@ SVCIPC_tConnection svcIPCConn = nullptr;
 SVCIPC_tSvcRegHnd svcIPCRegHnd = nullptr;
 std::atomic<unsigned char> gQuit{0};
 
-CQVTraceScopeDef ecallMainTraceScope("ecallService_ecallMain", "all");
 
 namespace {
 // One system log line of the service; longer texts are cut.

@@ -18,8 +18,6 @@
 
 using namespace ecallMain;
 
-sharedText assistAppUUID{defaultAssistAppUUID};
-
 namespace {
 
 constexpr int APP_MNGR_CFG_OPEN_ATTEMPTS = 11;
@@ -38,24 +36,9 @@ bool requiredMember(const Json::Value& data, const char* name, std::string& text
   return true;
 }
 
-void onOperStatus(const char* text, const Json::Value& data) {
-  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  scope.sendFormattedMessage("Received App Manager xlet operation status data: %s\n", text);
-  std::string appId, state;
-  if (!requiredMember(data, "appId", appId) || !requiredMember(data, "state", state)) return;
-  if (appId.find(assistAppUUID.get()) == std::string::npos) return;
+}  // namespace
 
-  scope.sendFormattedMessage("Assist App state received, state %s\n", state.c_str());
-  if (state.find("initializing") != std::string::npos) {
-    // Assist must reach "running" before the timer ends, or its LED goes off.
-    if (!isRunningAssistTimeoutTimer()) startAssistTimeoutTimer();
-    ecallHandler.processAssistAppOperStatus(XLET_INITIALIZING);
-  } else if (state.find("stopped") != std::string::npos) {
-    ecallHandler.processAssistAppOperStatus(XLET_STOPPED);
-  }
-}
-
-void onAppLifeSignal(const std::string& name, const Json::Value& data) {
+void ecallProcessor::onAppLifeSignal(const std::string& name, const Json::Value& data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   std::string appId;
   if (!requiredMember(data, "appId", appId) || appId.find(assistAppUUID.get()) == std::string::npos) return;
@@ -76,7 +59,22 @@ void onAppLifeSignal(const std::string& name, const Json::Value& data) {
   }
 }
 
-}  // namespace
+void ecallProcessor::onOperStatus(const char* text, const Json::Value& data) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  scope.sendFormattedMessage("Received App Manager xlet operation status data: %s\n", text);
+  std::string appId, state;
+  if (!requiredMember(data, "appId", appId) || !requiredMember(data, "state", state)) return;
+  if (appId.find(assistAppUUID.get()) == std::string::npos) return;
+
+  scope.sendFormattedMessage("Assist App state received, state %s\n", state.c_str());
+  if (state.find("initializing") != std::string::npos) {
+    // Assist must reach "running" before the timer ends, or its LED goes off.
+    if (!timers().isRunningAssistTimeoutTimer()) timers().startAssistTimeoutTimer();
+    ecallHandler.processAssistAppOperStatus(XLET_INITIALIZING);
+  } else if (state.find("stopped") != std::string::npos) {
+    ecallHandler.processAssistAppOperStatus(XLET_STOPPED);
+  }
+}
 
 void ecallProcessor::getAssistAppUUID() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
@@ -120,6 +118,7 @@ void ecallProcessor::getAssistAppUUID() {
 
 void ecallProcessor::onSubcribedAppMngrSignal(const char* sigName, const char* data, void* context) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  auto& self = *static_cast<ecallProcessor*>(context);
   const std::string name = sigName ? sigName : "";
   const char* text = data ? data : "{}";
   Json::Value value;
@@ -129,9 +128,9 @@ void ecallProcessor::onSubcribedAppMngrSignal(const char* sigName, const char* d
     return;
   }
   if (name == "operStatus") {
-    onOperStatus(text, value);
+    self.onOperStatus(text, value);
   } else if (name == "appStarted" || name == "appPaused" || name == "appStopped") {
-    onAppLifeSignal(name, value);
+    self.onAppLifeSignal(name, value);
   }
 }
 
@@ -149,7 +148,7 @@ void ecallProcessor::processAssistAppOperStatus(eXletState state) {
     switch (state) {
       case XLET_PAUSED:
       case XLET_RUNNING:
-        stopAssistTimeoutTimer();
+        timers().stopAssistTimeoutTimer();
         asyncStopAssistApp();
         [[fallthrough]];
       case XLET_INITIALIZING:
@@ -168,7 +167,7 @@ void ecallProcessor::processAssistAppOperStatus(eXletState state) {
         bAssistAppActive = false;
         createFlagInTmp(false, embeddedCallActiveFlag);
         sendAssistStatus();
-        stopAssistTimeoutTimer();
+        timers().stopAssistTimeoutTimer();
         break;
       default:
         scope.sendFormattedMessage("ecall active, unhandled assist state %s.", stateText);
@@ -179,7 +178,7 @@ void ecallProcessor::processAssistAppOperStatus(eXletState state) {
 
   switch (state) {
     case XLET_RUNNING:
-      stopAssistTimeoutTimer();
+      timers().stopAssistTimeoutTimer();
       [[fallthrough]];
     case XLET_INITIALIZING:
       bAssistAppActive = true;
@@ -193,7 +192,7 @@ void ecallProcessor::processAssistAppOperStatus(eXletState state) {
       bAssistAppActive = false;
       createFlagInTmp(false, embeddedCallActiveFlag);
       sendAssistStatus();
-      stopAssistTimeoutTimer();
+      timers().stopAssistTimeoutTimer();
       canIpcEmergencyHandler.setLedStatus(LED_OFF);
       extServHandle.enableBluetooth();
       // Any call still up on the embedded phone ends with Assist.

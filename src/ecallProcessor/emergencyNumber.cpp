@@ -68,7 +68,7 @@ int ecallProcessor::parseEcallNumber(const char* reply) {
     ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
     // An emergency waiting for a number is placed now, not at its retry.
     ++ecallHandler.numbersStored;
-    if (ecallHandler.waitingForNumber) startEcallStateMachineTimer(1);
+    if (ecallHandler.waitingForNumber) timers().startEcallStateMachineTimer(1);
     return PARSE_NUMBER_STORED;
   }
   scope.sendFormattedWarning("ecall number does not exist!  Please set it.\n");

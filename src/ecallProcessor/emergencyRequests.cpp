@@ -27,16 +27,16 @@ constexpr int pleaseWaitPopupTimeoutMs = 5000;
 
 bool isImpact(eEmergencyType type) { return type >= ecallMain::CAN_IMPACT_A && type <= ecallMain::SERIAL_IMPACT_X; }
 
+}  // namespace
+
 // The failure word, read under the processor's general lock when it exists.
-uint32_t readSystemError() {
+uint32_t ecallProcessor::readSystemError() {
   if (!useGeneralEcallProcessorMutex) return ecallHandler.systemError.load();
   pthread_mutex_lock(&generalEcallProcessorMutex);
   const uint32_t value = ecallHandler.systemError.load();
   pthread_mutex_unlock(&generalEcallProcessorMutex);
   return value;
 }
-
-}  // namespace
 
 void ecallProcessor::setEcallFailedToStart() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
@@ -51,9 +51,9 @@ void ecallProcessor::clearECallEvent() {
   waitingForNumber = false;
   curECallType = ecallMain::NONE;
   curCallModeType = ecallMain::CALL_NONE;
-  stopDelayEcallRequest();
+  timers().stopDelayEcallRequest();
   // The state machine sees the cleared request and ends the emergency.
-  startEcallStateMachineTimer(1);
+  timers().startEcallStateMachineTimer(1);
 }
 
 // The flag file tells other components that the emergency mode is on.
@@ -79,8 +79,8 @@ void ecallProcessor::exitEmergencyMode() {
 // state machine turns the mirror LED off again.
 void ecallProcessor::assistButtonPressed() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  if (isRunningAssistTimeoutTimer() || bAssistAppActive || ecallModeActive) return;
-  startAssistTimeoutTimer();
+  if (timers().isRunningAssistTimeoutTimer() || bAssistAppActive || ecallModeActive) return;
+  timers().startAssistTimeoutTimer();
 }
 
 // The signal's path to the phone's return: the same rule as every other.
@@ -153,7 +153,7 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
   // callback period, blinks the LED during a call.
   if (newType == ecallMain::E_CALL_BtnStat && curCallModeType != ecallMain::CALL_NONE && emdPhOn == 1) {
     scope.sendFormattedMessage("start delay ecall request");
-    startDelayEcallRequest();
+    timers().startDelayEcallRequest();
   }
 
   if (!embeddedPhAvail || emdPhOn != 1) {
@@ -172,7 +172,7 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
   if (curCallModeType == ecallMain::CALL_ECALL && newMode == ecallMain::CALL_ACN) {
     // A crash during a button call turns it into a crash notification.
     scope.sendFormattedMessage("stop delay ecall request.");
-    stopDelayEcallRequest();
+    timers().stopDelayEcallRequest();
   } else if (curECallType != ecallMain::NONE && !waitingForNumber) {
     scope.sendFormattedMessage("ecall already requested. Current type %d", curECallType.load());
     if (curCallModeType != ecallMain::CALL_ECALL_DELAY && newType == ecallMain::E_CALL_BtnStat) {
@@ -193,9 +193,9 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
   scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
                              ecallMain::eCallModeTypeString[newMode].c_str());
   if (newMode == ecallMain::CALL_ACN) {
-    startEcallImmediateTimer();
+    timers().startEcallImmediateTimer();
   } else if (newMode == ecallMain::CALL_ECALL_DELAY) {
-    startDelayEcallRequest();
+    timers().startDelayEcallRequest();
   } else {
     // The callback is started by the call state, not from here.
     const char* notRecognized =
@@ -211,7 +211,7 @@ void ecallProcessor::processEcallBtnPressWithSystemError() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const uint32_t error = systemError;
   if (error == 0 || error == ecallSystemFailure::bitMask[ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT]) {
-    if (isTimerActive(timerDelaySysErr4NoSierraComm) || isTimerActive(timerTimeoutPhoneNotPresent)) {
+    if (timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm) || timers().isTimerActive(processorTimers::timerTimeoutPhoneNotPresent)) {
       scope.sendFormattedMessage(
           "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. system error: %d\n", error);
       addFormattedEntryToEmergencyLog(

@@ -16,23 +16,14 @@ namespace {
 // timers.
 constexpr auto STATE_MACHINE_READY_LIMIT = std::chrono::seconds(2);
 
-// The registration that follows starts the phone-not-present timer, and the
-// timers are made by the state machine thread before its first receive. A
-// short, bounded wait at start-up only.
-void waitForStateMachineTimers(CQVTraceScope& scope) {
-  if (!waitForStateMachineStart(STATE_MACHINE_READY_LIMIT)) {
-    scope.sendFormattedWarning("ecall state machine not ready, its timers may not run\n");
-  }
-}
-
 // One subscription; a failure is reported with the service's own words and
 // start-up goes on.
-void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCallback handler, const char* context,
+void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCallback handler, ecallProcessor* context,
                      const char* traceFormat, const char* slogFormat) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   SVCIPC_tSigSubHnd subscription = nullptr;
   const SVCIPC_tError rc =
-      SVCIPC_subscribe(svcIPCConn, objPath, sigName, handler, const_cast<char*>(context), &subscription);
+      SVCIPC_subscribe(svcIPCConn, objPath, sigName, handler, context, &subscription);
   if (SVCIPC_IS_ERROR(rc)) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -63,11 +54,14 @@ void ecallProcessor::initEcallProcessor() {
   }
   useGeneralEcallProcessorMutex.store(generalMutexMade);
 
-  if (pthread_create(&mainStateMachineThreadHnd, nullptr, mainStateMachineThreadFunc, nullptr) != 0) {
+  if (!mStateMachine.startThread()) {
     scope.sendFormattedError("Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
     sendtoSlog(_SLOG_WARNING, "Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
-  } else {
-    waitForStateMachineTimers(scope);
+  } else if (!mStateMachine.waitForStart(STATE_MACHINE_READY_LIMIT)) {
+    // The registration that follows starts the phone-not-present timer, and
+    // the timers are made by the state machine thread before its first
+    // receive: a short, bounded wait at start-up only.
+    scope.sendFormattedWarning("ecall state machine not ready, its timers may not run\n");
   }
 
   getAssistAppUUID();
@@ -77,35 +71,35 @@ void ecallProcessor::initEcallProcessor() {
 
 void ecallProcessor::subscribeEmbPhSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(EMBEDDED_PHONE_PATH, sigName, onSubcribedSignal, "ecallProcessor",
+  subscribeSignal(EMBEDDED_PHONE_PATH, sigName, onSubcribedSignal, this,
                   "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n",
                   "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n");
 }
 
 void ecallProcessor::subscribeTtsSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(TTS_PATH, sigName, onSubcribedSignal, "ecallProcessor",
+  subscribeSignal(TTS_PATH, sigName, onSubcribedSignal, this,
                   "Failed to subscribe with TTS service signal %s, error=0x%0X\n",
                   "Failed to subscribe with TTS service signal %s, error=0x%0X\n");
 }
 
 void ecallProcessor::subscribeBtSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(BLUETOOTH_PATH, sigName, onSubcribedBTSignal, "callstate",
+  subscribeSignal(BLUETOOTH_PATH, sigName, onSubcribedBTSignal, this,
                   "Failed to subscribe with BT service signal %s, error=0x%0X\n",
                   "Failed to subscribe with BT service signal %s, error=0x%0X\n");
 }
 
 void ecallProcessor::subscribeAudioCtrlSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(AUDIO_CTRL_PATH, sigName, onSubcribedSignal, "ecallProcessor",
+  subscribeSignal(AUDIO_CTRL_PATH, sigName, onSubcribedSignal, this,
                   "Failed to subscribe with audio control service signal %s, error=0x%0X\n",
                   "Failed to subscribe with audio control signal %s, error=0x%0X\n");
 }
 
 void ecallProcessor::subscribeAppManagerSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(APP_MANAGER_PATH, sigName, onSubcribedAppMngrSignal, "ecallProcessor",
+  subscribeSignal(APP_MANAGER_PATH, sigName, onSubcribedAppMngrSignal, this,
                   "Failed to subscribe with app manager service signal %s, error=0x%0X\n",
                   "Failed to subscribe with app manager signal %s, error=0x%0X\n");
 }

@@ -16,14 +16,6 @@
 #include "platform/pulses.h"
 #include "platform/slog.h"
 
-std::atomic<int> stateMachineThreadReceiveChannelId{0};
-std::atomic<int> stateMachineThreadSendChannelId{0};
-pthread_t mainStateMachineThreadHnd{};
-std::atomic<int> activeTts{TTS_PROMPT_NONE};
-std::atomic<bool> firstPsapTtsWaitForComplete{false};
-std::atomic<int> firstPsapTtsCount{0};
-std::atomic<bool> errorSentForNoEcallNumberLoaded{false};
-
 namespace {
 
 // Names for traces. There is no row for the wait before the emergency
@@ -44,29 +36,7 @@ const char* const stateMachineString[] = {
 };
 constexpr int stateMachineStringCount = sizeof(stateMachineString) / sizeof(stateMachineString[0]);
 
-// Start-up waits on this until the thread has its channel and timers, or
-// has given up for want of a channel.
-std::mutex startMutex;
-std::condition_variable startDecided;
-bool started = false;  // guarded by startMutex
-
-void announceStart() {
-  {
-    std::lock_guard<std::mutex> lock(startMutex);
-    started = true;
-  }
-  startDecided.notify_all();
-}
-
 }  // namespace
-
-bool waitForStateMachineStart(std::chrono::milliseconds limit) {
-  std::unique_lock<std::mutex> lock(startMutex);
-  startDecided.wait_for(lock, limit, [] { return started; });
-  return stateMachineThreadSendChannelId.load() > 0;
-}
-
-std::mutex promptSequenceMutex;
 
 SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, const char* context) {
   return SVCIPC_asyncInvoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, method, params.c_str(), 0,
@@ -78,11 +48,34 @@ const char* getStateMachineString(ecallStateMachineStates state) {
   return stateMachineString[state];
 }
 
-void sendStateMachinePulse(int code) {
-  qnx::MsgSendPulse(stateMachineThreadSendChannelId.load(), qnx::getprio(0), code, 0);
+bool ecallStateMachine::startThread() {
+  return pthread_create(&mThread, nullptr, threadFunc, this) == 0;
 }
 
-void* mainStateMachineThreadFunc(void*) {
+void* ecallStateMachine::threadFunc(void* self) {
+  static_cast<ecallStateMachine*>(self)->threadMain();
+  return nullptr;
+}
+
+void ecallStateMachine::announceStart() {
+  {
+    std::lock_guard<std::mutex> lock(mStartMutex);
+    mStarted = true;
+  }
+  mStartDecided.notify_all();
+}
+
+bool ecallStateMachine::waitForStart(std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(mStartMutex);
+  mStartDecided.wait_for(lock, limit, [this] { return mStarted; });
+  return mSendChannelId.load() > 0;
+}
+
+void ecallStateMachine::sendPulse(int code) {
+  qnx::MsgSendPulse(mSendChannelId.load(), qnx::getprio(0), code, 0);
+}
+
+void ecallStateMachine::threadMain() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   scope.sendFormattedMessage("Starting ecall state machine thread\n");
   const int chid = qnx::ChannelCreate(0);
@@ -91,16 +84,15 @@ void* mainStateMachineThreadFunc(void*) {
     scope.sendFormattedError("Failed to create the state machine channel, errno %d\n", errno);
     sendtoSlog(_SLOG_ERROR, "Failed to create the state machine channel, errno %d\n", errno);
     announceStart();
-    return nullptr;
+    return;
   }
-  stateMachineThreadReceiveChannelId = chid;
+  mReceiveChannelId = chid;
   const int coid = qnx::ConnectAttach(0, 0, chid, qnx::_NTO_SIDE_CHANNEL, 0);
-  createProcessorTimers(chid);
+  mTimers.create(chid);
   // Published last: a sender that sees the connection finds the timers ready.
-  stateMachineThreadSendChannelId = coid;
+  mSendChannelId = coid;
   announceStart();
-  ecallStateMachine stateMachine;
-  stateMachine.run();
+  run();
 }
 
 void ecallStateMachine::run() {
@@ -114,8 +106,8 @@ void ecallStateMachine::run() {
     }
     if (!act) continue;
     scope.sendFormattedMessage("step 1: stateMachine before switch %s", getStateMachineString(state));
-    type = ecallHandler.getCurECallType();
-    mode = ecallHandler.getCurCallModeType();
+    type = processor.getCurECallType();
+    mode = processor.getCurCallModeType();
     checkRequest();
     if (delayStart && (state == ECALL_SM_MAKE_CALL || state == ECALL_SM_WAIT_TO_CONNECT ||
                        state == ECALL_SM_CALL_ACTIVE)) {
@@ -136,7 +128,7 @@ void ecallStateMachine::receivePulse() {
   act = startCall = delayStart = callEnded = false;
   pulseCode = 0;
   qnx::_pulse pulse{};
-  if (qnx::MsgReceive(stateMachineThreadReceiveChannelId.load(), &pulse, sizeof(pulse), nullptr) != 0) return;
+  if (qnx::MsgReceive(mReceiveChannelId.load(), &pulse, sizeof(pulse), nullptr) != 0) return;
   pulseCode = pulse.code;
   handlePulse(pulseCode);
 }
@@ -154,7 +146,7 @@ void ecallStateMachine::handlePulse(int code) {
       break;
     case ECALL_PULSE_DELAY_START:
       scope.sendFormattedMessage("Received ecall delay start pulse\n");
-      if (errorSentForNoEcallNumberLoaded) {
+      if (processor.errorSentForNoEcallNumberLoaded) {
         scope.sendFormattedMessage("Error msg active when ecall delay start pulse received, ignoring the pulse\n");
       } else {
         scope.sendFormattedMessage("Acting on ecall delay start pulse\n");
@@ -175,18 +167,18 @@ void ecallStateMachine::handlePulse(int code) {
       break;
     case ECALL_PULSE_ASSIST_NEVER_ACTIVE:
       scope.sendFormattedMessage("Received assist xlet never active timeout \n");
-      ecallHandler.onAssistNeverActiveTimeout();
+      processor.onAssistNeverActiveTimeout();
       break;
     case ECALL_PULSE_PHONE_NOT_PRESENT:
       scope.sendFormattedMessage("Received timeout for phone not being present\n");
-      ecallHandler.onPhoneNotPresentTimeout();
+      processor.onPhoneNotPresentTimeout();
       break;
     case ECALL_PULSE_ANTENNA_FAULT:
       scope.sendFormattedMessage("Received timeout for antenna fault, set the system error\n");
-      ecallHandler.onAntennaFaultTimeout();
+      processor.onAntennaFaultTimeout();
       break;
     case ECALL_PULSE_DELAY_SYS_ERR_NO_SIERRA_COMM:
-      ecallHandler.onDelaySysErrTimeout();
+      processor.onDelaySysErrTimeout();
       break;
     case ECALL_PULSE_DIAL_FAILED:
       scope.sendFormattedMessage("Received dial failed pulse\n");
@@ -214,12 +206,12 @@ void ecallStateMachine::endCall() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   // No connection is awaited any more: a dial still pending must not report
   // a time-out into the callback period or idle.
-  stopEcallTimeoutTimer();
-  firstPsapTtsCount = 0;
-  if (!ecallHandler.curCallState.contains("CALL_STATE_IDLE")) ecallHandler.hangUpCall();
+  timers().stopEcallTimeoutTimer();
+  processor.firstPsapTtsCount = 0;
+  if (!processor.curCallState.contains("CALL_STATE_IDLE")) processor.hangUpCall();
   extServHandle.abortCurrentTtsMsg();
   emitEcall(false, ecallMain::NONE, ecallMain::CALL_NONE);
-  startEcallStateMachineTimer(30000);
+  timers().startEcallStateMachineTimer(30000);
   canIpcEmergencyHandler.setLedStatus(LED_OFF);
   playPrompt(TTS_PROMPT_ENDED);
   dialAllowed = true;
@@ -244,7 +236,7 @@ void ecallStateMachine::runStep() {
     default:
       scope.sendFormattedWarning("Ecall State Machine in an unknown state, returning to idle.\n");
       sendtoSlog(_SLOG_ERROR, "Ecall State Machine in an unknown state, returning to idle.\n");
-      ecallHandler.clearECallEvent();
+      processor.clearECallEvent();
       state = ECALL_SM_IDLE;
       break;
   }
@@ -253,16 +245,16 @@ void ecallStateMachine::runStep() {
 void ecallStateMachine::emitEcall(bool ecall, ecallMain::eEmergencyType signalType,
                                   ecallMain::eCallModeType signalMode) {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
-  ecallHandler.ecallSignalActive = ecall;
-  emitEmergencySignal(ecall, signalType, ecall ? ecallHandler.getLocalEcallNumber() : std::string(), signalMode,
-                      ecallHandler.btCallActive.load(), ecallHandler.getEcallModeActive());
+  processor.ecallSignalActive = ecall;
+  emitEmergencySignal(ecall, signalType, ecall ? processor.getLocalEcallNumber() : std::string(), signalMode,
+                      processor.btCallActive.load(), processor.getEcallModeActive());
 }
 
 void ecallStateMachine::playPrompt(eECallTtsPrompt prompt) {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   {
-    std::lock_guard<std::mutex> lock(promptSequenceMutex);
-    activeTts = prompt;
+    std::lock_guard<std::mutex> lock(processor.promptSequenceMutex);
+    processor.activeTts = prompt;
   }
   extServHandle.playTtsMsg(prompt);
 }
@@ -281,7 +273,7 @@ void ecallProcessor::hangUpCall() {
 bool ecallProcessor::acceptEmergencyCallback() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   // The state machine looks at the call state again once the answer is sent.
-  startEcallStateMachineTimer(1);
+  timers().startEcallStateMachineTimer(1);
   const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("acceptIncomingCall", "", "acceptIncomingCall");
   if (rc < 0) {
     scope.sendFormattedError("failed to acceptIncomingCall, rc %d\n", rc);
@@ -309,7 +301,7 @@ void ecallProcessor::onAsyncResult(const SVCIPC_tCallbackStatus* status, const c
     sendtoSlog(_SLOG_WARNING, "Async call %s failed: 0x%0X\n", name, static_cast<unsigned>(err));
     // A dial the phone took and then failed (or never answered) is a failed
     // dial; the state machine judges it against the call's state.
-    if (std::strcmp(name, "dial") == 0) sendStateMachinePulse(ECALL_PULSE_DIAL_FAILED);
+    if (std::strcmp(name, "dial") == 0) ecallHandler.sendStateMachinePulse(ECALL_PULSE_DIAL_FAILED);
     return;
   }
   scope.sendFormattedMessage("onAsyncResult[%s]: %s\n", name, result ? result : "");

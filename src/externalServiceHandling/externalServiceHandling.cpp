@@ -3,16 +3,11 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "platform/slog.h"
 
-CQVTraceScopeDef externalServiceHandlingTraceScope("ecallService_externalServiceHandling", "all");
-
-std::atomic<int> platformDBUSAvail{0};
-SVCIPC_tSigSubHnd platformOwnerSubHnd = nullptr;
-
-externalServiceHandling::externalServiceHandling() {
+externalServiceHandling::externalServiceHandling(processorInputs& processor) : mProcessor(processor) {
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
 }
 
@@ -22,6 +17,21 @@ externalServiceHandling::~externalServiceHandling() {
 }
 
 namespace extServ {
+
+// The completion of the services' asynchronous requests; the context is the
+// request's name. Nothing waits for these replies: a failure is only told. A
+// request the bus library cancelled itself is no news and is dropped.
+void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  const char* name = context ? static_cast<const char*>(context) : "";
+  const SVCIPC_tError err = status ? status->errCode : SVCIPC_ERROR_NONE;
+  if (SVCIPC_IS_ERROR(err)) {
+    if (SVCIPC_ERROR_DOMAIN(err) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(err) == SVCIPC_ERR_CANCELLED) return;
+    sendtoSlog(_SLOG_WARNING, "Async call %s failed: 0x%0X\n", name, static_cast<unsigned>(err));
+    return;
+  }
+  scope.sendFormattedMessage("onAsyncResult[%s]: %s\n", name, result ? result : "");
+}
 
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
                          std::string* result) {
@@ -38,8 +48,7 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context) {
   return SVCIPC_asyncInvoke(svcIPCConn, service.name, service.path, method, params.c_str(), 0 /*reply expected*/,
-                            SVCIPC_TIMEOUT_DEFAULT, ecallProcessor::onAsyncResult,
-                            const_cast<char*>(context));
+                            SVCIPC_TIMEOUT_DEFAULT, onAsyncResult, const_cast<char*>(context));
 }
 
 bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept) {

@@ -40,8 +40,8 @@ inline constexpr busService vehicleStatusService{"com.nordak.service.VehicleStat
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
                          std::string* result = nullptr);
 
-// An asynchronous request whose reply goes to the processor's completion
-// handler, named by context (a text that lives for the process).
+// An asynchronous request named by context (a text that lives for the
+// process); a failed reply is told in the system log.
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context);
 
