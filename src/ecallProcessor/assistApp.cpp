@@ -209,7 +209,7 @@ void ecallProcessor::asyncStopAssistApp() {
   Json::Value params(Json::objectValue);
   params["appId"] = assistAppUUID.get();
   static const char stopAppContext[] = "stopApp";
-  SVCIPC_tError rc = SVCIPC_asyncInvoke(svcIPCConn, APP_MANAGER_SERVICE, APP_MANAGER_PATH, "stopApp",
+  SVCIPC_tError rc = SVCIPC_asyncInvoke(ecallFrame().connection(), APP_MANAGER_SERVICE, APP_MANAGER_PATH, "stopApp",
                                         jsonWrite(params).c_str(), 0, SVCIPC_TIMEOUT_DEFAULT,
                                         ecallProcessor::onAsyncResult, const_cast<char*>(stopAppContext));
   if (SVCIPC_IS_ERROR(rc)) {

@@ -86,7 +86,7 @@ bool ecallProcessor::readECallNumber() {
   bool result = false;
   while (failures < ECALL_NUMBER_MAX_FAILURES) {
     SVCIPC_tResponse* response = nullptr;
-    const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
+    const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
                                            "getEmergencyNumbers", params.c_str(), peerReplyLimitMs(), &response);
     bool pause = false;
     if (SVCIPC_IS_ERROR(rc)) {
@@ -128,7 +128,7 @@ bool ecallProcessor::readECallNumber() {
 
 void ecallProcessor::asyncReadECallNumber() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const SVCIPC_tError rc = SVCIPC_asyncInvoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
+  const SVCIPC_tError rc = SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
                                               "getEmergencyNumbers", ecallNumberQuery().c_str(), 0,
                                               SVCIPC_TIMEOUT_DEFAULT, onAsyncEcallNumberResult,
                                               const_cast<char*>("getEmergencyNumbers"));

@@ -235,7 +235,7 @@ void ecallProcessor::requestHMIDisplayPleaseWaitPopup() {
   const std::string text = jsonWrite(params);
   scope.sendFormattedMessage("HMIGateWay displayGlobalPopup, params %s\n", text.c_str());
   SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, HMI_GATEWAY_SERVICE, HMI_GATEWAY_PATH,
+  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), HMI_GATEWAY_SERVICE, HMI_GATEWAY_PATH,
                                          "displayGlobalPopupByMsgId", text.c_str(), peerReplyLimitMs(), &response);
   if (rc < 0) {
     const char* failure =

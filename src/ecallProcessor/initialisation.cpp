@@ -23,7 +23,7 @@ void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCal
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   SVCIPC_tSigSubHnd subscription = nullptr;
   const SVCIPC_tError rc =
-      SVCIPC_subscribe(svcIPCConn, objPath, sigName, handler, context, &subscription);
+      SVCIPC_subscribe(ecallFrame().connection(), objPath, sigName, handler, context, &subscription);
   if (SVCIPC_IS_ERROR(rc)) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"

@@ -214,7 +214,7 @@ void ecallProcessor::setEcallSystemFailureState(ecallSystemFailure::eSource sour
 
 void ecallProcessor::registerEmdPhSvc() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  SVCIPC_tError rc = SVCIPC_subscribeOwnerChanged(svcIPCConn, EMBEDDED_PHONE_SERVICE, onEmbeddedPhoneOwnerChange,
+  SVCIPC_tError rc = SVCIPC_subscribeOwnerChanged(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, onEmbeddedPhoneOwnerChange,
                                                   this, &embeddedPhOwnerSubHnd);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to subscribe emdph owner change, rc = 0x%0X\n", static_cast<unsigned>(rc));
@@ -222,7 +222,7 @@ void ecallProcessor::registerEmdPhSvc() {
   }
 
   int hasOwner = 0;
-  rc = SVCIPC_nameHasOwner(svcIPCConn, EMBEDDED_PHONE_SERVICE, &hasOwner);
+  rc = SVCIPC_nameHasOwner(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, &hasOwner);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("has owner error 0x%0X\n", static_cast<unsigned>(rc));
     sendtoSlog(_SLOG_WARNING, "has owner error 0x%0X\n", static_cast<unsigned>(rc));
@@ -279,7 +279,7 @@ void ecallProcessor::getEmdPhStatus() {
   Json::Value params(Json::objectValue);
   params["props"].append("embeddedPhoneStatus");
   SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getProperties",
+  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getProperties",
                                          jsonWrite(params).c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedWarning("failed to get embPh status, rc %d\n", rc);
@@ -357,7 +357,7 @@ void ecallProcessor::processAntennaStatusSignal(const char* data) {
 void ecallProcessor::checkAntennaStatus() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
+  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
                                          "getAntennaStatus", antennaQuery().c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedWarning("Failed to get embedded phone antenna status, rc %d\n", rc);
@@ -374,7 +374,7 @@ void ecallProcessor::checkAntennaStatus() {
 void ecallProcessor::asyncCheckAntennaStatus() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const SVCIPC_tError rc =
-      SVCIPC_asyncInvoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getAntennaStatus",
+      SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getAntennaStatus",
                          antennaQuery().c_str(), 0, SVCIPC_TIMEOUT_DEFAULT, onAsyncAntennaStatusResult,
                          const_cast<char*>("getAntennaStatus"));
   if (SVCIPC_IS_ERROR(rc)) {

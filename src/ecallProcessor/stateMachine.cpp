@@ -39,7 +39,7 @@ constexpr int stateMachineStringCount = sizeof(stateMachineString) / sizeof(stat
 }  // namespace
 
 SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, const char* context) {
-  return SVCIPC_asyncInvoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, method, params.c_str(), 0,
+  return SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, method, params.c_str(), 0,
                             SVCIPC_TIMEOUT_DEFAULT, ecallProcessor::onAsyncResult, const_cast<char*>(context));
 }
 

@@ -43,7 +43,7 @@ std::string ecallProcessor::parseSWIUSBPortsStr(const char* reply) {
 std::string ecallProcessor::getSWIUSBPorts() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getUsbPorts", "",
+  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getUsbPorts", "",
                                          SVCIPC_TIMEOUT_DEFAULT, &response);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedWarning("Failed to get swiusb ports, rc %d\n", rc);
@@ -60,7 +60,7 @@ std::string ecallProcessor::getSWIUSBPorts() {
 void ecallProcessor::asyncRequestSWIUSBPorts() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const SVCIPC_tError rc =
-      SVCIPC_asyncInvoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getUsbPorts", "", 0,
+      SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getUsbPorts", "", 0,
                          SVCIPC_TIMEOUT_DEFAULT, onAsyncSWIUSBPortsResult, const_cast<char*>("getUsbPorts"));
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to send async request to get swiusb ports, rc %d\n", rc);

@@ -44,7 +44,7 @@ void externalServiceHandling::initExternalServiceHandling() {
     sendtoSlog(_SLOG_WARNING, "Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
   }
 
-  SVCIPC_tError err = SVCIPC_subscribeOwnerChanged(svcIPCConn, extServ::platformService.name, onPlatformOwnerChange, this,
+  SVCIPC_tError err = SVCIPC_subscribeOwnerChanged(ecallFrame().connection(), extServ::platformService.name, onPlatformOwnerChange, this,
                                                    &mPlatformOwnerSubscription);
   if (err < 0) {
     scope.sendFormattedError("failed to subscribe platform owner change, rc = 0x%0X\n", err);
@@ -52,7 +52,7 @@ void externalServiceHandling::initExternalServiceHandling() {
   }
 
   int hasOwner = 0;
-  err = SVCIPC_nameHasOwner(svcIPCConn, extServ::platformService.name, &hasOwner);
+  err = SVCIPC_nameHasOwner(ecallFrame().connection(), extServ::platformService.name, &hasOwner);
   if (err < 0) {
     scope.sendFormattedError("has owner error 0x%0X\n", err);
     sendtoSlog(_SLOG_WARNING, "has owner error 0x%0X\n", err);

@@ -36,7 +36,7 @@ void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, voi
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
                          std::string* result) {
   SVCIPC_tResponse* response = nullptr;
-  SVCIPC_tError rc = SVCIPC_invoke(svcIPCConn, service.name, service.path, method, params.c_str(),
+  SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), service.name, service.path, method, params.c_str(),
                                    peerReplyLimitMs(), &response);
   if (response != nullptr) {
     if (result != nullptr && response->result != nullptr) *result = response->result;
@@ -47,7 +47,7 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
 
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context) {
-  return SVCIPC_asyncInvoke(svcIPCConn, service.name, service.path, method, params.c_str(), 0 /*reply expected*/,
+  return SVCIPC_asyncInvoke(ecallFrame().connection(), service.name, service.path, method, params.c_str(), 0 /*reply expected*/,
                             SVCIPC_TIMEOUT_DEFAULT, onAsyncResult, const_cast<char*>(context));
 }
 
