@@ -1,6 +1,6 @@
-// The main state machine thread: its channel, the pulse table, the request
-// check that ends a call whose request was cleared, and the requests the
-// state machine makes of the embedded phone.
+// The main state machine thread: its start, its channel, the loop and the
+// pulse table, and the requests the state machine makes of the embedded
+// phone. What a turn does in each state is in stateSteps.cpp.
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -187,76 +187,6 @@ void ecallStateMachine::handlePulse(int code) {
     default:
       break;
   }
-}
-
-// Type and mode both cleared means the emergency is over (ended, cancelled,
-// or failed for good): a call in progress is wound down into the 30 s
-// callback period.
-void ecallStateMachine::checkRequest() {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  if (type != ecallMain::NONE || mode != ecallMain::CALL_NONE) return;
-  if (state == ECALL_SM_IDLE) {
-    emitEcall(false, type, mode);
-  } else if (state != ECALL_SM_WAIT_FOR_END_FROM_HMI) {
-    endCall();
-  }
-}
-
-void ecallStateMachine::endCall() {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  // No connection is awaited any more: a dial still pending must not report
-  // a time-out into the callback period or idle.
-  timers().stopEcallTimeoutTimer();
-  processor.firstPsapTtsCount = 0;
-  if (!processor.curCallState.contains("CALL_STATE_IDLE")) processor.hangUpCall();
-  extServHandle.abortCurrentTtsMsg();
-  emitEcall(false, ecallMain::NONE, ecallMain::CALL_NONE);
-  timers().startEcallStateMachineTimer(30000);
-  canIpcEmergencyHandler.setLedStatus(LED_OFF);
-  playPrompt(TTS_PROMPT_ENDED);
-  dialAllowed = true;
-  state = ECALL_SM_WAIT_FOR_END_FROM_HMI;
-  act = startCall = delayStart = false;
-}
-
-void ecallStateMachine::runStep() {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  switch (state) {
-    case ECALL_SM_IDLE: stepIdle(); break;
-    case ECALL_SM_CALL_DELAY: stepCallDelay(); break;
-    case ECALL_SM_MAKE_CALL: stepMakeCall(); break;
-    case ECALL_SM_WAIT_TO_CONNECT: stepWaitToConnect(); break;
-    case ECALL_SM_CALL_ACTIVE: stepCallActive(); break;
-    case ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS: stepWaitForPsapTts(); break;
-    case ECALL_SM_WAIT_FOR_END_FROM_HMI: stepWaitForEndFromHmi(); break;
-    case ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES: stepOpenAudioForRingTones(); break;
-    case ECALL_SM_INCOMING_CALL_WAIT_RING_TONES_COMPLETE: stepWaitRingTonesComplete(); break;
-    case ECALL_SM_INCOMING_CALL_ANSWER: stepAnswer(); break;
-    case ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE: stepWaitForCallActive(); break;
-    default:
-      scope.sendFormattedWarning("Ecall State Machine in an unknown state, returning to idle.\n");
-      sendtoSlog(_SLOG_ERROR, "Ecall State Machine in an unknown state, returning to idle.\n");
-      processor.clearECallEvent();
-      state = ECALL_SM_IDLE;
-      break;
-  }
-}
-
-void ecallStateMachine::emitEcall(bool ecall, ecallMain::eEmergencyType signalType,
-                                  ecallMain::eCallModeType signalMode) {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  processor.ecallSignalActive = ecall;
-  emitEmergencySignal(ecall, signalType, ecall ? processor.getLocalEcallNumber() : std::string(), signalMode,
-                      processor.btCallActive.load(), processor.getEcallModeActive());
-}
-
-void ecallStateMachine::playPrompt(eECallTtsPrompt prompt) {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  {
-    std::lock_guard<std::mutex> lock(processor.promptSequenceMutex);
-    processor.activeTts = prompt;
-  }
-  extServHandle.playTtsMsg(prompt);
 }
 
 // ---- Requests of the state machine to the embedded phone ----

@@ -1,7 +1,8 @@
 // The main state machine of the processor: its thread, its channel, its nine
 // timers, and the state and per-pulse flags that only its own thread
-// touches. The loop and the pulse handling are in stateMachine.cpp, the step
-// of each state in stateSteps.cpp. One instance, owned by the processor.
+// touches. The thread, the loop and the pulse handling are in
+// stateMachine.cpp; what a turn does (the request check and the step of each
+// state) in stateSteps.cpp. One instance, owned by the processor.
 #pragma once
 
 #include <pthread.h>
@@ -79,11 +80,11 @@ class ecallStateMachine {
   // The loop's parts (stateMachine.cpp).
   void receivePulse();
   void handlePulse(int code);
+
+  // One turn and the steps of the states (stateSteps.cpp).
   void checkRequest();
   void endCall();
   void runStep();
-
-  // The steps of the states (stateSteps.cpp).
   void stepIdle();
   bool readNumberOrRaiseFailure();
   void startEmergency();

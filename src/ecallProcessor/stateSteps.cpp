@@ -1,6 +1,7 @@
-// The step of each state of the main state machine: what one pulse does in
-// that state. Everything here runs on the state machine thread; the request
-// (type and mode) was read once at the start of the turn.
+// What one turn of the main state machine does: the request check, the step
+// of the state the pulse finds it in, and the helpers the steps share.
+// Everything here runs on the state machine thread; the request (type and
+// mode) was read once at the start of the turn.
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
@@ -25,7 +26,80 @@ const char* const dialVehicleType = "Corvane";
 
 }  // namespace
 
+// ---- One turn: the request check, the step of the state, and the helpers
+// every step uses ----
+
+// Type and mode both cleared means the emergency is over (ended, cancelled,
+// or failed for good): a call in progress is wound down into the 30 s
+// callback period.
+void ecallStateMachine::checkRequest() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (type != ecallMain::NONE || mode != ecallMain::CALL_NONE) return;
+  if (state == ECALL_SM_IDLE) {
+    emitEcall(false, type, mode);
+  } else if (state != ECALL_SM_WAIT_FOR_END_FROM_HMI) {
+    endCall();
+  }
+}
+
+void ecallStateMachine::endCall() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  // No connection is awaited any more: a dial still pending must not report
+  // a time-out into the callback period or idle.
+  timers().stopEcallTimeoutTimer();
+  processor.firstPsapTtsCount = 0;
+  if (!callStateIs("CALL_STATE_IDLE")) processor.hangUpCall();
+  extServHandle.abortCurrentTtsMsg();
+  emitEcall(false, ecallMain::NONE, ecallMain::CALL_NONE);
+  timers().startEcallStateMachineTimer(30000);
+  canIpcEmergencyHandler.setLedStatus(LED_OFF);
+  playPrompt(TTS_PROMPT_ENDED);
+  dialAllowed = true;
+  state = ECALL_SM_WAIT_FOR_END_FROM_HMI;
+  act = startCall = delayStart = false;
+}
+
+void ecallStateMachine::runStep() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  switch (state) {
+    case ECALL_SM_IDLE: stepIdle(); break;
+    case ECALL_SM_CALL_DELAY: stepCallDelay(); break;
+    case ECALL_SM_MAKE_CALL: stepMakeCall(); break;
+    case ECALL_SM_WAIT_TO_CONNECT: stepWaitToConnect(); break;
+    case ECALL_SM_CALL_ACTIVE: stepCallActive(); break;
+    case ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS: stepWaitForPsapTts(); break;
+    case ECALL_SM_WAIT_FOR_END_FROM_HMI: stepWaitForEndFromHmi(); break;
+    case ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES: stepOpenAudioForRingTones(); break;
+    case ECALL_SM_INCOMING_CALL_WAIT_RING_TONES_COMPLETE: stepWaitRingTonesComplete(); break;
+    case ECALL_SM_INCOMING_CALL_ANSWER: stepAnswer(); break;
+    case ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE: stepWaitForCallActive(); break;
+    default:
+      scope.sendFormattedWarning("Ecall State Machine in an unknown state, returning to idle.\n");
+      sendtoSlog(_SLOG_ERROR, "Ecall State Machine in an unknown state, returning to idle.\n");
+      processor.clearECallEvent();
+      state = ECALL_SM_IDLE;
+      break;
+  }
+}
+
+void ecallStateMachine::emitEcall(bool ecall, ecallMain::eEmergencyType signalType,
+                                  ecallMain::eCallModeType signalMode) {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  processor.ecallSignalActive = ecall;
+  emitEmergencySignal(ecall, signalType, ecall ? processor.getLocalEcallNumber() : std::string(), signalMode,
+                      processor.btCallActive.load(), processor.getEcallModeActive());
+}
+
 bool ecallStateMachine::callStateIs(const char* part) const { return processor.curCallState.contains(part); }
+
+void ecallStateMachine::playPrompt(eECallTtsPrompt prompt) {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  {
+    std::lock_guard<std::mutex> lock(processor.promptSequenceMutex);
+    processor.activeTts = prompt;
+  }
+  extServHandle.playTtsMsg(prompt);
+}
 
 // ---- ECALL_SM_IDLE ----
 
