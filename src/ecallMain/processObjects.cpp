@@ -50,7 +50,7 @@ externalServiceHandling& extServHandle = extServSlot.object;
 void createProcessObjects() {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
   std::call_once(processObjectsCreated, [] {
-    new (&processorSlot.object) ecallProcessor();
+    new (&processorSlot.object) ecallProcessor(inputHandlerSlot.object, extServSlot.object);
     new (&inputHandlerSlot.object) CANImpactECallHandler(processorSlot.object, extServSlot.object);
     new (&extServSlot.object) externalServiceHandling(processorSlot.object);
     std::atexit(destroyProcessObjects);

@@ -8,10 +8,10 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "externalServiceHandling/externalServiceHandling.h"
+#include "externalServiceHandling/serviceRequests.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
@@ -51,9 +51,9 @@ void ecallProcessor::onAppLifeSignal(const std::string& name, const Json::Value&
   }
   // A paused Assist is handled as a running one.
   if (name == "appStarted" || name == "appPaused") {
-    ecallHandler.processAssistAppOperStatus(XLET_RUNNING);
+    processAssistAppOperStatus(XLET_RUNNING);
   } else if (name == "appStopped") {
-    ecallHandler.processAssistAppOperStatus(XLET_STOPPED);
+    processAssistAppOperStatus(XLET_STOPPED);
   } else {
     scope.sendFormattedWarning("should not be here at all");
   }
@@ -70,9 +70,9 @@ void ecallProcessor::onOperStatus(const char* text, const Json::Value& data) {
   if (state.find("initializing") != std::string::npos) {
     // Assist must reach "running" before the timer ends, or its LED goes off.
     if (!timers().isRunningAssistTimeoutTimer()) timers().startAssistTimeoutTimer();
-    ecallHandler.processAssistAppOperStatus(XLET_INITIALIZING);
+    processAssistAppOperStatus(XLET_INITIALIZING);
   } else if (state.find("stopped") != std::string::npos) {
-    ecallHandler.processAssistAppOperStatus(XLET_STOPPED);
+    processAssistAppOperStatus(XLET_STOPPED);
   }
 }
 
@@ -211,7 +211,7 @@ void ecallProcessor::asyncStopAssistApp() {
   static const char stopAppContext[] = "stopApp";
   SVCIPC_tError rc = SVCIPC_asyncInvoke(ecallFrame().connection(), APP_MANAGER_SERVICE, APP_MANAGER_PATH, "stopApp",
                                         jsonWrite(params).c_str(), 0, SVCIPC_TIMEOUT_DEFAULT,
-                                        ecallProcessor::onAsyncResult, const_cast<char*>(stopAppContext));
+                                        extServ::onAsyncResult, const_cast<char*>(stopAppContext));
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("Failed to stop Assist App, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "Failed to stop Assist App, rc 0x%0X\n", static_cast<unsigned>(rc));

@@ -8,7 +8,6 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "ecallProcessor/stateMachineInternal.h"

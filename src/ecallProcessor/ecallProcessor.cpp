@@ -7,7 +7,8 @@ const char* const ecallProcessor::sEmbPhoneStatusString[3] = {"UNKNOWN", "OFF", 
 
 // The fields start as declared. The version line marks each start of the
 // service in the emergency log; it is written before the log lock exists.
-ecallProcessor::ecallProcessor() {
+ecallProcessor::ecallProcessor(CANImpactECallHandler& inputs, externalServiceHandling& services)
+    : canIpcEmergencyHandler(inputs), extServHandle(services) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   addFormattedEntryToEmergencyLog("ECall Service Version %s\n", ecallServiceVersion);
 }

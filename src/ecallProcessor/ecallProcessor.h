@@ -38,9 +38,15 @@ inline const std::string emergencyLogDir = "/fs/etfs/usr/var/ecall";
 inline const std::string emergencyLogPath = "/fs/etfs/usr/var/ecall/ecall_log.txt";
 inline const std::string gpsResetLogPath = "/fs/etfs/usr/var/ecall/GPSReset.log";
 
+class CANImpactECallHandler;
+class externalServiceHandling;
+
 class ecallProcessor final : public processorInputs {
  public:
-  ecallProcessor();  // writes "ECall Service Version" to the emergency log
+  // Writes "ECall Service Version" to the emergency log. The processor
+  // drives the inputs' LED and the external services; they are handed in
+  // when the process objects are wired (and may be built after it).
+  ecallProcessor(CANImpactECallHandler& inputs, externalServiceHandling& services);
   ~ecallProcessor();
   ecallProcessor(const ecallProcessor&) = delete;
   ecallProcessor& operator=(const ecallProcessor&) = delete;
@@ -79,7 +85,7 @@ class ecallProcessor final : public processorInputs {
   void hangUpCall();
   bool acceptEmergencyCallback();
   void logPsapEndedIncomingCallAndClearCall();
-  static void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context);
+  static void onAsyncDialResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context);
 
   // ---- Call state, end reasons, prompts, DTMF (callState.cpp) ----
   static void onSubcribedSignal(const char* sigName, const char* data, void* context);
@@ -152,6 +158,10 @@ class ecallProcessor final : public processorInputs {
  private:
   friend class ecallStateMachine;
 
+  // The peers the processor calls.
+  CANImpactECallHandler& canIpcEmergencyHandler;
+  externalServiceHandling& extServHandle;
+
   processorTimers& timers() { return mStateMachine.timers(); }
   void sendStateMachinePulse(int code) { mStateMachine.sendPulse(code); }
   // The failure word, read under the processor's general lock when it exists.
@@ -219,5 +229,5 @@ class ecallProcessor final : public processorInputs {
   std::atomic<int32_t> defaultPromptVol{15};  // 15 until read, then 12
 
   // Last: its thread uses the fields above.
-  ecallStateMachine mStateMachine{*this};
+  ecallStateMachine mStateMachine{*this, canIpcEmergencyHandler, extServHandle};
 };

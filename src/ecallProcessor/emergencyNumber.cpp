@@ -10,7 +10,6 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "platform/runtime.h"
@@ -65,10 +64,10 @@ int ecallProcessor::parseEcallNumber(const char* reply) {
     // The number is back: the next loss is reported afresh, and the delay
     // requests that were dropped while it was missing are taken again.
     errorSentForNoEcallNumberLoaded = false;
-    ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
+    setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
     // An emergency waiting for a number is placed now, not at its retry.
-    ++ecallHandler.numbersStored;
-    if (ecallHandler.waitingForNumber) timers().startEcallStateMachineTimer(1);
+    ++numbersStored;
+    if (waitingForNumber) timers().startEcallStateMachineTimer(1);
     return PARSE_NUMBER_STORED;
   }
   scope.sendFormattedWarning("ecall number does not exist!  Please set it.\n");
@@ -131,7 +130,7 @@ void ecallProcessor::asyncReadECallNumber() {
   const SVCIPC_tError rc = SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
                                               "getEmergencyNumbers", ecallNumberQuery().c_str(), 0,
                                               SVCIPC_TIMEOUT_DEFAULT, onAsyncEcallNumberResult,
-                                              const_cast<char*>("getEmergencyNumbers"));
+                                              this);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to send async request to get ecall number, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "failed to send async request to get ecall number, rc 0x%0X\n",
@@ -143,7 +142,7 @@ void ecallProcessor::onAsyncEcallNumberResult(const SVCIPC_tCallbackStatus* stat
                                               void* context) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   scope.sendFormattedMessage("receive async ecall number result %s", result != nullptr ? result : "NULL");
-  ecallHandler.parseEcallNumber(result);
+  static_cast<ecallProcessor*>(context)->parseEcallNumber(result);
 }
 
 // "#777" is the phone's own service number, never the emergency centre.

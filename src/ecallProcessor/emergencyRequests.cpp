@@ -7,7 +7,6 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "ecallProcessor/stateMachineInternal.h"
@@ -31,9 +30,9 @@ bool isImpact(eEmergencyType type) { return type >= ecallMain::CAN_IMPACT_A && t
 
 // The failure word, read under the processor's general lock when it exists.
 uint32_t ecallProcessor::readSystemError() {
-  if (!useGeneralEcallProcessorMutex) return ecallHandler.systemError.load();
+  if (!useGeneralEcallProcessorMutex) return systemError.load();
   pthread_mutex_lock(&generalEcallProcessorMutex);
-  const uint32_t value = ecallHandler.systemError.load();
+  const uint32_t value = systemError.load();
   pthread_mutex_unlock(&generalEcallProcessorMutex);
   return value;
 }

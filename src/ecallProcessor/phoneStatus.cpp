@@ -15,7 +15,6 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "externalServiceHandling/externalServiceHandling.h"
@@ -95,7 +94,7 @@ void ecallProcessor::evaluateAntennaStatus(const char* report) {
   if (status == embeddedPhoneAntennaStatNormal) {
     scope.sendFormattedMessage("Embedded antenna normal, stop timer and clear system fault\n");
     timers().stopAntennaFaultTimeoutTimer();
-    ecallHandler.setEcallSystemFailureState(ecallSystemFailure::ANTENNA_FAULT, false);
+    setEcallSystemFailureState(ecallSystemFailure::ANTENNA_FAULT, false);
   } else {
     scope.sendFormattedMessage("Embedded antenna fault, start system fault timer\n");
     timers().startAntennaFaultTimeoutTimer();
@@ -106,11 +105,11 @@ void ecallProcessor::evaluateAntennaStatus(const char* report) {
 // of times; with the resets used up, the phone counts as not present.
 void ecallProcessor::requestModuleReset(const char* requestedText, const char* exhaustedText) {
   if (canIpcEmergencyHandler.v850ResetSierra()) {
-    ecallHandler.addEntryToEmergencyLog(requestedText);
+    addEntryToEmergencyLog(requestedText);
     timers().startSierraNoCommTimer();
   } else {
-    ecallHandler.addEntryToEmergencyLog(exhaustedText);
-    ecallHandler.setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT, true);
+    addEntryToEmergencyLog(exhaustedText);
+    setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT, true);
   }
 }
 
@@ -124,7 +123,7 @@ void ecallProcessor::phoneSeenOff(CQVTraceScope& scope, int32_t oldStatus) {
   }
   if (oldStatus == PHONE_UNKNOWN && !timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm)) {
     scope.sendFormattedMessage("Got Phone Status: OFF at startup. Start delay System Error popup timer\n");
-    ecallHandler.addEntryToEmergencyLog("Got Phone Status: OFF at startup. Start delay System Error popup timer\n");
+    addEntryToEmergencyLog("Got Phone Status: OFF at startup. Start delay System Error popup timer\n");
     timers().startSierraNoCommTimer();
   }
 }
@@ -135,11 +134,11 @@ void ecallProcessor::phoneSeenOff(CQVTraceScope& scope, int32_t oldStatus) {
 void ecallProcessor::phoneSeenOn(CQVTraceScope& scope) {
   timers().stopPhoneNotPresentTimeoutTimer();
   canIpcEmergencyHandler.resetV850ResetPhCounter();
-  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT, false);
+  setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT, false);
   if (timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm)) {
-    const int word = static_cast<int>(ecallHandler.systemError.load());
+    const int word = static_cast<int>(systemError.load());
     scope.sendFormattedMessage("Got Phone Status: ON. Stop delay System Error popup timer. syste err %d", word);
-    ecallHandler.addFormattedEntryToEmergencyLog(
+    addFormattedEntryToEmergencyLog(
         "Got Phone Status: ON. Stop delay System Error popup timer. Roll back reset counter. System err %d\n", word);
     timers().stopSierraNoCommTimer();
   }
@@ -375,8 +374,7 @@ void ecallProcessor::asyncCheckAntennaStatus() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const SVCIPC_tError rc =
       SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getAntennaStatus",
-                         antennaQuery().c_str(), 0, SVCIPC_TIMEOUT_DEFAULT, onAsyncAntennaStatusResult,
-                         const_cast<char*>("getAntennaStatus"));
+                         antennaQuery().c_str(), 0, SVCIPC_TIMEOUT_DEFAULT, onAsyncAntennaStatusResult, this);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to send async request to get antenna status, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "failed to send async request to get antenna status, rc 0x%0X\n",
@@ -390,7 +388,7 @@ void ecallProcessor::onAsyncAntennaStatusResult(const SVCIPC_tCallbackStatus* st
   scope.sendFormattedMessage("receive async antenna status result %s", textOrNull(result));
   // A failed request carries no diagnosis; the antenna keeps its state.
   if ((status != nullptr && SVCIPC_IS_ERROR(status->errCode)) || result == nullptr) return;
-  ecallHandler.evaluateAntennaStatus(result);
+  static_cast<ecallProcessor*>(context)->evaluateAntennaStatus(result);
 }
 
 // Pulse 8: the phone has not been seen ON within the phone-not-present time.

@@ -7,10 +7,10 @@
 #include <cstring>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/serviceRequests.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pulses.h"
@@ -38,9 +38,14 @@ constexpr int stateMachineStringCount = sizeof(stateMachineString) / sizeof(stat
 
 }  // namespace
 
+SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, SVCIPC_tResultCallback done,
+                                       void* context) {
+  return SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, method,
+                            params.c_str(), 0, SVCIPC_TIMEOUT_DEFAULT, done, context);
+}
+
 SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, const char* context) {
-  return SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, method, params.c_str(), 0,
-                            SVCIPC_TIMEOUT_DEFAULT, ecallProcessor::onAsyncResult, const_cast<char*>(context));
+  return asyncInvokeEmbeddedPhone(method, params, extServ::onAsyncResult, const_cast<char*>(context));
 }
 
 const char* getStateMachineString(ecallStateMachineStates state) {
@@ -219,20 +224,12 @@ void ecallProcessor::logPsapEndedIncomingCallAndClearCall() {
   clearECallEvent();
 }
 
-// The one completion handler of the processor's asynchronous requests; the
-// context is the request's name. A request the bus library cancelled itself
-// is no news and is dropped silently.
-void ecallProcessor::onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
+// The completion of the dial request; the context is the processor. A dial
+// the phone took and then failed (or never answered) is a failed dial; the
+// state machine judges it against the call's state.
+void ecallProcessor::onAsyncDialResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const char* name = context ? static_cast<const char*>(context) : "";
-  const SVCIPC_tError err = status ? status->errCode : SVCIPC_ERROR_NONE;
-  if (SVCIPC_IS_ERROR(err)) {
-    if (SVCIPC_ERROR_DOMAIN(err) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(err) == SVCIPC_ERR_CANCELLED) return;
-    sendtoSlog(_SLOG_WARNING, "Async call %s failed: 0x%0X\n", name, static_cast<unsigned>(err));
-    // A dial the phone took and then failed (or never answered) is a failed
-    // dial; the state machine judges it against the call's state.
-    if (std::strcmp(name, "dial") == 0) ecallHandler.sendStateMachinePulse(ECALL_PULSE_DIAL_FAILED);
-    return;
+  if (extServ::asyncRequestFailed(status, result, "dial")) {
+    static_cast<ecallProcessor*>(context)->sendStateMachinePulse(ECALL_PULSE_DIAL_FAILED);
   }
-  scope.sendFormattedMessage("onAsyncResult[%s]: %s\n", name, result ? result : "");
 }

@@ -17,6 +17,8 @@
 #include "ecallProcessor/processorTimers.h"
 
 class ecallProcessor;
+class CANImpactECallHandler;
+class externalServiceHandling;
 enum eECallTtsPrompt : int32_t;
 
 enum ecallStateMachineStates : int32_t {
@@ -55,7 +57,9 @@ const char* getStateMachineString(ecallStateMachineStates state);
 
 class ecallStateMachine {
  public:
-  explicit ecallStateMachine(ecallProcessor& processor) : processor(processor) {}
+  // The processor's peers are handed in with it.
+  ecallStateMachine(ecallProcessor& processor, CANImpactECallHandler& inputs, externalServiceHandling& services)
+      : processor(processor), canIpcEmergencyHandler(inputs), extServHandle(services) {}
   ecallStateMachine(const ecallStateMachine&) = delete;
   ecallStateMachine& operator=(const ecallStateMachine&) = delete;
 
@@ -110,6 +114,8 @@ class ecallStateMachine {
   bool callStateIs(const char* part) const;
 
   ecallProcessor& processor;
+  CANImpactECallHandler& canIpcEmergencyHandler;
+  externalServiceHandling& extServHandle;
   processorTimers mTimers;
 
   std::atomic<int> mReceiveChannelId{0};

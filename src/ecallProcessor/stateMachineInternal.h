@@ -8,5 +8,8 @@
 #include "externalServiceHandling/externalServiceHandling.h"
 
 // Sends an asynchronous request to the embedded phone (reply expected, the
-// default time limit); its result reaches onAsyncResult under context.
+// default time limit); its result reaches done with context.
+SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, SVCIPC_tResultCallback done,
+                                       void* context);
+// The same for a request whose reply nothing waits for; context is its name.
 SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, const char* context);

@@ -4,7 +4,6 @@
 // mode) was read once at the start of the turn.
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "ecallProcessor/stateMachineInternal.h"
@@ -259,7 +258,7 @@ void ecallStateMachine::dial() {
   params["address"] = number;
   params["callType"] = "MVA";
   params["vehicleType"] = dialVehicleType;
-  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("ecallDial", jsonWrite(params), "dial");
+  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("ecallDial", jsonWrite(params), ecallProcessor::onAsyncDialResult, &processor);
   dialAllowed = false;
   if (rc >= 0) {
     timers().startEcallTimeoutTimer();

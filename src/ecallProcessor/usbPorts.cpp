@@ -7,7 +7,6 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "platform/slog.h"
 
@@ -61,7 +60,7 @@ void ecallProcessor::asyncRequestSWIUSBPorts() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const SVCIPC_tError rc =
       SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getUsbPorts", "", 0,
-                         SVCIPC_TIMEOUT_DEFAULT, onAsyncSWIUSBPortsResult, const_cast<char*>("getUsbPorts"));
+                         SVCIPC_TIMEOUT_DEFAULT, onAsyncSWIUSBPortsResult, this);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to send async request to get swiusb ports, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "failed to send async request to get swiusb ports, rc 0x%0X\n",
@@ -75,5 +74,5 @@ void ecallProcessor::onAsyncSWIUSBPortsResult(const SVCIPC_tCallbackStatus* stat
   // A request that failed on the way is a read failure like an error reply.
   const bool failed = (status != nullptr && SVCIPC_IS_ERROR(status->errCode)) || result == nullptr;
   const std::string ports = failed ? portsReadFailure : parseSWIUSBPortsStr(result);
-  ecallHandler.addFormattedEntryToEmergencyLog("SWIUSB ports: %s\n", ports.c_str());
+  static_cast<ecallProcessor*>(context)->addFormattedEntryToEmergencyLog("SWIUSB ports: %s\n", ports.c_str());
 }

@@ -18,19 +18,21 @@ externalServiceHandling::~externalServiceHandling() {
 
 namespace extServ {
 
-// The completion of the services' asynchronous requests; the context is the
-// request's name. Nothing waits for these replies: a failure is only told. A
-// request the bus library cancelled itself is no news and is dropped.
-void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
+bool asyncRequestFailed(const SVCIPC_tCallbackStatus* status, const char* result, const char* name) {
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
-  const char* name = context ? static_cast<const char*>(context) : "";
   const SVCIPC_tError err = status ? status->errCode : SVCIPC_ERROR_NONE;
   if (SVCIPC_IS_ERROR(err)) {
-    if (SVCIPC_ERROR_DOMAIN(err) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(err) == SVCIPC_ERR_CANCELLED) return;
+    // A request the bus library cancelled itself is no news.
+    if (SVCIPC_ERROR_DOMAIN(err) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(err) == SVCIPC_ERR_CANCELLED) return false;
     sendtoSlog(_SLOG_WARNING, "Async call %s failed: 0x%0X\n", name, static_cast<unsigned>(err));
-    return;
+    return true;
   }
   scope.sendFormattedMessage("onAsyncResult[%s]: %s\n", name, result ? result : "");
+  return false;
+}
+
+void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
+  asyncRequestFailed(status, result, context ? static_cast<const char*>(context) : "");
 }
 
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,

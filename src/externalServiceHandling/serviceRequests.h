@@ -40,8 +40,15 @@ inline constexpr busService vehicleStatusService{"com.nordak.service.VehicleStat
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
                          std::string* result = nullptr);
 
-// An asynchronous request named by context (a text that lives for the
-// process); a failed reply is told in the system log.
+// The completion of an asynchronous request named name: the result is
+// traced, a failure told in the system log. True when the request failed
+// (a request the bus library cancelled itself has not).
+bool asyncRequestFailed(const SVCIPC_tCallbackStatus* status, const char* result, const char* name);
+// The completion of a request whose reply nothing waits for; the context is
+// its name (a text that lives for the process).
+void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context);
+
+// An asynchronous request named by context, completed by onAsyncResult.
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context);
 
