@@ -135,6 +135,8 @@ class ecallProcessor final : public processorInputs {
 
   // ---- Initialisation and subscriptions (initialisation.cpp) ----
   void initEcallProcessor();
+  // Its first step: the emergency log's lock and the general lock.
+  void initLocks();
   void subscribeEmbPhSignals(const char* sigName);
   void subscribeTtsSignals(const char* sigName);
   void subscribeBtSignals(const char* sigName);
@@ -157,6 +159,7 @@ class ecallProcessor final : public processorInputs {
 
  private:
   friend class ecallStateMachine;
+  friend struct processProbe;  // the unit tests' view
 
   // The peers the processor calls.
   CANImpactECallHandler& canIpcEmergencyHandler;

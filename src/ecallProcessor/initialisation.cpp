@@ -35,7 +35,7 @@ void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCal
 
 }  // namespace
 
-void ecallProcessor::initEcallProcessor() {
+void ecallProcessor::initLocks() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const bool logMutexMade = pthread_mutex_init(&logWriteMutex, nullptr) == 0;
   if (logMutexMade) {
@@ -53,7 +53,11 @@ void ecallProcessor::initEcallProcessor() {
         "General use mutex for ecallProcessor init failed, not thread safe interactions may occur!!!\n");
   }
   useGeneralEcallProcessorMutex.store(generalMutexMade);
+}
 
+void ecallProcessor::initEcallProcessor() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  initLocks();
   if (!mStateMachine.startThread()) {
     scope.sendFormattedError("Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
     sendtoSlog(_SLOG_WARNING, "Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");

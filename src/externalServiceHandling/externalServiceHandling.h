@@ -111,6 +111,8 @@ class externalServiceHandling {
   processorInputs& processor() { return mProcessor; }
 
  private:
+  friend struct processProbe;  // the unit tests' view
+
   processorInputs& mProcessor;
   std::atomic<int32_t> mCmdChannelId{0};
   std::atomic<int32_t> mCmdConnectionId{0};
