@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <thread>
 
 struct SvcIpcConnection {
@@ -23,12 +22,7 @@ struct SvcIpcRequest {
   bool freed = false;
 };
 struct SvcIpcSubscription {
-  bool owner = false;
-  std::string objPath;  // signals
-  std::string name;     // signal name, or bus name for owner changes
-  SVCIPC_tSignalCallback signalHandler = nullptr;
-  SVCIPC_tNameOwnerChangedCallback ownerHandler = nullptr;
-  void* context = nullptr;
+  int unused;
 };
 
 namespace {
@@ -37,8 +31,7 @@ struct State {
   std::mutex mutex;
   std::vector<fakeBus::Call> calls;
   std::map<std::pair<std::string, std::string>, fakeBus::Responder> responders;
-  std::set<std::string> absent;
-  std::vector<SvcIpcSubscription*> subscriptions;
+  SvcIpcSubscription subscription{};
   SvcIpcRegistration* registration = nullptr;
   SvcIpcConnection connection{};
 
@@ -117,42 +110,19 @@ fakeBus::Reply replyOf(const std::string& busName, const std::string& method, co
   return it == state().responders.end() ? fakeBus::Reply{} : it->second(params);
 }
 
-bool hasOwner(const std::string& busName) {
-  return locked([&](State& s) { return s.absent.count(busName) == 0; });
-}
-
-const SVCIPC_tError kServiceUnknown = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
 const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
 
-// Records an invoke and finds the peer's answer: a name without owner fails
-// at once, and so does an answer with a negative rc.
+// Records an invoke and finds the peer's answer: an answer with a negative
+// rc fails at once.
 SVCIPC_tError request(const fakeBus::Call& call, fakeBus::Reply& reply) {
   record(call);
-  if (!hasOwner(call.busName)) return kServiceUnknown;
   reply = replyOf(call.busName, call.method, call.params);
   return reply.rc < 0 ? reply.rc : SVCIPC_ERROR_NONE;
 }
 
-SVCIPC_tError addSubscription(SvcIpcSubscription* sub, const fakeBus::Call& call, SVCIPC_tSigSubHnd* subHnd) {
-  locked([&](State& s) { s.subscriptions.push_back(sub); });
-  record(call);
-  if (subHnd) *subHnd = sub;
+SVCIPC_tError subscribed(SVCIPC_tSigSubHnd* subHnd) {
+  if (subHnd) *subHnd = &state().subscription;
   return SVCIPC_ERROR_NONE;
-}
-
-// Runs notify for every active subscription that matches, on the bus thread,
-// and waits until it has run; returns how many matched.
-int deliver(const std::function<bool(const SvcIpcSubscription&)>& matches,
-            const std::function<void(const SvcIpcSubscription&)>& notify) {
-  std::vector<SvcIpcSubscription*> targets;
-  locked([&](State& s) {
-    for (auto* sub : s.subscriptions)
-      if (matches(*sub)) targets.push_back(sub);
-  });
-  waitDone(post([targets, notify] {
-    for (auto* sub : targets) notify(*sub);
-  }));
-  return static_cast<int>(targets.size());
 }
 
 }  // namespace
@@ -189,7 +159,7 @@ SVCIPC_tError SVCIPC_freeReqContext(SVCIPC_tReqContext context) {
 
 SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tSvcRegHnd regHnd, const char* sigName, const char* data,
                                SVCIPC_tResultCallback onStatus, void* context) {
-  record({fakeBus::Call::Emit, regHnd ? regHnd->busName : "", text(sigName), text(data)});
+  record({true, regHnd ? regHnd->busName : "", text(sigName), text(data)});
   if (onStatus) {
     post([onStatus, context] {
       SVCIPC_tCallbackStatus status{SVCIPC_ERROR_NONE, nullptr, nullptr};
@@ -203,7 +173,7 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection, const char* busName, const char*
                             int, SVCIPC_tResponse** response) {
   if (response) *response = nullptr;
   fakeBus::Reply reply;
-  const SVCIPC_tError rc = request({fakeBus::Call::Invoke, text(busName), text(method), text(params)}, reply);
+  const SVCIPC_tError rc = request({false, text(busName), text(method), text(params)}, reply);
   if (rc < 0) return rc;
   if (reply.noAnswer) return kNoReply;
   if (response) {
@@ -218,9 +188,7 @@ SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const 
                                  const char* params, int noReplyExpected, int, SVCIPC_tResultCallback onResult,
                                  void* context) {
   fakeBus::Reply reply;
-  const SVCIPC_tError rc = request(
-      {fakeBus::Call::AsyncInvoke, text(busName), text(method), text(params), context ? static_cast<const char*>(context) : ""},
-      reply);
+  const SVCIPC_tError rc = request({false, text(busName), text(method), text(params)}, reply);
   if (rc < 0) return rc;
   if (reply.noAnswer || noReplyExpected || !onResult) return SVCIPC_ERROR_NONE;
   post([reply, onResult, context] {
@@ -236,21 +204,18 @@ SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const 
   return SVCIPC_ERROR_NONE;
 }
 
-SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection, const char* objPath, const char* sigName,
-                               SVCIPC_tSignalCallback handler, void* context, SVCIPC_tSigSubHnd* subHnd) {
-  auto* sub = new SvcIpcSubscription{false, text(objPath), text(sigName), handler, nullptr, context};
-  return addSubscription(sub, {fakeBus::Call::Subscribe, "", text(sigName)}, subHnd);
+SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection, const char*, const char*, SVCIPC_tSignalCallback, void*,
+                               SVCIPC_tSigSubHnd* subHnd) {
+  return subscribed(subHnd);
 }
 
-SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection, const char* busName,
-                                           SVCIPC_tNameOwnerChangedCallback handler, void* context,
+SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection, const char*, SVCIPC_tNameOwnerChangedCallback, void*,
                                            SVCIPC_tSigSubHnd* subHnd) {
-  auto* sub = new SvcIpcSubscription{true, "", text(busName), nullptr, handler, context};
-  return addSubscription(sub, {fakeBus::Call::SubscribeOwner, text(busName)}, subHnd);
+  return subscribed(subHnd);
 }
 
-SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection, const char* busName, int* hasOwnerOut) {
-  if (hasOwnerOut) *hasOwnerOut = hasOwner(text(busName)) ? 1 : 0;
+SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection, const char*, int* hasOwnerOut) {
+  if (hasOwnerOut) *hasOwnerOut = 1;
   return SVCIPC_ERROR_NONE;
 }
 
@@ -272,8 +237,6 @@ void reset() {
   std::lock_guard<std::mutex> lock(s.mutex);
   s.calls.clear();
   s.responders.clear();
-  s.absent.clear();
-  s.subscriptions.clear();
 }
 
 void setResponder(const std::string& busName, const std::string& method, Responder responder) {
@@ -293,62 +256,25 @@ void setReply(const std::string& busName, const std::string& method, const Reply
   setReplies(busName, method, {reply});
 }
 
-void setOwner(const std::string& busName, bool owned) {
-  locked([&](State& s) { owned ? void(s.absent.erase(busName)) : void(s.absent.insert(busName)); });
-}
-
-std::vector<Call> calls() {
-  return locked([](State& s) { return s.calls; });
-}
-
 namespace {
-bool isRequest(const Call& c) { return c.kind == Call::Invoke || c.kind == Call::AsyncInvoke; }
-// take(c) of every recorded call c that keep(c) holds for, in order.
-template <typename Keep, typename Take>
-auto select(Keep keep, Take take) {
-  std::vector<decltype(take(std::declval<const Call&>()))> out;
-  for (const Call& c : calls())
-    if (keep(c)) out.push_back(take(c));
+// Every recorded call that keep holds for, in order.
+template <typename Keep>
+std::vector<Call> select(Keep keep) {
+  std::vector<Call> out;
+  for (const Call& c : locked([](State& s) { return s.calls; }))
+    if (keep(c)) out.push_back(c);
   return out;
 }
-Call whole(const Call& c) { return c; }
 }  // namespace
 
-std::vector<Call> callsOf(Call::Kind kind) {
-  return select([&](const Call& c) { return c.kind == kind; }, whole);
-}
-
 std::vector<Call> requests(const std::string& busName, const std::string& method) {
-  return select([&](const Call& c) { return isRequest(c) && (busName.empty() || c.busName == busName) && c.method == method; },
-                whole);
+  return select([&](const Call& c) { return !c.emitted && c.busName == busName && c.method == method; });
 }
 
 std::vector<std::string> emittedData(const std::string& sigName) {
-  return select([&](const Call& c) { return c.kind == Call::Emit && c.method == sigName; },
-                [](const Call& c) { return c.params; });
-}
-
-std::vector<std::string> requestTexts() {
-  return select(isRequest, [](const Call& c) { return c.method + " " + c.params; });
-}
-
-void clearCalls() {
-  locked([](State& s) { s.calls.clear(); });
-}
-
-int deliverSignal(const std::string& objPath, const std::string& sigName, const std::string& data) {
-  return deliver([&](const SvcIpcSubscription& sub) { return !sub.owner && sub.objPath == objPath && sub.name == sigName; },
-                 [sigName, data](const SvcIpcSubscription& sub) {
-                   sub.signalHandler(sigName.c_str(), data.c_str(), sub.context);
-                 });
-}
-
-int changeOwner(const std::string& busName, const std::string& oldOwner, const std::string& newOwner) {
-  setOwner(busName, !newOwner.empty());
-  return deliver([&](const SvcIpcSubscription& sub) { return sub.owner && sub.name == busName; },
-                 [busName, oldOwner, newOwner](const SvcIpcSubscription& sub) {
-                   sub.ownerHandler(busName.c_str(), oldOwner.c_str(), newOwner.c_str(), sub.context);
-                 });
+  std::vector<std::string> out;
+  for (const Call& c : select([&](const Call& c) { return c.emitted && c.method == sigName; })) out.push_back(c.params);
+  return out;
 }
 
 MethodResult callMethod(const std::string& method, const char* params, int noReplyExpected) {
