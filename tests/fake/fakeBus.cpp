@@ -34,15 +34,11 @@ struct State {
   SvcIpcSubscription subscription{};
   SvcIpcRegistration* registration = nullptr;
   SvcIpcConnection connection{};
-
-  // The bus thread.
-  std::mutex queueMutex;
-  std::condition_variable queueChanged;
+  // The bus thread: jobs run in order, outside the lock.
+  std::condition_variable changed;
   std::deque<std::function<void()>> queue;
-  uint64_t posted = 0;
-  uint64_t done = 0;
+  uint64_t posted = 0, done = 0;
   std::thread::id busThreadId;
-  bool started = false;
 };
 
 State& state() {
@@ -50,74 +46,53 @@ State& state() {
   return *s;
 }
 
-// Runs f on the state under its lock and returns what f returns.
-template <typename F>
-auto locked(F f) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  return f(state());
-}
-
 void busThreadBody() {
   State& s = state();
+  std::unique_lock<std::mutex> lock(s.mutex);
   for (;;) {
-    std::function<void()> job;
-    {
-      std::unique_lock<std::mutex> lock(s.queueMutex);
-      s.queueChanged.wait(lock, [&] { return !s.queue.empty(); });
-      job = std::move(s.queue.front());
-      s.queue.pop_front();
-    }
+    s.changed.wait(lock, [&] { return !s.queue.empty(); });
+    std::function<void()> job = std::move(s.queue.front());
+    s.queue.pop_front();
+    lock.unlock();
     job();
-    {
-      std::lock_guard<std::mutex> lock(s.queueMutex);
-      ++s.done;
-    }
-    s.queueChanged.notify_all();
+    lock.lock();
+    ++s.done;
+    s.changed.notify_all();
   }
 }
 
 // Queues a job on the bus thread; returns its sequence number.
 uint64_t post(std::function<void()> job) {
   State& s = state();
-  std::lock_guard<std::mutex> lock(s.queueMutex);
-  if (!s.started) {
-    s.started = true;
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (s.posted == 0) {
     std::thread t(busThreadBody);
     s.busThreadId = t.get_id();
     t.detach();
   }
   s.queue.push_back(std::move(job));
-  s.queueChanged.notify_all();
+  s.changed.notify_all();
   return ++s.posted;
 }
 
 void waitDone(uint64_t seq) {
   State& s = state();
-  std::unique_lock<std::mutex> lock(s.queueMutex);
+  std::unique_lock<std::mutex> lock(s.mutex);
   if (std::this_thread::get_id() == s.busThreadId) return;  // called from a callback: cannot wait for ourselves
-  s.queueChanged.wait(lock, [&] { return s.done >= seq; });
-}
-
-void record(const fakeBus::Call& call) {
-  locked([&](State& s) { s.calls.push_back(call); });
+  s.changed.wait(lock, [&] { return s.done >= seq; });
 }
 
 std::string text(const char* p) { return p ? std::string(p) : std::string(); }
 
-fakeBus::Reply replyOf(const std::string& busName, const std::string& method, const std::string& params) {
+// Records a call; for an invoke, finds the peer's answer, which fails at
+// once when its rc is negative.
+SVCIPC_tError record(const fakeBus::Call& call, fakeBus::Reply* reply = nullptr) {
   std::lock_guard<std::mutex> lock(state().mutex);
-  auto it = state().responders.find({busName, method});
-  return it == state().responders.end() ? fakeBus::Reply{} : it->second(params);
-}
-
-const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
-
-// Records an invoke and finds the peer's answer: an answer with a negative
-// rc fails at once.
-SVCIPC_tError request(const fakeBus::Call& call, fakeBus::Reply& reply) {
-  record(call);
-  reply = replyOf(call.busName, call.method, call.params);
-  return reply.rc < 0 ? reply.rc : SVCIPC_ERROR_NONE;
+  state().calls.push_back(call);
+  if (!reply) return SVCIPC_ERROR_NONE;
+  auto it = state().responders.find({call.busName, call.method});
+  *reply = it == state().responders.end() ? fakeBus::Reply{} : it->second(call.params);
+  return reply->rc < 0 ? reply->rc : SVCIPC_ERROR_NONE;
 }
 
 SVCIPC_tError subscribed(SVCIPC_tSigSubHnd* subHnd) {
@@ -140,7 +115,8 @@ SVCIPC_tError SVCIPC_getConnection(int, int, SVCIPC_tConnection* conn) {
 SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection, const char* busName, const char*, int,
                                      SVCIPC_tRequestCallback handler, void* userData, SVCIPC_tSvcRegHnd* regHnd) {
   auto* reg = new SvcIpcRegistration{text(busName), handler, userData};
-  locked([&](State& s) { s.registration = reg; });
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().registration = reg;
   if (regHnd) *regHnd = reg;
   return SVCIPC_ERROR_NONE;
 }
@@ -173,14 +149,10 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection, const char* busName, const char*
                             int, SVCIPC_tResponse** response) {
   if (response) *response = nullptr;
   fakeBus::Reply reply;
-  const SVCIPC_tError rc = request({false, text(busName), text(method), text(params)}, reply);
+  const SVCIPC_tError rc = record({false, text(busName), text(method), text(params)}, &reply);
   if (rc < 0) return rc;
-  if (reply.noAnswer) return kNoReply;
-  if (response) {
-    auto* r = new SVCIPC_tResponse;
-    r->result = strdup(reply.result.c_str());
-    *response = r;
-  }
+  if (reply.noAnswer) return SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
+  if (response) *response = new SVCIPC_tResponse{strdup(reply.result.c_str())};
   return SVCIPC_ERROR_NONE;
 }
 
@@ -188,18 +160,13 @@ SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const 
                                  const char* params, int noReplyExpected, int, SVCIPC_tResultCallback onResult,
                                  void* context) {
   fakeBus::Reply reply;
-  const SVCIPC_tError rc = request({false, text(busName), text(method), text(params)}, reply);
+  const SVCIPC_tError rc = record({false, text(busName), text(method), text(params)}, &reply);
   if (rc < 0) return rc;
   if (reply.noAnswer || noReplyExpected || !onResult) return SVCIPC_ERROR_NONE;
   post([reply, onResult, context] {
-    SVCIPC_tCallbackStatus status{reply.callbackErr, nullptr, nullptr};
-    if (reply.callbackErr != SVCIPC_ERROR_NONE) {
-      status.errName = "com.nordak.service.Error";
-      status.errMsg = "failed";
-      onResult(&status, nullptr, context);
-    } else {
-      onResult(&status, reply.result.c_str(), context);
-    }
+    const bool failed = reply.callbackErr != SVCIPC_ERROR_NONE;
+    SVCIPC_tCallbackStatus status{reply.callbackErr, failed ? "com.nordak.service.Error" : nullptr, failed ? "failed" : nullptr};
+    onResult(&status, failed ? nullptr : reply.result.c_str(), context);
   });
   return SVCIPC_ERROR_NONE;
 }
@@ -220,10 +187,8 @@ SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection, const char*, int* hasOwner
 }
 
 SVCIPC_tError SVCIPC_freeResponse(SVCIPC_tResponse* response) {
-  if (response) {
-    free(const_cast<char*>(response->result));
-    delete response;
-  }
+  if (response) free(const_cast<char*>(response->result));
+  delete response;
   return SVCIPC_ERROR_NONE;
 }
 
@@ -233,14 +198,14 @@ namespace fakeBus {
 
 void reset() {
   drain();
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.calls.clear();
-  s.responders.clear();
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().calls.clear();
+  state().responders.clear();
 }
 
 void setResponder(const std::string& busName, const std::string& method, Responder responder) {
-  locked([&](State& s) { s.responders[{busName, method}] = std::move(responder); });
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().responders[{busName, method}] = std::move(responder);
 }
 
 void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies) {
@@ -256,29 +221,28 @@ void setReply(const std::string& busName, const std::string& method, const Reply
   setReplies(busName, method, {reply});
 }
 
-namespace {
-// Every recorded call that keep holds for, in order.
-template <typename Keep>
-std::vector<Call> select(Keep keep) {
-  std::vector<Call> out;
-  for (const Call& c : locked([](State& s) { return s.calls; }))
-    if (keep(c)) out.push_back(c);
-  return out;
-}
-}  // namespace
-
 std::vector<Call> requests(const std::string& busName, const std::string& method) {
-  return select([&](const Call& c) { return !c.emitted && c.busName == busName && c.method == method; });
+  std::lock_guard<std::mutex> lock(state().mutex);
+  std::vector<Call> out;
+  for (const Call& c : state().calls)
+    if (!c.emitted && c.busName == busName && c.method == method) out.push_back(c);
+  return out;
 }
 
 std::vector<std::string> emittedData(const std::string& sigName) {
+  std::lock_guard<std::mutex> lock(state().mutex);
   std::vector<std::string> out;
-  for (const Call& c : select([&](const Call& c) { return c.emitted && c.method == sigName; })) out.push_back(c.params);
+  for (const Call& c : state().calls)
+    if (c.emitted && c.method == sigName) out.push_back(c.params);
   return out;
 }
 
 MethodResult callMethod(const std::string& method, const char* params, int noReplyExpected) {
-  SvcIpcRegistration* const reg = locked([](State& s) { return s.registration; });
+  SvcIpcRegistration* reg;
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    reg = state().registration;
+  }
   if (!reg || !reg->handler) return MethodResult{};
   SvcIpcRequest request;
   waitDone(post([&] { reg->handler(&request, method.c_str(), params, noReplyExpected, reg->userData); }));

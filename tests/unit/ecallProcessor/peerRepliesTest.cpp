@@ -58,48 +58,38 @@ TEST(PeerReplyTexts, UsbPortsAndPhoneNumbers) {
   for (const char* number : {"#7771", "#77", "abc"}) EXPECT_TRUE(ecallProcessor::isPhoneNumberValid(number)) << number;
 }
 
-// Which entry of a report is the emergency call, and when a ringing call is
-// taken as the centre calling back.
-TEST_F(PeerReplies, OnlyEmergencyCallEntriesAreTaken) {
+// Which entry of a report is the emergency call, when a ringing call is the
+// centre calling back; an end without an emergency only resets the state,
+// and every reason of the list ends the call, given as a number only.
+TEST_F(PeerReplies, CallStatesAndEndReasons) {
   PulseProbe probe;
-  auto report = [](const char* json) { ecallHandler.processEmdPhCallState(json); };
-  for (const char* ignored : {R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","number":"#777","callType":1}]})",
-                              R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","number":"5551234","callType":3}]})",
-                              R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","number":"5","callType":"1"}]})",
-                              R"({"callStateInfo":[1,"x",null]})", R"({"callStateInfo":{}})"})
+  auto report = [](const std::string& entries) { ecallHandler.processEmdPhCallState(("{\"callStateInfo\":" + entries + "}").c_str()); };
+  for (const char* ignored : {R"([{"callState":"CALL_STATE_RINGING","number":"#777","callType":1}])",
+                              R"([{"callState":"CALL_STATE_RINGING","number":"5551234","callType":3}])",
+                              R"([{"callState":"CALL_STATE_RINGING","number":"5","callType":"1"}])", R"([1,"x",null])", "{}"})
     report(ignored);
   EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_IDLE");
-
-  // An empty or absent number is judged by its call type, but is no callback.
-  report(R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","number":"","callType":1}]})");
+  report(R"([{"callState":"CALL_STATE_RINGING","number":"","callType":1}])");
   EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_RINGING");
-  report(R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","callType":2}]})");
+  report(R"([{"callState":"CALL_STATE_RINGING","callType":2}])");
   EXPECT_TRUE(log.hasTrace("ecallState CALL_STATE_RINGING, phonenumber isNULL"));
-  EXPECT_EQ(ecallHandler.getCurECallType(), ecallMain::NONE);
+  EXPECT_EQ(ecallHandler.getCurECallType(), ecallMain::NONE) << "an empty or absent number is no callback";
 
-  // The last emergency entry wins.
-  report(R"({"callStateInfo":[{"callState":"CALL_STATE_ACTIVE","number":"911","callType":1},)"
-         R"({"callState":"CALL_STATE_RINGING","number":"5551234","callType":2},)"
-         R"({"callState":"CALL_STATE_DIALING","number":"#777","callType":1}]})");
-  EXPECT_EQ(ecallHandler.getCurECallType(), ecallMain::Emergency_Callback);
-  EXPECT_EQ(ecallHandler.getCurCallModeType(), ecallMain::CALL_EMERGENCY_CALLBACK);
-  EXPECT_EQ(probe.next(), ECALL_PULSE_EMERGENCY_INCOMING_CALL);
-}
-
-// Without an emergency an end only resets the state; every reason of the
-// list ends the call, given as a number only.
-TEST_F(PeerReplies, EndsWithoutAnEmergencyAndEveryEndReason) {
-  PulseProbe probe;
   ecallHandler.callConnected = true;
-  ecallHandler.processEmdPhCallState(R"({"callStateInfo":[{"callState":"CALL_STATE_TERMINATED","number":"555","callType":1}]})");
+  report(R"([{"callState":"CALL_STATE_TERMINATED","number":"555","callType":1}])");
   EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_IDLE");
   EXPECT_FALSE(ecallHandler.getCallConnected());
   EXPECT_TRUE(probe.nothingQueued()) << "an end without an emergency woke the state machine";
 
+  report(R"([{"callState":"CALL_STATE_ACTIVE","number":"911","callType":1},)"  // the last emergency entry wins
+         R"({"callState":"CALL_STATE_RINGING","number":"5551234","callType":2},)"
+         R"({"callState":"CALL_STATE_DIALING","number":"#777","callType":1}])");
+  EXPECT_EQ(ecallHandler.getCurCallModeType(), ecallMain::CALL_EMERGENCY_CALLBACK);
+  EXPECT_EQ(probe.next(), ECALL_PULSE_EMERGENCY_INCOMING_CALL);
+
   for (const char* other : {R"({"serviceNumber":16})", R"({"serviceNumber":"17"})", "17"}) {
-    ecallHandler.curCallState.set("CALL_STATE_ACTIVE");
     ecallHandler.processWendReason(other);
-    EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_ACTIVE") << other;
+    EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_RINGING") << other;
   }
   for (int reason : {3, 17, 68, 32768}) {
     ecallHandler.curCallState.set("CALL_STATE_ACTIVE");
