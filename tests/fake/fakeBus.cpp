@@ -164,9 +164,8 @@ SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const 
   if (rc < 0) return rc;
   if (reply.noAnswer || noReplyExpected || !onResult) return SVCIPC_ERROR_NONE;
   post([reply, onResult, context] {
-    const bool failed = reply.callbackErr != SVCIPC_ERROR_NONE;
-    SVCIPC_tCallbackStatus status{reply.callbackErr, failed ? "com.nordak.service.Error" : nullptr, failed ? "failed" : nullptr};
-    onResult(&status, failed ? nullptr : reply.result.c_str(), context);
+    SVCIPC_tCallbackStatus status{SVCIPC_ERROR_NONE, nullptr, nullptr};
+    onResult(&status, reply.result.c_str(), context);
   });
   return SVCIPC_ERROR_NONE;
 }

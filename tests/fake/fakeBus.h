@@ -27,15 +27,14 @@ struct Reply {
   SVCIPC_tError rc = SVCIPC_ERROR_NONE;  // < 0: the invoke fails at once (async: not sent)
   std::string result = "{}";             // the result text
   bool noAnswer = false;                 // async: the callback never comes; sync: fails with a time-out
-  SVCIPC_tError callbackErr = SVCIPC_ERROR_NONE;  // async: failure status handed to the callback
 };
 
 // Forgets every call and reply.
 void reset();
 
-// Answers of a peer's method: computed from the parameters, or given in
-// turn, the last one for good. Unset methods answer rc 0 with "{}". A
-// responder runs under the fake's lock: it must not call the fake.
+// Answers of a peer's method: computed from the parameters (under the
+// fake's lock: a responder must not call the fake), or given in turn, the
+// last one for good. Unset methods answer rc 0 with "{}".
 using Responder = std::function<Reply(const std::string& params)>;
 void setResponder(const std::string& busName, const std::string& method, Responder responder);
 void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies);

@@ -24,9 +24,8 @@ class EmergencyLog : public UnitFixture {
   std::string entries() const {
     const std::string text = emergencyLog();
     const size_t end = text.find(HEADER_END);
-    if (text.rfind("Ecall Log File\n", 0) != 0 || end == std::string::npos || text.find("Ecall Log File", 1) != std::string::npos)
-      return "<no single header>";
-    return text.substr(end + HEADER_END.size());
+    const bool oneHeader = text.rfind("Ecall Log File\n", 0) == 0 && text.find("Ecall Log File", 1) == std::string::npos;
+    return oneHeader && end != std::string::npos ? text.substr(end + HEADER_END.size()) : "<no single header>";
   }
   bool entriesAre(const std::string& pattern) const { return std::regex_match(entries(), std::regex(pattern)); }
   void writeOdometer(const std::string& ppsText) { testSupport::writeFile(root.path(vehicleStatusPPSPath), ppsText); }
@@ -68,17 +67,14 @@ TEST_F(EmergencyLog, LogAtItsSizeLimitStartsAgainWithTheResetLines) {
 // Entries from many threads at once, before and after the log lock exists:
 // each lands whole, on its own line, exactly once, under one header.
 TEST_F(EmergencyLog, ConcurrentEntriesLandWholeAndExactlyOnce) {
-  constexpr int THREADS = 6;
-  constexpr int ENTRIES = 40;
+  constexpr int THREADS = 6, ENTRIES = 40;
   auto appendAll = [](const char* phase) {
-    std::vector<std::thread> writers;
+    std::vector<std::jthread> writers;
     for (int t = 0; t < THREADS; ++t)
       writers.emplace_back([t, phase] {
         for (int i = 0; i < ENTRIES; ++i)
-          ecallHandler.addFormattedEntryToEmergencyLog("%s writer %d entry %d %s\n", phase, t, i,
-                                                       std::string(100, 'a' + t).c_str());
+          ecallHandler.addFormattedEntryToEmergencyLog("%s writer %d entry %d %s\n", phase, t, i, std::string(100, 'a' + t).c_str());
       });
-    for (auto& writer : writers) writer.join();
   };
 
   writeOdometer("@vehstat\nODO::120\n");
@@ -110,7 +106,6 @@ TEST_F(EmergencyLog, ExportCopiesBothLogsWholeThenRemovesThem) {
   const std::string gpsLog(3000, 'g');
   testSupport::writeFile(root.path(gpsResetLogPath), gpsLog);
   ecallHandler.saveEmergencyLogToUSBAndRemoveLocalLog();
-
   std::vector<std::string> copies;
   for (const auto& file : std::filesystem::directory_iterator(usb)) copies.push_back(testSupport::readFile(file.path()));
   std::sort(copies.begin(), copies.end());

@@ -1,25 +1,7 @@
-// The nine processor timers on a real channel of the platform.
-#include <algorithm>
-
+// The processor timers on a real channel of the platform.
 #include "unit/unitFixture.h"
 
 namespace {
-
-TEST(ProcessorTimers, EveryTimerDeliversItsOwnCodeOnce) {
-  platform::setTimeScale(0.001);
-  PulseProbe probe;
-  startEcallStateMachineTimer(5);
-  for (int (*start)() : {startEcallImmediateTimer, startDelayEcallRequest, startDelayEcallStartTimer,
-                         startEcallTimeoutTimer, startAssistTimeoutTimer, startPhoneNotPresentTimeoutTimer,
-                         startAntennaFaultTimeoutTimer, startSierraNoCommTimer})
-    EXPECT_EQ(start(), 0);
-
-  std::vector<int> codes;
-  for (int i = 0; i < 9; ++i) codes.push_back(probe.next());
-  std::sort(codes.begin(), codes.end());
-  EXPECT_EQ(codes, (std::vector<int>{1, 2, 2, 3, 5, 7, 8, 9, 10}));
-  EXPECT_TRUE(probe.nothingQueued()) << "a one-shot timer fired again";
-}
 
 // The state machine's own timer takes milliseconds and 0 disarms it; a stop
 // after expiry leaves the pulse already queued.

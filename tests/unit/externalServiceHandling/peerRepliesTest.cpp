@@ -71,32 +71,26 @@ TEST_F(ExternalServices, PositionSentence) {
   EXPECT_EQ("{\"inprop\":[\"POS_Position\"]}\n", fakeBus::requests(NDR_SERVICE, "JSON_GetProperties").at(0).params);
 }
 
-// Only an exact "NO" disables; the answer is kept; a reply without the
-// member is asked five times and then enables.
-TEST_F(ExternalServices, VariantDecidedOnceAndOnlyAnExactNoDisables) {
-  auto variantWith = [](const fakeBus::Reply& reply) {
+// Only an exact "NO" disables; a reply without the member is asked five
+// times, a refused one too, and then the phone is taken as fitted.
+TEST_F(ExternalServices, VariantOnlyAnExactNoDisables) {
+  const struct {
+    fakeBus::Reply reply;
+    bool enabled;
+    size_t queries;
+  } cases[] = {{answer(R"({"VARIANT_ECELL":"no"})"), true, 1}, {answer(R"({"VARIANT_ECELL":"YES"})"), true, 1},
+               {answer(R"({"VARIANT_ECELL":""})"), true, 1},   {answer(R"({"VARIANT_ECELL":"NO"})"), false, 1},
+               {answer(R"({"OTHER":"NO"})"), true, 5},         {refused(), true, 5}};
+  for (const auto& c : cases) {
     extServHandle.mVariantInfoKnown = false;
-    extServHandle.mEmbeddedPhoneEnabled = true;
     fakeBus::reset();
-    fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", reply);
-    return extServHandle.getEmebeddedPhoneEnabledInVariant();
-  };
-  auto queries = [] { return requestCount(PLATFORM_SERVICE, "get_variantinfo"); };
-  for (const char* enabling : {"no", "YES", ""}) {
-    EXPECT_TRUE(variantWith(answer(std::string("{\"VARIANT_ECELL\":\"") + enabling + "\"}"))) << enabling;
-    EXPECT_EQ(1u, queries());
+    fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", c.reply);
+    EXPECT_EQ(c.enabled, extServHandle.getEmebeddedPhoneEnabledInVariant()) << c.reply.result;
+    EXPECT_EQ(c.queries, requestCount(PLATFORM_SERVICE, "get_variantinfo")) << c.reply.result;
   }
-  EXPECT_FALSE(variantWith(answer("{\"VARIANT_ECELL\":\"NO\"}")));
-  fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", answer("{\"VARIANT_ECELL\":\"YES\"}"));
-  EXPECT_FALSE(extServHandle.getEmebeddedPhoneEnabledInVariant());  // kept
-  EXPECT_EQ(1u, queries());
-
-  EXPECT_TRUE(variantWith(answer("{\"OTHER\":\"NO\"}")));
-  EXPECT_EQ(5u, queries());
-  EXPECT_EQ(0u, log.countTrace("ERROR Obtaining VARIANT_ECELL"));
-  EXPECT_TRUE(variantWith(refused()));
-  EXPECT_EQ(5u, queries());
   EXPECT_EQ(1u, log.countTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts"));
+  fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", answer(R"({"VARIANT_ECELL":"NO"})"));
+  EXPECT_TRUE(extServHandle.getEmebeddedPhoneEnabledInVariant()) << "the answer is kept";
 }
 
 // A brand is 1 to 12, as a number or as text; a language is told by a part

@@ -11,16 +11,16 @@ using Bytes = std::vector<uint8_t>;
 
 class ControllerInputs : public UnitFixture {
  protected:
-  // The emergency one message starts, and what it printed.
+  // The emergency one message starts; printed gets what it printed.
   eEmergencyType handle(const Bytes& msg, std::string* printed = nullptr) {
     ecallHandler.curECallType = NONE;
     ecallHandler.curCallModeType = CALL_NONE;
     testing::internal::CaptureStdout();
     canIpcEmergencyHandler.processOrcMessage(msg.data(), static_cast<int>(msg.size()));
-    std::string out = testing::internal::GetCapturedStdout();
-    if (printed) *printed = out;
+    (printed ? *printed : mDiscarded) = testing::internal::GetCapturedStdout();
     return ecallHandler.curECallType;
   }
+  std::string mDiscarded;
 };
 
 // Per path, the emergency each of the 16 bits (byte 0 bit 0 first) starts
