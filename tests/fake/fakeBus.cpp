@@ -8,9 +8,7 @@
 #include <mutex>
 #include <thread>
 
-struct SvcIpcConnection {
-  int unused;
-};
+struct SvcIpcConnection { int unused; };
 struct SvcIpcRegistration {
   std::string busName;
   SVCIPC_tRequestCallback handler;
@@ -21,9 +19,7 @@ struct SvcIpcRequest {
   std::string result;
   bool freed = false;
 };
-struct SvcIpcSubscription {
-  int unused;
-};
+struct SvcIpcSubscription { int unused; };
 
 namespace {
 

@@ -15,17 +15,11 @@ TEST_F(PeerReplies, EmergencyNumberEveryReplyFormAndTheFetchsRetries) {
     const char* reply;
     int result;
     const char* numberAfter;
-  } cases[] = {
-      {R"({"code":0,"count":2,"numberList":["","911"]})", 1, "911"},
-      {R"({"count":2,"numberList":["112","911"]})", 1, "112"},
-      {R"({"count":3,"numberList":[null,7,"999"]})", 1, "999"},
-      // The count is looked at before the list; an error keeps the number.
-      {R"({"count":0,"numberList":["911"]})", -1, "999"},
-      {R"({"code":5,"count":1,"numberList":["911"]})", -1, "999"},
-      {"not json", -1, "999"},
-      {R"({"count":1,"numberList":[]})", 0, "999"},
-      {R"({"count":1,"numberList":[""]})", 0, "999"},
-  };
+  } cases[] = {  // the count is looked at before the list; an error keeps the number
+      {R"({"code":0,"count":2,"numberList":["","911"]})", 1, "911"}, {R"({"count":2,"numberList":["112","911"]})", 1, "112"},
+      {R"({"count":3,"numberList":[null,7,"999"]})", 1, "999"},      {R"({"count":0,"numberList":["911"]})", -1, "999"},
+      {R"({"code":5,"count":1,"numberList":["911"]})", -1, "999"},   {"not json", -1, "999"},
+      {R"({"count":1,"numberList":[]})", 0, "999"},                  {R"({"count":1,"numberList":[""]})", 0, "999"}};
   for (const auto& c : cases) {
     EXPECT_EQ(c.result, ecallHandler.parseEcallNumber(c.reply)) << c.reply;
     EXPECT_EQ(c.numberAfter, ecallHandler.getLocalEcallNumber()) << c.reply;
@@ -33,9 +27,13 @@ TEST_F(PeerReplies, EmergencyNumberEveryReplyFormAndTheFetchsRetries) {
   EXPECT_EQ(0u, ecallHandler.systemError.load());
   EXPECT_EQ(1u, log.countTrace("ecall number does not exist!  Please set it."));
 
-  // Three failures give up; a reply without a number is asked again without counting.
+  // Three failures, with pauses, give up; a reply without a number is asked
+  // again without counting.
+  platform::setTimeScale(0.01);  // 5 ms pauses
   fakeBus::setReplies(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers", {refused(), answer(R"({"code":3})"), refused(), answer("{}")});
+  const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(ecallHandler.readECallNumber());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(15));
   EXPECT_EQ(3u, requestCount(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers"));
   EXPECT_EQ("{\"maxCount\":10}\n", fakeBus::requests(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers")[0].params);
   fakeBus::setReplies(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers",

@@ -51,10 +51,8 @@ TEST_F(ExternalServices, PositionSentence) {
   const struct {
     std::string latitude, longitude, expected;
   } cases[] = {
-      {"0", "-98765432", kUnavailable},
-      {"12.5", "-98765432", kUnavailable},
-      {"\"12345678\"", "-98765432", kUnavailable},
-      {"12345678", "null", kUnavailable},
+      {"0", "-98765432", kUnavailable},              {"12.5", "-98765432", kUnavailable},
+      {"\"12345678\"", "-98765432", kUnavailable}, {"12345678", "null", kUnavailable},
       {"12345678", "0", "Latitude... 12.34567. Longitude... 0.00000. "},
       {"5", "-1000000", "Latitude... 0.00000. Longitude... -1.00000. "},
       {"-98765432", "98765439", "Latitude... -98.76543. Longitude... 98.76543. "},
@@ -129,6 +127,20 @@ TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStopped) {
   const auto stops = fakeBus::requests(PSSE_SERVICE, "setSHF_Scenario");
   ASSERT_EQ(1u, stops.size());
   EXPECT_EQ("{\"mode\":\"STOP\",\"scenario\":\"BT_HFP\"}\n", stops[0].params);
+}
+
+// The mute requests carry the id the mixer gave; a microphone that cannot
+// be muted leaves the second alone.
+TEST_F(ExternalServices, MuteUsesTheRegisteredIdAndStopsAtAFailedMicrophone) {
+  fakeBus::setReply(AUDIO_MIXER_SERVICE, "registerMuteClient", answer("{\"id\":42}"));
+  extServHandle.registerMuteClient();
+  fakeBus::setReply(AUDIO_CTRL_SERVICE, "setMux", refused());
+  extServHandle.setMicInputMuteState(true);
+  EXPECT_EQ("{\"id\":42,\"input\":\"PHONE\",\"mute\":true}\n", fakeBus::requests(AUDIO_MIXER_SERVICE, "setMixerMute").at(0).params);
+  const auto mux = fakeBus::requests(AUDIO_CTRL_SERVICE, "setMux");
+  ASSERT_EQ(1u, mux.size());
+  EXPECT_EQ("{\"gain\":0,\"input\":\"OFF\",\"name\":\"mic1_mux1\"}\n", mux[0].params);
+  EXPECT_TRUE(log.hasSlog("Unable to mute mic1 input, rc 0x"));
 }
 
 }  // namespace
