@@ -58,6 +58,8 @@ class processorTimers {
   bool isRunningAssistTimeoutTimer();
 
  private:
+  friend struct processProbe;  // the unit tests' view
+
   struct timer {
     qnx::sigevent event;   // pulse notification: connection, code, priority
     itimerspec expiry;     // it_value holds the default duration while idle

@@ -74,6 +74,8 @@ class ecallStateMachine {
   pthread_t thread() const { return mThread; }
 
  private:
+  friend struct processProbe;  // the unit tests' view
+
   static void* threadFunc(void* self);
   void threadMain();
   void announceStart();

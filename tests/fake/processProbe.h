@@ -40,6 +40,10 @@ struct processProbe {
   PROCESS_PROBE_MEMBER(ecallHandler, useGeneralEcallProcessorMutex)
   PROCESS_PROBE_MEMBER(ecallHandler, mStateMachine)
   static processorTimers& timers() { return ecallHandler.timers(); }
+  static std::atomic<int>& stateMachineSendChannel() { return ecallHandler.mStateMachine.mSendChannelId; }
+  static qnx::timer_t timerId(processorTimers& timers, processorTimers::timerKind kind) {
+    return timers.mTimers[kind].timerId;
+  }
   static void sendStateMachinePulse(int code) { ecallHandler.sendStateMachinePulse(code); }
 
   PROCESS_PROBE_MEMBER(extServHandle, mCmdConnectionId)
