@@ -13,8 +13,8 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <mutex>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "common/ecallTypes.h"
@@ -61,12 +61,6 @@ class ecallProcessor final : public processorInputs {
   uint32_t getSystemError() const override { return systemError.load(); }
   void setOrcMonitoringStarted(bool started) override { orcMonitoringStarted = started; }
   void setWillDisconnectBluetooth(bool willDisconnect) override { mWillDisconnBT = willDisconnect; }
-  int32_t getEmdPhOn() const { return emdPhOn.load(); }
-  bool getAssistAppActive() const { return bAssistAppActive.load(); }
-  std::string getAssistAppId() const { return assistAppUUID.get(); }
-  int32_t getDefaultPhoneVol() const { return defaultPhoneVol.load(); }
-  int32_t getDefaultPromptVol() const { return defaultPromptVol.load(); }
-  pthread_t stateMachineThread() const { return mStateMachine.thread(); }
   std::string getLocalEcallNumber() const { return localEcallNumber.get(); }
   void setEcallFailedToStart();
   void clearECallEvent();
@@ -216,8 +210,8 @@ class ecallProcessor final : public processorInputs {
   std::mutex promptSequenceMutex;
   std::atomic<bool> errorSentForNoEcallNumberLoaded{false};
 
-  std::atomic<int> embeddedPhAvail{0};         // the EmbeddedPhone service has an owner
-  std::atomic<bool> systemErrorSent{false};     // the first system error was told; never cleared
+  std::atomic<int> embeddedPhAvail{0};      // the EmbeddedPhone service has an owner
+  std::atomic<bool> systemErrorSent{false};  // the first system error was told; never cleared
   SVCIPC_tSigSubHnd embeddedPhOwnerSubHnd = nullptr;
 
   // Made by initEcallProcessor; taken only once their flags say so.

@@ -210,7 +210,8 @@ void ecallProcessor::processEcallBtnPressWithSystemError() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const uint32_t error = systemError;
   if (error == 0 || error == ecallSystemFailure::bitMask[ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT]) {
-    if (timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm) || timers().isTimerActive(processorTimers::timerTimeoutPhoneNotPresent)) {
+    if (timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm) ||
+        timers().isTimerActive(processorTimers::timerTimeoutPhoneNotPresent)) {
       scope.sendFormattedMessage(
           "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. system error: %d\n", error);
       addFormattedEntryToEmergencyLog(

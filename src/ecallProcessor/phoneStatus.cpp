@@ -213,8 +213,8 @@ void ecallProcessor::setEcallSystemFailureState(ecallSystemFailure::eSource sour
 
 void ecallProcessor::registerEmdPhSvc() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  SVCIPC_tError rc = SVCIPC_subscribeOwnerChanged(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, onEmbeddedPhoneOwnerChange,
-                                                  this, &embeddedPhOwnerSubHnd);
+  SVCIPC_tError rc = SVCIPC_subscribeOwnerChanged(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE,
+                                                  onEmbeddedPhoneOwnerChange, this, &embeddedPhOwnerSubHnd);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to subscribe emdph owner change, rc = 0x%0X\n", static_cast<unsigned>(rc));
     sendtoSlog(_SLOG_WARNING, "failed to subscribe emdph owner change, rc = 0x%0X\n", static_cast<unsigned>(rc));
@@ -278,8 +278,8 @@ void ecallProcessor::getEmdPhStatus() {
   Json::Value params(Json::objectValue);
   params["props"].append("embeddedPhoneStatus");
   SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getProperties",
-                                         jsonWrite(params).c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
+  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
+                                         "getProperties", jsonWrite(params).c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedWarning("failed to get embPh status, rc %d\n", rc);
     sendtoSlog(_SLOG_ERROR, "failed to get embPh status, rc %d, resp is %s\n", rc,

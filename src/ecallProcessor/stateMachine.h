@@ -71,7 +71,6 @@ class ecallStateMachine {
   // MsgSendPulse(send channel, getprio(0), code, 0).
   void sendPulse(int code);
   processorTimers& timers() { return mTimers; }
-  pthread_t thread() const { return mThread; }
 
  private:
   friend struct processProbe;  // the unit tests' view

@@ -258,7 +258,8 @@ void ecallStateMachine::dial() {
   params["address"] = number;
   params["callType"] = "MVA";
   params["vehicleType"] = dialVehicleType;
-  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("ecallDial", jsonWrite(params), ecallProcessor::onAsyncDialResult, &processor);
+  const SVCIPC_tError rc =
+      asyncInvokeEmbeddedPhone("ecallDial", jsonWrite(params), ecallProcessor::onAsyncDialResult, &processor);
   dialAllowed = false;
   if (rc >= 0) {
     timers().startEcallTimeoutTimer();
@@ -373,7 +374,8 @@ void ecallStateMachine::stepWaitForEndFromHmi() {
     processor.addEntryToEmergencyLog("Incoming call during wait for exit emergency mode\n");
     timers().startEcallStateMachineTimer(ringToneOpenMs);
     state = ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES;
-  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE && !timers().isTimerActive(processorTimers::timerStateMachine)) {
+  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE &&
+             !timers().isTimerActive(processorTimers::timerStateMachine)) {
     // Only the end of the callback period ends the emergency mode: a run
     // pulse that was already queued when the period began is stale.
     endEmergencyMode();

@@ -42,8 +42,8 @@ std::string ecallProcessor::parseSWIUSBPortsStr(const char* reply) {
 std::string ecallProcessor::getSWIUSBPorts() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getUsbPorts", "",
-                                         SVCIPC_TIMEOUT_DEFAULT, &response);
+  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
+                                         "getUsbPorts", "", SVCIPC_TIMEOUT_DEFAULT, &response);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedWarning("Failed to get swiusb ports, rc %d\n", rc);
     sendtoSlog(_SLOG_ERROR, "Failed to get swiusb ports %d, resp is %s\n", rc,

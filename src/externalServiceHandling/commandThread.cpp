@@ -44,8 +44,8 @@ void externalServiceHandling::initExternalServiceHandling() {
     sendtoSlog(_SLOG_WARNING, "Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
   }
 
-  SVCIPC_tError err = SVCIPC_subscribeOwnerChanged(ecallFrame().connection(), extServ::platformService.name, onPlatformOwnerChange, this,
-                                                   &mPlatformOwnerSubscription);
+  SVCIPC_tError err = SVCIPC_subscribeOwnerChanged(ecallFrame().connection(), extServ::platformService.name,
+                                                   onPlatformOwnerChange, this, &mPlatformOwnerSubscription);
   if (err < 0) {
     scope.sendFormattedError("failed to subscribe platform owner change, rc = 0x%0X\n", err);
     sendtoSlog(_SLOG_WARNING, "failed to subscribe platform owner change, rc = 0x%0X\n", err);

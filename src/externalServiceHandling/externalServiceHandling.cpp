@@ -23,7 +23,9 @@ bool asyncRequestFailed(const SVCIPC_tCallbackStatus* status, const char* result
   const SVCIPC_tError err = status ? status->errCode : SVCIPC_ERROR_NONE;
   if (SVCIPC_IS_ERROR(err)) {
     // A request the bus library cancelled itself is no news.
-    if (SVCIPC_ERROR_DOMAIN(err) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(err) == SVCIPC_ERR_CANCELLED) return false;
+    const bool cancelled =
+        SVCIPC_ERROR_DOMAIN(err) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(err) == SVCIPC_ERR_CANCELLED;
+    if (cancelled) return false;
     sendtoSlog(_SLOG_WARNING, "Async call %s failed: 0x%0X\n", name, static_cast<unsigned>(err));
     return true;
   }
@@ -49,8 +51,8 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
 
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context) {
-  return SVCIPC_asyncInvoke(ecallFrame().connection(), service.name, service.path, method, params.c_str(), 0 /*reply expected*/,
-                            SVCIPC_TIMEOUT_DEFAULT, onAsyncResult, const_cast<char*>(context));
+  return SVCIPC_asyncInvoke(ecallFrame().connection(), service.name, service.path, method, params.c_str(),
+                            0 /*reply expected*/, SVCIPC_TIMEOUT_DEFAULT, onAsyncResult, const_cast<char*>(context));
 }
 
 bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept) {

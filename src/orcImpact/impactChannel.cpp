@@ -75,8 +75,8 @@ void reportOrcRx(bool isImpact, const uint8_t* msg, int n) {
 
 // Starts the emergency of the first kind of the path's trigger list whose
 // bit is set in the path's two impact bytes; false when none is set.
-bool startTriggeredEmergency(processorInputs& processor, const uint8_t* triggers, const uint8_t* impactBytes, int32_t firstType,
-                             const char* announceFormat) {
+bool startTriggeredEmergency(processorInputs& processor, const uint8_t* triggers, const uint8_t* impactBytes,
+                             int32_t firstType, const char* announceFormat) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   for (const uint8_t* kind = triggers; *kind < IMPACT_KIND_COUNT; ++kind) {
     const orcIpcLocation& location = orcIpcLocationTable[*kind];
