@@ -1,9 +1,10 @@
 // The three process-wide worker objects.
 //
 // Each lives in static storage of its own, so the references every module
-// holds are valid from the start of the program, but the object is built
-// only by createProcessObjects(), once the root folder is known. They are
-// destroyed at exit in reverse order of creation.
+// holds are valid from the start of the program (the processor, built first,
+// is handed the inputs and the services before they are built), but the
+// object is built only by createProcessObjects(), once the root folder is
+// known. They are destroyed at exit in reverse order of creation.
 #include "ecallMain/processObjects.h"
 
 #include <cstdlib>
