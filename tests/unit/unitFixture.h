@@ -58,9 +58,11 @@ class UnitFixture : public ::testing::Test {
 // without a state machine reacting.
 class PulseProbe {
  public:
-  PulseProbe() : mChannel(qnx::ChannelCreate(0)), mConnection(qnx::ConnectAttach(0, 0, mChannel, qnx::_NTO_SIDE_CHANNEL, 0)) {
-    processProbe::timers().create(mChannel);
-    processProbe::stateMachineSendChannel() = mConnection;
+  PulseProbe() : PulseProbe(processProbe::timers()) { processProbe::stateMachineSendChannel() = mConnection; }
+  // Only the given timers deliver to the probe (no process objects needed).
+  explicit PulseProbe(processorTimers& timers)
+      : mChannel(qnx::ChannelCreate(0)), mConnection(qnx::ConnectAttach(0, 0, mChannel, qnx::_NTO_SIDE_CHANNEL, 0)) {
+    timers.create(mChannel);
   }
   // The code of the next pulse, or -1 when none came within the deadline
   // (the channel is then destroyed to free the receiver).

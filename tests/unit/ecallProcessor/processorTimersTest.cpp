@@ -7,8 +7,8 @@ namespace {
 // after expiry leaves the pulse already queued.
 TEST(ProcessorTimers, MillisecondsZeroDisarmsAndStopAfterExpiryKeepsThePulse) {
   platform::setTimeScale(1.0);
-  PulseProbe probe;
-  processorTimers& timers = processProbe::timers();
+  processorTimers timers;
+  PulseProbe probe(timers);
   EXPECT_EQ(timers.startEcallStateMachineTimer(60000), 0);
   itimerspec left{};
   ASSERT_EQ(qnx::timer_gettime(processProbe::timerId(timers, processorTimers::timerStateMachine), &left), 0);
