@@ -23,11 +23,6 @@ namespace {
 // For tests whose next step must come within the 10 s delay before the dial.
 constexpr double kSlowScale = 0.1;
 
-// The scaled length of a duration of the service, in seconds of the
-// simulator's clock, less a margin for the time between arming and the
-// event the test can see.
-double atLeast(double carMs, double scale = kScale) { return 0.8 * carMs * scale / 1000.0; }
-
 // A car with a brand and a position of its own, so that the announcement
 // shows where they come from. Call states two seconds apart leave the
 // machine time to take each one.
