@@ -200,17 +200,6 @@ struct Scene {
     ASSERT_EQ(car.call("exitEcall"), kOk);
   }
 
-  // A crash on the CAN path from a fresh mark: the simulator's seconds from
-  // the impact to the dial it leads to, -1 when none came.
-  double crashToDial() {
-    markNow();
-    sim("crash B can");
-    Json::Value crash = waitForRecord([](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "impact"; });
-    Json::Value dial = car.waitForRequestSince(mark, "EmbeddedPhone", "ecallDial", kLong);
-    EXPECT_FALSE(dial.isNull()) << "the crash did not reach the phone";
-    return crash.isNull() || dial.isNull() ? -1 : at(dial) - at(crash);
-  }
-
   // Every message the service wrote on the channel since the mark; with a
   // first byte, only those (1: the mirror LED, 2: Assist).
   std::vector<Bytes> channel(int first = -1) {
