@@ -9,8 +9,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <sstream>
 
+#include "common/jsonText.h"
 #include "support/e2eHarness.h"
 #include "support/testSupport.h"
 
@@ -27,8 +27,7 @@ E2eOptions simOnly() {
 
 Json::Value parse(const std::string& text) {
   Json::Value value;
-  std::istringstream in(text);
-  Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr);
+  jsonParse(text.c_str(), value);
   return value;
 }
 
