@@ -67,6 +67,18 @@ inline std::string systemErrorSignal() { return ecallSignalText(false, "systemEr
 
 // The simulator's clock (seconds) of a record.
 inline double at(const Json::Value& record) { return record["t"].asDouble(); }
+// A duration of the service (ms of its own time) on the simulator's clock at
+// a test's pace, less a margin for the time between arming and what is seen:
+// durations are checked as lower bounds.
+inline double atLeast(double carMs, double scale = kScale) { return 0.8 * carMs * scale / 1000.0; }
+// A bound above for a duration that a stalled thread could not stretch ten
+// times, at the pace the car really runs (slower under the sanitizers).
+inline double atMost(double carMs, double scale = kScale) {
+#ifdef ECALL_E2E_SLOWDOWN
+  scale *= ECALL_E2E_SLOWDOWN;
+#endif
+  return 10 * carMs * std::min(1.0, scale) / 1000.0;
+}
 
 inline size_t countOf(const std::string& text, const std::string& part) {
   size_t n = 0;
@@ -186,17 +198,6 @@ struct Scene {
   void exitWhenActive() {
     ASSERT_TRUE(waitForLogCount(kCallActive, 1));
     ASSERT_EQ(car.call("exitEcall"), kOk);
-  }
-
-  // A crash on the CAN path from a fresh mark: the simulator's seconds from
-  // the impact to the dial it leads to, -1 when none came.
-  double crashToDial() {
-    markNow();
-    sim("crash B can");
-    Json::Value crash = waitForRecord([](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "impact"; });
-    Json::Value dial = car.waitForRequestSince(mark, "EmbeddedPhone", "ecallDial", kLong);
-    EXPECT_FALSE(dial.isNull()) << "the crash did not reach the phone";
-    return crash.isNull() || dial.isNull() ? -1 : at(dial) - at(crash);
   }
 
   // Every message the service wrote on the channel since the mark; with a

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -39,8 +40,11 @@ void waitUntilMonitoring(Child& monitor) {
 
 }  // namespace
 
+// The answers have fixed member names; the operator's language is English
+// whatever the head unit speaks; a method the service does not know gets no
+// reply; a logged string is one entry, stamped in UTC with the odometer in tens.
 TEST(Ecallctl, QueriesAndRequestsReachTheService) {
-  Scene s(carOptions(0.01));
+  Scene s(carOptions(0.01, {"set language fr_CA", "odo 7654321"}));
   E2eHarness& car = s.car;
 
   EXPECT_EQ(ctlOk(car, {"status"}), "emergency in progress: no\n");
@@ -58,6 +62,13 @@ TEST(Ecallctl, QueriesAndRequestsReachTheService) {
   Outcome logged = ctl(car, {"--timeout", "2", "log", "driver", "reports", "smoke"});
   EXPECT_EQ(logged.exitCode, 0) << logged.err;
   EXPECT_TRUE(s.waitForLogCount("driver reports smoke", 1));
+  EXPECT_TRUE(std::regex_search(car.emergencyLog(),
+                                std::regex(R"((^|\n)\d{2}:\d{2}:\d{2} [A-Z][a-z]+ \d{2}, \d{4} GMT:0765432:driver reports smoke\n)")))
+      << car.emergencyLog();
+  std::string reply;
+  const SVCIPC_tError rc = car.invoke("ecallService", "startecall", "{}", 500, &reply);
+  EXPECT_TRUE(testSupport::isNoReply(rc)) << "the caller runs into its own time-out, rc 0x" << std::hex << rc;
+  EXPECT_TRUE(car.waitForTrace("ecallRequest: startecall, params: {}"));
   EXPECT_EQ(ctlOk(car, {"log", "a second entry"}), "");
   EXPECT_TRUE(s.waitForLogCount("a second entry", 1));
 
@@ -66,6 +77,7 @@ TEST(Ecallctl, QueriesAndRequestsReachTheService) {
 
   EXPECT_EQ(ctlOk(car, {"--json", "export-log"}), kOk);
   EXPECT_TRUE(testSupport::waitUntil([&] { return !exportedLog(car).empty(); }, kLong)) << "no log was exported to the stick";
+  EXPECT_TRUE(s.signals().empty());
 }
 
 // Two monitors, one readable and one for scripts, follow a call that ecallctl

@@ -23,11 +23,6 @@ namespace {
 // For tests whose next step must come within the 10 s delay before the dial.
 constexpr double kSlowScale = 0.1;
 
-// The scaled length of a duration of the service, in seconds of the
-// simulator's clock, less a margin for the time between arming and the
-// event the test can see.
-double atLeast(double carMs, double scale = kScale) { return 0.8 * carMs * scale / 1000.0; }
-
 // A car with a brand and a position of its own, so that the announcement
 // shows where they come from. Call states two seconds apart leave the
 // machine time to take each one.
@@ -476,6 +471,8 @@ TEST(PhoneStatus, PhoneServiceLeavingTheBusAndComingBack) {
   EXPECT_TRUE(containsInOrder(s.log(), {"Get Embedded Phone Status: change from OFF to ON",
                                         "System error embedded phone service not running CLEARED"}));
 
+  // Away for good: told as the phone service not running (the reset that
+  // follows is the silent phone's, see ModuleReset), cleared by its return.
   s.markNow();
   s.sim("peer EmbeddedPhone gone");
   Json::Value told = s.waitForRecord([](const Json::Value& r) { return r["kind"].asString() == "ecall"; });
@@ -484,26 +481,19 @@ TEST(PhoneStatus, PhoneServiceLeavingTheBusAndComingBack) {
   Json::Value left = s.waitForRecord(
       [](const Json::Value& r) { return r["kind"].asString() == "peer" && r["state"].asString() == "gone"; }, ms(0));
   EXPECT_GE(at(told) - at(left), atLeast(30000)) << "the phone-not-present time";
-  ASSERT_TRUE(car.waitForEmergencyLog(
-      "Phone not present timer is off. Already requested V850 to reset Sierra Module. Start 5 min timer\n", kLong));
-  EXPECT_TRUE(testSupport::fileExists(car.path("/tmp/resetSierraInprogress")));
-  EXPECT_SOON_EQ(s.channel(), (std::vector<Bytes>{{1, 3}, {3}}));
-  EXPECT_SOON_EQ(s.log(),
-                 (Strings{"System error embedded phone service not running OCCURRED",
-                          "First System error message generated due to embedded phone service not running, current "
-                          "SystemError = 4",
-                          "send LED status 3", "System error handling set LED to 3",
-                          "Sent IPC message to V850 to reset Sierra 1th time",
-                          "Phone not present timer is off. Already requested V850 to reset Sierra Module. Start 5 min "
-                          "timer"}));
+  ASSERT_TRUE(s.waitForChannel({{1, 3}, {3}})) << testing::PrintToString(s.channel());
+  EXPECT_TRUE(containsInOrder(s.log(), {"System error embedded phone service not running OCCURRED",
+                                        "First System error message generated due to embedded phone service not "
+                                        "running, current SystemError = 4",
+                                        "Sent IPC message to V850 to reset Sierra 1th time"}))
+      << testing::PrintToString(s.log());
 
   s.sim("peer EmbeddedPhone back");
   ASSERT_TRUE(s.waitForLed({{1, 3}, {1, 0}}));
   EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/resetSierraInprogress")));
   // The LED is sent before its log entry is written.
   ASSERT_TRUE(s.waitForLogCount("send LED status 0", 1));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Get Embedded Phone Status: change from OFF to ON",
-                                        "Got Phone Status: ON. Stop delay System Error popup timer. Roll back reset "
+  EXPECT_TRUE(containsInOrder(s.log(), {"Got Phone Status: ON. Stop delay System Error popup timer. Roll back reset "
                                         "counter. System err 4",
                                         "System error embedded phone service not running CLEARED", "send LED status 0"}))
       << testing::PrintToString(s.log());

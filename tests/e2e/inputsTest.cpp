@@ -210,6 +210,31 @@ TEST(MirrorLed, BlinkEndsGreenInAnEmergencyAndOffOrRedOutsideIt) {
   EXPECT_EQ(s.countInLog("Assist button pressed. ECall in progress. Blink LED green"), 2u);
 }
 
+// The Assist button lights the LED for an application that is to start;
+// if it never becomes active, the LED goes off after the Assist time-out.
+// Pressed in an emergency, the LED blinks for the blink time, then is green.
+TEST(MirrorLed, AssistThatNeverRunsTimesOutAndABlinkLastsItsTime) {
+  Scene s(carOptions(kScale));
+  auto ledAt = [&](const Bytes& message, size_t nth) {
+    for (const auto& r : s.car.recordsSince(s.mark, "channel"))
+      if (r["bytes"].size() == 2 && r["bytes"][0] == message[0] && r["bytes"][1] == message[1] && nth-- == 0) return at(r);
+    return -1.0;
+  };
+  s.button("assist", true);
+  s.button("assist", false);
+  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 0}})) << testing::PrintToString(s.led());
+  EXPECT_TRUE(s.car.waitForTrace("Turning off mirror LED since the assist xlet never went active"));
+  EXPECT_GE(ledAt({1, 0}, 0) - ledAt({1, 1}, 0), atLeast(40000)) << "the Assist time-out";
+
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 0}, {1, 1}}));
+  s.button("assist", true);
+  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 0}, {1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
+  const double blink = ledAt({1, 1}, 2) - ledAt({1, 2}, 0);
+  EXPECT_GE(blink, atLeast(5000)) << "the blink time";
+  EXPECT_LT(blink, atMost(5000)) << "the blink time";
+}
+
 // Without the airbag controller's channel the service still starts, the
 // mirror buttons still work and the service stays up; once the micro is up,
 // the channel is opened.

@@ -1,10 +1,8 @@
 // Load end to end: eight head-unit clients ask "IsECallInProgess" as fast as
 // they can for 10 s while the airbag controller reports a crash. The crash
-// still reaches the phone as a dial, every query is answered correctly, and
-// the figures (dial latency with and without the load, queries answered) are
-// printed for the record; none of them is a pass mark.
+// still reaches the phone as a dial and every query is answered correctly
+// (the figures of the same load come from bench/busMethods).
 #include <gtest/gtest.h>
-#include <stdio.h>
 
 #include <atomic>
 #include <chrono>
@@ -54,35 +52,19 @@ void askUntil(const std::string& address, std::chrono::steady_clock::time_point 
 
 TEST(Load, CrashIsCalledWhileEightClientsQueryAsFastAsTheyCan) {
   Scene s(carOptions(kScale));
-  const double quiet = s.crashToDial();
-  ASSERT_GT(quiet, 0);
-  s.markNow();
-  ASSERT_EQ(s.car.call("exitEcall"), kOk);
-  ASSERT_TRUE(s.waitForIdle());
-
   LoadResult result;
-  const auto start = std::chrono::steady_clock::now();
-  const auto end = start + kLoadTime;
+  const auto end = std::chrono::steady_clock::now() + kLoadTime;
   std::vector<std::thread> clients;
-  for (int i = 0; i < kClients; ++i)
-    clients.emplace_back([&, i] { askUntil(s.car.busAddress(), end, result); });
+  for (int i = 0; i < kClients; ++i) clients.emplace_back([&] { askUntil(s.car.busAddress(), end, result); });
   // The crash comes once every client is asking.
   ASSERT_TRUE(testSupport::waitUntil(
       [&] { return result.connected.load() == kClients && result.answered.load() >= 10 * kClients; }, kLong));
-  const double loaded = s.crashToDial();
+  s.sim("crash B can");
+  EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the crash did not reach the phone under load";
   for (auto& client : clients) client.join();
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-  EXPECT_GT(loaded, 0);
   EXPECT_EQ(result.failed.load(), 0) << "queries went unanswered under load";
   EXPECT_EQ(result.wrong.load(), 0) << "queries were answered wrongly under load";
   EXPECT_EQ(s.car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
   EXPECT_TRUE(s.car.serviceRunning());
-  printf("[ figures  ] time scale %g: crash to dial %.0f ms at rest, %.0f ms under load; %d clients, %ld queries "
-         "answered in %.1f s (%.0f per second)\n",
-         kScale, quiet * 1000, loaded * 1000, kClients, result.answered.load(), seconds,
-         result.answered.load() / seconds);
-  RecordProperty("crash_to_dial_quiet_ms", static_cast<int>(quiet * 1000));
-  RecordProperty("crash_to_dial_loaded_ms", static_cast<int>(loaded * 1000));
-  RecordProperty("queries_per_second", static_cast<int>(result.answered.load() / seconds));
 }

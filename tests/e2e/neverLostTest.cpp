@@ -11,9 +11,6 @@ namespace {
 
 // A car run so fast that the 60 s retry period takes one second.
 constexpr double kRetryScale = 1.0 / 60;
-// The scaled length of a duration of the service on the simulator's clock
-// (seconds), less a margin for the time between arming and what is seen.
-double atLeast(double carMs, double scale = kRetryScale) { return 0.8 * carMs * scale / 1000.0; }
 
 bool isImpactSignal(const Json::Value& s) { return s["ecall"].asBool() && s["type"].asString() == "acn"; }
 
@@ -93,7 +90,7 @@ TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
   ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 3)) << "the idle dial was not retried";
   std::vector<Json::Value> idle = dials(s);
   // The connect time-out, then the retry period.
-  EXPECT_GE(at(idle[2]) - at(idle[1]), atLeast(60000 + 60000));
+  EXPECT_GE(at(idle[2]) - at(idle[1]), atLeast(60000 + 60000, kRetryScale));
   EXPECT_EQ(s.countInLog("Error: Call state did not transition after successful dial request"), 2u);
 
   s.markNow();
@@ -117,7 +114,23 @@ TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
   ASSERT_EQ(redial.size(), 2u) << "the two ends of one call were redialled twice";
   Json::Value ended = s.waitForRecord([](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "wendReason"); });
   ASSERT_FALSE(ended.isNull());
-  EXPECT_GE(at(redial[1]) - at(ended), atLeast(60000)) << "redialled before the retry period";
+  EXPECT_GE(at(redial[1]) - at(ended), atLeast(60000, kRetryScale)) << "redialled before the retry period";
+}
+
+// A phone that refuses every dial does not use the emergency up: it is
+// dialled again a retry period after each refusal, a fourth and a fifth time
+// and on, and placed as soon as the phone takes the dial.
+TEST(NeverLost, RefusedDialsAreRedialledWithoutLimitUntilPlaced) {
+  Scene s(carOptions(kRetryScale, {"set dial fail"}));
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 5)) << "the redials stopped";
+  s.sim("set dial ok");
+  ASSERT_TRUE(s.waitForLogCount(kCallActive, 1)) << "not placed once the phone took the dial";
+  const std::vector<Json::Value> all = dials(s);
+  for (size_t i = 1; i < all.size(); ++i)
+    EXPECT_GE(at(all[i]) - at(all[i - 1]), atLeast(60000, kRetryScale)) << "dial " << i + 1;
+  EXPECT_GE(s.countInLog("Error dial PSAP number failed"), 5u);
+  EXPECT_EQ(s.countInLog("Calling 911"), all.size()) << testing::PrintToString(s.log());
 }
 
 // Without a number the emergency is kept: the failure is told as always, the
@@ -133,7 +146,7 @@ TEST(NeverLost, EmergencyWithoutNumberIsPlacedOnceANumberComes) {
   // Three reads of each attempt, and the second attempt after the retry period.
   ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "getEmergencyNumbers", 6));
   std::vector<Json::Value> reads = car.requestsSince(s.mark, "EmbeddedPhone", "getEmergencyNumbers");
-  EXPECT_GE(at(reads[3]) - at(reads[2]), atLeast(60000));
+  EXPECT_GE(at(reads[3]) - at(reads[2]), atLeast(60000, kRetryScale));
   EXPECT_EQ(s.countInLog("Error failed to obtain PSAP number"), 1u) << "the failure is told once per loss";
 
   s.sim("set number 911");

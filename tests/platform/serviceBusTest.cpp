@@ -108,10 +108,6 @@ void onSignal(const char* sigName, const char* data, void* context) {
   static_cast<Inbox<std::string>*>(context)->push(std::string(sigName) + " " + data);
 }
 
-void onOwner(const char* name, const char* oldOwner, const char* newOwner, void* context) {
-  static_cast<Inbox<std::vector<std::string>>*>(context)->push({name, oldOwner, newOwner});
-}
-
 class ServiceBusTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(SVCIPC_initialize(), SVCIPC_ERROR_NONE); }
@@ -307,43 +303,6 @@ TEST_F(ServiceBusTest, SignalReachesOnlyTheSubscribersOfItsNameAndPath) {
   EXPECT_EQ(SVCIPC_asyncEmit(own, "callState", "{\"d\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
   ASSERT_TRUE(marks.waitFor(1));
   EXPECT_EQ(first.items(), std::vector<std::string>{"callState {\"c\":1}"});
-}
-
-TEST_F(ServiceBusTest, OwnerChangesAndHasOwnerFollowTheName) {
-  const char* name = "com.nordak.service.EmbeddedPhone";
-  SVCIPC_tConnection watcher = connect();
-  auto& changes = make<Inbox<std::vector<std::string>>>();
-  SVCIPC_tSigSubHnd sub = nullptr;
-  ASSERT_EQ(SVCIPC_subscribeOwnerChanged(watcher, name, onOwner, &changes, &sub), SVCIPC_ERROR_NONE);
-  auto hasOwner = [&] {
-    int owned = -1;
-    EXPECT_EQ(SVCIPC_nameHasOwner(watcher, name, &owned), SVCIPC_ERROR_NONE);
-    return owned;
-  };
-  EXPECT_EQ(hasOwner(), 0);
-
-  TestService& phone = make<TestService>();
-  SVCIPC_tConnection phoneConn = connect();
-  SVCIPC_tSvcRegHnd reg = serve(phoneConn, "EmbeddedPhone", phone);
-  ASSERT_TRUE(changes.waitFor(1));
-  EXPECT_EQ(hasOwner(), 1);
-  ASSERT_EQ(SVCIPC_unregisterService(reg), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(changes.waitFor(2));
-  EXPECT_EQ(hasOwner(), 0);
-  // Closing the connection gives the name up too.
-  serve(phoneConn, "EmbeddedPhone", phone);
-  ASSERT_EQ(SVCIPC_closeConnection(phoneConn), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(changes.waitFor(4));
-
-  // {name, old owner, new owner}: appear, vanish, appear, vanish.
-  const auto got = changes.items();
-  EXPECT_EQ(got[0][0], name);
-  EXPECT_EQ(got[0][2].substr(0, 1), ":");
-  for (size_t i : {0, 2}) {
-    EXPECT_EQ(got[i][1], "");
-    EXPECT_EQ(got[i + 1][1], got[i][2]);
-    EXPECT_EQ(got[i + 1][2], "");
-  }
 }
 
 // The service asks a peer synchronously from its method handler and from

@@ -15,9 +15,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <regex>
 
+#include "common/jsonText.h"
 #include "support/testSupport.h"
 
 extern char** environ;
@@ -25,13 +25,6 @@ extern char** environ;
 namespace testSupport {
 
 namespace {
-
-bool parseJson(const std::string& text, Json::Value& value) {
-  Json::CharReaderBuilder builder;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  return reader->parse(text.data(), text.data() + text.size(), &value, &errors);
-}
 
 #ifndef ECALL_E2E_SLOWDOWN
 #define ECALL_E2E_SLOWDOWN 1
@@ -188,7 +181,7 @@ std::vector<std::string> spokenTexts(const std::vector<Json::Value>& requests) {
   for (const auto& r : requests) {
     if (r["method"].asString() != "ttsReadout") continue;
     Json::Value params;
-    parseJson(r["params"].asString(), params);
+    jsonParse(r["params"].asString().c_str(), params);
     out.push_back(params["readoutType"].asString() + ": " + params["data"].asString());
   }
   return out;
@@ -377,7 +370,7 @@ void E2eHarness::refreshRecords() {
   size_t end;
   while ((end = mRecordPartial.find('\n')) != std::string::npos) {
     Json::Value value;
-    if (parseJson(mRecordPartial.substr(0, end), value)) mRecords.push_back(value);
+    if (jsonParse(mRecordPartial.substr(0, end).c_str(), value)) mRecords.push_back(value);
     mRecordPartial.erase(0, end + 1);
   }
 }
@@ -434,7 +427,7 @@ Json::Value E2eHarness::waitForEcallSignalSince(size_t mark, const Pred& pred, m
       mark,
       [&](const Json::Value& r) {
         Json::Value data;
-        if (r["kind"] != "ecall" || !parseJson(r["data"].asString(), data) || !pred(data)) return false;
+        if (r["kind"] != "ecall" || !jsonParse(r["data"].asString().c_str(), data) || !pred(data)) return false;
         found = data;
         return true;
       },

@@ -1,21 +1,11 @@
 // End-to-end harness: a private bus, the vehicle simulator and the real
-// ecallService, as separate processes in a temporary root folder.
-//
-//   testSupport::E2eHarness car;                    // healthy car, service up
-//   car.sim("crash B can");                         // drive the car
-//   auto sig = car.waitForEcallSignalSince(0, [](const Json::Value& s) { return s["ecall"].asBool(); });
-//   EXPECT_EQ(sig["type"].asString(), "acn");
-//   EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
-//
-// The simulator records everything it receives and sends (one JSON object a
-// line; see sim/ for the kinds: "request", "signal", "channel", "vehicle",
-// "ecall", "ecallProgress", "log", "peer", ...); the harness reads that record,
-// the service's trace, its standard error (the system log) and the emergency
-// log as they grow. Every wait has a deadline; nothing sleeps on a guess.
-//
-// At the end everything is killed (SIGKILL) and reaped, and the folders are
-// removed. When the test failed, the tails of the service's logs and of the
-// record are printed and the folder is kept (its path is printed).
+// ecallService, as separate processes in a temporary root folder. The
+// simulator records everything it receives and sends (one JSON object a
+// line, see sim/); the harness reads that record, the service's trace, its
+// standard error (the system log) and the emergency log as they grow. Every
+// wait has a deadline. At the end everything is killed (SIGKILL) and reaped;
+// when the test failed, the tails of the logs and of the record are printed
+// and the folder is kept.
 #pragma once
 
 #include <json/json.h>

@@ -1,16 +1,8 @@
-// A private dbus-daemon for tests: a bus of its own, listening in a fresh
-// temporary folder, with a session-like policy (anyone may own any name and
-// send anything to anyone).
-//
-//   testSupport::PrivateBus bus;  // started, or throws std::runtime_error
-//   SVCIPC_getConnectionByAddress(bus.address().c_str(), &conn);
-//   // or run a program with "--bus " + bus.address()
-//
-// The destructor kills and reaps the daemon and removes the folder. The
-// daemon is also killed when the thread that created the object ends
-// (PR_SET_PDEATHSIG), so that a test process that crashes or is killed leaves
-// no daemon behind: create the object on the test's own thread, not on a
-// short-lived helper thread.
+// A private dbus-daemon for tests, listening in a fresh temporary folder,
+// with a session-like policy unless given one. The destructor kills and
+// reaps the daemon and removes the folder; the daemon also dies with the
+// thread that created the object (PR_SET_PDEATHSIG): create it on the test's
+// own thread.
 #pragma once
 
 #include <chrono>
