@@ -12,15 +12,10 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 
 namespace {
-
-// The emergency call's entries carry these call types.
-constexpr int emergencyCallTypeFirst = 1;
-constexpr int emergencyCallTypeLast = 2;
-// The phone's own service number; its calls are never the emergency call.
-const char* const phoneServiceNumber = "#777";
 
 // End reasons of the phone that mean the call is over even when no call
 // state follows.
@@ -73,30 +68,17 @@ void ecallProcessor::onSubcribedSignal(const char* sigName, const char* data, vo
 
 void ecallProcessor::processEmdPhCallState(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const Json::Value root = parseObject(data);
-  const Json::Value& entries = root["callStateInfo"];
-  if (!entries.isArray()) return;
-
   // The emergency call is the last entry of an emergency call type that is
   // not the phone's service number; an empty number is judged by its type.
-  bool found = false;
-  std::string number;
-  for (const Json::Value& entry : entries) {
-    if (!entry.isObject()) continue;
-    const bool hasNumber = entry["number"].isString();
-    const std::string entryNumber = textMember(entry, "number");
-    const int callType = intMember(entry, "callType", 0);
-    if (entryNumber == phoneServiceNumber) continue;
-    if (callType < emergencyCallTypeFirst || callType > emergencyCallTypeLast) continue;
-    const std::string entryState = textMember(entry, "callState");
-    curCallState.set(entryState);
-    number = entryNumber;
-    found = true;
-    scope.sendFormattedMessage("ecallState %s, phonenumber %s\n", entryState.c_str(),
-                               hasNumber ? entryNumber.c_str() : "isNULL");
+  const std::vector<embeddedPhone::callEntry> entries = embeddedPhone::emergencyCallEntries(data);
+  for (const embeddedPhone::callEntry& entry : entries) {
+    curCallState.set(entry.state);
+    scope.sendFormattedMessage("ecallState %s, phonenumber %s\n", entry.state.c_str(),
+                               entry.hasNumber ? entry.number.c_str() : "isNULL");
   }
   // A report that holds no emergency call entry says nothing about it.
-  if (!found) return;
+  if (entries.empty()) return;
+  const std::string number = entries.back().number;
   if (curCallState.empty() || !extServHandle.getEmebeddedPhoneEnabledInVariant()) return;
 
   if (curECallType == ecallMain::NONE) {
@@ -140,10 +122,8 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
 
 void ecallProcessor::processWendReason(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const Json::Value root = parseObject(data);
-  const Json::Value& member = root["serviceNumber"];
-  if (!member.isInt()) return;
-  const int serviceNumber = member.asInt();
+  int serviceNumber = 0;
+  if (!embeddedPhone::parseWendReason(data, serviceNumber)) return;
   scope.sendFormattedMessage("wendReason service number = %d\n", serviceNumber);
   for (int reason : callEndingWendReasons) {
     if (serviceNumber != reason) continue;

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "common/ecallTypes.h"
 #include "platform/serviceBus.h"
 
 namespace extServ {
@@ -33,17 +34,27 @@ inline constexpr busService vehicleConfigService{"com.nordak.service.VehicleConf
                                                  "/com/nordak/service/VehicleConfig"};
 inline constexpr busService vehicleStatusService{"com.nordak.service.VehicleStatus",
                                                  "/com/nordak/service/VehicleStatus"};
+inline constexpr busService embeddedPhoneService{EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH};
+inline constexpr busService hmiGatewayService{HMI_GATEWAY_SERVICE, HMI_GATEWAY_PATH};
+inline constexpr busService appManagerService{APP_MANAGER_SERVICE, APP_MANAGER_PATH};
 
 // A synchronous request bounded by the peer reply bound: a hung peer costs
 // the caller one second (scaled), never the bus's 25 s. The answer's text
 // goes to *result when the caller wants it; the response is released here.
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
                          std::string* result = nullptr);
+// The same with the caller's time limit in ms (SVCIPC_TIMEOUT_DEFAULT: the
+// bus's own).
+SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
+                         std::string* result, int timeoutMs);
 
 // An asynchronous request whose reply goes to the processor's completion
 // handler, named by context (a text that lives for the process).
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context);
+// The same with the reply going to onResult, which the caller names.
+SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
+                          SVCIPC_tResultCallback onResult, const char* context);
 
 // When rc says the peer did not answer in time: says so in the trace and the
 // system log, with the value the service goes on with, and returns true.

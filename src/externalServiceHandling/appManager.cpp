@@ -1,0 +1,17 @@
+// The requests to the application manager.
+#include "externalServiceHandling/appManager.h"
+
+#include <json/json.h>
+
+#include "common/jsonText.h"
+#include "externalServiceHandling/serviceRequests.h"
+
+namespace appManager {
+
+SVCIPC_tError stopApp(const std::string& appId) {
+  Json::Value params(Json::objectValue);
+  params["appId"] = appId;
+  return extServ::invokeAsync(extServ::appManagerService, "stopApp", jsonWrite(params), "stopApp");
+}
+
+}  // namespace appManager

@@ -1,0 +1,16 @@
+// The application manager as the processor sees it: the Assist application
+// it closes when an emergency takes over. The request texts are built here
+// and nowhere else.
+#pragma once
+
+#include <string>
+
+#include "platform/serviceBus.h"
+
+namespace appManager {
+
+// Stops the application appId; the answer reaches the processor's completion
+// handler under "stopApp".
+SVCIPC_tError stopApp(const std::string& appId);
+
+}  // namespace appManager
