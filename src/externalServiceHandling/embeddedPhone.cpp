@@ -117,6 +117,10 @@ SVCIPC_tError watchOwner(SVCIPC_tNameOwnerChangedCallback onChange, const char* 
 
 SVCIPC_tError hasOwner(int& owned) { return SVCIPC_nameHasOwner(svcIPCConn, embeddedPhoneService.name, &owned); }
 
+SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, const char* context) {
+  return extServ::subscribe(embeddedPhoneService, sigName, onSignal, context);
+}
+
 emergencyNumbers parseEmergencyNumbers(const char* reply) {
   Json::Value value;
   jsonParse(reply, value);

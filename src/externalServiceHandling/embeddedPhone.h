@@ -46,6 +46,9 @@ SVCIPC_tError requestUsbPorts(SVCIPC_tResultCallback onReply);
 
 SVCIPC_tError watchOwner(SVCIPC_tNameOwnerChangedCallback onChange, const char* context, SVCIPC_tSigSubHnd* handle);
 SVCIPC_tError hasOwner(int& owned);
+// Its signal sigName ("callState", "embeddedPhoneStatus", "wendReason",
+// "antennaStatus"), for the life of the process.
+SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, const char* context);
 
 // ---- Answers and signals ----
 

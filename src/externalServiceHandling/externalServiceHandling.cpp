@@ -51,6 +51,12 @@ SVCIPC_tError invokeAsync(const busService& service, const char* method, const s
                             SVCIPC_TIMEOUT_DEFAULT, onResult, const_cast<char*>(context));
 }
 
+SVCIPC_tError subscribe(const busService& service, const char* sigName, SVCIPC_tSignalCallback onSignal,
+                        const char* context) {
+  SVCIPC_tSigSubHnd subscription = nullptr;
+  return SVCIPC_subscribe(svcIPCConn, service.path, sigName, onSignal, const_cast<char*>(context), &subscription);
+}
+
 bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept) {
   if (!isPeerTimeout(rc)) return false;
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);

@@ -56,6 +56,10 @@ SVCIPC_tError invokeAsync(const busService& service, const char* method, const s
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           SVCIPC_tResultCallback onResult, const char* context);
 
+// Subscribes to the service's signal sigName for the life of the process.
+SVCIPC_tError subscribe(const busService& service, const char* sigName, SVCIPC_tSignalCallback onSignal,
+                        const char* context);
+
 // When rc says the peer did not answer in time: says so in the trace and the
 // system log, with the value the service goes on with, and returns true.
 bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept);
