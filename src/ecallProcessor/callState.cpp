@@ -7,11 +7,11 @@
 #include <cstring>
 
 #include "ecallMain/ecallMain.h"
-#include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/audioSignals.h"
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 
@@ -20,26 +20,6 @@ namespace {
 // End reasons of the phone that mean the call is over even when no call
 // state follows.
 constexpr int callEndingWendReasons[] = {3, 17, 68, 32768};
-
-// A member read as an integer, with a default for a missing member or one
-// that has no integer form (a peer's text must never throw).
-int intMember(const Json::Value& object, const char* name, int fallback) {
-  const Json::Value& member = object[name];
-  if (member.isNull() || !member.isConvertibleTo(Json::intValue)) return fallback;
-  return member.asInt();
-}
-
-std::string textMember(const Json::Value& object, const char* name) {
-  const Json::Value& member = object[name];
-  return member.isString() ? member.asString() : std::string();
-}
-
-// Parses a signal's data; anything but an object reads as an empty object.
-Json::Value parseObject(const char* data) {
-  Json::Value root;
-  if (!jsonParse(data, root) || !root.isObject()) return Json::Value(Json::objectValue);
-  return root;
-}
 
 bool isPsapPrompt(int prompt) { return prompt >= TTS_PROMPT_ECALL_PSAP1 && prompt <= TTS_PROMPT_GPS_COORDINATES; }
 
@@ -142,7 +122,7 @@ void ecallProcessor::processWendReason(const char* data) {
 void ecallProcessor::processTtsPlayState(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   if (activeTts == TTS_PROMPT_NONE) return;
-  const std::string playState = textMember(parseObject(data), "state");
+  const std::string playState = audioSignals::ttsPlayState(data);
   scope.sendFormattedMessage("tts play state %s, active prompt %d\n", playState.c_str(), activeTts.load());
   if (playState == "aborted") {
     if (activeTts == TTS_PROMPT_INCOMING) startEcallStateMachineTimer(1);
@@ -185,7 +165,7 @@ void ecallProcessor::processTtsPlayState(const char* data) {
 // stops and the microphones open), 1 for the position.
 void ecallProcessor::processDtmf(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const int key = intMember(parseObject(data), "KeyPressed", -1);
+  const int key = audioSignals::dtmfKey(data);
   scope.sendFormattedMessage("dtmf detected: %d\n", key);
   if (!ecallModeActive || (key != 0 && key != 1)) return;
   addFormattedEntryToEmergencyLog("Rx DTMF: %d\n", key);

@@ -15,6 +15,9 @@ namespace embeddedPhone {
 namespace {
 
 using extServ::embeddedPhoneService;
+using extServ::intMember;
+using extServ::parseObject;
+using extServ::textMember;
 
 constexpr int emergencyNumberMaxCount = 10;
 // The emergency call's entries of a call state report carry these types.
@@ -38,26 +41,6 @@ std::string antennaQuery() {
   Json::Value params(Json::objectValue);
   params["antenna"] = embeddedPhoneAntennaIdentifier;
   return jsonWrite(params);
-}
-
-// A member read as an integer, with a default for a missing member or one
-// that has no integer form.
-int intMember(const Json::Value& object, const char* name, int fallback) {
-  const Json::Value& member = object[name];
-  if (member.isNull() || !member.isConvertibleTo(Json::intValue)) return fallback;
-  return member.asInt();
-}
-
-std::string textMember(const Json::Value& object, const char* name) {
-  const Json::Value& member = object[name];
-  return member.isString() ? member.asString() : std::string();
-}
-
-// Anything but an object reads as an empty object.
-Json::Value parseObject(const char* data) {
-  Json::Value root;
-  if (!jsonParse(data, root) || !root.isObject()) return Json::Value(Json::objectValue);
-  return root;
 }
 
 }  // namespace

@@ -73,6 +73,23 @@ std::string propertyQuery(const char* name) {
   return jsonWrite(query);
 }
 
+int intMember(const Json::Value& object, const char* name, int fallback) {
+  const Json::Value& member = object[name];
+  if (member.isNull() || !member.isConvertibleTo(Json::intValue)) return fallback;
+  return member.asInt();
+}
+
+std::string textMember(const Json::Value& object, const char* name) {
+  const Json::Value& member = object[name];
+  return member.isString() ? member.asString() : std::string();
+}
+
+Json::Value parseObject(const char* data) {
+  Json::Value root;
+  if (!jsonParse(data, root) || !root.isObject()) return Json::Value(Json::objectValue);
+  return root;
+}
+
 Json::Value member(const Json::Value& value, const char* name) {
   if (!value.isObject()) return Json::Value();
   return value.get(name, Json::Value());

@@ -67,6 +67,15 @@ bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept
 // {"props":[name]}: the one-property query of the configuration services.
 std::string propertyQuery(const char* name);
 
+// Member name read as an integer: fallback when it is missing or has no
+// integer form.
+int intMember(const Json::Value& object, const char* name, int fallback);
+// Member name when it is a text, else "".
+std::string textMember(const Json::Value& object, const char* name);
+// A signal's or answer's text; anything but an object reads as an empty
+// object.
+Json::Value parseObject(const char* data);
+
 // Member name of an object, or null when value is not an object or lacks it
 // (for walking down nested answers).
 Json::Value member(const Json::Value& value, const char* name);
