@@ -72,7 +72,7 @@ bool ecallProcessor::readECallNumber() {
     if (SVCIPC_IS_ERROR(rc)) {
       // A failed request has no answer.
       scope.sendFormattedWarning("Failed to get ecall number, rc %d\n", rc);
-      sendtoSlog(_SLOG_ERROR, "Failed to get ecall number %d, resp is %s\n", rc, "NULL");
+      sendtoSlog(_SLOG_ERROR, "Failed to get ecall number %d, resp is NULL\n", rc);
       pause = true;
       if (isPeerTimeout(rc)) {
         // A phone that hung once would only hang again: the read fails now.

@@ -246,7 +246,7 @@ void ecallProcessor::getEmdPhStatus() {
   if (SVCIPC_IS_ERROR(rc)) {
     // A failed request has no answer.
     scope.sendFormattedWarning("failed to get embPh status, rc %d\n", rc);
-    sendtoSlog(_SLOG_ERROR, "failed to get embPh status, rc %d, resp is %s\n", rc, "NULL");
+    sendtoSlog(_SLOG_ERROR, "failed to get embPh status, rc %d, resp is NULL\n", rc);
     return;
   }
   bool on = false;

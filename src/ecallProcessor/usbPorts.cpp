@@ -34,7 +34,7 @@ std::string ecallProcessor::getSWIUSBPorts() {
   if (SVCIPC_IS_ERROR(rc)) {
     // A failed request has no answer.
     scope.sendFormattedWarning("Failed to get swiusb ports, rc %d\n", rc);
-    sendtoSlog(_SLOG_ERROR, "Failed to get swiusb ports %d, resp is %s\n", rc, "NULL");
+    sendtoSlog(_SLOG_ERROR, "Failed to get swiusb ports %d, resp is NULL\n", rc);
     return portsReadFailure;
   }
   return parseSWIUSBPortsStr(reply.c_str());
