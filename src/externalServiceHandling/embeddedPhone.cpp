@@ -27,6 +27,8 @@ const char* const serviceNumber = "#777";
 // The vehicle type the emergency centre is told with every dial request.
 const char* const vehicleType = "Corvane";
 
+// The status, antenna and port queries wait as long as the bus allows; only
+// the number read, on the way to a dial, is held to the peer reply bound.
 SVCIPC_tError readWithBusLimit(const char* method, const std::string& params, std::string& reply) {
   return extServ::invokeSync(embeddedPhoneService, method, params, &reply, SVCIPC_TIMEOUT_DEFAULT);
 }
