@@ -6,12 +6,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <thread>
 
-struct SvcIpcConnection {
-  int unused;
-};
+struct SvcIpcConnection { int unused; };
 struct SvcIpcRegistration {
   std::string busName;
   SVCIPC_tRequestCallback handler;
@@ -22,14 +19,7 @@ struct SvcIpcRequest {
   std::string result;
   bool freed = false;
 };
-struct SvcIpcSubscription {
-  bool owner = false;
-  std::string objPath;  // signals
-  std::string name;     // signal name, or bus name for owner changes
-  SVCIPC_tSignalCallback signalHandler = nullptr;
-  SVCIPC_tNameOwnerChangedCallback ownerHandler = nullptr;
-  void* context = nullptr;
-};
+struct SvcIpcSubscription { int unused; };
 
 namespace {
 
@@ -37,19 +27,14 @@ struct State {
   std::mutex mutex;
   std::vector<fakeBus::Call> calls;
   std::map<std::pair<std::string, std::string>, fakeBus::Responder> responders;
-  std::set<std::string> absent;
-  std::vector<SvcIpcSubscription*> subscriptions;
+  SvcIpcSubscription subscription{};
   SvcIpcRegistration* registration = nullptr;
   SvcIpcConnection connection{};
-
-  // The bus thread.
-  std::mutex queueMutex;
-  std::condition_variable queueChanged;
+  // The bus thread: jobs run in order, outside the lock.
+  std::condition_variable changed;
   std::deque<std::function<void()>> queue;
-  uint64_t posted = 0;
-  uint64_t done = 0;
+  uint64_t posted = 0, done = 0;
   std::thread::id busThreadId;
-  bool started = false;
 };
 
 State& state() {
@@ -57,102 +42,58 @@ State& state() {
   return *s;
 }
 
-// Runs f on the state under its lock and returns what f returns.
-template <typename F>
-auto locked(F f) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  return f(state());
-}
-
 void busThreadBody() {
   State& s = state();
+  std::unique_lock<std::mutex> lock(s.mutex);
   for (;;) {
-    std::function<void()> job;
-    {
-      std::unique_lock<std::mutex> lock(s.queueMutex);
-      s.queueChanged.wait(lock, [&] { return !s.queue.empty(); });
-      job = std::move(s.queue.front());
-      s.queue.pop_front();
-    }
+    s.changed.wait(lock, [&] { return !s.queue.empty(); });
+    std::function<void()> job = std::move(s.queue.front());
+    s.queue.pop_front();
+    lock.unlock();
     job();
-    {
-      std::lock_guard<std::mutex> lock(s.queueMutex);
-      ++s.done;
-    }
-    s.queueChanged.notify_all();
+    lock.lock();
+    ++s.done;
+    s.changed.notify_all();
   }
 }
 
 // Queues a job on the bus thread; returns its sequence number.
 uint64_t post(std::function<void()> job) {
   State& s = state();
-  std::lock_guard<std::mutex> lock(s.queueMutex);
-  if (!s.started) {
-    s.started = true;
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (s.posted == 0) {
     std::thread t(busThreadBody);
     s.busThreadId = t.get_id();
     t.detach();
   }
   s.queue.push_back(std::move(job));
-  s.queueChanged.notify_all();
+  s.changed.notify_all();
   return ++s.posted;
 }
 
 void waitDone(uint64_t seq) {
   State& s = state();
-  std::unique_lock<std::mutex> lock(s.queueMutex);
+  std::unique_lock<std::mutex> lock(s.mutex);
   if (std::this_thread::get_id() == s.busThreadId) return;  // called from a callback: cannot wait for ourselves
-  s.queueChanged.wait(lock, [&] { return s.done >= seq; });
-}
-
-void record(const fakeBus::Call& call) {
-  locked([&](State& s) { s.calls.push_back(call); });
+  s.changed.wait(lock, [&] { return s.done >= seq; });
 }
 
 std::string text(const char* p) { return p ? std::string(p) : std::string(); }
 
-fakeBus::Reply replyOf(const std::string& busName, const std::string& method, const std::string& params) {
+// Records a call; for an invoke, finds the peer's answer, which fails at
+// once when its rc is negative.
+SVCIPC_tError record(const fakeBus::Call& call, fakeBus::Reply* reply = nullptr) {
   std::lock_guard<std::mutex> lock(state().mutex);
-  auto it = state().responders.find({busName, method});
-  return it == state().responders.end() ? fakeBus::Reply{} : it->second(params);
+  state().calls.push_back(call);
+  if (!reply) return SVCIPC_ERROR_NONE;
+  auto it = state().responders.find({call.busName, call.method});
+  *reply = it == state().responders.end() ? fakeBus::Reply{} : it->second(call.params);
+  return reply->rc < 0 ? reply->rc : SVCIPC_ERROR_NONE;
 }
 
-bool hasOwner(const std::string& busName) {
-  return locked([&](State& s) { return s.absent.count(busName) == 0; });
-}
-
-const SVCIPC_tError kServiceUnknown = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
-const SVCIPC_tError kNoReply = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
-
-// Records an invoke and finds the peer's answer: a name without owner fails
-// at once, and so does an answer with a negative rc.
-SVCIPC_tError request(const fakeBus::Call& call, fakeBus::Reply& reply) {
-  record(call);
-  if (!hasOwner(call.busName)) return kServiceUnknown;
-  reply = replyOf(call.busName, call.method, call.params);
-  return reply.rc < 0 ? reply.rc : SVCIPC_ERROR_NONE;
-}
-
-SVCIPC_tError addSubscription(SvcIpcSubscription* sub, const fakeBus::Call& call, SVCIPC_tSigSubHnd* subHnd) {
-  locked([&](State& s) { s.subscriptions.push_back(sub); });
-  record(call);
-  if (subHnd) *subHnd = sub;
+SVCIPC_tError subscribed(SVCIPC_tSigSubHnd* subHnd) {
+  if (subHnd) *subHnd = &state().subscription;
   return SVCIPC_ERROR_NONE;
-}
-
-// Runs notify for every active subscription that matches, on the bus thread,
-// and waits until it has run; returns how many matched.
-int deliver(const std::function<bool(const SvcIpcSubscription&)>& matches,
-            const std::function<void(const SvcIpcSubscription&)>& notify) {
-  std::vector<SvcIpcSubscription*> targets;
-  locked([&](State& s) {
-    for (auto* sub : s.subscriptions)
-      if (matches(*sub)) targets.push_back(sub);
-  });
-  waitDone(post([targets, notify] {
-    for (auto* sub : targets) notify(*sub);
-  }));
-  return static_cast<int>(targets.size());
 }
 
 }  // namespace
@@ -170,7 +111,8 @@ SVCIPC_tError SVCIPC_getConnection(int, int, SVCIPC_tConnection* conn) {
 SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection, const char* busName, const char*, int,
                                      SVCIPC_tRequestCallback handler, void* userData, SVCIPC_tSvcRegHnd* regHnd) {
   auto* reg = new SvcIpcRegistration{text(busName), handler, userData};
-  locked([&](State& s) { s.registration = reg; });
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().registration = reg;
   if (regHnd) *regHnd = reg;
   return SVCIPC_ERROR_NONE;
 }
@@ -189,7 +131,7 @@ SVCIPC_tError SVCIPC_freeReqContext(SVCIPC_tReqContext context) {
 
 SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tSvcRegHnd regHnd, const char* sigName, const char* data,
                                SVCIPC_tResultCallback onStatus, void* context) {
-  record({fakeBus::Call::Emit, regHnd ? regHnd->busName : "", text(sigName), text(data)});
+  record({true, regHnd ? regHnd->busName : "", text(sigName), text(data)});
   if (onStatus) {
     post([onStatus, context] {
       SVCIPC_tCallbackStatus status{SVCIPC_ERROR_NONE, nullptr, nullptr};
@@ -203,14 +145,10 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection, const char* busName, const char*
                             int, SVCIPC_tResponse** response) {
   if (response) *response = nullptr;
   fakeBus::Reply reply;
-  const SVCIPC_tError rc = request({fakeBus::Call::Invoke, text(busName), text(method), text(params)}, reply);
+  const SVCIPC_tError rc = record({false, text(busName), text(method), text(params)}, &reply);
   if (rc < 0) return rc;
-  if (reply.noAnswer) return kNoReply;
-  if (response) {
-    auto* r = new SVCIPC_tResponse;
-    r->result = strdup(reply.result.c_str());
-    *response = r;
-  }
+  if (reply.noAnswer) return SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_NO_REPLY);
+  if (response) *response = new SVCIPC_tResponse{strdup(reply.result.c_str())};
   return SVCIPC_ERROR_NONE;
 }
 
@@ -218,47 +156,34 @@ SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const 
                                  const char* params, int noReplyExpected, int, SVCIPC_tResultCallback onResult,
                                  void* context) {
   fakeBus::Reply reply;
-  const SVCIPC_tError rc = request(
-      {fakeBus::Call::AsyncInvoke, text(busName), text(method), text(params), context ? static_cast<const char*>(context) : ""},
-      reply);
+  const SVCIPC_tError rc = record({false, text(busName), text(method), text(params)}, &reply);
   if (rc < 0) return rc;
   if (reply.noAnswer || noReplyExpected || !onResult) return SVCIPC_ERROR_NONE;
   post([reply, onResult, context] {
-    SVCIPC_tCallbackStatus status{reply.callbackErr, nullptr, nullptr};
-    if (reply.callbackErr != SVCIPC_ERROR_NONE) {
-      status.errName = "com.nordak.service.Error";
-      status.errMsg = "failed";
-      onResult(&status, nullptr, context);
-    } else {
-      onResult(&status, reply.result.c_str(), context);
-    }
+    SVCIPC_tCallbackStatus status{SVCIPC_ERROR_NONE, nullptr, nullptr};
+    onResult(&status, reply.result.c_str(), context);
   });
   return SVCIPC_ERROR_NONE;
 }
 
-SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection, const char* objPath, const char* sigName,
-                               SVCIPC_tSignalCallback handler, void* context, SVCIPC_tSigSubHnd* subHnd) {
-  auto* sub = new SvcIpcSubscription{false, text(objPath), text(sigName), handler, nullptr, context};
-  return addSubscription(sub, {fakeBus::Call::Subscribe, "", text(sigName)}, subHnd);
+SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection, const char*, const char*, SVCIPC_tSignalCallback, void*,
+                               SVCIPC_tSigSubHnd* subHnd) {
+  return subscribed(subHnd);
 }
 
-SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection, const char* busName,
-                                           SVCIPC_tNameOwnerChangedCallback handler, void* context,
+SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection, const char*, SVCIPC_tNameOwnerChangedCallback, void*,
                                            SVCIPC_tSigSubHnd* subHnd) {
-  auto* sub = new SvcIpcSubscription{true, "", text(busName), nullptr, handler, context};
-  return addSubscription(sub, {fakeBus::Call::SubscribeOwner, text(busName)}, subHnd);
+  return subscribed(subHnd);
 }
 
-SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection, const char* busName, int* hasOwnerOut) {
-  if (hasOwnerOut) *hasOwnerOut = hasOwner(text(busName)) ? 1 : 0;
+SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection, const char*, int* hasOwnerOut) {
+  if (hasOwnerOut) *hasOwnerOut = 1;
   return SVCIPC_ERROR_NONE;
 }
 
 SVCIPC_tError SVCIPC_freeResponse(SVCIPC_tResponse* response) {
-  if (response) {
-    free(const_cast<char*>(response->result));
-    delete response;
-  }
+  if (response) free(const_cast<char*>(response->result));
+  delete response;
   return SVCIPC_ERROR_NONE;
 }
 
@@ -268,16 +193,14 @@ namespace fakeBus {
 
 void reset() {
   drain();
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.calls.clear();
-  s.responders.clear();
-  s.absent.clear();
-  s.subscriptions.clear();
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().calls.clear();
+  state().responders.clear();
 }
 
 void setResponder(const std::string& busName, const std::string& method, Responder responder) {
-  locked([&](State& s) { s.responders[{busName, method}] = std::move(responder); });
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().responders[{busName, method}] = std::move(responder);
 }
 
 void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies) {
@@ -293,66 +216,28 @@ void setReply(const std::string& busName, const std::string& method, const Reply
   setReplies(busName, method, {reply});
 }
 
-void setOwner(const std::string& busName, bool owned) {
-  locked([&](State& s) { owned ? void(s.absent.erase(busName)) : void(s.absent.insert(busName)); });
-}
-
-std::vector<Call> calls() {
-  return locked([](State& s) { return s.calls; });
-}
-
-namespace {
-bool isRequest(const Call& c) { return c.kind == Call::Invoke || c.kind == Call::AsyncInvoke; }
-// take(c) of every recorded call c that keep(c) holds for, in order.
-template <typename Keep, typename Take>
-auto select(Keep keep, Take take) {
-  std::vector<decltype(take(std::declval<const Call&>()))> out;
-  for (const Call& c : calls())
-    if (keep(c)) out.push_back(take(c));
-  return out;
-}
-Call whole(const Call& c) { return c; }
-}  // namespace
-
-std::vector<Call> callsOf(Call::Kind kind) {
-  return select([&](const Call& c) { return c.kind == kind; }, whole);
-}
-
 std::vector<Call> requests(const std::string& busName, const std::string& method) {
-  return select([&](const Call& c) { return isRequest(c) && (busName.empty() || c.busName == busName) && c.method == method; },
-                whole);
+  std::lock_guard<std::mutex> lock(state().mutex);
+  std::vector<Call> out;
+  for (const Call& c : state().calls)
+    if (!c.emitted && c.busName == busName && c.method == method) out.push_back(c);
+  return out;
 }
 
 std::vector<std::string> emittedData(const std::string& sigName) {
-  return select([&](const Call& c) { return c.kind == Call::Emit && c.method == sigName; },
-                [](const Call& c) { return c.params; });
-}
-
-std::vector<std::string> requestTexts() {
-  return select(isRequest, [](const Call& c) { return c.method + " " + c.params; });
-}
-
-void clearCalls() {
-  locked([](State& s) { s.calls.clear(); });
-}
-
-int deliverSignal(const std::string& objPath, const std::string& sigName, const std::string& data) {
-  return deliver([&](const SvcIpcSubscription& sub) { return !sub.owner && sub.objPath == objPath && sub.name == sigName; },
-                 [sigName, data](const SvcIpcSubscription& sub) {
-                   sub.signalHandler(sigName.c_str(), data.c_str(), sub.context);
-                 });
-}
-
-int changeOwner(const std::string& busName, const std::string& oldOwner, const std::string& newOwner) {
-  setOwner(busName, !newOwner.empty());
-  return deliver([&](const SvcIpcSubscription& sub) { return sub.owner && sub.name == busName; },
-                 [busName, oldOwner, newOwner](const SvcIpcSubscription& sub) {
-                   sub.ownerHandler(busName.c_str(), oldOwner.c_str(), newOwner.c_str(), sub.context);
-                 });
+  std::lock_guard<std::mutex> lock(state().mutex);
+  std::vector<std::string> out;
+  for (const Call& c : state().calls)
+    if (c.emitted && c.method == sigName) out.push_back(c.params);
+  return out;
 }
 
 MethodResult callMethod(const std::string& method, const char* params, int noReplyExpected) {
-  SvcIpcRegistration* const reg = locked([](State& s) { return s.registration; });
+  SvcIpcRegistration* reg;
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    reg = state().registration;
+  }
   if (!reg || !reg->handler) return MethodResult{};
   SvcIpcRequest request;
   waitDone(post([&] { reg->handler(&request, method.c_str(), params, noReplyExpected, reg->userData); }));

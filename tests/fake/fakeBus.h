@@ -1,9 +1,10 @@
-// A fake service bus for the unit tests. It implements the SVCIPC_* functions
-// of platform/serviceBus.h in-process: every request, reply, emitted signal
-// and subscription is recorded; peers answer as the test tells them; signals,
-// owner changes, method calls and asynchronous results are delivered on a
-// "bus thread" of the fake, like the real library does, and the functions
-// that deliver them wait until the callback has returned.
+// A fake service bus for the unit tests and the fuzz targets. It implements
+// the SVCIPC_* functions of platform/serviceBus.h in-process: every request
+// and emitted signal is recorded; peers answer as the test tells them;
+// asynchronous results and method calls are delivered on a "bus thread" of
+// the fake, like the real library does, and the functions that deliver
+// them wait until the callback has returned. Every name has an owner;
+// subscriptions are accepted and never fed.
 #pragma once
 
 #include <functional>
@@ -15,12 +16,10 @@
 namespace fakeBus {
 
 struct Call {
-  enum Kind { Invoke, AsyncInvoke, Emit, Subscribe, SubscribeOwner };
-  Kind kind;
-  std::string busName{};  // Emit: the registered service name
-  std::string method{};   // Emit/Subscribe: the signal name
-  std::string params{};   // Emit: the data
-  std::string context{};  // an async invoke's context pointer read as a text, or ""
+  bool emitted = false;   // a signal of the service, else an invoke (sync or async)
+  std::string busName{};  // the peer; emitted: the registered service name
+  std::string method{};   // emitted: the signal name
+  std::string params{};   // emitted: the data
 };
 
 // How a peer answers one method.
@@ -28,41 +27,23 @@ struct Reply {
   SVCIPC_tError rc = SVCIPC_ERROR_NONE;  // < 0: the invoke fails at once (async: not sent)
   std::string result = "{}";             // the result text
   bool noAnswer = false;                 // async: the callback never comes; sync: fails with a time-out
-  SVCIPC_tError callbackErr = SVCIPC_ERROR_NONE;  // async: failure status handed to the callback
 };
 
-// Forgets every call, reply, subscription and owner.
+// Forgets every call and reply.
 void reset();
 
-// Answers of a peer's method: computed from the parameters, or given in
-// turn, the last one for good. Unset methods answer rc 0 with "{}". A
-// responder runs under the fake's lock: it must not call the fake.
+// Answers of a peer's method: computed from the parameters (under the
+// fake's lock: a responder must not call the fake), or given in turn, the
+// last one for good. Unset methods answer rc 0 with "{}".
 using Responder = std::function<Reply(const std::string& params)>;
 void setResponder(const std::string& busName, const std::string& method, Responder responder);
 void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies);
 void setReply(const std::string& busName, const std::string& method, const Reply& reply);
 
-// Every name has an owner unless told otherwise. Invokes (sync and async) to
-// a name without owner fail at once with a D-Bus "service unknown" status.
-void setOwner(const std::string& busName, bool hasOwner);
-
-// Recorded requests, in order.
-std::vector<Call> calls();
-std::vector<Call> callsOf(Call::Kind kind);
-// Invokes (sync and async) to method of busName ("" matches any name).
+// Invokes (sync and async) to method of busName, in order.
 std::vector<Call> requests(const std::string& busName, const std::string& method);
 // The data of every emitted sigName signal.
 std::vector<std::string> emittedData(const std::string& sigName);
-// Every invoke as "method params".
-std::vector<std::string> requestTexts();
-void clearCalls();
-
-// Delivers signal sigName from objPath to the matching subscriptions, on the
-// bus thread; returns the number of callbacks run, once they have returned.
-int deliverSignal(const std::string& objPath, const std::string& sigName, const std::string& data);
-// Tells the owner-change subscribers of busName, on the bus thread (and sets
-// the owner: newOwner empty means gone).
-int changeOwner(const std::string& busName, const std::string& oldOwner, const std::string& newOwner);
 
 // Calls a method of the registered service on the bus thread and waits for
 // the handler to return.
@@ -74,7 +55,7 @@ struct MethodResult {
 };
 MethodResult callMethod(const std::string& method, const char* params, int noReplyExpected = 0);
 
-// Waits until every queued delivery (async results, signals) has run.
+// Waits until every queued delivery (async results) has run.
 void drain();
 
 }  // namespace fakeBus

@@ -1,4 +1,5 @@
-// The emergency log file and its export to a USB stick.
+// The emergency log file: its entries, its size limit, entries from many
+// threads, and its export to a USB stick.
 #include <pthread.h>
 
 #include <filesystem>
@@ -13,68 +14,67 @@ const std::string HEADER_END = "-- Time Date : Odometer : Log msg \n" + std::str
 // "14:03:27 March 05, 2014 GMT:" in UTC.
 const std::string STAMP = "[0-2][0-9]:[0-5][0-9]:[0-6][0-9] [A-Z][a-z]+ [0-3][0-9], 20[0-9][0-9] GMT:";
 
-class emergencyLogTest : public UnitFixture {
+class EmergencyLog : public UnitFixture {
  protected:
   void SetUp() override {
     UnitFixture::SetUp();  // the process objects write their version entry
     std::filesystem::remove_all(root.path("/fs"));  // a device that never had a log
-    log.clear();
   }
-  std::string logPath() const { return root.path(emergencyLogPath); }
   // The entries after the one header the log starts with.
   std::string entries() const {
     const std::string text = emergencyLog();
     const size_t end = text.find(HEADER_END);
-    if (text.rfind("Ecall Log File\n", 0) != 0 || end == std::string::npos || text.find("Ecall Log File", 1) != std::string::npos)
-      return "<no single header>";
-    return text.substr(end + HEADER_END.size());
+    const bool oneHeader = text.rfind("Ecall Log File\n", 0) == 0 && text.find("Ecall Log File", 1) == std::string::npos;
+    return oneHeader && end != std::string::npos ? text.substr(end + HEADER_END.size()) : "<no single header>";
   }
+  bool entriesAre(const std::string& pattern) const { return std::regex_match(entries(), std::regex(pattern)); }
   void writeOdometer(const std::string& ppsText) { testSupport::writeFile(root.path(vehicleStatusPPSPath), ppsText); }
 };
 
 // The first entry makes the folder and the header; entries follow as given
-// (no line end: the next runs on), the odometer in tens or marked missing.
-TEST_F(emergencyLogTest, EntriesFollowTheHeaderWithStampAndOdometer) {
+// (no line end: the next runs on), the odometer in tens or marked missing;
+// an entry too long for its buffer is cut and still ends its line.
+TEST_F(EmergencyLog, EntriesFollowTheHeaderWithStampAndOdometerAndAreCutToSize) {
   ecallHandler.addEntryToEmergencyLog("first");  // no status object yet
   writeOdometer("@vehstat\nE_CALL_BtnStat::1\n");
   ecallHandler.addEntryToEmergencyLog("second\n");
   EXPECT_TRUE(log.hasTrace("Odometer does not exist in the target PPS file, /pps/can/vehstat\n"));
   writeOdometer("@vehstat\nE_CALL_BtnStat::0\nODO::1234567\nU_CALL_BtnStat::0\n");
   ecallHandler.addFormattedEntryToEmergencyLog("third %d\n", 3);
-  EXPECT_TRUE(std::regex_match(
-      entries(), std::regex(STAMP + "ODO N/A:first" + STAMP + "ODO N/A:second\n" + STAMP + "0123456:third 3\n")))
-      << entries();
+  EXPECT_TRUE(entriesAre(STAMP + "ODO N/A:first" + STAMP + "ODO N/A:second\n" + STAMP + "0123456:third 3\n")) << entries();
+
+  const size_t before = emergencyLog().size();
+  ecallHandler.addEntryToEmergencyLog((std::string(10000, 'a') + "\n").c_str());
+  const std::string after = emergencyLog();
+  EXPECT_EQ(after.size(), before + EMERGENCY_LOG_ENTRY_SIZE - 1);
+  EXPECT_TRUE(after.ends_with("aa\n")) << "a cut entry still ends its line";
 }
 
-TEST_F(emergencyLogTest, LogAtItsSizeLimitStartsAgainWithTheResetLines) {
-  testSupport::writeFile(logPath(), std::string(EMERGENCY_LOG_SIZE_LIMIT - EMERGENCY_LOG_ENTRY_SIZE - 1, 'x'));
+TEST_F(EmergencyLog, LogAtItsSizeLimitStartsAgainWithTheResetLines) {
+  const std::string path = root.path(emergencyLogPath);
+  testSupport::writeFile(path, std::string(EMERGENCY_LOG_SIZE_LIMIT - EMERGENCY_LOG_ENTRY_SIZE - 1, 'x'));
   ecallHandler.addEntryToEmergencyLog("still fits\n");
   EXPECT_EQ(emergencyLog().substr(0, 3), "xxx");
 
-  testSupport::writeFile(logPath(), std::string(EMERGENCY_LOG_SIZE_LIMIT - EMERGENCY_LOG_ENTRY_SIZE, 'x'));
+  testSupport::writeFile(path, std::string(EMERGENCY_LOG_SIZE_LIMIT - EMERGENCY_LOG_ENTRY_SIZE, 'x'));
   ecallHandler.addEntryToEmergencyLog("after reset\n");
-  EXPECT_TRUE(std::regex_match(
-      entries(),
-      std::regex(STAMP + " ERROR -- Log file has been cleared due to too many crash and emergency events\\.\n" + STAMP +
-                 "          If performing crash testing, advise to dump the log to USB between crashes\n" + STAMP +
-                 "ODO N/A:after reset\n")))
+  EXPECT_TRUE(entriesAre(STAMP + " ERROR -- Log file has been cleared due to too many crash and emergency events\\.\n" +
+                         STAMP + "          If performing crash testing, advise to dump the log to USB between crashes\n" +
+                         STAMP + "ODO N/A:after reset\n"))
       << entries();
 }
 
 // Entries from many threads at once, before and after the log lock exists:
 // each lands whole, on its own line, exactly once, under one header.
-TEST_F(emergencyLogTest, ConcurrentEntriesLandWholeAndExactlyOnce) {
-  constexpr int THREADS = 6;
-  constexpr int ENTRIES = 40;
+TEST_F(EmergencyLog, ConcurrentEntriesLandWholeAndExactlyOnce) {
+  constexpr int THREADS = 6, ENTRIES = 40;
   auto appendAll = [](const char* phase) {
-    std::vector<std::thread> writers;
+    std::vector<std::jthread> writers;
     for (int t = 0; t < THREADS; ++t)
       writers.emplace_back([t, phase] {
         for (int i = 0; i < ENTRIES; ++i)
-          ecallHandler.addFormattedEntryToEmergencyLog("%s writer %d entry %d %s\n", phase, t, i,
-                                                       std::string(100, 'a' + t).c_str());
+          ecallHandler.addFormattedEntryToEmergencyLog("%s writer %d entry %d %s\n", phase, t, i, std::string(100, 'a' + t).c_str());
       });
-    for (auto& writer : writers) writer.join();
   };
 
   writeOdometer("@vehstat\nODO::120\n");
@@ -96,9 +96,9 @@ TEST_F(emergencyLogTest, ConcurrentEntriesLandWholeAndExactlyOnce) {
   for (size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(seen[i], 1) << "entry " << i;
 }
 
-// Both logs are copied whole (the GPS log takes more than one copy chunk),
-// then removed; the next entry starts a new log.
-TEST_F(emergencyLogTest, ExportCopiesBothLogsWholeThenRemovesThem) {
+// The GPS reset log goes along, whole though it takes more than one copy
+// chunk, and is removed; the next entry starts a new log.
+TEST_F(EmergencyLog, ExportCopiesBothLogsWholeThenRemovesThem) {
   ecallHandler.addEntryToEmergencyLog("before export\n");
   const std::string original = emergencyLog();
   const std::string usb = root.path("/fs/usb0");
@@ -106,19 +106,13 @@ TEST_F(emergencyLogTest, ExportCopiesBothLogsWholeThenRemovesThem) {
   const std::string gpsLog(3000, 'g');
   testSupport::writeFile(root.path(gpsResetLogPath), gpsLog);
   ecallHandler.saveEmergencyLogToUSBAndRemoveLocalLog();
-
-  auto usbFiles = [&](const std::string& pattern) {
-    std::vector<std::string> contents;
-    for (const auto& file : std::filesystem::directory_iterator(usb))
-      if (std::regex_match(file.path().filename().string(), std::regex(pattern)))
-        contents.push_back(testSupport::readFile(file.path()));
-    return contents;
-  };
-  EXPECT_EQ(usbFiles("ecall_log[0-9]+\\.txt"), std::vector<std::string>{original});
-  EXPECT_EQ(usbFiles("GPSReset\\.log[0-9]+\\.txt"), std::vector<std::string>{gpsLog});
+  std::vector<std::string> copies;
+  for (const auto& file : std::filesystem::directory_iterator(usb)) copies.push_back(testSupport::readFile(file.path()));
+  std::sort(copies.begin(), copies.end());
+  EXPECT_EQ(copies, (std::vector<std::string>{original, gpsLog}));
   EXPECT_FALSE(testSupport::fileExists(root.path(gpsResetLogPath)));
   ecallHandler.addEntryToEmergencyLog("after export\n");
-  EXPECT_TRUE(std::regex_match(entries(), std::regex(STAMP + "ODO N/A:after export\n"))) << entries();
+  EXPECT_TRUE(entriesAre(STAMP + "ODO N/A:after export\n")) << entries();
 }
 
 }  // namespace

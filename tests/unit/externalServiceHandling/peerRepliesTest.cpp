@@ -1,0 +1,146 @@
+// What the external services make of their peers' answers: the spoken
+// prompts with brand, language and position, the variant, the brand and
+// language themselves, and which hands-free scenario is foreign.
+#include <climits>
+
+#include "unit/unitFixture.h"
+
+namespace {
+
+using ExternalServices = UnitFixture;
+
+void setPosition(const std::string& latitude, const std::string& longitude) {
+  fakeBus::setReply(NDR_SERVICE, "JSON_GetProperties",
+                    answer("{\"outprop\":{\"POS_Position\":{\"DR_latitude\":" + latitude + ",\"DR_longitude\":" +
+                           longitude + "}}}"));
+}
+
+const std::string kUnavailable = "Vehicle location currently not available.";
+const std::string kKeys = "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
+
+// The occupants hear their language; the operator hears English with the
+// brand (the empty row leaves two blanks) and, in the second announcement,
+// the position. A language or brand out of range is taken as none.
+TEST_F(ExternalServices, PromptTextPerLanguageAndBrand) {
+  setPosition("12345678", "0");
+  const struct {
+    int language, brand;
+    eECallTtsPrompt prompt;
+    std::string text;
+  } cases[] = {
+      {0, VEHICLE_BRAND_NONE, TTS_PROMPT_ECALL_PSAP1, "Emergency call from a  vehicle: " + kKeys},
+      {1, 7, TTS_PROMPT_ACN_PSAP1, "A crash has occurred in a Roadmast vehicle: " + kKeys},
+      {2, 2, TTS_PROMPT_ECALL_PSAP2,
+       "Emergency call from a Bastek vehicle: Latitude... 12.34567. Longitude... 0.00000. " + kKeys},
+      {2, 1, TTS_PROMPT_INCOMING, "Llamada entrante"},
+      {1, 1, TTS_PROMPT_DIALING, "Appel du 9-1-1."},
+      {5, 99, TTS_PROMPT_DIALING, "Calling 9-1-1"},
+      {-1, -1, TTS_PROMPT_ACN_PSAP1, "A crash has occurred in a  vehicle: " + kKeys},
+      {0, 1, TTS_PROMPT_COUNT, ""},
+  };
+  for (const auto& c : cases) {
+    extServHandle.mTtsLanguage = c.language;
+    extServHandle.mVehicleBrandIndex = c.brand;
+    EXPECT_EQ(c.text, extServHandle.composeTtsText(c.prompt)) << c.language << " " << c.brand << " " << c.prompt;
+  }
+}
+
+// Degrees with five decimals, the sixth cut; no fix (0) or anything but
+// two integers is no position.
+TEST_F(ExternalServices, PositionSentence) {
+  const struct {
+    std::string latitude, longitude, expected;
+  } cases[] = {
+      {"0", "-98765432", kUnavailable},              {"12.5", "-98765432", kUnavailable},
+      {"\"12345678\"", "-98765432", kUnavailable}, {"12345678", "null", kUnavailable},
+      {"12345678", "0", "Latitude... 12.34567. Longitude... 0.00000. "},
+      {"5", "-1000000", "Latitude... 0.00000. Longitude... -1.00000. "},
+      {"-98765432", "98765439", "Latitude... -98.76543. Longitude... 98.76543. "},
+      {std::to_string(INT_MIN), std::to_string(INT_MAX), "Latitude... -2147.48364. Longitude... 2147.48364. "},
+  };
+  for (const auto& c : cases) {
+    setPosition(c.latitude, c.longitude);
+    EXPECT_EQ(c.expected, extServHandle.getGPSResponseString()) << c.latitude << " " << c.longitude;
+  }
+  for (const char* reply : {"not json", "[1]", "{\"outprop\":{\"POS_Position\":\"x\"}}"}) {
+    fakeBus::setReply(NDR_SERVICE, "JSON_GetProperties", answer(reply));
+    EXPECT_EQ(kUnavailable, extServHandle.getGPSResponseString()) << reply;
+  }
+  EXPECT_EQ("{\"inprop\":[\"POS_Position\"]}\n", fakeBus::requests(NDR_SERVICE, "JSON_GetProperties").at(0).params);
+}
+
+// Only an exact "NO" disables; a reply without the member is asked five
+// times, a refused one too, and then the phone is taken as fitted.
+TEST_F(ExternalServices, VariantOnlyAnExactNoDisables) {
+  const struct {
+    fakeBus::Reply reply;
+    bool enabled;
+    size_t queries;
+  } cases[] = {{answer(R"({"VARIANT_ECELL":"no"})"), true, 1}, {answer(R"({"VARIANT_ECELL":"YES"})"), true, 1},
+               {answer(R"({"VARIANT_ECELL":""})"), true, 1},   {answer(R"({"VARIANT_ECELL":"NO"})"), false, 1},
+               {answer(R"({"OTHER":"NO"})"), true, 5},         {refused(), true, 5}};
+  for (const auto& c : cases) {
+    extServHandle.mVariantInfoKnown = false;
+    fakeBus::reset();
+    fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", c.reply);
+    EXPECT_EQ(c.enabled, extServHandle.getEmebeddedPhoneEnabledInVariant()) << c.reply.result;
+    EXPECT_EQ(c.queries, requestCount(PLATFORM_SERVICE, "get_variantinfo")) << c.reply.result;
+  }
+  EXPECT_EQ(1u, log.countTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts"));
+  fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", answer(R"({"VARIANT_ECELL":"NO"})"));
+  EXPECT_TRUE(extServHandle.getEmebeddedPhoneEnabledInVariant()) << "the answer is kept";
+}
+
+// A brand is 1 to 12, as a number or as text; a language is told by a part
+// of its code. Anything else keeps the last good one.
+TEST_F(ExternalServices, BrandAndLanguageKeepTheLastGoodAnswer) {
+  const std::pair<const char*, int> brands[] = {
+      {R"({"vehicleBrand":"7"})", 7}, {R"({"vehicleBrand":12})", 12}, {R"({"vehicleBrand":7})", 7},
+      {R"({"vehicleBrand":0})", 7},   {R"({"vehicleBrand":"Vetta"})", 7}, {R"({"other":1})", 7}};
+  for (const auto& [reply, brand] : brands) {
+    fakeBus::setReply(VEHICLE_CONFIG_SERVICE, "getProperties", answer(reply));
+    extServHandle.getVehicleBrand();
+    EXPECT_EQ(brand, extServHandle.mVehicleBrandIndex.load()) << reply;
+  }
+  EXPECT_EQ(2u, logCount("Vehicle brand received invalid, using current brand Roadmast"));
+
+  const std::pair<const char*, int> languages[] = {
+      {R"({"language":"es_MX"})", 2}, {R"({"language":"xfr_CA"})", 1}, {R"({"language":"de_DE"})", 1},
+      {"{}", 1}, {R"({"language":"en_GB"})", 0}};
+  for (const auto& [reply, language] : languages) {
+    fakeBus::setReply(VEHICLE_STATUS_SERVICE, "getProperties", answer(reply));
+    extServHandle.getCurrentLanguage();
+    EXPECT_EQ(language, extServHandle.mTtsLanguage.load()) << reply;
+  }
+}
+
+// No scenario or one of the embedded phone's own is left running; any
+// other is stopped.
+TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStopped) {
+  for (const char* own : {"Embedded_255_1", "XEmbeddedY", ""}) {
+    fakeBus::setReply(PSSE_SERVICE, "getSHF_Scenario", answer(std::string("{\"scenario\":\"") + own + "\"}"));
+    extServHandle.stopAnyNonEmbeddedPsseSource();
+  }
+  EXPECT_EQ(0u, requestCount(PSSE_SERVICE, "setSHF_Scenario"));
+  fakeBus::setReply(PSSE_SERVICE, "getSHF_Scenario", answer("{\"scenario\":\"BT_HFP\"}"));
+  extServHandle.stopAnyNonEmbeddedPsseSource();
+  const auto stops = fakeBus::requests(PSSE_SERVICE, "setSHF_Scenario");
+  ASSERT_EQ(1u, stops.size());
+  EXPECT_EQ("{\"mode\":\"STOP\",\"scenario\":\"BT_HFP\"}\n", stops[0].params);
+}
+
+// The mute requests carry the id the mixer gave; a microphone that cannot
+// be muted leaves the second alone.
+TEST_F(ExternalServices, MuteUsesTheRegisteredIdAndStopsAtAFailedMicrophone) {
+  fakeBus::setReply(AUDIO_MIXER_SERVICE, "registerMuteClient", answer("{\"id\":42}"));
+  extServHandle.registerMuteClient();
+  fakeBus::setReply(AUDIO_CTRL_SERVICE, "setMux", refused());
+  extServHandle.setMicInputMuteState(true);
+  EXPECT_EQ("{\"id\":42,\"input\":\"PHONE\",\"mute\":true}\n", fakeBus::requests(AUDIO_MIXER_SERVICE, "setMixerMute").at(0).params);
+  const auto mux = fakeBus::requests(AUDIO_CTRL_SERVICE, "setMux");
+  ASSERT_EQ(1u, mux.size());
+  EXPECT_EQ("{\"gain\":0,\"input\":\"OFF\",\"name\":\"mic1_mux1\"}\n", mux[0].params);
+  EXPECT_TRUE(log.hasSlog("Unable to mute mic1 input, rc 0x"));
+}
+
+}  // namespace
