@@ -11,6 +11,7 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pulses.h"
@@ -67,11 +68,6 @@ bool waitForStateMachineStart(std::chrono::milliseconds limit) {
 }
 
 std::mutex promptSequenceMutex;
-
-SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, const char* context) {
-  return SVCIPC_asyncInvoke(svcIPCConn, EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, method, params.c_str(), 0,
-                            SVCIPC_TIMEOUT_DEFAULT, ecallProcessor::onAsyncResult, const_cast<char*>(context));
-}
 
 const char* getStateMachineString(ecallStateMachineStates state) {
   if (state < 0 || state >= stateMachineStringCount) return "NONE";
@@ -271,7 +267,7 @@ void ecallStateMachine::playPrompt(eECallTtsPrompt prompt) {
 
 void ecallProcessor::hangUpCall() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("endActiveCall", "", "endActiveCall");
+  const SVCIPC_tError rc = embeddedPhone::hangUp();
   if (rc < 0) {
     scope.sendFormattedError("failed to hangup, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "falied to hangup, rc 0x%0X\n", static_cast<unsigned>(rc));
@@ -282,7 +278,7 @@ bool ecallProcessor::acceptEmergencyCallback() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   // The state machine looks at the call state again once the answer is sent.
   startEcallStateMachineTimer(1);
-  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("acceptIncomingCall", "", "acceptIncomingCall");
+  const SVCIPC_tError rc = embeddedPhone::acceptIncomingCall();
   if (rc < 0) {
     scope.sendFormattedError("failed to acceptIncomingCall, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "falied to accecptIncomingCall, rc 0x%0X\n", static_cast<unsigned>(rc));

@@ -16,10 +16,6 @@
 // (true) or could not (false), at most for limit.
 bool waitForStateMachineStart(std::chrono::milliseconds limit);
 
-// Sends an asynchronous request to the embedded phone (reply expected, the
-// default time limit); its result reaches onAsyncResult under context.
-SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, const char* context);
-
 // The prompt for the emergency centre is two readouts chained by the
 // "ttsPlayState" completions on the bus thread while the state machine may
 // be deciding to start it: activeTts, firstPsapTtsCount and

@@ -2,11 +2,11 @@
 // that state. Everything here runs on the state machine thread; the request
 // (type and mode) was read once at the start of the turn.
 #include "ecallMain/ecallMain.h"
-#include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/slog.h"
@@ -19,9 +19,6 @@ constexpr unsigned psapPromptDelayMs = 6000;
 constexpr unsigned ringToneOpenMs = 100;
 constexpr unsigned ringTonesMs = 8000;
 constexpr unsigned answerAfterPromptMs = 5000;
-
-// The vehicle type the emergency centre is told with every dial request.
-const char* const dialVehicleType = "Corvane";
 
 bool callStateIs(const char* part) { return ecallHandler.curCallState.contains(part); }
 
@@ -181,11 +178,7 @@ void ecallStateMachine::dial() {
   const std::string number = ecallHandler.getLocalEcallNumber();
   scope.sendFormattedMessage("callstate idle. dial the number now");
   ecallHandler.addFormattedEntryToEmergencyLog("Calling %s\n", number.c_str());
-  Json::Value params(Json::objectValue);
-  params["address"] = number;
-  params["callType"] = "MVA";
-  params["vehicleType"] = dialVehicleType;
-  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("ecallDial", jsonWrite(params), "dial");
+  const SVCIPC_tError rc = embeddedPhone::dial(number);
   dialAllowed = false;
   if (rc >= 0) {
     startEcallTimeoutTimer();
