@@ -10,6 +10,7 @@
 #include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
+#include "externalServiceHandling/appManager.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "orcImpact/CANImpactECallHandler.h"
@@ -206,12 +207,7 @@ void ecallProcessor::processAssistAppOperStatus(eXletState state) {
 
 void ecallProcessor::asyncStopAssistApp() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  Json::Value params(Json::objectValue);
-  params["appId"] = assistAppUUID.get();
-  static const char stopAppContext[] = "stopApp";
-  SVCIPC_tError rc = SVCIPC_asyncInvoke(ecallFrame().connection(), APP_MANAGER_SERVICE, APP_MANAGER_PATH, "stopApp",
-                                        jsonWrite(params).c_str(), 0, SVCIPC_TIMEOUT_DEFAULT,
-                                        extServ::onAsyncResult, const_cast<char*>(stopAppContext));
+  const SVCIPC_tError rc = appManager::stopApp(assistAppUUID.get());
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("Failed to stop Assist App, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "Failed to stop Assist App, rc 0x%0X\n", static_cast<unsigned>(rc));

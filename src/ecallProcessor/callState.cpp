@@ -10,40 +10,15 @@
 #include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/audioSignals.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 
 namespace {
 
-// The emergency call's entries carry these call types.
-constexpr int emergencyCallTypeFirst = 1;
-constexpr int emergencyCallTypeLast = 2;
-// The phone's own service number; its calls are never the emergency call.
-const char* const phoneServiceNumber = "#777";
-
 // End reasons of the phone that mean the call is over even when no call
 // state follows.
 constexpr int callEndingWendReasons[] = {3, 17, 68, 32768};
-
-// A member read as an integer, with a default for a missing member or one
-// that has no integer form (a peer's text must never throw).
-int intMember(const Json::Value& object, const char* name, int fallback) {
-  const Json::Value& member = object[name];
-  if (member.isNull() || !member.isConvertibleTo(Json::intValue)) return fallback;
-  return member.asInt();
-}
-
-std::string textMember(const Json::Value& object, const char* name) {
-  const Json::Value& member = object[name];
-  return member.isString() ? member.asString() : std::string();
-}
-
-// Parses a signal's data; anything but an object reads as an empty object.
-Json::Value parseObject(const char* data) {
-  Json::Value root;
-  if (!jsonParse(data, root) || !root.isObject()) return Json::Value(Json::objectValue);
-  return root;
-}
 
 bool isPsapPrompt(int prompt) { return prompt >= TTS_PROMPT_ECALL_PSAP1 && prompt <= TTS_PROMPT_GPS_COORDINATES; }
 
@@ -73,30 +48,17 @@ void ecallProcessor::onSubcribedSignal(const char* sigName, const char* data, vo
 
 void ecallProcessor::processEmdPhCallState(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const Json::Value root = parseObject(data);
-  const Json::Value& entries = root["callStateInfo"];
-  if (!entries.isArray()) return;
-
   // The emergency call is the last entry of an emergency call type that is
   // not the phone's service number; an empty number is judged by its type.
-  bool found = false;
-  std::string number;
-  for (const Json::Value& entry : entries) {
-    if (!entry.isObject()) continue;
-    const bool hasNumber = entry["number"].isString();
-    const std::string entryNumber = textMember(entry, "number");
-    const int callType = intMember(entry, "callType", 0);
-    if (entryNumber == phoneServiceNumber) continue;
-    if (callType < emergencyCallTypeFirst || callType > emergencyCallTypeLast) continue;
-    const std::string entryState = textMember(entry, "callState");
-    curCallState.set(entryState);
-    number = entryNumber;
-    found = true;
-    scope.sendFormattedMessage("ecallState %s, phonenumber %s\n", entryState.c_str(),
-                               hasNumber ? entryNumber.c_str() : "isNULL");
+  const std::vector<embeddedPhone::callEntry> entries = embeddedPhone::emergencyCallEntries(data);
+  for (const embeddedPhone::callEntry& entry : entries) {
+    curCallState.set(entry.state);
+    scope.sendFormattedMessage("ecallState %s, phonenumber %s\n", entry.state.c_str(),
+                               entry.hasNumber ? entry.number.c_str() : "isNULL");
   }
   // A report that holds no emergency call entry says nothing about it.
-  if (!found) return;
+  if (entries.empty()) return;
+  const std::string number = entries.back().number;
   if (curCallState.empty() || !extServHandle.getEmebeddedPhoneEnabledInVariant()) return;
 
   if (curECallType == ecallMain::NONE) {
@@ -140,10 +102,8 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
 
 void ecallProcessor::processWendReason(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const Json::Value root = parseObject(data);
-  const Json::Value& member = root["serviceNumber"];
-  if (!member.isInt()) return;
-  const int serviceNumber = member.asInt();
+  int serviceNumber = 0;
+  if (!embeddedPhone::parseWendReason(data, serviceNumber)) return;
   scope.sendFormattedMessage("wendReason service number = %d\n", serviceNumber);
   for (int reason : callEndingWendReasons) {
     if (serviceNumber != reason) continue;
@@ -162,7 +122,7 @@ void ecallProcessor::processWendReason(const char* data) {
 void ecallProcessor::processTtsPlayState(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   if (activeTts == TTS_PROMPT_NONE) return;
-  const std::string playState = textMember(parseObject(data), "state");
+  const std::string playState = audioSignals::ttsPlayState(data);
   scope.sendFormattedMessage("tts play state %s, active prompt %d\n", playState.c_str(), activeTts.load());
   if (playState == "aborted") {
     if (activeTts == TTS_PROMPT_INCOMING) timers().startEcallStateMachineTimer(1);
@@ -205,7 +165,7 @@ void ecallProcessor::processTtsPlayState(const char* data) {
 // stops and the microphones open), 1 for the position.
 void ecallProcessor::processDtmf(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const int key = intMember(parseObject(data), "KeyPressed", -1);
+  const int key = audioSignals::dtmfKey(data);
   scope.sendFormattedMessage("dtmf detected: %d\n", key);
   if (!ecallModeActive || (key != 0 && key != 1)) return;
   addFormattedEntryToEmergencyLog("Rx DTMF: %d\n", key);

@@ -17,11 +17,10 @@
 #include <string>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
-#include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pps.h"
 #include "platform/runtime.h"
+#include "platform/slog.h"
 
 namespace {
 
@@ -175,10 +174,21 @@ int openLogForAppend() {
 std::string readOdometerField() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   int fd = -1;
-  if (canIpcEmergencyHandler.openPPSObj(vehicleStatusPPSPath, fd) != 0 || fd < 0) return odometerNotAvailable;
+  do {
+    fd = platform::ppsOpen(vehicleStatusPPSPath.c_str(), O_RDONLY);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) {
+    const int err = errno;
+    scope.sendFormattedError("failed to open pps %s, err: %d - %s\n", vehicleStatusPPSPath.c_str(), err,
+                             strerror(err));
+    slogf(ECALL_SLOG_OPCODE, _SLOG_ERROR, "failed to open pps %s, err: %d - %s\n", vehicleStatusPPSPath.c_str(), err,
+          strerror(err));
+    return odometerNotAvailable;
+  }
   char text[PPS_READ_SIZE + 1];
   const ssize_t n = platform::ppsRead(fd, text, PPS_READ_SIZE);
-  canIpcEmergencyHandler.closePPSObj(fd);
+  while (platform::ppsClose(fd) < 0 && errno == EINTR) {
+  }
   if (n < 0) {
     scope.sendFormattedError(
         "Failed to read from the PPS file, %s, that contains the odometer, likely do to the file being much bigger than it used to be\n",

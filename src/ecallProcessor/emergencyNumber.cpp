@@ -2,22 +2,19 @@
 // into this service: it is asked of the phone before every emergency call and
 // whenever the phone says its numbers may have changed. The first usable
 // number of the phone's list is kept; a reply without one never erases it.
-#include <json/json.h>
-
 #include <chrono>
-#include <cstring>
 #include <string>
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
 
 namespace {
 
-constexpr int ECALL_NUMBER_MAX_COUNT = 10;
 // Pause after a failed request or an error reply.
 constexpr int64_t ECALL_NUMBER_RETRY_PAUSE_NS = 500000000;
 constexpr int ECALL_NUMBER_MAX_FAILURES = 3;
@@ -31,67 +28,51 @@ constexpr int PARSE_ERROR = -1;
 constexpr int PARSE_NO_NUMBER = 0;
 constexpr int PARSE_NUMBER_STORED = 1;
 
-std::string ecallNumberQuery() {
-  Json::Value params(Json::objectValue);
-  params["maxCount"] = ECALL_NUMBER_MAX_COUNT;
-  return jsonWrite(params);
-}
-
 }  // namespace
 
 int ecallProcessor::parseEcallNumber(const char* reply) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   scope.sendFormattedMessage("parse ecallnumber result %s", reply != nullptr ? reply : "NULL");
-  Json::Value value;
-  jsonParse(reply, value);
-
-  // A count of 0 is deliberately an error reply, not a reply without number.
-  if (jsonGetInt(value, "code", 0) != 0 || jsonGetInt(value, "count", 0) <= 0) {
+  const embeddedPhone::emergencyNumbers parsed = embeddedPhone::parseEmergencyNumbers(reply);
+  if (parsed.result == embeddedPhone::emergencyNumbers::ERROR_REPLY) {
     scope.sendFormattedWarning("Get ecall number response error.");
     sendtoSlog(_SLOG_ERROR, "Get ecall number response error.\n");
     return PARSE_ERROR;
   }
+  if (parsed.result == embeddedPhone::emergencyNumbers::NO_LIST) return PARSE_NO_NUMBER;
 
-  const Json::Value list = value.get("numberList", Json::Value());
-  if (!list.isArray() || list.empty()) return PARSE_NO_NUMBER;
-
-  for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
-    if (!list[i].isString()) continue;
-    const std::string number = list[i].asString();
-    if (number.empty()) continue;
-    localEcallNumber.set(number);
-    scope.sendFormattedMessage("ecall phone number value %s\n", number.c_str());
-    // The number is back: the next loss is reported afresh, and the delay
-    // requests that were dropped while it was missing are taken again.
-    errorSentForNoEcallNumberLoaded = false;
-    setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
-    // An emergency waiting for a number is placed now, not at its retry.
-    ++numbersStored;
-    if (waitingForNumber) timers().startEcallStateMachineTimer(1);
-    return PARSE_NUMBER_STORED;
+  if (parsed.result == embeddedPhone::emergencyNumbers::NO_USABLE) {
+    scope.sendFormattedWarning("ecall number does not exist!  Please set it.\n");
+    sendtoSlog(_SLOG_ERROR, "ecall number does not exist!  Please set it.\n");
+    return PARSE_NO_NUMBER;
   }
-  scope.sendFormattedWarning("ecall number does not exist!  Please set it.\n");
-  sendtoSlog(_SLOG_ERROR, "ecall number does not exist!  Please set it.\n");
-  return PARSE_NO_NUMBER;
+  localEcallNumber.set(parsed.number);
+  scope.sendFormattedMessage("ecall phone number value %s\n", parsed.number.c_str());
+  // The number is back: the next loss is reported afresh, and the delay
+  // requests that were dropped while it was missing are taken again.
+  errorSentForNoEcallNumberLoaded = false;
+  setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
+  // An emergency waiting for a number is placed now, not at its retry.
+  ++numbersStored;
+  if (waitingForNumber) timers().startEcallStateMachineTimer(1);
+  return PARSE_NUMBER_STORED;
 }
 
 bool ecallProcessor::readECallNumber() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const std::string params = ecallNumberQuery();
   // The pauses after errors are not part of the bound (they are counted).
   auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::milliseconds(platform::scaledMs(peerReplyLimitMs()));
   int failures = 0;
   bool result = false;
   while (failures < ECALL_NUMBER_MAX_FAILURES) {
-    SVCIPC_tResponse* response = nullptr;
-    const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
-                                           "getEmergencyNumbers", params.c_str(), peerReplyLimitMs(), &response);
+    std::string reply;
+    const SVCIPC_tError rc = embeddedPhone::readEmergencyNumbers(reply);
     bool pause = false;
     if (SVCIPC_IS_ERROR(rc)) {
+      // A failed request has no answer.
       scope.sendFormattedWarning("Failed to get ecall number, rc %d\n", rc);
-      sendtoSlog(_SLOG_ERROR, "Failed to get ecall number %d, resp is %s\n", rc,
-                 response != nullptr ? "not NULL" : "NULL");
+      sendtoSlog(_SLOG_ERROR, "Failed to get ecall number %d, resp is NULL\n", rc);
       pause = true;
       if (isPeerTimeout(rc)) {
         // A phone that hung once would only hang again: the read fails now.
@@ -103,9 +84,8 @@ bool ecallProcessor::readECallNumber() {
         pause = false;
       }
     } else {
-      const char* text = response != nullptr ? response->result : nullptr;
-      if (text != nullptr) scope.sendFormattedMessage("Get PSAP (emergency) number result %s\n", text);
-      const int parsed = parseEcallNumber(text);
+      scope.sendFormattedMessage("Get PSAP (emergency) number result %s\n", reply.c_str());
+      const int parsed = parseEcallNumber(reply.c_str());
       if (parsed == PARSE_ERROR) {
         pause = true;
       } else if (parsed == PARSE_NUMBER_STORED) {
@@ -114,7 +94,6 @@ bool ecallProcessor::readECallNumber() {
         failures = ECALL_NUMBER_MAX_FAILURES;
       }
     }
-    if (response != nullptr) SVCIPC_freeResponse(response);
     if (result) break;
     if (pause) {
       platform::sleepNs(ECALL_NUMBER_RETRY_PAUSE_NS);
@@ -127,10 +106,7 @@ bool ecallProcessor::readECallNumber() {
 
 void ecallProcessor::asyncReadECallNumber() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const SVCIPC_tError rc = SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
-                                              "getEmergencyNumbers", ecallNumberQuery().c_str(), 0,
-                                              SVCIPC_TIMEOUT_DEFAULT, onAsyncEcallNumberResult,
-                                              this);
+  const SVCIPC_tError rc = embeddedPhone::requestEmergencyNumbers(onAsyncEcallNumberResult, this);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to send async request to get ecall number, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "failed to send async request to get ecall number, rc 0x%0X\n",
@@ -145,9 +121,9 @@ void ecallProcessor::onAsyncEcallNumberResult(const SVCIPC_tCallbackStatus* stat
   static_cast<ecallProcessor*>(context)->parseEcallNumber(result);
 }
 
-// "#777" is the phone's own service number, never the emergency centre.
+// The phone's own service number is never the emergency centre.
 bool ecallProcessor::isPhoneNumberValid(const char* number) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   if (number == nullptr || number[0] == '\0') return false;
-  return std::strcmp(number, "#777") != 0;
+  return !embeddedPhone::isServiceNumber(number);
 }

@@ -9,8 +9,9 @@
 #include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
+#include "externalServiceHandling/hmiGateway.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/slog.h"
 
@@ -18,11 +19,6 @@ using ecallMain::eCallModeType;
 using ecallMain::eEmergencyType;
 
 namespace {
-
-// Message of the user interface: "please wait", shown while the phone may
-// still come up.
-constexpr int pleaseWaitPopupMsgId = 2672;
-constexpr int pleaseWaitPopupTimeoutMs = 5000;
 
 bool isImpact(eEmergencyType type) { return type >= ecallMain::CAN_IMPACT_A && type <= ecallMain::SERIAL_IMPACT_X; }
 
@@ -65,9 +61,7 @@ void ecallProcessor::setEcallModeActive(bool active) {
 // Takes the cellular module out of its emergency mode.
 void ecallProcessor::exitEmergencyMode() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  Json::Value params(Json::objectValue);
-  params["atString"] = "at+wsos=0\r";
-  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("debugAT", jsonWrite(params), "debugAT");
+  const SVCIPC_tError rc = embeddedPhone::leaveEmergencyMode();
   if (rc < 0) {
     scope.sendFormattedError("Failed to exit emergency mode, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "Failed to exit emergency mode, rc 0x%0X\n", static_cast<unsigned>(rc));
@@ -228,20 +222,11 @@ void ecallProcessor::processEcallBtnPressWithSystemError() {
 
 void ecallProcessor::requestHMIDisplayPleaseWaitPopup() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  Json::Value params(Json::objectValue);
-  params["msgId"] = pleaseWaitPopupMsgId;
-  params["showonDisplayoff"] = true;
-  params["timeout"] = pleaseWaitPopupTimeoutMs;
-  const std::string text = jsonWrite(params);
-  scope.sendFormattedMessage("HMIGateWay displayGlobalPopup, params %s\n", text.c_str());
-  SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), HMI_GATEWAY_SERVICE, HMI_GATEWAY_PATH,
-                                         "displayGlobalPopupByMsgId", text.c_str(), peerReplyLimitMs(), &response);
+  const SVCIPC_tError rc = hmiGateway::displayPleaseWaitPopup();
   if (rc < 0) {
     const char* failure =
         "Failed to request HMI to display please wait popup for ecall button press but no emb phone comm.";
     scope.sendFormattedError("%s rc %d\n", failure, rc);
     sendtoSlog(_SLOG_WARNING, "%s rc 0x%0X\n", failure, static_cast<unsigned>(rc));
   }
-  if (response) SVCIPC_freeResponse(response);
 }

@@ -7,7 +7,8 @@
 
 #include "ecallMain/ecallMain.h"
 #include "ecallProcessor/ecallProcessor.h"
-#include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/appManager.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "platform/slog.h"
 
 namespace {
@@ -16,14 +17,10 @@ namespace {
 // timers.
 constexpr auto STATE_MACHINE_READY_LIMIT = std::chrono::seconds(2);
 
-// One subscription; a failure is reported with the service's own words and
-// start-up goes on.
-void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCallback handler, ecallProcessor* context,
-                     const char* traceFormat, const char* slogFormat) {
-  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  SVCIPC_tSigSubHnd subscription = nullptr;
-  const SVCIPC_tError rc =
-      SVCIPC_subscribe(ecallFrame().connection(), objPath, sigName, handler, context, &subscription);
+// The outcome of one subscription; a failure is reported with the service's
+// own words and start-up goes on.
+void reportSubscription(SVCIPC_tError rc, const char* sigName, const char* traceFormat, const char* slogFormat) {
+  CQVTraceScope scope(ecallProcessorTraceScope, "subscribeSignal");
   if (SVCIPC_IS_ERROR(rc)) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -31,6 +28,13 @@ void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCal
     sendtoSlog(_SLOG_WARNING, slogFormat, sigName, static_cast<unsigned>(rc));
 #pragma GCC diagnostic pop
   }
+}
+
+void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCallback handler, ecallProcessor* context,
+                     const char* traceFormat, const char* slogFormat) {
+  SVCIPC_tSigSubHnd subscription = nullptr;
+  reportSubscription(SVCIPC_subscribe(ecallFrame().connection(), objPath, sigName, handler, context, &subscription),
+                     sigName, traceFormat, slogFormat);
 }
 
 }  // namespace
@@ -75,9 +79,9 @@ void ecallProcessor::initEcallProcessor() {
 
 void ecallProcessor::subscribeEmbPhSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(EMBEDDED_PHONE_PATH, sigName, onSubcribedSignal, this,
-                  "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n",
-                  "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n");
+  reportSubscription(embeddedPhone::subscribe(sigName, onSubcribedSignal, this), sigName,
+                     "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n",
+                     "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n");
 }
 
 void ecallProcessor::subscribeTtsSignals(const char* sigName) {
@@ -103,7 +107,7 @@ void ecallProcessor::subscribeAudioCtrlSignals(const char* sigName) {
 
 void ecallProcessor::subscribeAppManagerSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(APP_MANAGER_PATH, sigName, onSubcribedAppMngrSignal, this,
-                  "Failed to subscribe with app manager service signal %s, error=0x%0X\n",
-                  "Failed to subscribe with app manager signal %s, error=0x%0X\n");
+  reportSubscription(appManager::subscribe(sigName, onSubcribedAppMngrSignal, this), sigName,
+                     "Failed to subscribe with app manager service signal %s, error=0x%0X\n",
+                     "Failed to subscribe with app manager signal %s, error=0x%0X\n");
 }

@@ -9,14 +9,13 @@
 // callers' threads), the signal handler runs on the bus thread and therefore
 // only sends asynchronous requests. The antenna is judged by one evaluation,
 // whether the report is a query reply or an "antennaStatus" signal.
-#include <json/json.h>
-
 #include <string>
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/slog.h"
@@ -34,34 +33,6 @@ const char* phoneStatusText(int32_t status) {
 }
 
 const char* textOrNull(const char* text) { return text != nullptr ? text : "NULL"; }
-
-// The phone's status out of a reply or signal: {"embeddedPhoneStatus":
-// {"status":b}}, or, when acceptBare, also {"status":b}. False when the
-// payload carries no status at all. A status that is not a boolean reads as
-// OFF, the default of the query.
-bool readPhoneStatus(const Json::Value& payload, bool acceptBare, bool& on) {
-  if (!payload.isObject()) return false;
-  const Json::Value* holder = nullptr;
-  if (payload.isMember("embeddedPhoneStatus")) {
-    holder = &payload["embeddedPhoneStatus"];
-  } else if (acceptBare && payload.isMember("status")) {
-    holder = &payload;
-  } else {
-    return false;
-  }
-  on = false;
-  if (holder->isObject() && holder->isMember("status")) {
-    const Json::Value& status = (*holder)["status"];
-    on = status.isBool() && status.asBool();
-  }
-  return true;
-}
-
-std::string antennaQuery() {
-  Json::Value params(Json::objectValue);
-  params["antenna"] = embeddedPhoneAntennaIdentifier;
-  return jsonWrite(params);
-}
 
 // Decides the LED for a change of the failure word: red when the first
 // source fails, off when the last one clears, but only if the LED still
@@ -85,13 +56,10 @@ bool ledChangeFor(uint32_t oldWord, uint32_t newWord, eLedStatus lastLed, eLedSt
 // time; the failure is raised only if no normal report comes before it ends.
 void ecallProcessor::evaluateAntennaStatus(const char* report) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  Json::Value reply;
-  jsonParse(report, reply);
-  const std::string description = jsonGetString(reply, "description", "not found");
-  const std::string status = jsonGetString(reply, "status", "not found");
-  if (description != "success" || status == "not found") return;
-  scope.sendFormattedMessage("Embedded phone status is: %s\n", status.c_str());
-  if (status == embeddedPhoneAntennaStatNormal) {
+  const embeddedPhone::antennaReport antenna = embeddedPhone::parseAntennaStatus(report);
+  if (!antenna.diagnosed) return;
+  scope.sendFormattedMessage("Embedded phone status is: %s\n", antenna.status.c_str());
+  if (antenna.normal) {
     scope.sendFormattedMessage("Embedded antenna normal, stop timer and clear system fault\n");
     timers().stopAntennaFaultTimeoutTimer();
     setEcallSystemFailureState(ecallSystemFailure::ANTENNA_FAULT, false);
@@ -213,15 +181,14 @@ void ecallProcessor::setEcallSystemFailureState(ecallSystemFailure::eSource sour
 
 void ecallProcessor::registerEmdPhSvc() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  SVCIPC_tError rc = SVCIPC_subscribeOwnerChanged(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE,
-                                                  onEmbeddedPhoneOwnerChange, this, &embeddedPhOwnerSubHnd);
+  SVCIPC_tError rc = embeddedPhone::watchOwner(onEmbeddedPhoneOwnerChange, this, &embeddedPhOwnerSubHnd);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to subscribe emdph owner change, rc = 0x%0X\n", static_cast<unsigned>(rc));
     sendtoSlog(_SLOG_WARNING, "failed to subscribe emdph owner change, rc = 0x%0X\n", static_cast<unsigned>(rc));
   }
 
   int hasOwner = 0;
-  rc = SVCIPC_nameHasOwner(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, &hasOwner);
+  rc = embeddedPhone::hasOwner(hasOwner);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("has owner error 0x%0X\n", static_cast<unsigned>(rc));
     sendtoSlog(_SLOG_WARNING, "has owner error 0x%0X\n", static_cast<unsigned>(rc));
@@ -275,24 +242,16 @@ void ecallProcessor::onEmbeddedPhoneOwnerChange(const char* busName, const char*
 
 void ecallProcessor::getEmdPhStatus() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  Json::Value params(Json::objectValue);
-  params["props"].append("embeddedPhoneStatus");
-  SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
-                                         "getProperties", jsonWrite(params).c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
+  std::string reply;
+  const SVCIPC_tError rc = embeddedPhone::readStatus(reply);
   if (SVCIPC_IS_ERROR(rc)) {
+    // A failed request has no answer.
     scope.sendFormattedWarning("failed to get embPh status, rc %d\n", rc);
-    sendtoSlog(_SLOG_ERROR, "failed to get embPh status, rc %d, resp is %s\n", rc,
-               response != nullptr ? "not NULL" : "NULL");
-    if (response != nullptr) SVCIPC_freeResponse(response);
+    sendtoSlog(_SLOG_ERROR, "failed to get embPh status, rc %d, resp is NULL\n", rc);
     return;
   }
-  Json::Value reply;
-  jsonParse(response != nullptr ? response->result : nullptr, reply);
-  if (response != nullptr) SVCIPC_freeResponse(response);
-
   bool on = false;
-  if (!readPhoneStatus(reply, false, on)) return;
+  if (!embeddedPhone::parseStatus(reply.c_str(), false, on)) return;
   const int32_t newStatus = on ? PHONE_ON : PHONE_OFF;
   const int32_t oldStatus = emdPhOn.exchange(newStatus);
   scope.sendFormattedMessage("current EmbPh Status %d, embeddPhoneSvc status %d, curECallType %d\n", oldStatus,
@@ -325,10 +284,8 @@ void ecallProcessor::getEmdPhStatus() {
 // are recorded on the change, and the phone must come back in time.
 void ecallProcessor::processEmdPhStatusSignal(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  Json::Value payload;
-  jsonParse(data, payload);
   bool on = false;
-  if (!readPhoneStatus(payload, true, on)) {
+  if (!embeddedPhone::parseStatus(data, true, on)) {
     scope.sendFormattedWarning("embedded phone status signal without status ignored: %s\n", textOrNull(data));
     return;
   }
@@ -355,26 +312,20 @@ void ecallProcessor::processAntennaStatusSignal(const char* data) {
 
 void ecallProcessor::checkAntennaStatus() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH,
-                                         "getAntennaStatus", antennaQuery().c_str(), SVCIPC_TIMEOUT_DEFAULT, &response);
+  std::string result;
+  const SVCIPC_tError rc = embeddedPhone::readAntennaStatus(result);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedWarning("Failed to get embedded phone antenna status, rc %d\n", rc);
     sendtoSlog(_SLOG_ERROR, "Failed to get embedded phone antenna status, rc is %d\n", rc);
-    if (response != nullptr) SVCIPC_freeResponse(response);
     return;
   }
-  const std::string result = (response != nullptr && response->result != nullptr) ? response->result : "";
-  if (response != nullptr) SVCIPC_freeResponse(response);
   scope.sendFormattedMessage("Get embedded phone antenna status result %s\n", result.c_str());
   evaluateAntennaStatus(result.c_str());
 }
 
 void ecallProcessor::asyncCheckAntennaStatus() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const SVCIPC_tError rc =
-      SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, "getAntennaStatus",
-                         antennaQuery().c_str(), 0, SVCIPC_TIMEOUT_DEFAULT, onAsyncAntennaStatusResult, this);
+  const SVCIPC_tError rc = embeddedPhone::requestAntennaStatus(onAsyncAntennaStatusResult, this);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to send async request to get antenna status, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "failed to send async request to get antenna status, rc 0x%0X\n",

@@ -9,7 +9,7 @@
 #include "ecallMain/ecallMain.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
@@ -37,16 +37,6 @@ const char* const stateMachineString[] = {
 constexpr int stateMachineStringCount = sizeof(stateMachineString) / sizeof(stateMachineString[0]);
 
 }  // namespace
-
-SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, SVCIPC_tResultCallback done,
-                                       void* context) {
-  return SVCIPC_asyncInvoke(ecallFrame().connection(), EMBEDDED_PHONE_SERVICE, EMBEDDED_PHONE_PATH, method,
-                            params.c_str(), 0, SVCIPC_TIMEOUT_DEFAULT, done, context);
-}
-
-SVCIPC_tError asyncInvokeEmbeddedPhone(const char* method, const std::string& params, const char* context) {
-  return asyncInvokeEmbeddedPhone(method, params, extServ::onAsyncResult, const_cast<char*>(context));
-}
 
 const char* getStateMachineString(ecallStateMachineStates state) {
   if (state < 0 || state >= stateMachineStringCount) return "NONE";
@@ -198,7 +188,7 @@ void ecallStateMachine::handlePulse(int code) {
 
 void ecallProcessor::hangUpCall() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("endActiveCall", "", "endActiveCall");
+  const SVCIPC_tError rc = embeddedPhone::hangUp();
   if (rc < 0) {
     scope.sendFormattedError("failed to hangup, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "falied to hangup, rc 0x%0X\n", static_cast<unsigned>(rc));
@@ -209,7 +199,7 @@ bool ecallProcessor::acceptEmergencyCallback() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   // The state machine looks at the call state again once the answer is sent.
   timers().startEcallStateMachineTimer(1);
-  const SVCIPC_tError rc = asyncInvokeEmbeddedPhone("acceptIncomingCall", "", "acceptIncomingCall");
+  const SVCIPC_tError rc = embeddedPhone::acceptIncomingCall();
   if (rc < 0) {
     scope.sendFormattedError("failed to acceptIncomingCall, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "falied to accecptIncomingCall, rc 0x%0X\n", static_cast<unsigned>(rc));

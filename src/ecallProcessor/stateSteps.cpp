@@ -6,7 +6,7 @@
 #include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "ecallProcessor/stateMachineInternal.h"
+#include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/slog.h"
@@ -20,8 +20,6 @@ constexpr unsigned ringToneOpenMs = 100;
 constexpr unsigned ringTonesMs = 8000;
 constexpr unsigned answerAfterPromptMs = 5000;
 
-// The vehicle type the emergency centre is told with every dial request.
-const char* const dialVehicleType = "Corvane";
 
 }  // namespace
 
@@ -254,12 +252,7 @@ void ecallStateMachine::dial() {
   const std::string number = processor.getLocalEcallNumber();
   scope.sendFormattedMessage("callstate idle. dial the number now");
   processor.addFormattedEntryToEmergencyLog("Calling %s\n", number.c_str());
-  Json::Value params(Json::objectValue);
-  params["address"] = number;
-  params["callType"] = "MVA";
-  params["vehicleType"] = dialVehicleType;
-  const SVCIPC_tError rc =
-      asyncInvokeEmbeddedPhone("ecallDial", jsonWrite(params), ecallProcessor::onAsyncDialResult, &processor);
+  const SVCIPC_tError rc = embeddedPhone::dial(number, ecallProcessor::onAsyncDialResult, &processor);
   dialAllowed = false;
   if (rc >= 0) {
     timers().startEcallTimeoutTimer();

@@ -39,9 +39,14 @@ void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, voi
 
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
                          std::string* result) {
+  return invokeSync(service, method, params, result, peerReplyLimitMs());
+}
+
+SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
+                         std::string* result, int timeoutMs) {
   SVCIPC_tResponse* response = nullptr;
-  SVCIPC_tError rc = SVCIPC_invoke(ecallFrame().connection(), service.name, service.path, method, params.c_str(),
-                                   peerReplyLimitMs(), &response);
+  SVCIPC_tError rc =
+      SVCIPC_invoke(ecallFrame().connection(), service.name, service.path, method, params.c_str(), timeoutMs, &response);
   if (response != nullptr) {
     if (result != nullptr && response->result != nullptr) *result = response->result;
     SVCIPC_freeResponse(response);
@@ -51,8 +56,19 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
 
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context) {
+  return invokeAsync(service, method, params, onAsyncResult, const_cast<char*>(context));
+}
+
+SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
+                          SVCIPC_tResultCallback onResult, void* context) {
   return SVCIPC_asyncInvoke(ecallFrame().connection(), service.name, service.path, method, params.c_str(),
-                            0 /*reply expected*/, SVCIPC_TIMEOUT_DEFAULT, onAsyncResult, const_cast<char*>(context));
+                            0 /*reply expected*/, SVCIPC_TIMEOUT_DEFAULT, onResult, context);
+}
+
+SVCIPC_tError subscribe(const busService& service, const char* sigName, SVCIPC_tSignalCallback onSignal,
+                        void* context) {
+  SVCIPC_tSigSubHnd subscription = nullptr;
+  return SVCIPC_subscribe(ecallFrame().connection(), service.path, sigName, onSignal, context, &subscription);
 }
 
 bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept) {
@@ -69,6 +85,23 @@ std::string propertyQuery(const char* name) {
   Json::Value query(Json::objectValue);
   query["props"].append(name);
   return jsonWrite(query);
+}
+
+int intMember(const Json::Value& object, const char* name, int fallback) {
+  const Json::Value& member = object[name];
+  if (member.isNull() || !member.isConvertibleTo(Json::intValue)) return fallback;
+  return member.asInt();
+}
+
+std::string textMember(const Json::Value& object, const char* name) {
+  const Json::Value& member = object[name];
+  return member.isString() ? member.asString() : std::string();
+}
+
+Json::Value parseObject(const char* data) {
+  Json::Value root;
+  if (!jsonParse(data, root) || !root.isObject()) return Json::Value(Json::objectValue);
+  return root;
 }
 
 Json::Value member(const Json::Value& value, const char* name) {
