@@ -69,8 +69,7 @@ int main(int argc, char** argv) {
   std::ofstream(root.path(vehicleStatusPPSPath)) << "@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::1234567\n";
   createProcessObjects();
   // As the processor's initialisation does: appends take the log's lock.
-  pthread_mutex_init(&logWriteMutex, nullptr);
-  uselogWriteMutex.store(true);
+  ecallHandler.initLocks();
 
   const std::string logPath = root.path(emergencyLogPath);
   struct statfs fs {};

@@ -13,6 +13,7 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "fake/fakeBus.h"
+#include "fake/processProbe.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/runtime.h"
 
@@ -61,12 +62,15 @@ void setUpProcess() {
   std::filesystem::create_directories(gRoot + kUsbFolder);
 
   createProcessObjects();
-  if (SVCIPC_getConnection(SVCIPC_CONNECTION_DEFAULT, 0, &svcIPCConn) < 0 ||
-      SVCIPC_registerService(svcIPCConn, ECALL_SERVICE_NAME, ECALL_SERVICE_PATH, 0, onECallRequest, nullptr,
-                             &svcIPCRegHnd) < 0) {
+  SVCIPC_tConnection connection = nullptr;
+  SVCIPC_tSvcRegHnd registration = nullptr;
+  if (SVCIPC_getConnection(SVCIPC_CONNECTION_DEFAULT, 0, &connection) < 0 ||
+      SVCIPC_registerService(connection, ECALL_SERVICE_NAME, ECALL_SERVICE_PATH, 0, onECallRequest, &ecallFrame(),
+                             &registration) < 0) {
     fprintf(stderr, "ecall fuzz: the fake bus refused the service\n");
     abort();
   }
+  ecallFrame().setBus(connection, registration);
 }
 
 // The healthy car every input starts in.
@@ -77,36 +81,36 @@ void resetState() {
   fakeBus::setReply(TTS_SERVICE, "ttsReadout", silent);
   answer(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers", kEcallNumberReply);
 
-  extServHandle.mEmbeddedPhoneEnabled = true;
-  extServHandle.mVariantInfoKnown = true;
-  extServHandle.mTtsLanguage = 0;
-  extServHandle.mVehicleBrandIndex = VEHICLE_BRAND_NONE;
-  extServHandle.mCurrentTtsPrompt = TTS_PROMPT_NONE;
-  extServHandle.mReadoutType.set("none");
+  processProbe::mEmbeddedPhoneEnabled() = true;
+  processProbe::mVariantInfoKnown() = true;
+  processProbe::mTtsLanguage() = 0;
+  processProbe::mVehicleBrandIndex() = VEHICLE_BRAND_NONE;
+  processProbe::mCurrentTtsPrompt() = TTS_PROMPT_NONE;
+  processProbe::mReadoutType().set("none");
 
-  ecallHandler.curECallType = ecallMain::NONE;
-  ecallHandler.curCallModeType = ecallMain::CALL_NONE;
-  ecallHandler.curCallState.set("CALL_STATE_IDLE");
-  ecallHandler.callConnected = false;
-  ecallHandler.emdPhOn = 1;
-  ecallHandler.localEcallNumber.set("911");
-  ecallHandler.btCallActive = false;
-  ecallHandler.ecallModeActive = false;
-  ecallHandler.bAssistAppActive = false;
-  ecallHandler.ecallSignalActive = false;
-  ecallHandler.orcMonitoringStarted = false;
-  ecallHandler.systemError = 0;
-  ecallHandler.mWillDisconnBT = false;
+  processProbe::curECallType() = ecallMain::NONE;
+  processProbe::curCallModeType() = ecallMain::CALL_NONE;
+  processProbe::curCallState().set("CALL_STATE_IDLE");
+  processProbe::callConnected() = false;
+  processProbe::emdPhOn() = 1;
+  processProbe::localEcallNumber().set("911");
+  processProbe::btCallActive() = false;
+  processProbe::ecallModeActive() = false;
+  processProbe::bAssistAppActive() = false;
+  processProbe::ecallSignalActive() = false;
+  processProbe::orcMonitoringStarted() = false;
+  processProbe::systemError() = 0;
+  processProbe::mWillDisconnBT() = false;
 
-  embeddedPhAvail = 1;
-  systemErrorSent = false;
-  activeTts = TTS_PROMPT_NONE;
-  firstPsapTtsWaitForComplete = false;
-  firstPsapTtsCount = 0;
-  errorSentForNoEcallNumberLoaded = false;
-  assistAppUUID.set(ecallMain::defaultAssistAppUUID);
-  defaultPhoneVol = 15;
-  defaultPromptVol = 15;
+  processProbe::embeddedPhAvail() = 1;
+  processProbe::systemErrorSent() = false;
+  processProbe::activeTts() = TTS_PROMPT_NONE;
+  processProbe::firstPsapTtsWaitForComplete() = false;
+  processProbe::firstPsapTtsCount() = 0;
+  processProbe::errorSentForNoEcallNumberLoaded() = false;
+  processProbe::assistAppUUID().set(ecallMain::defaultAssistAppUUID);
+  processProbe::defaultPhoneVol() = 15;
+  processProbe::defaultPromptVol() = 15;
 
   if (canIpcEmergencyHandler.getLastLedSetStatus() != LED_OFF) canIpcEmergencyHandler.setLedStatus(LED_OFF);
   canIpcEmergencyHandler.resetV850ResetPhCounter();

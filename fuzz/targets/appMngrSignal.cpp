@@ -14,6 +14,8 @@
 #include "orcImpact/CANImpactECallHandler.h"
 #include "support/fuzzSupport.h"
 
+#include "fake/processProbe.h"
+
 namespace {
 
 const char* const kSignals[] = {"operStatus", "appStarted", "appPaused", "appStopped"};
@@ -22,10 +24,10 @@ constexpr size_t kSignalCount = sizeof kSignals / sizeof kSignals[0];
 void setScene(uint8_t scene) {
   // The LED first: setting it writes to the channel and the log, as it would.
   canIpcEmergencyHandler.setLedStatus(static_cast<eLedStatus>((scene >> 1) & 3));
-  ecallHandler.ecallModeActive = (scene & 1) != 0;
-  ecallHandler.bAssistAppActive = (scene & 8) != 0;
-  ecallHandler.curCallState.set((scene & 0x10) ? "CALL_STATE_ACTIVE" : "CALL_STATE_IDLE");
-  ecallHandler.orcMonitoringStarted = (scene & 0x20) != 0;
+  processProbe::ecallModeActive() = (scene & 1) != 0;
+  processProbe::bAssistAppActive() = (scene & 8) != 0;
+  processProbe::curCallState().set((scene & 0x10) ? "CALL_STATE_ACTIVE" : "CALL_STATE_IDLE");
+  processProbe::orcMonitoringStarted() = (scene & 0x20) != 0;
 }
 
 }  // namespace
@@ -36,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   setScene(data[1]);
   const fuzzSupport::SignalInput signal = fuzzSupport::signalInput(data, size, kSignals, kSignalCount);
   ecallProcessor::onSubcribedAppMngrSignal(signal.name.c_str(), (data[1] & 0x40) ? nullptr : signal.payload.c_str(),
-                                           const_cast<char*>("ecallProcessor"));
+                                           &ecallHandler);
   const int led = canIpcEmergencyHandler.getLastLedSetStatus();
   fuzzSupport::expect(led >= LED_OFF && led <= LED_RED, "an LED status out of range");
   fuzzSupport::endInput();

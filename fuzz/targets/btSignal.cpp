@@ -10,11 +10,13 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "support/fuzzSupport.h"
 
+#include "fake/processProbe.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   fuzzSupport::beginInput();
   const bool willDisconnect = (data[0] & 2) != 0;
-  ecallHandler.mWillDisconnBT = willDisconnect;
+  processProbe::mWillDisconnBT() = willDisconnect;
   std::string name = "callState";
   std::string payload;
   if (data[0] & 1) {
@@ -25,10 +27,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     payload = fuzzSupport::asText(data + 1, size - 1);
   }
   // The flag starts set, so that a signal that must change nothing shows.
-  ecallHandler.btCallActive = true;
-  ecallProcessor::onSubcribedBTSignal(name.c_str(), payload.c_str(), const_cast<char*>("callstate"));
+  processProbe::btCallActive() = true;
+  ecallProcessor::onSubcribedBTSignal(name.c_str(), payload.c_str(), &ecallHandler);
   if (willDisconnect || name != "callState") {
-    fuzzSupport::expect(ecallHandler.btCallActive, "a Bluetooth call state taken while it must be ignored");
+    fuzzSupport::expect(processProbe::btCallActive(), "a Bluetooth call state taken while it must be ignored");
   }
   fuzzSupport::endInput();
   return 0;

@@ -8,6 +8,8 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "support/fuzzSupport.h"
 
+#include "fake/processProbe.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzSupport::beginInput();
   // The number is missing, so that a stored number clears the failure.
@@ -20,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzSupport::expect(result >= -1 && result <= 1, "a parse result out of range");
   const std::string after = ecallHandler.getLocalEcallNumber();
   const bool failureRaised =
-      (ecallHandler.systemError & ecallSystemFailure::bitMask[ecallSystemFailure::NO_ECALL_NUMBER]) != 0;
+      (processProbe::systemError() & ecallSystemFailure::bitMask[ecallSystemFailure::NO_ECALL_NUMBER]) != 0;
   if (result == 1) {
     fuzzSupport::expect(!after.empty(), "an empty number stored");
     fuzzSupport::expect(!failureRaised, "a stored number leaves the missing-number failure");

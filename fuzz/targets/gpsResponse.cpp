@@ -11,6 +11,8 @@
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "support/fuzzSupport.h"
 
+#include "fake/processProbe.h"
+
 namespace {
 
 const std::string kUnavailable = "Vehicle location currently not available.";
@@ -42,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       extServHandle.composeTtsText(TTS_PROMPT_ECALL_PSAP2);
       break;
     case 2:
-      extServHandle.mVehicleBrandIndex = 1 + data[0] % 12;
+      processProbe::mVehicleBrandIndex() = 1 + data[0] % 12;
       extServHandle.composeTtsText(TTS_PROMPT_ACN_PSAP2);
       break;
     default:

@@ -8,6 +8,8 @@
 #include "orcImpact/CANImpactECallHandler.h"
 #include "support/fuzzSupport.h"
 
+#include "fake/processProbe.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzSupport::beginInput();
   const int n = static_cast<int>(size < ORC_READ_SIZE ? size : ORC_READ_SIZE);
@@ -24,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint32_t linkBits = ecallSystemFailure::bitMask[ecallSystemFailure::ORC_CAN_LOC] |
                             ecallSystemFailure::bitMask[ecallSystemFailure::ORC_SERIAL_LOC] |
                             ecallSystemFailure::bitMask[ecallSystemFailure::MIRROR_LOC];
-  fuzzSupport::expect((ecallHandler.systemError.load() & ~linkBits) == 0, "a failure source the channel does not own");
+  fuzzSupport::expect((processProbe::systemError().load() & ~linkBits) == 0,
+                      "a failure source the channel does not own");
   fuzzSupport::endInput();
   return 0;
 }

@@ -14,13 +14,15 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "support/fuzzSupport.h"
 
+#include "fake/processProbe.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   fuzzSupport::beginInput();
   const int before = (data[0] & 3) == 0 ? -1 : (data[0] & 3) == 1 ? 0 : 1;
-  ecallHandler.emdPhOn = before;
+  processProbe::emdPhOn() = before;
   // Bit 2: an emergency was raised while the phone was not ON.
-  if (data[0] & 4) ecallHandler.curECallType = ecallMain::E_CALL_BtnStat;
+  if (data[0] & 4) processProbe::curECallType() = ecallMain::E_CALL_BtnStat;
 
   const std::vector<std::string> fields = fuzzSupport::splitFields(data + 1, size - 1, 2);
   const std::string status = fields[0];
@@ -34,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } else {
     ecallHandler.getEmdPhStatus();
   }
-  const int after = ecallHandler.emdPhOn;
+  const int after = processProbe::emdPhOn();
   fuzzSupport::expect(after >= -1 && after <= 1, "a phone status out of range");
   fuzzSupport::expect((data[0] & 8) == 0 || after == before, "a failed status query changed the phone status");
   fuzzSupport::endInput();

@@ -13,6 +13,8 @@
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "support/fuzzSupport.h"
 
+#include "fake/processProbe.h"
+
 namespace {
 
 const char* const kSignals[] = {"callState", "embeddedPhoneStatus", "wendReason", "antennaStatus", "ttsPlayState", "DTMF"};
@@ -29,14 +31,14 @@ const int kPrompts[] = {TTS_PROMPT_NONE, TTS_PROMPT_INCOMING, TTS_PROMPT_ECALL_P
 // playing; bit 7: the centre's prompt waits for the dialling prompt.
 void setCallInHand(uint8_t state) {
   const int phone = state & 3;
-  ecallHandler.emdPhOn = phone == 0 ? -1 : phone == 1 ? 0 : 1;
-  embeddedPhAvail = phone == 3 ? 0 : 1;
-  ecallHandler.ecallModeActive = (state & 4) != 0;
-  ecallHandler.curECallType = kTypes[(state >> 3) & 3];
-  ecallHandler.curCallModeType = kModes[(state >> 3) & 3];
-  activeTts = kPrompts[(state >> 5) & 3];
-  firstPsapTtsCount = activeTts >= TTS_PROMPT_ECALL_PSAP1 ? 2 : 0;
-  firstPsapTtsWaitForComplete = (state & 0x80) != 0;
+  processProbe::emdPhOn() = phone == 0 ? -1 : phone == 1 ? 0 : 1;
+  processProbe::embeddedPhAvail() = phone == 3 ? 0 : 1;
+  processProbe::ecallModeActive() = (state & 4) != 0;
+  processProbe::curECallType() = kTypes[(state >> 3) & 3];
+  processProbe::curCallModeType() = kModes[(state >> 3) & 3];
+  processProbe::activeTts() = kPrompts[(state >> 5) & 3];
+  processProbe::firstPsapTtsCount() = processProbe::activeTts() >= TTS_PROMPT_ECALL_PSAP1 ? 2 : 0;
+  processProbe::firstPsapTtsWaitForComplete() = (state & 0x80) != 0;
 }
 
 }  // namespace
@@ -46,13 +48,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzSupport::beginInput();
   setCallInHand(data[1]);
   const fuzzSupport::SignalInput signal = fuzzSupport::signalInput(data, size, kSignals, kSignalCount);
-  ecallProcessor::onSubcribedSignal(signal.name.c_str(), signal.payload.c_str(), const_cast<char*>("ecallProcessor"));
+  ecallProcessor::onSubcribedSignal(signal.name.c_str(), signal.payload.c_str(), &ecallHandler);
 
-  const int phone = ecallHandler.emdPhOn;
+  const int phone = processProbe::emdPhOn();
   fuzzSupport::expect(phone >= -1 && phone <= 1, "a phone status out of range");
   const int type = ecallHandler.getCurECallType();
   fuzzSupport::expect(type >= ecallMain::NONE && type < ecallMain::EMERGENCY_TYPE_COUNT, "an emergency type out of range");
-  const int prompt = activeTts;
+  const int prompt = processProbe::activeTts();
   fuzzSupport::expect(prompt >= TTS_PROMPT_NONE && prompt < TTS_PROMPT_COUNT, "a prompt out of range");
   fuzzSupport::endInput();
   return 0;

@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Nothing but the names (and their separators) of the reply is reported.
   fuzzSupport::expect(ports == "Read Failure" || ports.size() <= 2 * reply.size(), "ports text longer than the reply");
   SVCIPC_tCallbackStatus ok{SVCIPC_ERROR_NONE, nullptr, nullptr};
-  ecallProcessor::onAsyncSWIUSBPortsResult(&ok, reply.c_str(), const_cast<char*>("getUsbPorts"));
+  ecallProcessor::onAsyncSWIUSBPortsResult(&ok, reply.c_str(), &ecallHandler);
   fuzzSupport::endInput();
   return 0;
 }

@@ -13,6 +13,7 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "fake/fakeBus.h"
+#include "fake/processProbe.h"
 #include "support/fuzzSupport.h"
 
 namespace {
@@ -33,9 +34,9 @@ void askVariant(const std::string& reply, bool fails) {
     }
     return answer;
   });
-  extServHandle.mVariantInfoKnown = false;
+  processProbe::mVariantInfoKnown() = false;
   extServHandle.getEmebeddedPhoneEnabledInVariant();
-  fuzzSupport::expect(extServHandle.mVariantInfoKnown, "the variant still unknown after the query");
+  fuzzSupport::expect(processProbe::mVariantInfoKnown(), "the variant still unknown after the query");
 }
 
 }  // namespace
@@ -68,9 +69,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       ecallHandler.getDefaultVolumes();
       break;
   }
-  const int brand = extServHandle.mVehicleBrandIndex;
+  const int brand = processProbe::mVehicleBrandIndex();
   fuzzSupport::expect(brand >= 1 && brand <= VEHICLE_BRAND_NONE, "a brand row out of the table");
-  const int language = extServHandle.mTtsLanguage;
+  const int language = processProbe::mTtsLanguage();
   fuzzSupport::expect(language >= 0 && language < TTS_LANGUAGE_COUNT, "a language row out of the table");
   fuzzSupport::endInput();
   return 0;

@@ -66,7 +66,9 @@ void startEcall(const methodCall& call) {
 
 void isECallInProgress(const methodCall& call) {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
-  sendStatusResponse(call, "ecallInProgress", Json::Value(bECallInProgress.load()));
+  // The handler's user data is the frame.
+  const auto& frame = *static_cast<const serviceFrame*>(call.token);
+  sendStatusResponse(call, "ecallInProgress", Json::Value(frame.eCallInProgress()));
 }
 
 void isECallModeActive(const methodCall& call) {

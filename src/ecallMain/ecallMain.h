@@ -1,11 +1,12 @@
-// The service frame: process-wide bus handles, the system log and fatal-error
-// helpers, the bus method handler and the two signal emitters.
+// The service frame: its bus connection and registration, the system log and
+// fatal-error helpers, the bus method handler and the two signal emitters.
 #pragma once
 
 #include <atomic>
 #include <string>
 
 #include "common/ecallTypes.h"
+#include "common/sharedText.h"
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 
@@ -29,21 +30,46 @@ inline bool isPeerTimeout(SVCIPC_tError rc) {
           (SVCIPC_ERROR_DOMAIN(rc) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(rc) == SVCIPC_ERR_TIMEOUT));
 }
 
-// The process-wide bus connection and the service's registration (used for
-// every reply and every emitted signal).
-extern SVCIPC_tConnection svcIPCConn;
-extern SVCIPC_tSvcRegHnd svcIPCRegHnd;
+// The frame's state: the bus connection and the service's registration
+// (made once at start-up, used for every request, reply and emitted signal),
+// what the last "ecall" signal told, and the quit request.
+class serviceFrame {
+ public:
+  SVCIPC_tConnection connection() const { return mConnection.load(); }
+  SVCIPC_tSvcRegHnd registration() const { return mRegistration.load(); }
+  void setBus(SVCIPC_tConnection connection, SVCIPC_tSvcRegHnd registration) {
+    mConnection = connection;
+    mRegistration = registration;
+  }
 
-// Set by the SIGTERM/SIGINT handler; read by nothing: the service runs until
-// it is killed.
-extern std::atomic<unsigned char> gQuit;
+  // The "ecallModeActive" value of the last "ecall" signal; answered by
+  // "IsECallInProgess".
+  bool eCallInProgress() const { return mECallInProgress.load(); }
+  void setECallInProgress(bool active) { mECallInProgress = active; }
 
-// The "ecallModeActive" value of the last "ecall" signal; answered by
-// "IsECallInProgess".
-extern std::atomic<bool> bECallInProgress;
+  // The mode text of the last "ecall" signal ("none" at start), repeated by
+  // "nochange".
+  std::string callModeText() const { return mCallModeText.get(); }
+  void setCallModeText(const std::string& text) { mCallModeText.set(text); }
+
+  // Set by the SIGTERM/SIGINT handler; read by nothing: the service runs
+  // until it is killed.
+  void requestQuit() { mQuit = 1; }
+
+ private:
+  std::atomic<SVCIPC_tConnection> mConnection{nullptr};
+  std::atomic<SVCIPC_tSvcRegHnd> mRegistration{nullptr};
+  std::atomic<bool> mECallInProgress{false};
+  sharedText mCallModeText{"none"};
+  std::atomic<unsigned char> mQuit{0};
+};
+
+// The frame of this process: one, as the process has one bus connection and
+// one registration of the service.
+serviceFrame& ecallFrame();
 
 // Trace scope of the service frame.
-extern CQVTraceScopeDef ecallMainTraceScope;
+inline const CQVTraceScopeDef ecallMainTraceScope("ecallService_ecallMain", "all");
 
 void sigHandler(int sig);
 

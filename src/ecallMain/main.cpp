@@ -126,11 +126,16 @@ void registerOnBus() {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
   SVCIPC_tError result = SVCIPC_initialize();
   if (result < 0) die("Failed to initialize: 0x%0X", static_cast<unsigned>(result));
-  result = SVCIPC_getConnection(SVCIPC_CONNECTION_DEFAULT, 0, &svcIPCConn);
+  SVCIPC_tConnection connection = nullptr;
+  result = SVCIPC_getConnection(SVCIPC_CONNECTION_DEFAULT, 0, &connection);
   if (result < 0) die("Failed to get connection: 0x%0X", static_cast<unsigned>(result));
-  result = SVCIPC_registerService(svcIPCConn, ECALL_SERVICE_NAME, ECALL_SERVICE_PATH, 0, onECallRequest, nullptr,
-                                  &svcIPCRegHnd);
+  ecallFrame().setBus(connection, nullptr);
+  // The method handler gets the frame as its user data.
+  SVCIPC_tSvcRegHnd registration = nullptr;
+  result = SVCIPC_registerService(connection, ECALL_SERVICE_NAME, ECALL_SERVICE_PATH, 0, onECallRequest,
+                                  &ecallFrame(), &registration);
   if (result < 0) die("Failed to register service: 0x%0X", static_cast<unsigned>(result));
+  ecallFrame().setBus(connection, registration);
 }
 
 }  // namespace

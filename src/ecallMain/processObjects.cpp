@@ -1,9 +1,10 @@
 // The three process-wide worker objects.
 //
 // Each lives in static storage of its own, so the references every module
-// holds are valid from the start of the program, but the object is built
-// only by createProcessObjects(), once the root folder is known. They are
-// destroyed at exit in reverse order of creation.
+// holds are valid from the start of the program (the processor, built first,
+// is handed the inputs and the services before they are built), but the
+// object is built only by createProcessObjects(), once the root folder is
+// known. They are destroyed at exit in reverse order of creation.
 #include "ecallMain/processObjects.h"
 
 #include <cstdlib>
@@ -50,9 +51,9 @@ externalServiceHandling& extServHandle = extServSlot.object;
 void createProcessObjects() {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
   std::call_once(processObjectsCreated, [] {
-    new (&processorSlot.object) ecallProcessor();
-    new (&inputHandlerSlot.object) CANImpactECallHandler();
-    new (&extServSlot.object) externalServiceHandling();
+    new (&processorSlot.object) ecallProcessor(inputHandlerSlot.object, extServSlot.object);
+    new (&inputHandlerSlot.object) CANImpactECallHandler(processorSlot.object, extServSlot.object);
+    new (&extServSlot.object) externalServiceHandling(processorSlot.object);
     std::atexit(destroyProcessObjects);
   });
 }

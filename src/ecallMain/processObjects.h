@@ -1,5 +1,7 @@
-// The three process-wide worker objects. Every module calls the others
-// through them; there is no other registry.
+// The three process-wide worker objects, and the one place where they are
+// wired: each is handed the others it calls when it is built (the inputs and
+// the external services see the processor only as processorInputs). The
+// frame (main, the bus methods) calls them through these references.
 //
 // Their constructors already touch the file system (the processor writes its
 // version line to the emergency log, the input handler opens the mirror

@@ -7,11 +7,6 @@
 #include "common/sharedText.h"
 #include "platform/slog.h"
 
-std::atomic<bool> bECallInProgress{false};
-
-// The mode text last emitted; "nochange" repeats it.
-sharedText curCallModeString{"none"};
-
 namespace {
 
 // Context text handed to the bus with every emitted signal.
@@ -23,9 +18,9 @@ char emitContext[] = "ecallSvc";
 std::string chooseModeText(ecallMain::eCallModeType mode) {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
   if (mode == ecallMain::CALL_SYSTEM_ERROR) return ecallMain::eCallModeTypeString[ecallMain::CALL_SYSTEM_ERROR];
-  if (mode > ecallMain::CALL_ECALL_BUTTON_REPEAT || mode < ecallMain::CALL_NONE) return curCallModeString.get();
+  if (mode > ecallMain::CALL_ECALL_BUTTON_REPEAT || mode < ecallMain::CALL_NONE) return ecallFrame().callModeText();
   const std::string& text = ecallMain::eCallModeTypeString[mode];
-  curCallModeString.set(text);
+  ecallFrame().setCallModeText(text);
   return text;
 }
 
@@ -39,21 +34,21 @@ ecallMain::eEmergencyType checkedType(ecallMain::eEmergencyType type) {
 
 void emitSignal(const char* sigName, const std::string& data) {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
-  SVCIPC_asyncEmit(svcIPCRegHnd, sigName, data.c_str(), nullptr, emitContext);
+  SVCIPC_asyncEmit(ecallFrame().registration(), sigName, data.c_str(), nullptr, emitContext);
 }
 
 }  // namespace
 
 std::string getCurCallModeString() {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
-  return curCallModeString.get();
+  return ecallFrame().callModeText();
 }
 
 void emitEmergencySignal(bool ecall, ecallMain::eEmergencyType type, std::string phoneNumber,
                          ecallMain::eCallModeType mode, bool BTCallActive, bool ecallModeActive) {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
   // First, so that "IsECallInProgess" answers what this signal tells.
-  bECallInProgress.store(ecallModeActive);
+  ecallFrame().setECallInProgress(ecallModeActive);
 
   const ecallMain::eEmergencyType event = ecall ? checkedType(type) : ecallMain::NONE;
   Json::Value payload(Json::objectValue);

@@ -1,5 +1,4 @@
-// Process-wide state of the service frame, the system log line and the
-// fatal-error exit.
+// The service frame's state, the system log line and the fatal-error exit.
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -7,22 +6,21 @@
 #include "ecallMain/ecallMain.h"
 #include "platform/slog.h"
 
-SVCIPC_tConnection svcIPCConn = nullptr;
-SVCIPC_tSvcRegHnd svcIPCRegHnd = nullptr;
-std::atomic<unsigned char> gQuit{0};
-
-CQVTraceScopeDef ecallMainTraceScope("ecallService_ecallMain", "all");
 
 namespace {
 // One system log line of the service; longer texts are cut.
 constexpr size_t SLOG_LINE_SIZE = 500;
+
+serviceFrame frame;
 }  // namespace
+
+serviceFrame& ecallFrame() { return frame; }
 
 // SIGTERM and SIGINT only record the request: the service is resident and
 // keeps serving emergencies until it is killed.
 void sigHandler(int sig) {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
-  gQuit.store(1);
+  ecallFrame().requestQuit();
 }
 
 void sendtoSlog(int severity, const char* format, ...) {

@@ -8,18 +8,16 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "externalServiceHandling/appManager.h"
 #include "externalServiceHandling/externalServiceHandling.h"
+#include "externalServiceHandling/serviceRequests.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
 
 using namespace ecallMain;
-
-sharedText assistAppUUID{defaultAssistAppUUID};
 
 namespace {
 
@@ -39,24 +37,9 @@ bool requiredMember(const Json::Value& data, const char* name, std::string& text
   return true;
 }
 
-void onOperStatus(const char* text, const Json::Value& data) {
-  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  scope.sendFormattedMessage("Received App Manager xlet operation status data: %s\n", text);
-  std::string appId, state;
-  if (!requiredMember(data, "appId", appId) || !requiredMember(data, "state", state)) return;
-  if (appId.find(assistAppUUID.get()) == std::string::npos) return;
+}  // namespace
 
-  scope.sendFormattedMessage("Assist App state received, state %s\n", state.c_str());
-  if (state.find("initializing") != std::string::npos) {
-    // Assist must reach "running" before the timer ends, or its LED goes off.
-    if (!isRunningAssistTimeoutTimer()) startAssistTimeoutTimer();
-    ecallHandler.processAssistAppOperStatus(XLET_INITIALIZING);
-  } else if (state.find("stopped") != std::string::npos) {
-    ecallHandler.processAssistAppOperStatus(XLET_STOPPED);
-  }
-}
-
-void onAppLifeSignal(const std::string& name, const Json::Value& data) {
+void ecallProcessor::onAppLifeSignal(const std::string& name, const Json::Value& data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   std::string appId;
   if (!requiredMember(data, "appId", appId) || appId.find(assistAppUUID.get()) == std::string::npos) return;
@@ -69,15 +52,30 @@ void onAppLifeSignal(const std::string& name, const Json::Value& data) {
   }
   // A paused Assist is handled as a running one.
   if (name == "appStarted" || name == "appPaused") {
-    ecallHandler.processAssistAppOperStatus(XLET_RUNNING);
+    processAssistAppOperStatus(XLET_RUNNING);
   } else if (name == "appStopped") {
-    ecallHandler.processAssistAppOperStatus(XLET_STOPPED);
+    processAssistAppOperStatus(XLET_STOPPED);
   } else {
     scope.sendFormattedWarning("should not be here at all");
   }
 }
 
-}  // namespace
+void ecallProcessor::onOperStatus(const char* text, const Json::Value& data) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  scope.sendFormattedMessage("Received App Manager xlet operation status data: %s\n", text);
+  std::string appId, state;
+  if (!requiredMember(data, "appId", appId) || !requiredMember(data, "state", state)) return;
+  if (appId.find(assistAppUUID.get()) == std::string::npos) return;
+
+  scope.sendFormattedMessage("Assist App state received, state %s\n", state.c_str());
+  if (state.find("initializing") != std::string::npos) {
+    // Assist must reach "running" before the timer ends, or its LED goes off.
+    if (!timers().isRunningAssistTimeoutTimer()) timers().startAssistTimeoutTimer();
+    processAssistAppOperStatus(XLET_INITIALIZING);
+  } else if (state.find("stopped") != std::string::npos) {
+    processAssistAppOperStatus(XLET_STOPPED);
+  }
+}
 
 void ecallProcessor::getAssistAppUUID() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
@@ -121,6 +119,7 @@ void ecallProcessor::getAssistAppUUID() {
 
 void ecallProcessor::onSubcribedAppMngrSignal(const char* sigName, const char* data, void* context) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  auto& self = *static_cast<ecallProcessor*>(context);
   const std::string name = sigName ? sigName : "";
   const char* text = data ? data : "{}";
   Json::Value value;
@@ -130,9 +129,9 @@ void ecallProcessor::onSubcribedAppMngrSignal(const char* sigName, const char* d
     return;
   }
   if (name == "operStatus") {
-    onOperStatus(text, value);
+    self.onOperStatus(text, value);
   } else if (name == "appStarted" || name == "appPaused" || name == "appStopped") {
-    onAppLifeSignal(name, value);
+    self.onAppLifeSignal(name, value);
   }
 }
 
@@ -150,7 +149,7 @@ void ecallProcessor::processAssistAppOperStatus(eXletState state) {
     switch (state) {
       case XLET_PAUSED:
       case XLET_RUNNING:
-        stopAssistTimeoutTimer();
+        timers().stopAssistTimeoutTimer();
         asyncStopAssistApp();
         [[fallthrough]];
       case XLET_INITIALIZING:
@@ -169,7 +168,7 @@ void ecallProcessor::processAssistAppOperStatus(eXletState state) {
         bAssistAppActive = false;
         createFlagInTmp(false, embeddedCallActiveFlag);
         sendAssistStatus();
-        stopAssistTimeoutTimer();
+        timers().stopAssistTimeoutTimer();
         break;
       default:
         scope.sendFormattedMessage("ecall active, unhandled assist state %s.", stateText);
@@ -180,7 +179,7 @@ void ecallProcessor::processAssistAppOperStatus(eXletState state) {
 
   switch (state) {
     case XLET_RUNNING:
-      stopAssistTimeoutTimer();
+      timers().stopAssistTimeoutTimer();
       [[fallthrough]];
     case XLET_INITIALIZING:
       bAssistAppActive = true;
@@ -194,7 +193,7 @@ void ecallProcessor::processAssistAppOperStatus(eXletState state) {
       bAssistAppActive = false;
       createFlagInTmp(false, embeddedCallActiveFlag);
       sendAssistStatus();
-      stopAssistTimeoutTimer();
+      timers().stopAssistTimeoutTimer();
       canIpcEmergencyHandler.setLedStatus(LED_OFF);
       extServHandle.enableBluetooth();
       // Any call still up on the embedded phone ends with Assist.

@@ -7,10 +7,9 @@
 #include <cstring>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
+#include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "ecallProcessor/stateMachineInternal.h"
 #include "externalServiceHandling/audioSignals.h"
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
@@ -27,22 +26,23 @@ bool isPsapPrompt(int prompt) { return prompt >= TTS_PROMPT_ECALL_PSAP1 && promp
 
 void ecallProcessor::onSubcribedSignal(const char* sigName, const char* data, void* context) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  auto& self = *static_cast<ecallProcessor*>(context);
   if (!sigName) return;
   const char* payload = data ? data : "";
   if (strcmp(sigName, "callState") == 0) {
     scope.sendFormattedMessage("received embedded phone call state %s\n", payload);
-    ecallHandler.processEmdPhCallState(payload);
+    self.processEmdPhCallState(payload);
   } else if (strcmp(sigName, "embeddedPhoneStatus") == 0) {
-    ecallHandler.processEmdPhStatusSignal(payload);
+    self.processEmdPhStatusSignal(payload);
   } else if (strcmp(sigName, "wendReason") == 0) {
     scope.sendFormattedMessage("received embedded wendReason %s\n", payload);
-    ecallHandler.processWendReason(payload);
+    self.processWendReason(payload);
   } else if (strcmp(sigName, "antennaStatus") == 0) {
-    ecallHandler.processAntennaStatusSignal(payload);
+    self.processAntennaStatusSignal(payload);
   } else if (strcmp(sigName, "ttsPlayState") == 0) {
-    ecallHandler.processTtsPlayState(payload);
+    self.processTtsPlayState(payload);
   } else if (strcmp(sigName, "DTMF") == 0) {
-    ecallHandler.processDtmf(payload);
+    self.processDtmf(payload);
   }
 }
 
@@ -79,14 +79,14 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
   const bool alerting = curCallState.equals("CALL_STATE_ALERTING");
   const bool active = curCallState.equals("CALL_STATE_ACTIVE");
   if (dialing || alerting) {
-    startEcallStateMachineTimer(1);
+    timers().startEcallStateMachineTimer(1);
   } else if (active) {
     callConnected = true;
     // Logged before the state machine is woken, so the log keeps the order.
     if (curECallType == ecallMain::Emergency_Callback && !number.empty()) {
       addFormattedEntryToEmergencyLog("Incoming Call from number %s\n", number.c_str());
     }
-    startEcallStateMachineTimer(1);
+    timers().startEcallStateMachineTimer(1);
   } else if (curCallState.equals("CALL_STATE_TERMINATED")) {
     curCallState.set("CALL_STATE_IDLE");
     callConnected = false;
@@ -125,7 +125,7 @@ void ecallProcessor::processTtsPlayState(const char* data) {
   const std::string playState = audioSignals::ttsPlayState(data);
   scope.sendFormattedMessage("tts play state %s, active prompt %d\n", playState.c_str(), activeTts.load());
   if (playState == "aborted") {
-    if (activeTts == TTS_PROMPT_INCOMING) startEcallStateMachineTimer(1);
+    if (activeTts == TTS_PROMPT_INCOMING) timers().startEcallStateMachineTimer(1);
     extServHandle.playTtsMsgHasCompleted();
     return;
   }
@@ -155,7 +155,7 @@ void ecallProcessor::processTtsPlayState(const char* data) {
     }
   } else {
     // The callback prompt ended: answer now rather than after the pause.
-    if (prompt == TTS_PROMPT_INCOMING) startEcallStateMachineTimer(1);
+    if (prompt == TTS_PROMPT_INCOMING) timers().startEcallStateMachineTimer(1);
     activeTts = TTS_PROMPT_NONE;
   }
   if (activeTts == TTS_PROMPT_NONE) errorSentForNoEcallNumberLoaded = false;

@@ -3,90 +3,33 @@
 // and failures, the emergency number, the Assist application, the emergency
 // log, volumes, Bluetooth call state and the module's USB ports.
 //
-// One instance, ecallHandler. Other threads write the request fields (type,
-// mode, call state) and wake the state machine by a pulse; the state machine
-// re-reads them at each step. The fields shared between threads are atomics
-// (or sharedText) so that each read and write is whole.
+// One instance, ecallHandler; it owns its state machine (thread, channel and
+// timers). Other threads write the request fields (type, mode, call state)
+// and wake the state machine by a pulse; the state machine re-reads them at
+// each step. The fields shared between threads are atomics (or sharedText)
+// so that each read and write is whole.
 #pragma once
 
 #include <pthread.h>
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "common/ecallTypes.h"
 #include "common/sharedText.h"
+#include "ecallProcessor/processorInputs.h"
+#include "ecallProcessor/stateMachine.h"
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 
-extern CQVTraceScopeDef ecallProcessorTraceScope;  // "ecallService_ecallProcessor"
-extern CQVTraceScopeDef stateMachineTraceScope;    // "statemachine"
+namespace Json {
+class Value;
+}
 
-// ---- State machine (stateMachine.cpp) ----
-
-enum ecallStateMachineStates : int32_t {
-  ECALL_SM_IDLE = 0,
-  ECALL_SM_CALL_DELAY = 1,
-  ECALL_SM_MAKE_CALL = 2,
-  ECALL_SM_WAIT_TO_CONNECT = 3,
-  ECALL_SM_CALL_ACTIVE = 4,
-  ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS = 5,
-  ECALL_SM_WAIT_FOR_END_FROM_HMI = 6,
-  ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES = 7,
-  ECALL_SM_INCOMING_CALL_WAIT_RING_TONES_COMPLETE = 8,
-  ECALL_SM_INCOMING_CALL_ANSWER = 9,
-  ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE = 10,
-};
-
-// Pulse codes of the state machine's channel (the value is always 0).
-enum ecallStateMachinePulse : int {
-  ECALL_PULSE_RUN_STATE_MACHINE = 1,
-  ECALL_PULSE_START_CALL = 2,
-  ECALL_PULSE_DELAY_START = 3,
-  ECALL_PULSE_PSAP_CALL_ENDED = 4,
-  ECALL_PULSE_CONNECT_TIMEOUT = 5,
-  ECALL_PULSE_EMERGENCY_INCOMING_CALL = 6,
-  ECALL_PULSE_ASSIST_NEVER_ACTIVE = 7,
-  ECALL_PULSE_PHONE_NOT_PRESENT = 8,
-  ECALL_PULSE_ANTENNA_FAULT = 9,
-  ECALL_PULSE_DELAY_SYS_ERR_NO_SIERRA_COMM = 10,
-  // The phone's reply to the dial request was an error (sent by the bus
-  // thread, judged by the state machine).
-  ECALL_PULSE_DIAL_FAILED = 11,
-};
-
-// Name of a state for traces (the table has no row for state 5, kept so).
-const char* getStateMachineString(ecallStateMachineStates state);
-void* mainStateMachineThreadFunc(void* arg);
-
-extern std::atomic<int> stateMachineThreadReceiveChannelId;
-extern std::atomic<int> stateMachineThreadSendChannelId;
-extern pthread_t mainStateMachineThreadHnd;
-// The prompt last requested by the state machine (eECallTtsPrompt).
-extern std::atomic<int> activeTts;
-extern std::atomic<bool> firstPsapTtsWaitForComplete;
-extern std::atomic<int> firstPsapTtsCount;
-extern std::atomic<bool> errorSentForNoEcallNumberLoaded;
-
-// MsgSendPulse(stateMachineThreadSendChannelId, getprio(0), code, 0).
-void sendStateMachinePulse(int code);
-
-// ---- Process-wide flags and locks ----
-
-extern std::atomic<int> embeddedPhAvail;   // the EmbeddedPhone service has an owner
-extern std::atomic<bool> systemErrorSent;  // the first system error was told; never cleared
-extern SVCIPC_tSigSubHnd embeddedPhOwnerSubHnd;
-
-extern pthread_mutex_t logWriteMutex;
-extern std::atomic<bool> uselogWriteMutex;
-extern pthread_mutex_t generalEcallProcessorMutex;
-extern std::atomic<bool> useGeneralEcallProcessorMutex;
-
-extern sharedText assistAppUUID;  // Assist application identifier
-
-extern std::atomic<int32_t> defaultPhoneVol;   // 15 until read
-extern std::atomic<int32_t> defaultPromptVol;  // 15 until read, then 12
+inline const CQVTraceScopeDef ecallProcessorTraceScope("ecallService_ecallProcessor", "all");
+inline const CQVTraceScopeDef stateMachineTraceScope("statemachine", "all");
 
 // Limit of the emergency log, and the size of one entry line.
 constexpr long EMERGENCY_LOG_SIZE_LIMIT = 1024000;
@@ -95,9 +38,15 @@ inline const std::string emergencyLogDir = "/fs/etfs/usr/var/ecall";
 inline const std::string emergencyLogPath = "/fs/etfs/usr/var/ecall/ecall_log.txt";
 inline const std::string gpsResetLogPath = "/fs/etfs/usr/var/ecall/GPSReset.log";
 
-class ecallProcessor {
+class CANImpactECallHandler;
+class externalServiceHandling;
+
+class ecallProcessor final : public processorInputs {
  public:
-  ecallProcessor();  // writes "ECall Service Version" to the emergency log
+  // Writes "ECall Service Version" to the emergency log. The processor
+  // drives the inputs' LED and the external services; they are handed in
+  // when the process objects are wired (and may be built after it).
+  ecallProcessor(CANImpactECallHandler& inputs, externalServiceHandling& services);
   ~ecallProcessor();
   ecallProcessor(const ecallProcessor&) = delete;
   ecallProcessor& operator=(const ecallProcessor&) = delete;
@@ -107,18 +56,22 @@ class ecallProcessor {
   ecallMain::eCallModeType getCurCallModeType() const { return curCallModeType.load(); }
   std::string getCurCallState() const { return curCallState.get(); }
   bool getCallConnected() const { return callConnected.load(); }
-  bool getEcallModeActive() const { return ecallModeActive.load(); }
+  bool getEcallModeActive() const override { return ecallModeActive.load(); }
+  bool isBtCallActive() const override { return btCallActive.load(); }
+  uint32_t getSystemError() const override { return systemError.load(); }
+  void setOrcMonitoringStarted(bool started) override { orcMonitoringStarted = started; }
+  void setWillDisconnectBluetooth(bool willDisconnect) override { mWillDisconnBT = willDisconnect; }
   std::string getLocalEcallNumber() const { return localEcallNumber.get(); }
   void setEcallFailedToStart();
   void clearECallEvent();
   void setEcallModeActive(bool active);
   void exitEmergencyMode();
-  void assistButtonPressed();
+  void assistButtonPressed() override;
   void processCachedEcallStatus();
   // The phone is seen ON again: an emergency recorded while it could not
   // call is handed over once, whichever way the return was seen.
   void servePhoneReturn();
-  void emergencyHappened(ecallMain::eEmergencyType newType);
+  void emergencyHappened(ecallMain::eEmergencyType newType) override;
   void processEcallBtnPressWithSystemError();
   void requestHMIDisplayPleaseWaitPopup();
 
@@ -126,7 +79,7 @@ class ecallProcessor {
   void hangUpCall();
   bool acceptEmergencyCallback();
   void logPsapEndedIncomingCallAndClearCall();
-  static void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context);
+  static void onAsyncDialResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context);
 
   // ---- Call state, end reasons, prompts, DTMF (callState.cpp) ----
   static void onSubcribedSignal(const char* sigName, const char* data, void* context);
@@ -136,7 +89,7 @@ class ecallProcessor {
   void processDtmf(const char* data);
 
   // ---- Phone status, owner, antenna, system failure (phoneStatus.cpp) ----
-  void setEcallSystemFailureState(ecallSystemFailure::eSource source, bool failed);
+  void setEcallSystemFailureState(ecallSystemFailure::eSource source, bool failed) override;
   void registerEmdPhSvc();
   static void onEmbeddedPhoneOwnerChange(const char* busName, const char* oldOwner, const char* newOwner,
                                          void* context);
@@ -164,18 +117,20 @@ class ecallProcessor {
   static void onSubcribedAppMngrSignal(const char* sigName, const char* data, void* context);
   void processAssistAppOperStatus(ecallMain::eXletState state);
   void asyncStopAssistApp();
-  void sendAssistStatus();
+  void sendAssistStatus() override;
   void onAssistNeverActiveTimeout();  // reaction of the state machine to pulse 7
 
   // ---- Emergency log and marker files (emergencyLog.cpp) ----
-  void addEntryToEmergencyLog(const char* text);
+  void addEntryToEmergencyLog(const char* text) override;
   // Formats into a 256-byte entry (cut safely) and appends it.
-  void addFormattedEntryToEmergencyLog(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  void addFormattedEntryToEmergencyLog(const char* format, ...) override __attribute__((format(printf, 2, 3)));
   void saveEmergencyLogToUSBAndRemoveLocalLog();
-  void createFlagInTmp(bool create, std::string path);
+  void createFlagInTmp(bool create, std::string path) override;
 
   // ---- Initialisation and subscriptions (initialisation.cpp) ----
   void initEcallProcessor();
+  // Its first step: the emergency log's lock and the general lock.
+  void initLocks();
   void subscribeEmbPhSignals(const char* sigName);
   void subscribeTtsSignals(const char* sigName);
   void subscribeBtSignals(const char* sigName);
@@ -192,6 +147,32 @@ class ecallProcessor {
   std::string getSWIUSBPorts();
   void asyncRequestSWIUSBPorts();
   static void onAsyncSWIUSBPortsResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context);
+
+  // Texts of emdPhOn + 1.
+  static const char* const sEmbPhoneStatusString[3];
+
+ private:
+  friend class ecallStateMachine;
+  friend struct processProbe;  // the unit tests' view
+
+  // The peers the processor calls.
+  CANImpactECallHandler& canIpcEmergencyHandler;
+  externalServiceHandling& extServHandle;
+
+  processorTimers& timers() { return mStateMachine.timers(); }
+  void sendStateMachinePulse(int code) { mStateMachine.sendPulse(code); }
+  // The failure word, read under the processor's general lock when it exists.
+  uint32_t readSystemError();
+
+  // The App Manager's signals about the Assist application (assistApp.cpp).
+  void onOperStatus(const char* text, const Json::Value& data);
+  void onAppLifeSignal(const std::string& name, const Json::Value& data);
+
+  // The phone's presence, module resets and antenna (phoneStatus.cpp).
+  void phoneSeenOn(CQVTraceScope& scope);
+  void phoneSeenOff(CQVTraceScope& scope, int32_t oldStatus);
+  void requestModuleReset(const char* requestedText, const char* exhaustedText);
+  void evaluateAntennaStatus(const char* report);
 
   // ---- Fields ----
   std::atomic<ecallMain::eEmergencyType> curECallType{ecallMain::NONE};
@@ -217,6 +198,33 @@ class ecallProcessor {
   // fails is not missed.
   std::atomic<unsigned> numbersStored{0};
 
-  // Texts of emdPhOn + 1.
-  static const char* const sEmbPhoneStatusString[3];
+  // The prompt last requested by the state machine (eECallTtsPrompt). The
+  // prompt for the emergency centre is two readouts chained by the
+  // "ttsPlayState" completions on the bus thread while the state machine may
+  // be deciding to start it: activeTts, firstPsapTtsCount and
+  // firstPsapTtsWaitForComplete change together under promptSequenceMutex
+  // (held only for the change, never across a bus request).
+  std::atomic<int> activeTts{0};
+  std::atomic<bool> firstPsapTtsWaitForComplete{false};
+  std::atomic<int> firstPsapTtsCount{0};
+  std::mutex promptSequenceMutex;
+  std::atomic<bool> errorSentForNoEcallNumberLoaded{false};
+
+  std::atomic<int> embeddedPhAvail{0};      // the EmbeddedPhone service has an owner
+  std::atomic<bool> systemErrorSent{false};  // the first system error was told; never cleared
+  SVCIPC_tSigSubHnd embeddedPhOwnerSubHnd = nullptr;
+
+  // Made by initEcallProcessor; taken only once their flags say so.
+  pthread_mutex_t logWriteMutex;
+  std::atomic<bool> uselogWriteMutex{false};
+  pthread_mutex_t generalEcallProcessorMutex;
+  std::atomic<bool> useGeneralEcallProcessorMutex{false};
+
+  sharedText assistAppUUID{ecallMain::defaultAssistAppUUID};  // Assist application identifier
+
+  std::atomic<int32_t> defaultPhoneVol{15};   // 15 until read
+  std::atomic<int32_t> defaultPromptVol{15};  // 15 until read, then 12
+
+  // Last: its thread uses the fields above.
+  ecallStateMachine mStateMachine{*this, canIpcEmergencyHandler, extServHandle};
 };

@@ -68,19 +68,21 @@ const char* const logResetLines[] = {
     "%T %B %d, %Y GMT:          If performing crash testing, advise to dump the log to USB between crashes\n",
 };
 
-// Holds logWriteMutex for one append or export, when initialisation has
+// Holds the log's mutex for one append or export, when initialisation has
 // made it. The flag is read once: an append that began before the mutex
 // existed must not release it at its end.
 class logWriteLock {
  public:
-  logWriteLock() : mLocked(uselogWriteMutex.load() && pthread_mutex_lock(&logWriteMutex) == 0) {}
+  logWriteLock(const std::atomic<bool>& made, pthread_mutex_t& mutex)
+      : mMutex(mutex), mLocked(made.load() && pthread_mutex_lock(&mutex) == 0) {}
   ~logWriteLock() {
-    if (mLocked) pthread_mutex_unlock(&logWriteMutex);
+    if (mLocked) pthread_mutex_unlock(&mMutex);
   }
   logWriteLock(const logWriteLock&) = delete;
   logWriteLock& operator=(const logWriteLock&) = delete;
 
  private:
+  pthread_mutex_t& mMutex;
   const bool mLocked;
 };
 
@@ -303,7 +305,7 @@ int openNewFlagFile(const std::string& file) {
 void ecallProcessor::addEntryToEmergencyLog(const char* text) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   if (text == nullptr) text = "";
-  logWriteLock lock;
+  logWriteLock lock(uselogWriteMutex, logWriteMutex);
   scope.sendFormattedMessage("Start add entry to internal log file: %s\n", text);
   const int fd = openLogForAppend();
   if (fd < 0) return;
@@ -343,7 +345,7 @@ void ecallProcessor::addFormattedEntryToEmergencyLog(const char* format, ...) {
 
 void ecallProcessor::saveEmergencyLogToUSBAndRemoveLocalLog() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  logWriteLock lock;
+  logWriteLock lock(uselogWriteMutex, logWriteMutex);
   for (const usbExport& file : usbExports) {
     scope.sendFormattedMessage("Start move log file to USB\n");
     exportToUsb(file);

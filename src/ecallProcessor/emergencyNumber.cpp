@@ -6,7 +6,7 @@
 #include <string>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
+#include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "externalServiceHandling/embeddedPhone.h"
@@ -51,10 +51,10 @@ int ecallProcessor::parseEcallNumber(const char* reply) {
   // The number is back: the next loss is reported afresh, and the delay
   // requests that were dropped while it was missing are taken again.
   errorSentForNoEcallNumberLoaded = false;
-  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
+  setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, false);
   // An emergency waiting for a number is placed now, not at its retry.
-  ++ecallHandler.numbersStored;
-  if (ecallHandler.waitingForNumber) startEcallStateMachineTimer(1);
+  ++numbersStored;
+  if (waitingForNumber) timers().startEcallStateMachineTimer(1);
   return PARSE_NUMBER_STORED;
 }
 
@@ -106,7 +106,7 @@ bool ecallProcessor::readECallNumber() {
 
 void ecallProcessor::asyncReadECallNumber() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const SVCIPC_tError rc = embeddedPhone::requestEmergencyNumbers(onAsyncEcallNumberResult);
+  const SVCIPC_tError rc = embeddedPhone::requestEmergencyNumbers(onAsyncEcallNumberResult, this);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to send async request to get ecall number, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "failed to send async request to get ecall number, rc 0x%0X\n",
@@ -118,7 +118,7 @@ void ecallProcessor::onAsyncEcallNumberResult(const SVCIPC_tCallbackStatus* stat
                                               void* context) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   scope.sendFormattedMessage("receive async ecall number result %s", result != nullptr ? result : "NULL");
-  ecallHandler.parseEcallNumber(result);
+  static_cast<ecallProcessor*>(context)->parseEcallNumber(result);
 }
 
 // The phone's own service number is never the emergency centre.

@@ -6,10 +6,9 @@
 #include <cstdio>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
+#include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "ecallProcessor/stateMachineInternal.h"
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "externalServiceHandling/hmiGateway.h"
@@ -23,16 +22,16 @@ namespace {
 
 bool isImpact(eEmergencyType type) { return type >= ecallMain::CAN_IMPACT_A && type <= ecallMain::SERIAL_IMPACT_X; }
 
+}  // namespace
+
 // The failure word, read under the processor's general lock when it exists.
-uint32_t readSystemError() {
-  if (!useGeneralEcallProcessorMutex) return ecallHandler.systemError.load();
+uint32_t ecallProcessor::readSystemError() {
+  if (!useGeneralEcallProcessorMutex) return systemError.load();
   pthread_mutex_lock(&generalEcallProcessorMutex);
-  const uint32_t value = ecallHandler.systemError.load();
+  const uint32_t value = systemError.load();
   pthread_mutex_unlock(&generalEcallProcessorMutex);
   return value;
 }
-
-}  // namespace
 
 void ecallProcessor::setEcallFailedToStart() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
@@ -47,9 +46,9 @@ void ecallProcessor::clearECallEvent() {
   waitingForNumber = false;
   curECallType = ecallMain::NONE;
   curCallModeType = ecallMain::CALL_NONE;
-  stopDelayEcallRequest();
+  timers().stopDelayEcallRequest();
   // The state machine sees the cleared request and ends the emergency.
-  startEcallStateMachineTimer(1);
+  timers().startEcallStateMachineTimer(1);
 }
 
 // The flag file tells other components that the emergency mode is on.
@@ -73,8 +72,8 @@ void ecallProcessor::exitEmergencyMode() {
 // state machine turns the mirror LED off again.
 void ecallProcessor::assistButtonPressed() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  if (isRunningAssistTimeoutTimer() || bAssistAppActive || ecallModeActive) return;
-  startAssistTimeoutTimer();
+  if (timers().isRunningAssistTimeoutTimer() || bAssistAppActive || ecallModeActive) return;
+  timers().startAssistTimeoutTimer();
 }
 
 // The signal's path to the phone's return: the same rule as every other.
@@ -147,7 +146,7 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
   // callback period, blinks the LED during a call.
   if (newType == ecallMain::E_CALL_BtnStat && curCallModeType != ecallMain::CALL_NONE && emdPhOn == 1) {
     scope.sendFormattedMessage("start delay ecall request");
-    startDelayEcallRequest();
+    timers().startDelayEcallRequest();
   }
 
   if (!embeddedPhAvail || emdPhOn != 1) {
@@ -166,7 +165,7 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
   if (curCallModeType == ecallMain::CALL_ECALL && newMode == ecallMain::CALL_ACN) {
     // A crash during a button call turns it into a crash notification.
     scope.sendFormattedMessage("stop delay ecall request.");
-    stopDelayEcallRequest();
+    timers().stopDelayEcallRequest();
   } else if (curECallType != ecallMain::NONE && !waitingForNumber) {
     scope.sendFormattedMessage("ecall already requested. Current type %d", curECallType.load());
     if (curCallModeType != ecallMain::CALL_ECALL_DELAY && newType == ecallMain::E_CALL_BtnStat) {
@@ -187,9 +186,9 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
   scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
                              ecallMain::eCallModeTypeString[newMode].c_str());
   if (newMode == ecallMain::CALL_ACN) {
-    startEcallImmediateTimer();
+    timers().startEcallImmediateTimer();
   } else if (newMode == ecallMain::CALL_ECALL_DELAY) {
-    startDelayEcallRequest();
+    timers().startDelayEcallRequest();
   } else {
     // The callback is started by the call state, not from here.
     const char* notRecognized =
@@ -205,7 +204,8 @@ void ecallProcessor::processEcallBtnPressWithSystemError() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const uint32_t error = systemError;
   if (error == 0 || error == ecallSystemFailure::bitMask[ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT]) {
-    if (isTimerActive(timerDelaySysErr4NoSierraComm) || isTimerActive(timerTimeoutPhoneNotPresent)) {
+    if (timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm) ||
+        timers().isTimerActive(processorTimers::timerTimeoutPhoneNotPresent)) {
       scope.sendFormattedMessage(
           "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. system error: %d\n", error);
       addFormattedEntryToEmergencyLog(

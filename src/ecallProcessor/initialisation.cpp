@@ -7,7 +7,6 @@
 
 #include "ecallMain/ecallMain.h"
 #include "ecallProcessor/ecallProcessor.h"
-#include "ecallProcessor/stateMachineInternal.h"
 #include "externalServiceHandling/appManager.h"
 #include "externalServiceHandling/embeddedPhone.h"
 #include "platform/slog.h"
@@ -17,15 +16,6 @@ namespace {
 // How long start-up waits for the state machine thread to have made its
 // timers.
 constexpr auto STATE_MACHINE_READY_LIMIT = std::chrono::seconds(2);
-
-// The registration that follows starts the phone-not-present timer, and the
-// timers are made by the state machine thread before its first receive. A
-// short, bounded wait at start-up only.
-void waitForStateMachineTimers(CQVTraceScope& scope) {
-  if (!waitForStateMachineStart(STATE_MACHINE_READY_LIMIT)) {
-    scope.sendFormattedWarning("ecall state machine not ready, its timers may not run\n");
-  }
-}
 
 // The outcome of one subscription; a failure is reported with the service's
 // own words and start-up goes on.
@@ -40,17 +30,16 @@ void reportSubscription(SVCIPC_tError rc, const char* sigName, const char* trace
   }
 }
 
-void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCallback handler, const char* context,
+void subscribeSignal(const char* objPath, const char* sigName, SVCIPC_tSignalCallback handler, ecallProcessor* context,
                      const char* traceFormat, const char* slogFormat) {
   SVCIPC_tSigSubHnd subscription = nullptr;
-  reportSubscription(
-      SVCIPC_subscribe(svcIPCConn, objPath, sigName, handler, const_cast<char*>(context), &subscription), sigName,
-      traceFormat, slogFormat);
+  reportSubscription(SVCIPC_subscribe(ecallFrame().connection(), objPath, sigName, handler, context, &subscription),
+                     sigName, traceFormat, slogFormat);
 }
 
 }  // namespace
 
-void ecallProcessor::initEcallProcessor() {
+void ecallProcessor::initLocks() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const bool logMutexMade = pthread_mutex_init(&logWriteMutex, nullptr) == 0;
   if (logMutexMade) {
@@ -68,12 +57,19 @@ void ecallProcessor::initEcallProcessor() {
         "General use mutex for ecallProcessor init failed, not thread safe interactions may occur!!!\n");
   }
   useGeneralEcallProcessorMutex.store(generalMutexMade);
+}
 
-  if (pthread_create(&mainStateMachineThreadHnd, nullptr, mainStateMachineThreadFunc, nullptr) != 0) {
+void ecallProcessor::initEcallProcessor() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  initLocks();
+  if (!mStateMachine.startThread()) {
     scope.sendFormattedError("Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
     sendtoSlog(_SLOG_WARNING, "Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
-  } else {
-    waitForStateMachineTimers(scope);
+  } else if (!mStateMachine.waitForStart(STATE_MACHINE_READY_LIMIT)) {
+    // The registration that follows starts the phone-not-present timer, and
+    // the timers are made by the state machine thread before its first
+    // receive: a short, bounded wait at start-up only.
+    scope.sendFormattedWarning("ecall state machine not ready, its timers may not run\n");
   }
 
   getAssistAppUUID();
@@ -83,35 +79,35 @@ void ecallProcessor::initEcallProcessor() {
 
 void ecallProcessor::subscribeEmbPhSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  reportSubscription(embeddedPhone::subscribe(sigName, onSubcribedSignal, "ecallProcessor"), sigName,
+  reportSubscription(embeddedPhone::subscribe(sigName, onSubcribedSignal, this), sigName,
                      "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n",
                      "Failed to subscribe with embeddedPh signal %s, error=0x%0X\n");
 }
 
 void ecallProcessor::subscribeTtsSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(TTS_PATH, sigName, onSubcribedSignal, "ecallProcessor",
+  subscribeSignal(TTS_PATH, sigName, onSubcribedSignal, this,
                   "Failed to subscribe with TTS service signal %s, error=0x%0X\n",
                   "Failed to subscribe with TTS service signal %s, error=0x%0X\n");
 }
 
 void ecallProcessor::subscribeBtSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(BLUETOOTH_PATH, sigName, onSubcribedBTSignal, "callstate",
+  subscribeSignal(BLUETOOTH_PATH, sigName, onSubcribedBTSignal, this,
                   "Failed to subscribe with BT service signal %s, error=0x%0X\n",
                   "Failed to subscribe with BT service signal %s, error=0x%0X\n");
 }
 
 void ecallProcessor::subscribeAudioCtrlSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  subscribeSignal(AUDIO_CTRL_PATH, sigName, onSubcribedSignal, "ecallProcessor",
+  subscribeSignal(AUDIO_CTRL_PATH, sigName, onSubcribedSignal, this,
                   "Failed to subscribe with audio control service signal %s, error=0x%0X\n",
                   "Failed to subscribe with audio control signal %s, error=0x%0X\n");
 }
 
 void ecallProcessor::subscribeAppManagerSignals(const char* sigName) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  reportSubscription(appManager::subscribe(sigName, onSubcribedAppMngrSignal, "ecallProcessor"), sigName,
+  reportSubscription(appManager::subscribe(sigName, onSubcribedAppMngrSignal, this), sigName,
                      "Failed to subscribe with app manager service signal %s, error=0x%0X\n",
                      "Failed to subscribe with app manager signal %s, error=0x%0X\n");
 }

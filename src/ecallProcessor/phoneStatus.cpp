@@ -12,7 +12,7 @@
 #include <string>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
+#include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "externalServiceHandling/embeddedPhone.h"
@@ -34,67 +34,6 @@ const char* phoneStatusText(int32_t status) {
 
 const char* textOrNull(const char* text) { return text != nullptr ? text : "NULL"; }
 
-// What seeing the phone ON means, whichever way it was seen: it is present,
-// its modules resets start counting afresh, and no delayed system error is
-// pending any more.
-void phoneSeenOn(CQVTraceScope& scope) {
-  stopPhoneNotPresentTimeoutTimer();
-  canIpcEmergencyHandler.resetV850ResetPhCounter();
-  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT, false);
-  if (isTimerActive(timerDelaySysErr4NoSierraComm)) {
-    const int word = static_cast<int>(ecallHandler.systemError.load());
-    scope.sendFormattedMessage("Got Phone Status: ON. Stop delay System Error popup timer. syste err %d", word);
-    ecallHandler.addFormattedEntryToEmergencyLog(
-        "Got Phone Status: ON. Stop delay System Error popup timer. Roll back reset counter. System err %d\n", word);
-    stopSierraNoCommTimer();
-  }
-}
-
-// What seeing the phone OFF means: it must come back within the
-// phone-not-present time, and an OFF at start-up (nothing known before)
-// gives the module five minutes before any system error is shown.
-void phoneSeenOff(CQVTraceScope& scope, int32_t oldStatus) {
-  if (!isTimerActive(timerTimeoutPhoneNotPresent)) {
-    scope.sendFormattedMessage("Get Embedded Phone Status: OFF, start Phone not present timer");
-    startPhoneNotPresentTimeoutTimer();
-  }
-  if (oldStatus == PHONE_UNKNOWN && !isTimerActive(timerDelaySysErr4NoSierraComm)) {
-    scope.sendFormattedMessage("Got Phone Status: OFF at startup. Start delay System Error popup timer\n");
-    ecallHandler.addEntryToEmergencyLog("Got Phone Status: OFF at startup. Start delay System Error popup timer\n");
-    startSierraNoCommTimer();
-  }
-}
-
-// A module that stays silent is reset by the vehicle micro a limited number
-// of times; with the resets used up, the phone counts as not present.
-void requestModuleReset(const char* requestedText, const char* exhaustedText) {
-  if (canIpcEmergencyHandler.v850ResetSierra()) {
-    ecallHandler.addEntryToEmergencyLog(requestedText);
-    startSierraNoCommTimer();
-  } else {
-    ecallHandler.addEntryToEmergencyLog(exhaustedText);
-    ecallHandler.setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT, true);
-  }
-}
-
-// One antenna report, from a query reply or from the phone's signal. Only a
-// successful diagnosis counts. A fault starts (or restarts) the antenna fault
-// time; the failure is raised only if no normal report comes before it ends.
-void evaluateAntennaStatus(const char* report) {
-  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const embeddedPhone::antennaReport antenna = embeddedPhone::parseAntennaStatus(report);
-  if (!antenna.diagnosed) return;
-  scope.sendFormattedMessage("Embedded phone status is: %s\n", antenna.status.c_str());
-  if (antenna.normal) {
-    scope.sendFormattedMessage("Embedded antenna normal, stop timer and clear system fault\n");
-    stopAntennaFaultTimeoutTimer();
-    ecallHandler.setEcallSystemFailureState(ecallSystemFailure::ANTENNA_FAULT, false);
-  } else {
-    scope.sendFormattedMessage("Embedded antenna fault, start system fault timer\n");
-    startAntennaFaultTimeoutTimer();
-  }
-}
-
 // Decides the LED for a change of the failure word: red when the first
 // source fails, off when the last one clears, but only if the LED still
 // shows the error (a call may have taken it over).
@@ -111,6 +50,67 @@ bool ledChangeFor(uint32_t oldWord, uint32_t newWord, eLedStatus lastLed, eLedSt
 }
 
 }  // namespace
+
+// One antenna report, from a query reply or from the phone's signal. Only a
+// successful diagnosis counts. A fault starts (or restarts) the antenna fault
+// time; the failure is raised only if no normal report comes before it ends.
+void ecallProcessor::evaluateAntennaStatus(const char* report) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const embeddedPhone::antennaReport antenna = embeddedPhone::parseAntennaStatus(report);
+  if (!antenna.diagnosed) return;
+  scope.sendFormattedMessage("Embedded phone status is: %s\n", antenna.status.c_str());
+  if (antenna.normal) {
+    scope.sendFormattedMessage("Embedded antenna normal, stop timer and clear system fault\n");
+    timers().stopAntennaFaultTimeoutTimer();
+    setEcallSystemFailureState(ecallSystemFailure::ANTENNA_FAULT, false);
+  } else {
+    scope.sendFormattedMessage("Embedded antenna fault, start system fault timer\n");
+    timers().startAntennaFaultTimeoutTimer();
+  }
+}
+
+// A module that stays silent is reset by the vehicle micro a limited number
+// of times; with the resets used up, the phone counts as not present.
+void ecallProcessor::requestModuleReset(const char* requestedText, const char* exhaustedText) {
+  if (canIpcEmergencyHandler.v850ResetSierra()) {
+    addEntryToEmergencyLog(requestedText);
+    timers().startSierraNoCommTimer();
+  } else {
+    addEntryToEmergencyLog(exhaustedText);
+    setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT, true);
+  }
+}
+
+// What seeing the phone OFF means: it must come back within the
+// phone-not-present time, and an OFF at start-up (nothing known before)
+// gives the module five minutes before any system error is shown.
+void ecallProcessor::phoneSeenOff(CQVTraceScope& scope, int32_t oldStatus) {
+  if (!timers().isTimerActive(processorTimers::timerTimeoutPhoneNotPresent)) {
+    scope.sendFormattedMessage("Get Embedded Phone Status: OFF, start Phone not present timer");
+    timers().startPhoneNotPresentTimeoutTimer();
+  }
+  if (oldStatus == PHONE_UNKNOWN && !timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm)) {
+    scope.sendFormattedMessage("Got Phone Status: OFF at startup. Start delay System Error popup timer\n");
+    addEntryToEmergencyLog("Got Phone Status: OFF at startup. Start delay System Error popup timer\n");
+    timers().startSierraNoCommTimer();
+  }
+}
+
+// What seeing the phone ON means, whichever way it was seen: it is present,
+// its modules resets start counting afresh, and no delayed system error is
+// pending any more.
+void ecallProcessor::phoneSeenOn(CQVTraceScope& scope) {
+  timers().stopPhoneNotPresentTimeoutTimer();
+  canIpcEmergencyHandler.resetV850ResetPhCounter();
+  setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_NOT_PRESENT, false);
+  if (timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm)) {
+    const int word = static_cast<int>(systemError.load());
+    scope.sendFormattedMessage("Got Phone Status: ON. Stop delay System Error popup timer. syste err %d", word);
+    addFormattedEntryToEmergencyLog(
+        "Got Phone Status: ON. Stop delay System Error popup timer. Roll back reset counter. System err %d\n", word);
+    timers().stopSierraNoCommTimer();
+  }
+}
 
 void ecallProcessor::setEcallSystemFailureState(ecallSystemFailure::eSource source, bool failed) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
@@ -158,7 +158,7 @@ void ecallProcessor::setEcallSystemFailureState(ecallSystemFailure::eSource sour
   // The user hears of a system error once per run, and not while a silent
   // module is still being given its chance to come up.
   if (failed && !systemErrorSent.load()) {
-    if (isTimerActive(timerDelaySysErr4NoSierraComm)) {
+    if (timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm)) {
       scope.sendFormattedMessage("Suppress emitting System error. delaySysErrTimer is active. emdPhOn = %d\n",
                                  static_cast<int>(emdPhOn.load()));
       addFormattedEntryToEmergencyLog(
@@ -181,7 +181,7 @@ void ecallProcessor::setEcallSystemFailureState(ecallSystemFailure::eSource sour
 
 void ecallProcessor::registerEmdPhSvc() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  SVCIPC_tError rc = embeddedPhone::watchOwner(onEmbeddedPhoneOwnerChange, "ecallProcessor", &embeddedPhOwnerSubHnd);
+  SVCIPC_tError rc = embeddedPhone::watchOwner(onEmbeddedPhoneOwnerChange, this, &embeddedPhOwnerSubHnd);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to subscribe emdph owner change, rc = 0x%0X\n", static_cast<unsigned>(rc));
     sendtoSlog(_SLOG_WARNING, "failed to subscribe emdph owner change, rc = 0x%0X\n", static_cast<unsigned>(rc));
@@ -209,10 +209,10 @@ void ecallProcessor::registerEmdPhSvc() {
   subscribeAppManagerSignals("appPaused");
 
   scope.sendFormattedMessage("register embeddedPhoneSvc, avail %d\n", embeddedPhAvail.load());
-  if (!isTimerActive(timerTimeoutPhoneNotPresent)) {
+  if (!timers().isTimerActive(processorTimers::timerTimeoutPhoneNotPresent)) {
     scope.sendFormattedMessage(
         "just start Phone not Present timer when we register with EmbPhoneSvc. Expect to get everything in 30s");
-    startPhoneNotPresentTimeoutTimer();
+    timers().startPhoneNotPresentTimeoutTimer();
   }
   if (embeddedPhAvail.load() != 0) getEmdPhStatus();
 }
@@ -220,23 +220,24 @@ void ecallProcessor::registerEmdPhSvc() {
 void ecallProcessor::onEmbeddedPhoneOwnerChange(const char* busName, const char* oldOwner, const char* newOwner,
                                                 void* context) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  auto& self = *static_cast<ecallProcessor*>(context);
   scope.sendFormattedMessage("onEmbeddedPhoneOwnerChange: oldOwner: %s, newOwner %s", textOrNull(oldOwner),
                              textOrNull(newOwner));
   if (newOwner == nullptr || newOwner[0] == '\0') {
     // The service is gone, so its phone is as good as OFF; losing the
     // service becomes a failure only if it stays away.
-    embeddedPhAvail.store(0);
-    ecallHandler.emdPhOn.store(PHONE_OFF);
-    if (!isTimerActive(timerTimeoutPhoneNotPresent)) {
+    self.embeddedPhAvail.store(0);
+    self.emdPhOn.store(PHONE_OFF);
+    if (!self.timers().isTimerActive(processorTimers::timerTimeoutPhoneNotPresent)) {
       scope.sendFormattedMessage("onEmbeddedPhoneOwnerChange to none, start Phone Not Present Timer");
-      startPhoneNotPresentTimeoutTimer();
+      self.timers().startPhoneNotPresentTimeoutTimer();
     }
   } else {
-    embeddedPhAvail.store(1);
-    ecallHandler.getEmdPhStatus();
-    ecallHandler.setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_SERVICE_NOT_RUNNING, false);
+    self.embeddedPhAvail.store(1);
+    self.getEmdPhStatus();
+    self.setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_SERVICE_NOT_RUNNING, false);
   }
-  scope.sendFormattedMessage("embeddedPhone owner changed, avail %d\n", embeddedPhAvail.load());
+  scope.sendFormattedMessage("embeddedPhone owner changed, avail %d\n", self.embeddedPhAvail.load());
 }
 
 void ecallProcessor::getEmdPhStatus() {
@@ -324,7 +325,7 @@ void ecallProcessor::checkAntennaStatus() {
 
 void ecallProcessor::asyncCheckAntennaStatus() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const SVCIPC_tError rc = embeddedPhone::requestAntennaStatus(onAsyncAntennaStatusResult);
+  const SVCIPC_tError rc = embeddedPhone::requestAntennaStatus(onAsyncAntennaStatusResult, this);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to send async request to get antenna status, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "failed to send async request to get antenna status, rc 0x%0X\n",
@@ -338,7 +339,7 @@ void ecallProcessor::onAsyncAntennaStatusResult(const SVCIPC_tCallbackStatus* st
   scope.sendFormattedMessage("receive async antenna status result %s", textOrNull(result));
   // A failed request carries no diagnosis; the antenna keeps its state.
   if ((status != nullptr && SVCIPC_IS_ERROR(status->errCode)) || result == nullptr) return;
-  evaluateAntennaStatus(result);
+  static_cast<ecallProcessor*>(context)->evaluateAntennaStatus(result);
 }
 
 // Pulse 8: the phone has not been seen ON within the phone-not-present time.
@@ -349,7 +350,7 @@ void ecallProcessor::onPhoneNotPresentTimeout() {
     setEcallSystemFailureState(ecallSystemFailure::EMBEDDED_PHONE_SERVICE_NOT_RUNNING, true);
   }
   if (emdPhOn.load() == PHONE_ON) return;
-  if (isTimerActive(timerDelaySysErr4NoSierraComm)) {
+  if (timers().isTimerActive(processorTimers::timerDelaySysErr4NoSierraComm)) {
     scope.sendFormattedMessage("Phone not present timer is off. Delay Sys Err popup timer is still active. do nothing");
     addEntryToEmergencyLog("Phone not present timer is off. Delay Sys Err popup timer is still active. do nothing\n");
     return;

@@ -1,29 +1,20 @@
-// The main state machine thread: its channel, the pulse table, the request
-// check that ends a call whose request was cleared, and the requests the
-// state machine makes of the embedded phone.
+// The main state machine thread: its start, its channel, the loop and the
+// pulse table, and the requests the state machine makes of the embedded
+// phone. What a turn does in each state is in stateSteps.cpp.
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "ecallProcessor/stateMachineInternal.h"
 #include "externalServiceHandling/embeddedPhone.h"
+#include "externalServiceHandling/serviceRequests.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pulses.h"
 #include "platform/slog.h"
-
-std::atomic<int> stateMachineThreadReceiveChannelId{0};
-std::atomic<int> stateMachineThreadSendChannelId{0};
-pthread_t mainStateMachineThreadHnd{};
-std::atomic<int> activeTts{TTS_PROMPT_NONE};
-std::atomic<bool> firstPsapTtsWaitForComplete{false};
-std::atomic<int> firstPsapTtsCount{0};
-std::atomic<bool> errorSentForNoEcallNumberLoaded{false};
 
 namespace {
 
@@ -45,40 +36,41 @@ const char* const stateMachineString[] = {
 };
 constexpr int stateMachineStringCount = sizeof(stateMachineString) / sizeof(stateMachineString[0]);
 
-// Start-up waits on this until the thread has its channel and timers, or
-// has given up for want of a channel.
-std::mutex startMutex;
-std::condition_variable startDecided;
-bool started = false;  // guarded by startMutex
-
-void announceStart() {
-  {
-    std::lock_guard<std::mutex> lock(startMutex);
-    started = true;
-  }
-  startDecided.notify_all();
-}
-
 }  // namespace
-
-bool waitForStateMachineStart(std::chrono::milliseconds limit) {
-  std::unique_lock<std::mutex> lock(startMutex);
-  startDecided.wait_for(lock, limit, [] { return started; });
-  return stateMachineThreadSendChannelId.load() > 0;
-}
-
-std::mutex promptSequenceMutex;
 
 const char* getStateMachineString(ecallStateMachineStates state) {
   if (state < 0 || state >= stateMachineStringCount) return "NONE";
   return stateMachineString[state];
 }
 
-void sendStateMachinePulse(int code) {
-  qnx::MsgSendPulse(stateMachineThreadSendChannelId.load(), qnx::getprio(0), code, 0);
+bool ecallStateMachine::startThread() {
+  return pthread_create(&mThread, nullptr, threadFunc, this) == 0;
 }
 
-void* mainStateMachineThreadFunc(void*) {
+void* ecallStateMachine::threadFunc(void* self) {
+  static_cast<ecallStateMachine*>(self)->threadMain();
+  return nullptr;
+}
+
+void ecallStateMachine::announceStart() {
+  {
+    std::lock_guard<std::mutex> lock(mStartMutex);
+    mStarted = true;
+  }
+  mStartDecided.notify_all();
+}
+
+bool ecallStateMachine::waitForStart(std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(mStartMutex);
+  mStartDecided.wait_for(lock, limit, [this] { return mStarted; });
+  return mSendChannelId.load() > 0;
+}
+
+void ecallStateMachine::sendPulse(int code) {
+  qnx::MsgSendPulse(mSendChannelId.load(), qnx::getprio(0), code, 0);
+}
+
+void ecallStateMachine::threadMain() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   scope.sendFormattedMessage("Starting ecall state machine thread\n");
   const int chid = qnx::ChannelCreate(0);
@@ -87,16 +79,15 @@ void* mainStateMachineThreadFunc(void*) {
     scope.sendFormattedError("Failed to create the state machine channel, errno %d\n", errno);
     sendtoSlog(_SLOG_ERROR, "Failed to create the state machine channel, errno %d\n", errno);
     announceStart();
-    return nullptr;
+    return;
   }
-  stateMachineThreadReceiveChannelId = chid;
+  mReceiveChannelId = chid;
   const int coid = qnx::ConnectAttach(0, 0, chid, qnx::_NTO_SIDE_CHANNEL, 0);
-  createProcessorTimers(chid);
+  mTimers.create(chid);
   // Published last: a sender that sees the connection finds the timers ready.
-  stateMachineThreadSendChannelId = coid;
+  mSendChannelId = coid;
   announceStart();
-  ecallStateMachine stateMachine;
-  stateMachine.run();
+  run();
 }
 
 void ecallStateMachine::run() {
@@ -110,8 +101,8 @@ void ecallStateMachine::run() {
     }
     if (!act) continue;
     scope.sendFormattedMessage("step 1: stateMachine before switch %s", getStateMachineString(state));
-    type = ecallHandler.getCurECallType();
-    mode = ecallHandler.getCurCallModeType();
+    type = processor.getCurECallType();
+    mode = processor.getCurCallModeType();
     checkRequest();
     if (delayStart && (state == ECALL_SM_MAKE_CALL || state == ECALL_SM_WAIT_TO_CONNECT ||
                        state == ECALL_SM_CALL_ACTIVE)) {
@@ -132,7 +123,7 @@ void ecallStateMachine::receivePulse() {
   act = startCall = delayStart = callEnded = false;
   pulseCode = 0;
   qnx::_pulse pulse{};
-  if (qnx::MsgReceive(stateMachineThreadReceiveChannelId.load(), &pulse, sizeof(pulse), nullptr) != 0) return;
+  if (qnx::MsgReceive(mReceiveChannelId.load(), &pulse, sizeof(pulse), nullptr) != 0) return;
   pulseCode = pulse.code;
   handlePulse(pulseCode);
 }
@@ -150,7 +141,7 @@ void ecallStateMachine::handlePulse(int code) {
       break;
     case ECALL_PULSE_DELAY_START:
       scope.sendFormattedMessage("Received ecall delay start pulse\n");
-      if (errorSentForNoEcallNumberLoaded) {
+      if (processor.errorSentForNoEcallNumberLoaded) {
         scope.sendFormattedMessage("Error msg active when ecall delay start pulse received, ignoring the pulse\n");
       } else {
         scope.sendFormattedMessage("Acting on ecall delay start pulse\n");
@@ -171,18 +162,18 @@ void ecallStateMachine::handlePulse(int code) {
       break;
     case ECALL_PULSE_ASSIST_NEVER_ACTIVE:
       scope.sendFormattedMessage("Received assist xlet never active timeout \n");
-      ecallHandler.onAssistNeverActiveTimeout();
+      processor.onAssistNeverActiveTimeout();
       break;
     case ECALL_PULSE_PHONE_NOT_PRESENT:
       scope.sendFormattedMessage("Received timeout for phone not being present\n");
-      ecallHandler.onPhoneNotPresentTimeout();
+      processor.onPhoneNotPresentTimeout();
       break;
     case ECALL_PULSE_ANTENNA_FAULT:
       scope.sendFormattedMessage("Received timeout for antenna fault, set the system error\n");
-      ecallHandler.onAntennaFaultTimeout();
+      processor.onAntennaFaultTimeout();
       break;
     case ECALL_PULSE_DELAY_SYS_ERR_NO_SIERRA_COMM:
-      ecallHandler.onDelaySysErrTimeout();
+      processor.onDelaySysErrTimeout();
       break;
     case ECALL_PULSE_DIAL_FAILED:
       scope.sendFormattedMessage("Received dial failed pulse\n");
@@ -191,76 +182,6 @@ void ecallStateMachine::handlePulse(int code) {
     default:
       break;
   }
-}
-
-// Type and mode both cleared means the emergency is over (ended, cancelled,
-// or failed for good): a call in progress is wound down into the 30 s
-// callback period.
-void ecallStateMachine::checkRequest() {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  if (type != ecallMain::NONE || mode != ecallMain::CALL_NONE) return;
-  if (state == ECALL_SM_IDLE) {
-    emitEcall(false, type, mode);
-  } else if (state != ECALL_SM_WAIT_FOR_END_FROM_HMI) {
-    endCall();
-  }
-}
-
-void ecallStateMachine::endCall() {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  // No connection is awaited any more: a dial still pending must not report
-  // a time-out into the callback period or idle.
-  stopEcallTimeoutTimer();
-  firstPsapTtsCount = 0;
-  if (!ecallHandler.curCallState.contains("CALL_STATE_IDLE")) ecallHandler.hangUpCall();
-  extServHandle.abortCurrentTtsMsg();
-  emitEcall(false, ecallMain::NONE, ecallMain::CALL_NONE);
-  startEcallStateMachineTimer(30000);
-  canIpcEmergencyHandler.setLedStatus(LED_OFF);
-  playPrompt(TTS_PROMPT_ENDED);
-  dialAllowed = true;
-  state = ECALL_SM_WAIT_FOR_END_FROM_HMI;
-  act = startCall = delayStart = false;
-}
-
-void ecallStateMachine::runStep() {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  switch (state) {
-    case ECALL_SM_IDLE: stepIdle(); break;
-    case ECALL_SM_CALL_DELAY: stepCallDelay(); break;
-    case ECALL_SM_MAKE_CALL: stepMakeCall(); break;
-    case ECALL_SM_WAIT_TO_CONNECT: stepWaitToConnect(); break;
-    case ECALL_SM_CALL_ACTIVE: stepCallActive(); break;
-    case ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS: stepWaitForPsapTts(); break;
-    case ECALL_SM_WAIT_FOR_END_FROM_HMI: stepWaitForEndFromHmi(); break;
-    case ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES: stepOpenAudioForRingTones(); break;
-    case ECALL_SM_INCOMING_CALL_WAIT_RING_TONES_COMPLETE: stepWaitRingTonesComplete(); break;
-    case ECALL_SM_INCOMING_CALL_ANSWER: stepAnswer(); break;
-    case ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE: stepWaitForCallActive(); break;
-    default:
-      scope.sendFormattedWarning("Ecall State Machine in an unknown state, returning to idle.\n");
-      sendtoSlog(_SLOG_ERROR, "Ecall State Machine in an unknown state, returning to idle.\n");
-      ecallHandler.clearECallEvent();
-      state = ECALL_SM_IDLE;
-      break;
-  }
-}
-
-void ecallStateMachine::emitEcall(bool ecall, ecallMain::eEmergencyType signalType,
-                                  ecallMain::eCallModeType signalMode) {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  ecallHandler.ecallSignalActive = ecall;
-  emitEmergencySignal(ecall, signalType, ecall ? ecallHandler.getLocalEcallNumber() : std::string(), signalMode,
-                      ecallHandler.btCallActive.load(), ecallHandler.getEcallModeActive());
-}
-
-void ecallStateMachine::playPrompt(eECallTtsPrompt prompt) {
-  CQVTraceScope scope(stateMachineTraceScope, __func__);
-  {
-    std::lock_guard<std::mutex> lock(promptSequenceMutex);
-    activeTts = prompt;
-  }
-  extServHandle.playTtsMsg(prompt);
 }
 
 // ---- Requests of the state machine to the embedded phone ----
@@ -277,7 +198,7 @@ void ecallProcessor::hangUpCall() {
 bool ecallProcessor::acceptEmergencyCallback() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   // The state machine looks at the call state again once the answer is sent.
-  startEcallStateMachineTimer(1);
+  timers().startEcallStateMachineTimer(1);
   const SVCIPC_tError rc = embeddedPhone::acceptIncomingCall();
   if (rc < 0) {
     scope.sendFormattedError("failed to acceptIncomingCall, rc %d\n", rc);
@@ -293,20 +214,12 @@ void ecallProcessor::logPsapEndedIncomingCallAndClearCall() {
   clearECallEvent();
 }
 
-// The one completion handler of the processor's asynchronous requests; the
-// context is the request's name. A request the bus library cancelled itself
-// is no news and is dropped silently.
-void ecallProcessor::onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
+// The completion of the dial request; the context is the processor. A dial
+// the phone took and then failed (or never answered) is a failed dial; the
+// state machine judges it against the call's state.
+void ecallProcessor::onAsyncDialResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const char* name = context ? static_cast<const char*>(context) : "";
-  const SVCIPC_tError err = status ? status->errCode : SVCIPC_ERROR_NONE;
-  if (SVCIPC_IS_ERROR(err)) {
-    if (SVCIPC_ERROR_DOMAIN(err) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(err) == SVCIPC_ERR_CANCELLED) return;
-    sendtoSlog(_SLOG_WARNING, "Async call %s failed: 0x%0X\n", name, static_cast<unsigned>(err));
-    // A dial the phone took and then failed (or never answered) is a failed
-    // dial; the state machine judges it against the call's state.
-    if (std::strcmp(name, "dial") == 0) sendStateMachinePulse(ECALL_PULSE_DIAL_FAILED);
-    return;
+  if (extServ::asyncRequestFailed(status, result, "dial")) {
+    static_cast<ecallProcessor*>(context)->sendStateMachinePulse(ECALL_PULSE_DIAL_FAILED);
   }
-  scope.sendFormattedMessage("onAsyncResult[%s]: %s\n", name, result ? result : "");
 }

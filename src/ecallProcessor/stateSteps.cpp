@@ -1,11 +1,11 @@
-// The step of each state of the main state machine: what one pulse does in
-// that state. Everything here runs on the state machine thread; the request
-// (type and mode) was read once at the start of the turn.
+// What one turn of the main state machine does: the request check, the step
+// of the state the pulse finds it in, and the helpers the steps share.
+// Everything here runs on the state machine thread; the request (type and
+// mode) was read once at the start of the turn.
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
+#include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "ecallProcessor/stateMachineInternal.h"
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
@@ -20,9 +20,83 @@ constexpr unsigned ringToneOpenMs = 100;
 constexpr unsigned ringTonesMs = 8000;
 constexpr unsigned answerAfterPromptMs = 5000;
 
-bool callStateIs(const char* part) { return ecallHandler.curCallState.contains(part); }
 
 }  // namespace
+
+// ---- One turn: the request check, the step of the state, and the helpers
+// every step uses ----
+
+// Type and mode both cleared means the emergency is over (ended, cancelled,
+// or failed for good): a call in progress is wound down into the 30 s
+// callback period.
+void ecallStateMachine::checkRequest() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (type != ecallMain::NONE || mode != ecallMain::CALL_NONE) return;
+  if (state == ECALL_SM_IDLE) {
+    emitEcall(false, type, mode);
+  } else if (state != ECALL_SM_WAIT_FOR_END_FROM_HMI) {
+    endCall();
+  }
+}
+
+void ecallStateMachine::endCall() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  // No connection is awaited any more: a dial still pending must not report
+  // a time-out into the callback period or idle.
+  timers().stopEcallTimeoutTimer();
+  processor.firstPsapTtsCount = 0;
+  if (!callStateIs("CALL_STATE_IDLE")) processor.hangUpCall();
+  extServHandle.abortCurrentTtsMsg();
+  emitEcall(false, ecallMain::NONE, ecallMain::CALL_NONE);
+  timers().startEcallStateMachineTimer(30000);
+  canIpcEmergencyHandler.setLedStatus(LED_OFF);
+  playPrompt(TTS_PROMPT_ENDED);
+  dialAllowed = true;
+  state = ECALL_SM_WAIT_FOR_END_FROM_HMI;
+  act = startCall = delayStart = false;
+}
+
+void ecallStateMachine::runStep() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  switch (state) {
+    case ECALL_SM_IDLE: stepIdle(); break;
+    case ECALL_SM_CALL_DELAY: stepCallDelay(); break;
+    case ECALL_SM_MAKE_CALL: stepMakeCall(); break;
+    case ECALL_SM_WAIT_TO_CONNECT: stepWaitToConnect(); break;
+    case ECALL_SM_CALL_ACTIVE: stepCallActive(); break;
+    case ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS: stepWaitForPsapTts(); break;
+    case ECALL_SM_WAIT_FOR_END_FROM_HMI: stepWaitForEndFromHmi(); break;
+    case ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES: stepOpenAudioForRingTones(); break;
+    case ECALL_SM_INCOMING_CALL_WAIT_RING_TONES_COMPLETE: stepWaitRingTonesComplete(); break;
+    case ECALL_SM_INCOMING_CALL_ANSWER: stepAnswer(); break;
+    case ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE: stepWaitForCallActive(); break;
+    default:
+      scope.sendFormattedWarning("Ecall State Machine in an unknown state, returning to idle.\n");
+      sendtoSlog(_SLOG_ERROR, "Ecall State Machine in an unknown state, returning to idle.\n");
+      processor.clearECallEvent();
+      state = ECALL_SM_IDLE;
+      break;
+  }
+}
+
+void ecallStateMachine::emitEcall(bool ecall, ecallMain::eEmergencyType signalType,
+                                  ecallMain::eCallModeType signalMode) {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  processor.ecallSignalActive = ecall;
+  emitEmergencySignal(ecall, signalType, ecall ? processor.getLocalEcallNumber() : std::string(), signalMode,
+                      processor.btCallActive.load(), processor.getEcallModeActive());
+}
+
+bool ecallStateMachine::callStateIs(const char* part) const { return processor.curCallState.contains(part); }
+
+void ecallStateMachine::playPrompt(eECallTtsPrompt prompt) {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  {
+    std::lock_guard<std::mutex> lock(processor.promptSequenceMutex);
+    processor.activeTts = prompt;
+  }
+  extServHandle.playTtsMsg(prompt);
+}
 
 // ---- ECALL_SM_IDLE ----
 
@@ -31,7 +105,7 @@ void ecallStateMachine::stepIdle() {
   if (startCall || delayStart) {
     startEmergency();
   } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE && type != ecallMain::NONE &&
-             ecallHandler.waitingForNumber.exchange(false)) {
+             processor.waitingForNumber.exchange(false)) {
     // The retry period of an emergency without number ran out, or a number
     // came: the request starts again as it first started.
     startCall = mode != ecallMain::CALL_ECALL_DELAY;
@@ -48,25 +122,25 @@ void ecallStateMachine::stepIdle() {
 // failure is raised.
 bool ecallStateMachine::readNumberOrRaiseFailure() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
-  ecallHandler.waitingForNumber = false;
-  const unsigned storedBefore = ecallHandler.numbersStored;
-  if (ecallHandler.readECallNumber()) {
-    errorSentForNoEcallNumberLoaded = false;
+  processor.waitingForNumber = false;
+  const unsigned storedBefore = processor.numbersStored;
+  if (processor.readECallNumber()) {
+    processor.errorSentForNoEcallNumberLoaded = false;
     return true;
   }
   scope.sendFormattedError("PSAP ecall number not set in the embedded phone\n");
   sendtoSlog(_SLOG_WARNING, "PSAP ecall number not set in the embedded phone\n");
-  ecallHandler.waitingForNumber = true;
+  processor.waitingForNumber = true;
   // A number the phone reported while this read failed is taken at once.
-  startEcallStateMachineTimer(ecallHandler.numbersStored != storedBefore ? 1 : dialRetryMs);
-  if (errorSentForNoEcallNumberLoaded.exchange(true)) return false;
-  if (systemErrorSent) {
+  timers().startEcallStateMachineTimer(processor.numbersStored != storedBefore ? 1 : dialRetryMs);
+  if (processor.errorSentForNoEcallNumberLoaded.exchange(true)) return false;
+  if (processor.systemErrorSent) {
     const std::string& cause = ecallSystemFailure::sDescription[ecallSystemFailure::NO_ECALL_NUMBER];
-    ecallHandler.addFormattedEntryToEmergencyLog("System error message generated again due to %s\n", cause.c_str());
+    processor.addFormattedEntryToEmergencyLog("System error message generated again due to %s\n", cause.c_str());
     emitEcall(false, type, ecallMain::CALL_SYSTEM_ERROR);
   }
-  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, true);
-  ecallHandler.addEntryToEmergencyLog("Error failed to obtain PSAP number\n");
+  processor.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, true);
+  processor.addEntryToEmergencyLog("Error failed to obtain PSAP number\n");
   return false;
 }
 
@@ -77,26 +151,26 @@ void ecallStateMachine::startEmergency() {
   if (!readNumberOrRaiseFailure()) return;
   if (startCall) {
     scope.sendFormattedMessage("State Machine: prep for Ecall.\n");
-    ecallHandler.addFormattedEntryToEmergencyLog("ACR triggered on %s\n",
+    processor.addFormattedEntryToEmergencyLog("ACR triggered on %s\n",
                                                  ecallMain::EmergencyEventDescription[type].c_str());
-    startEcallStateMachineTimer(1);
+    timers().startEcallStateMachineTimer(1);
     state = ECALL_SM_MAKE_CALL;
   } else {
     scope.sendFormattedMessage("State Machine: Delay start prep for Ecall.\n");
-    ecallHandler.addFormattedEntryToEmergencyLog("Ecall delay %d before calling\n", ecallDelaySeconds);
-    startDelayEcallStartTimer();
+    processor.addFormattedEntryToEmergencyLog("Ecall delay %d before calling\n", ecallDelaySeconds);
+    timers().startDelayEcallStartTimer();
     state = ECALL_SM_CALL_DELAY;
   }
   scope.sendFormattedMessage("emit ecall true signal case 1, in statemachine, for acn ecall or btn ecall");
-  ecallHandler.setEcallModeActive(true);
+  processor.setEcallModeActive(true);
   canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
   emitEcall(true, type, mode);
   // The call takes the audio, Assist and Bluetooth give way, any other call
   // on the embedded phone is ended and the cabin microphones are closed.
   extServHandle.requestEcallAudioSource();
-  ecallHandler.asyncStopAssistApp();
+  processor.asyncStopAssistApp();
   extServHandle.disableBluetooth();
-  ecallHandler.hangUpCall();
+  processor.hangUpCall();
   extServHandle.requestEcallAudioSource();
   extServHandle.setMicInputMuteState(true);
   playPrompt(state == ECALL_SM_CALL_DELAY ? TTS_PROMPT_INITIATE : TTS_PROMPT_DIALING);
@@ -105,18 +179,18 @@ void ecallStateMachine::startEmergency() {
 void ecallStateMachine::startCallback() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   scope.sendFormattedMessage("State Machine: Handle incoming call.\n");
-  ecallHandler.setEcallModeActive(true);
+  processor.setEcallModeActive(true);
   canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
   emitEcall(true, ecallMain::Emergency_Callback, mode);
   extServHandle.getCurrentLanguage();
   extServHandle.getVehicleBrand();
   extServHandle.requestEcallAudioSource();
-  ecallHandler.getDefaultVolumes();
+  processor.getDefaultVolumes();
   scope.sendFormattedMessage("emit ecall true signal case 5, in statemachine, for callback");
   extServHandle.disableBluetooth();
   extServHandle.setMicInputMuteState(false);
-  ecallHandler.addEntryToEmergencyLog("Incoming Call\n");
-  startEcallStateMachineTimer(ringToneOpenMs);
+  processor.addEntryToEmergencyLog("Incoming Call\n");
+  timers().startEcallStateMachineTimer(ringToneOpenMs);
   state = ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES;
 }
 
@@ -126,12 +200,12 @@ void ecallStateMachine::stepCallDelay() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   if (delayStart) {
     // A second press during the delay is the user's cancel.
-    ecallHandler.clearECallEvent();
-    ecallHandler.addEntryToEmergencyLog("User cancelled mode during Ecall delay\n");
+    processor.clearECallEvent();
+    processor.addEntryToEmergencyLog("User cancelled mode during Ecall delay\n");
   } else if (startCall) {
     scope.sendFormattedMessage("State Machine: make Ecall.\n");
     playPrompt(TTS_PROMPT_DIALING);
-    startEcallStateMachineTimer(1);
+    timers().startEcallStateMachineTimer(1);
     state = ECALL_SM_MAKE_CALL;
   }
 }
@@ -146,7 +220,7 @@ void ecallStateMachine::stepMakeCall() {
   const bool redialPulse = pulseCode == ECALL_PULSE_RUN_STATE_MACHINE;
   if (pulseCode == ECALL_PULSE_DIAL_FAILED) {
     if (!callStateIs("CALL_STATE_IDLE")) return;
-    stopEcallTimeoutTimer();
+    timers().stopEcallTimeoutTimer();
     scope.sendFormattedError("Dial request failed in the embedded phone, trying again in %dms\n",
                              static_cast<int>(dialRetryMs));
     retryDialLater();
@@ -155,33 +229,33 @@ void ecallStateMachine::stepMakeCall() {
   } else if (callStateIs("CALL_STATE_DIALING") || callStateIs("CALL_STATE_ALERTING") ||
              callStateIs("CALL_STATE_ACTIVE")) {
     scope.sendFormattedMessage("callstate alerting. wait to connect");
-    startEcallTimeoutTimer();
+    timers().startEcallTimeoutTimer();
     state = ECALL_SM_WAIT_TO_CONNECT;
     // The phone's reports may come faster than the machine's turns: a call
     // already active when it is first seen must not wait for a report that
     // has come and gone.
-    if (callStateIs("CALL_STATE_ACTIVE")) startEcallStateMachineTimer(1);
+    if (callStateIs("CALL_STATE_ACTIVE")) timers().startEcallStateMachineTimer(1);
   } else if (pulseCode == ECALL_PULSE_CONNECT_TIMEOUT) {
     // The dial was accepted but the phone never left idle: a failed attempt,
     // dialled again after the retry period.
-    stopEcallTimeoutTimer();
+    timers().stopEcallTimeoutTimer();
     scope.sendFormattedError(
         "PSAP ecall timeout when attempting to make the call (no transition out of IDLE), sending failed so retry strategy can kick in\n");
-    ecallHandler.addEntryToEmergencyLog("Error: Call state did not transition after successful dial request\n");
+    processor.addEntryToEmergencyLog("Error: Call state did not transition after successful dial request\n");
     emitEcall(true, type, ecallMain::CALL_FAILED);
-    startEcallStateMachineTimer(dialRetryMs);
+    timers().startEcallStateMachineTimer(dialRetryMs);
   }
 }
 
 void ecallStateMachine::dial() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
-  const std::string number = ecallHandler.getLocalEcallNumber();
+  const std::string number = processor.getLocalEcallNumber();
   scope.sendFormattedMessage("callstate idle. dial the number now");
-  ecallHandler.addFormattedEntryToEmergencyLog("Calling %s\n", number.c_str());
-  const SVCIPC_tError rc = embeddedPhone::dial(number);
+  processor.addFormattedEntryToEmergencyLog("Calling %s\n", number.c_str());
+  const SVCIPC_tError rc = embeddedPhone::dial(number, ecallProcessor::onAsyncDialResult, &processor);
   dialAllowed = false;
   if (rc >= 0) {
-    startEcallTimeoutTimer();
+    timers().startEcallTimeoutTimer();
     return;
   }
   // Refused: tell the user it failed and try again after the retry period.
@@ -196,8 +270,8 @@ void ecallStateMachine::retryDialLater() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   scope.sendFormattedMessage("emit ecall true signal case 3, type failed. in statemachine. async dial failed, will try again");
   emitEcall(true, type, ecallMain::CALL_FAILED);
-  ecallHandler.addEntryToEmergencyLog("Error dial PSAP number failed\n");
-  startEcallStateMachineTimer(dialRetryMs);
+  processor.addEntryToEmergencyLog("Error dial PSAP number failed\n");
+  timers().startEcallStateMachineTimer(dialRetryMs);
 }
 
 // ---- ECALL_SM_WAIT_TO_CONNECT ----
@@ -207,26 +281,26 @@ void ecallStateMachine::stepWaitToConnect() {
   if (callEnded) {
     // Ended before it became active: redial after the retry period.
     scope.sendFormattedError("PSAP ecall failed, trying again in %dms\n", static_cast<int>(dialRetryMs));
-    stopEcallTimeoutTimer();
+    timers().stopEcallTimeoutTimer();
     if (!callFailedLogged) {
-      ecallHandler.addEntryToEmergencyLog("Error Call Failed\n");
+      processor.addEntryToEmergencyLog("Error Call Failed\n");
       callFailedLogged = true;
     }
     emitEcall(true, type, ecallMain::CALL_FAILED);
-    startEcallStateMachineTimer(dialRetryMs);
+    timers().startEcallStateMachineTimer(dialRetryMs);
     state = ECALL_SM_MAKE_CALL;
   } else if (pulseCode == ECALL_PULSE_CONNECT_TIMEOUT) {
     // No timer is armed: the call state decides what comes next.
-    stopEcallTimeoutTimer();
+    timers().stopEcallTimeoutTimer();
     scope.sendFormattedError("PSAP ecall timeout, sending failed so retry strategy can kick in\n");
     emitEcall(true, type, ecallMain::CALL_FAILED);
   } else if (callStateIs("CALL_STATE_ACTIVE")) {
-    stopEcallTimeoutTimer();
+    timers().stopEcallTimeoutTimer();
     psapPrompt = mode == ecallMain::CALL_ACN ? TTS_PROMPT_ACN_PSAP1 : TTS_PROMPT_ECALL_PSAP1;
     scope.sendFormattedMessage("Call active, delay %d ms for PSAP TTS", static_cast<int>(psapPromptDelayMs));
-    ecallHandler.addFormattedEntryToEmergencyLog("Call Active.  Delay %d ms for PSAP TTS\n",
+    processor.addFormattedEntryToEmergencyLog("Call Active.  Delay %d ms for PSAP TTS\n",
                                                  static_cast<int>(psapPromptDelayMs));
-    startEcallStateMachineTimer(psapPromptDelayMs);
+    timers().startEcallStateMachineTimer(psapPromptDelayMs);
     state = ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS;
   }
 }
@@ -238,29 +312,29 @@ void ecallStateMachine::stepWaitForPsapTts() {
   scope.sendFormattedMessage("ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS");
   if (callEnded) {
     scope.sendFormattedMessage("ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS, ecall ended");
-    ecallHandler.clearECallEvent();
-    ecallHandler.addEntryToEmergencyLog("Call ended\n");
+    processor.clearECallEvent();
+    processor.addEntryToEmergencyLog("Call ended\n");
     return;
   }
   if (pulseCode != ECALL_PULSE_RUN_STATE_MACHINE) return;
   bool playNow = false;
   {
-    std::lock_guard<std::mutex> lock(promptSequenceMutex);
-    firstPsapTtsCount = 2;
-    if (activeTts == TTS_PROMPT_DIALING) {
+    std::lock_guard<std::mutex> lock(processor.promptSequenceMutex);
+    processor.firstPsapTtsCount = 2;
+    if (processor.activeTts == TTS_PROMPT_DIALING) {
       // The dialling prompt is still speaking: the completion handler starts
       // the centre's prompt when it ends.
       scope.sendFormattedMessage("ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS, active tts is still ECAll dialing???? No way!!!");
-      firstPsapTtsWaitForComplete = true;
+      processor.firstPsapTtsWaitForComplete = true;
     } else {
       scope.sendFormattedMessage("ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS, should play first PSAP TTS now");
-      firstPsapTtsWaitForComplete = false;
+      processor.firstPsapTtsWaitForComplete = false;
       playNow = true;
     }
-    activeTts = psapPrompt;
+    processor.activeTts = psapPrompt;
   }
   if (playNow) extServHandle.playTtsMsg(psapPrompt);
-  startEcallStateMachineTimer(1);
+  timers().startEcallStateMachineTimer(1);
   state = ECALL_SM_CALL_ACTIVE;
 }
 
@@ -269,8 +343,8 @@ void ecallStateMachine::stepWaitForPsapTts() {
 void ecallStateMachine::stepCallActive() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   if (!callEnded) return;
-  ecallHandler.clearECallEvent();
-  ecallHandler.addEntryToEmergencyLog("Call ended\n");
+  processor.clearECallEvent();
+  processor.addEntryToEmergencyLog("Call ended\n");
 }
 
 // ---- ECALL_SM_WAIT_FOR_END_FROM_HMI: the 30 s callback period ----
@@ -284,16 +358,17 @@ void ecallStateMachine::stepWaitForEndFromHmi() {
     extServHandle.getCurrentLanguage();
     canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
     playPrompt(TTS_PROMPT_DIALING);
-    ecallHandler.addEntryToEmergencyLog("ecall/acr happened during wait for exit emergency mode\n");
-    startEcallImmediateTimer();
+    processor.addEntryToEmergencyLog("ecall/acr happened during wait for exit emergency mode\n");
+    timers().startEcallImmediateTimer();
     dialAllowed = true;
     state = ECALL_SM_MAKE_CALL;
   } else if (type == ecallMain::Emergency_Callback) {
     emitEcall(true, ecallMain::Emergency_Callback, mode);
-    ecallHandler.addEntryToEmergencyLog("Incoming call during wait for exit emergency mode\n");
-    startEcallStateMachineTimer(ringToneOpenMs);
+    processor.addEntryToEmergencyLog("Incoming call during wait for exit emergency mode\n");
+    timers().startEcallStateMachineTimer(ringToneOpenMs);
     state = ECALL_SM_INCOMING_CALL_OPEN_AUDIO_FOR_RING_TONES;
-  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE && !isTimerActive(timerStateMachine)) {
+  } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE &&
+             !timers().isTimerActive(processorTimers::timerStateMachine)) {
     // Only the end of the callback period ends the emergency mode: a run
     // pulse that was already queued when the period began is stale.
     endEmergencyMode();
@@ -303,17 +378,17 @@ void ecallStateMachine::stepWaitForEndFromHmi() {
 // The callback period is over: give back everything the call took.
 void ecallStateMachine::endEmergencyMode() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
-  if (!callStateIs("CALL_STATE_IDLE")) ecallHandler.hangUpCall();
-  if (!ecallHandler.bAssistAppActive) extServHandle.enableBluetooth();
-  ecallHandler.exitEmergencyMode();
+  if (!callStateIs("CALL_STATE_IDLE")) processor.hangUpCall();
+  if (!processor.bAssistAppActive) extServHandle.enableBluetooth();
+  processor.exitEmergencyMode();
   extServHandle.setMicInputMuteState(false);
   extServHandle.releaseEcallAudioSource();
   scope.sendFormattedMessage(
       "emit ecall false since ecall mode is completed. in statemachine. sm idle, type none, mode none");
-  ecallHandler.setEcallModeActive(false);
+  processor.setEcallModeActive(false);
   emitEcall(false, type, mode);
   canIpcEmergencyHandler.setLedStatus(LED_OFF);
-  ecallHandler.addEntryToEmergencyLog("End emergency mode\n");
+  processor.addEntryToEmergencyLog("End emergency mode\n");
   dialAllowed = true;
   callFailedLogged = false;
   state = ECALL_SM_IDLE;
@@ -326,26 +401,26 @@ void ecallStateMachine::endEmergencyMode() {
 void ecallStateMachine::stepOpenAudioForRingTones() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   if (callEnded) {
-    ecallHandler.logPsapEndedIncomingCallAndClearCall();
+    processor.logPsapEndedIncomingCallAndClearCall();
   } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
-    ecallHandler.addEntryToEmergencyLog("Incoming Call - opening audio for 2 rings\n");
-    ecallHandler.setRingVolume(defaultPromptVol - 1);
+    processor.addEntryToEmergencyLog("Incoming Call - opening audio for 2 rings\n");
+    processor.setRingVolume(processor.defaultPromptVol - 1);
     extServHandle.statePsseForRingTone(true);
-    startEcallStateMachineTimer(ringTonesMs);
+    timers().startEcallStateMachineTimer(ringTonesMs);
     state = ECALL_SM_INCOMING_CALL_WAIT_RING_TONES_COMPLETE;
   }
 }
 
 void ecallStateMachine::stepWaitRingTonesComplete() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
-  ecallHandler.setRingVolume(defaultPhoneVol);
+  processor.setRingVolume(processor.defaultPhoneVol);
   if (callEnded) {
-    ecallHandler.logPsapEndedIncomingCallAndClearCall();
+    processor.logPsapEndedIncomingCallAndClearCall();
   } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
     extServHandle.statePsseForRingTone(false);
-    ecallHandler.addEntryToEmergencyLog("Incoming Call - close audio and play TTS\n");
+    processor.addEntryToEmergencyLog("Incoming Call - close audio and play TTS\n");
     playPrompt(TTS_PROMPT_INCOMING);
-    startEcallStateMachineTimer(answerAfterPromptMs);
+    timers().startEcallStateMachineTimer(answerAfterPromptMs);
     state = ECALL_SM_INCOMING_CALL_ANSWER;
   }
 }
@@ -354,11 +429,11 @@ void ecallStateMachine::stepAnswer() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   if (callEnded) {
     extServHandle.abortCurrentTtsMsg();
-    ecallHandler.logPsapEndedIncomingCallAndClearCall();
+    processor.logPsapEndedIncomingCallAndClearCall();
   } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
-    if (!ecallHandler.acceptEmergencyCallback()) ecallHandler.acceptEmergencyCallback();
-    ecallHandler.addEntryToEmergencyLog("Incoming Call - answer phone cmd sent to embedded phone\n");
-    startEcallTimeoutTimer();
+    if (!processor.acceptEmergencyCallback()) processor.acceptEmergencyCallback();
+    processor.addEntryToEmergencyLog("Incoming Call - answer phone cmd sent to embedded phone\n");
+    timers().startEcallTimeoutTimer();
     state = ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE;
   }
 }
@@ -366,16 +441,16 @@ void ecallStateMachine::stepAnswer() {
 void ecallStateMachine::stepWaitForCallActive() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   if (callEnded) {
-    ecallHandler.logPsapEndedIncomingCallAndClearCall();
+    processor.logPsapEndedIncomingCallAndClearCall();
   } else if (pulseCode == ECALL_PULSE_CONNECT_TIMEOUT) {
-    stopEcallTimeoutTimer();
+    timers().stopEcallTimeoutTimer();
     scope.sendFormattedError("Incoming Call - ecall timeout, ending the ecall state\n");
-    ecallHandler.addEntryToEmergencyLog("Incoming Call - embedded phone was not able to answer, so ending the call\n");
-    ecallHandler.clearECallEvent();
+    processor.addEntryToEmergencyLog("Incoming Call - embedded phone was not able to answer, so ending the call\n");
+    processor.clearECallEvent();
   } else if (callStateIs("CALL_STATE_ACTIVE")) {
-    stopEcallTimeoutTimer();
-    ecallHandler.addEntryToEmergencyLog("Incoming Call - Active\n");
-    startEcallStateMachineTimer(1);
+    timers().stopEcallTimeoutTimer();
+    processor.addEntryToEmergencyLog("Incoming Call - Active\n");
+    timers().startEcallStateMachineTimer(1);
     state = ECALL_SM_CALL_ACTIVE;
   }
 }

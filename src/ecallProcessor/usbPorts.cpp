@@ -4,7 +4,7 @@
 #include <string>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
+#include "common/jsonText.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/embeddedPhone.h"
 #include "platform/slog.h"
@@ -42,7 +42,7 @@ std::string ecallProcessor::getSWIUSBPorts() {
 
 void ecallProcessor::asyncRequestSWIUSBPorts() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const SVCIPC_tError rc = embeddedPhone::requestUsbPorts(onAsyncSWIUSBPortsResult);
+  const SVCIPC_tError rc = embeddedPhone::requestUsbPorts(onAsyncSWIUSBPortsResult, this);
   if (SVCIPC_IS_ERROR(rc)) {
     scope.sendFormattedError("failed to send async request to get swiusb ports, rc %d\n", rc);
     sendtoSlog(_SLOG_WARNING, "failed to send async request to get swiusb ports, rc 0x%0X\n",
@@ -56,5 +56,5 @@ void ecallProcessor::onAsyncSWIUSBPortsResult(const SVCIPC_tCallbackStatus* stat
   // A request that failed on the way is a read failure like an error reply.
   const bool failed = (status != nullptr && SVCIPC_IS_ERROR(status->errCode)) || result == nullptr;
   const std::string ports = failed ? portsReadFailure : parseSWIUSBPortsStr(result);
-  ecallHandler.addFormattedEntryToEmergencyLog("SWIUSB ports: %s\n", ports.c_str());
+  static_cast<ecallProcessor*>(context)->addFormattedEntryToEmergencyLog("SWIUSB ports: %s\n", ports.c_str());
 }

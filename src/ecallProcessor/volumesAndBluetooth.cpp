@@ -4,12 +4,8 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/serviceRequests.h"
-
-std::atomic<int32_t> defaultPhoneVol{15};
-std::atomic<int32_t> defaultPromptVol{15};
 
 namespace {
 
@@ -43,7 +39,8 @@ void ecallProcessor::setRingVolume(int step) {
 
 void ecallProcessor::onSubcribedBTSignal(const char* sigName, const char* data, void* context) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const bool willDisconnect = ecallHandler.mWillDisconnBT;
+  auto& self = *static_cast<ecallProcessor*>(context);
+  const bool willDisconnect = self.mWillDisconnBT;
   // While Bluetooth is being switched off its phone's call state means nothing.
   if (willDisconnect || sigName == nullptr || std::strcmp(sigName, "callState") != 0) {
     scope.sendFormattedMessage("mWillDisconnBT = %d", willDisconnect ? 1 : 0);
@@ -68,5 +65,5 @@ void ecallProcessor::onSubcribedBTSignal(const char* sigName, const char* data, 
     if (state.isNull()) continue;
     active = !(state.isString() && state.asString() == "idle");
   }
-  ecallHandler.btCallActive = active;
+  self.btCallActive = active;
 }

@@ -14,7 +14,7 @@ SVCIPC_tError stopApp(const std::string& appId) {
   return extServ::invokeAsync(extServ::appManagerService, "stopApp", jsonWrite(params), "stopApp");
 }
 
-SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, const char* context) {
+SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, void* context) {
   return extServ::subscribe(extServ::appManagerService, sigName, onSignal, context);
 }
 

@@ -16,6 +16,6 @@ SVCIPC_tError stopApp(const std::string& appId);
 
 // Its signal sigName ("operStatus", "appStarted", "appStopped",
 // "appPaused"), for the life of the process.
-SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, const char* context);
+SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, void* context);
 
 }  // namespace appManager

@@ -3,8 +3,7 @@
 // (PSSE) scenario that plays the embedded phone's ring tone.
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "platform/slog.h"
@@ -105,7 +104,7 @@ void externalServiceHandling::setSourceMute(bool mute) {
 void externalServiceHandling::setMicInputMuteState(bool mute) {
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
   setSourceMute(mute);
-  ecallHandler.addEntryToEmergencyLog(mute ? "Request mute mic inputs\n" : "Request unmute mic inputs\n");
+  mProcessor.addEntryToEmergencyLog(mute ? "Request mute mic inputs\n" : "Request unmute mic inputs\n");
   emitECallProgressSignal(mute ? ECALL_PROGRESS_MIC_MUTED : ECALL_PROGRESS_MIC_UNMUTED);
 
   // Microphone 2 follows only when microphone 1 took the request; the phone

@@ -2,8 +2,7 @@
 // phone has the hands-free audio to itself, and on again afterwards.
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "platform/slog.h"
@@ -12,7 +11,7 @@ void externalServiceHandling::disableBluetooth() {
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
   // From now on the Bluetooth phone's call state is ignored; the flag follows
   // the request, not its outcome.
-  ecallHandler.mWillDisconnBT = true;
+  mProcessor.setWillDisconnectBluetooth(true);
   SVCIPC_tError rc =
       extServ::invokeAsync(extServ::bluetoothService, "switchBluetoothOff", "", "switchBluetoothOff");
   if (rc < 0) {
@@ -25,7 +24,7 @@ void externalServiceHandling::disableBluetooth() {
 
 void externalServiceHandling::enableBluetooth() {
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
-  ecallHandler.mWillDisconnBT = false;
+  mProcessor.setWillDisconnectBluetooth(false);
   Json::Value body(Json::objectValue);
   body["enable"] = true;
   SVCIPC_tError rc =

@@ -47,12 +47,12 @@ std::string antennaQuery() {
 
 }  // namespace
 
-SVCIPC_tError dial(const std::string& number) {
+SVCIPC_tError dial(const std::string& number, SVCIPC_tResultCallback onReply, void* context) {
   Json::Value params(Json::objectValue);
   params["address"] = number;
   params["callType"] = "MVA";
   params["vehicleType"] = vehicleType;
-  return extServ::invokeAsync(embeddedPhoneService, "ecallDial", jsonWrite(params), "dial");
+  return extServ::invokeAsync(embeddedPhoneService, "ecallDial", jsonWrite(params), onReply, context);
 }
 
 SVCIPC_tError hangUp() { return extServ::invokeAsync(embeddedPhoneService, "endActiveCall", "", "endActiveCall"); }
@@ -71,9 +71,9 @@ SVCIPC_tError readEmergencyNumbers(std::string& reply) {
   return extServ::invokeSync(embeddedPhoneService, "getEmergencyNumbers", emergencyNumberQuery(), &reply);
 }
 
-SVCIPC_tError requestEmergencyNumbers(SVCIPC_tResultCallback onReply) {
+SVCIPC_tError requestEmergencyNumbers(SVCIPC_tResultCallback onReply, void* context) {
   return extServ::invokeAsync(embeddedPhoneService, "getEmergencyNumbers", emergencyNumberQuery(), onReply,
-                              "getEmergencyNumbers");
+                              context);
 }
 
 SVCIPC_tError readStatus(std::string& reply) {
@@ -84,25 +84,23 @@ SVCIPC_tError readAntennaStatus(std::string& reply) {
   return readWithBusLimit("getAntennaStatus", antennaQuery(), reply);
 }
 
-SVCIPC_tError requestAntennaStatus(SVCIPC_tResultCallback onReply) {
-  return extServ::invokeAsync(embeddedPhoneService, "getAntennaStatus", antennaQuery(), onReply,
-                              "getAntennaStatus");
+SVCIPC_tError requestAntennaStatus(SVCIPC_tResultCallback onReply, void* context) {
+  return extServ::invokeAsync(embeddedPhoneService, "getAntennaStatus", antennaQuery(), onReply, context);
 }
 
 SVCIPC_tError readUsbPorts(std::string& reply) { return readWithBusLimit("getUsbPorts", "", reply); }
 
-SVCIPC_tError requestUsbPorts(SVCIPC_tResultCallback onReply) {
-  return extServ::invokeAsync(embeddedPhoneService, "getUsbPorts", "", onReply, "getUsbPorts");
+SVCIPC_tError requestUsbPorts(SVCIPC_tResultCallback onReply, void* context) {
+  return extServ::invokeAsync(embeddedPhoneService, "getUsbPorts", "", onReply, context);
 }
 
-SVCIPC_tError watchOwner(SVCIPC_tNameOwnerChangedCallback onChange, const char* context, SVCIPC_tSigSubHnd* handle) {
-  return SVCIPC_subscribeOwnerChanged(svcIPCConn, embeddedPhoneService.name, onChange, const_cast<char*>(context),
-                                      handle);
+SVCIPC_tError watchOwner(SVCIPC_tNameOwnerChangedCallback onChange, void* context, SVCIPC_tSigSubHnd* handle) {
+  return SVCIPC_subscribeOwnerChanged(ecallFrame().connection(), embeddedPhoneService.name, onChange, context, handle);
 }
 
-SVCIPC_tError hasOwner(int& owned) { return SVCIPC_nameHasOwner(svcIPCConn, embeddedPhoneService.name, &owned); }
+SVCIPC_tError hasOwner(int& owned) { return SVCIPC_nameHasOwner(ecallFrame().connection(), embeddedPhoneService.name, &owned); }
 
-SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, const char* context) {
+SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, void* context) {
   return extServ::subscribe(embeddedPhoneService, sigName, onSignal, context);
 }
 

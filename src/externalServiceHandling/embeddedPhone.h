@@ -20,7 +20,7 @@ namespace embeddedPhone {
 // ---- Calls (asynchronous) ----
 
 // Dials the emergency number as an emergency call; context "dial".
-SVCIPC_tError dial(const std::string& number);
+SVCIPC_tError dial(const std::string& number, SVCIPC_tResultCallback onReply, void* context);
 // Ends the active call; context "endActiveCall".
 SVCIPC_tError hangUp();
 // Answers the emergency centre's call; context "acceptIncomingCall".
@@ -32,23 +32,23 @@ SVCIPC_tError leaveEmergencyMode();
 
 // The emergency numbers, bounded by the peer reply bound.
 SVCIPC_tError readEmergencyNumbers(std::string& reply);
-SVCIPC_tError requestEmergencyNumbers(SVCIPC_tResultCallback onReply);
+SVCIPC_tError requestEmergencyNumbers(SVCIPC_tResultCallback onReply, void* context);
 // The phone's ON/OFF status.
 SVCIPC_tError readStatus(std::string& reply);
 // The primary antenna's diagnosis.
 SVCIPC_tError readAntennaStatus(std::string& reply);
-SVCIPC_tError requestAntennaStatus(SVCIPC_tResultCallback onReply);
+SVCIPC_tError requestAntennaStatus(SVCIPC_tResultCallback onReply, void* context);
 // The cellular module's USB ports.
 SVCIPC_tError readUsbPorts(std::string& reply);
-SVCIPC_tError requestUsbPorts(SVCIPC_tResultCallback onReply);
+SVCIPC_tError requestUsbPorts(SVCIPC_tResultCallback onReply, void* context);
 
 // ---- The phone service on the bus ----
 
-SVCIPC_tError watchOwner(SVCIPC_tNameOwnerChangedCallback onChange, const char* context, SVCIPC_tSigSubHnd* handle);
+SVCIPC_tError watchOwner(SVCIPC_tNameOwnerChangedCallback onChange, void* context, SVCIPC_tSigSubHnd* handle);
 SVCIPC_tError hasOwner(int& owned);
 // Its signal sigName ("callState", "embeddedPhoneStatus", "wendReason",
 // "antennaStatus"), for the life of the process.
-SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, const char* context);
+SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, void* context);
 
 // ---- Answers and signals ----
 

@@ -3,16 +3,11 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "platform/slog.h"
 
-CQVTraceScopeDef externalServiceHandlingTraceScope("ecallService_externalServiceHandling", "all");
-
-std::atomic<int> platformDBUSAvail{0};
-SVCIPC_tSigSubHnd platformOwnerSubHnd = nullptr;
-
-externalServiceHandling::externalServiceHandling() {
+externalServiceHandling::externalServiceHandling(processorInputs& processor) : mProcessor(processor) {
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
 }
 
@@ -23,6 +18,25 @@ externalServiceHandling::~externalServiceHandling() {
 
 namespace extServ {
 
+bool asyncRequestFailed(const SVCIPC_tCallbackStatus* status, const char* result, const char* name) {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  const SVCIPC_tError err = status ? status->errCode : SVCIPC_ERROR_NONE;
+  if (SVCIPC_IS_ERROR(err)) {
+    // A request the bus library cancelled itself is no news.
+    const bool cancelled =
+        SVCIPC_ERROR_DOMAIN(err) == SVCIPC_DOMAIN_IPC_LIB && SVCIPC_ERROR_CODE(err) == SVCIPC_ERR_CANCELLED;
+    if (cancelled) return false;
+    sendtoSlog(_SLOG_WARNING, "Async call %s failed: 0x%0X\n", name, static_cast<unsigned>(err));
+    return true;
+  }
+  scope.sendFormattedMessage("onAsyncResult[%s]: %s\n", name, result ? result : "");
+  return false;
+}
+
+void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
+  asyncRequestFailed(status, result, context ? static_cast<const char*>(context) : "");
+}
+
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
                          std::string* result) {
   return invokeSync(service, method, params, result, peerReplyLimitMs());
@@ -32,7 +46,7 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
                          std::string* result, int timeoutMs) {
   SVCIPC_tResponse* response = nullptr;
   SVCIPC_tError rc =
-      SVCIPC_invoke(svcIPCConn, service.name, service.path, method, params.c_str(), timeoutMs, &response);
+      SVCIPC_invoke(ecallFrame().connection(), service.name, service.path, method, params.c_str(), timeoutMs, &response);
   if (response != nullptr) {
     if (result != nullptr && response->result != nullptr) *result = response->result;
     SVCIPC_freeResponse(response);
@@ -42,19 +56,19 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
 
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context) {
-  return invokeAsync(service, method, params, ecallProcessor::onAsyncResult, context);
+  return invokeAsync(service, method, params, onAsyncResult, const_cast<char*>(context));
 }
 
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
-                          SVCIPC_tResultCallback onResult, const char* context) {
-  return SVCIPC_asyncInvoke(svcIPCConn, service.name, service.path, method, params.c_str(), 0 /*reply expected*/,
-                            SVCIPC_TIMEOUT_DEFAULT, onResult, const_cast<char*>(context));
+                          SVCIPC_tResultCallback onResult, void* context) {
+  return SVCIPC_asyncInvoke(ecallFrame().connection(), service.name, service.path, method, params.c_str(),
+                            0 /*reply expected*/, SVCIPC_TIMEOUT_DEFAULT, onResult, context);
 }
 
 SVCIPC_tError subscribe(const busService& service, const char* sigName, SVCIPC_tSignalCallback onSignal,
-                        const char* context) {
+                        void* context) {
   SVCIPC_tSigSubHnd subscription = nullptr;
-  return SVCIPC_subscribe(svcIPCConn, service.path, sigName, onSignal, const_cast<char*>(context), &subscription);
+  return SVCIPC_subscribe(ecallFrame().connection(), service.path, sigName, onSignal, context, &subscription);
 }
 
 bool reportTimedOut(SVCIPC_tError rc, const char* query, const std::string& kept) {

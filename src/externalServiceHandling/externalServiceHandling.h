@@ -15,7 +15,9 @@
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 
-extern CQVTraceScopeDef externalServiceHandlingTraceScope;  // "ecallService_externalServiceHandling"
+inline const CQVTraceScopeDef externalServiceHandlingTraceScope("ecallService_externalServiceHandling", "all");
+
+class processorInputs;
 
 // Spoken prompt codes; 1-7 are spoken to the occupants, 8-12 into the call.
 enum eECallTtsPrompt : int32_t {
@@ -50,15 +52,13 @@ enum eExtCmdPulse : int {
   EXT_CMD_SET_MIC_MUTE = 3,
 };
 
-// Set at start-up when the platform service has an owner on the bus.
-extern std::atomic<int> platformDBUSAvail;
-extern SVCIPC_tSigSubHnd platformOwnerSubHnd;
-
+// arg points to the external services object.
 void* externalServiceCommandThreadFunc(void* arg);
 
 class externalServiceHandling {
  public:
-  externalServiceHandling();
+  // Adds its entries to the emergency log of processor.
+  explicit externalServiceHandling(processorInputs& processor);
   ~externalServiceHandling();  // unregisters the mute client
   externalServiceHandling(const externalServiceHandling&) = delete;
   externalServiceHandling& operator=(const externalServiceHandling&) = delete;
@@ -104,7 +104,16 @@ class externalServiceHandling {
   void disableBluetooth();
   void enableBluetooth();
 
-  // ---- Members ----
+  // The command thread's receive channel.
+  int32_t commandChannel() const { return mCmdChannelId.load(); }
+  // The mirror LED of a crash is the processor's business; the services
+  // only log.
+  processorInputs& processor() { return mProcessor; }
+
+ private:
+  friend struct processProbe;  // the unit tests' view
+
+  processorInputs& mProcessor;
   std::atomic<int32_t> mCmdChannelId{0};
   std::atomic<int32_t> mCmdConnectionId{0};
   std::atomic<int32_t> mMuteClientId{0};
@@ -117,4 +126,7 @@ class externalServiceHandling {
   std::atomic<bool> mVariantInfoKnown{false};
   // The last position the navigation service gave, spoken when it hangs.
   sharedText mLastPosition;
+  // Set at start-up when the platform service has an owner on the bus.
+  std::atomic<int> mPlatformAvailable{0};
+  SVCIPC_tSigSubHnd mPlatformOwnerSubscription = nullptr;
 };

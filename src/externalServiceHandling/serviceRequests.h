@@ -48,17 +48,25 @@ SVCIPC_tError invokeSync(const busService& service, const char* method, const st
 SVCIPC_tError invokeSync(const busService& service, const char* method, const std::string& params,
                          std::string* result, int timeoutMs);
 
-// An asynchronous request whose reply goes to the processor's completion
-// handler, named by context (a text that lives for the process).
+// The completion of an asynchronous request named name: the result is
+// traced, a failure told in the system log. True when the request failed
+// (a request the bus library cancelled itself has not).
+bool asyncRequestFailed(const SVCIPC_tCallbackStatus* status, const char* result, const char* name);
+// The completion of a request whose reply nothing waits for; the context is
+// its name (a text that lives for the process).
+void onAsyncResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context);
+
+// An asynchronous request named by context, completed by onAsyncResult.
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
                           const char* context);
-// The same with the reply going to onResult, which the caller names.
+// The same with the reply going to onResult, which gets context (the object
+// that waits for the reply).
 SVCIPC_tError invokeAsync(const busService& service, const char* method, const std::string& params,
-                          SVCIPC_tResultCallback onResult, const char* context);
+                          SVCIPC_tResultCallback onResult, void* context);
 
 // Subscribes to the service's signal sigName for the life of the process.
 SVCIPC_tError subscribe(const busService& service, const char* sigName, SVCIPC_tSignalCallback onSignal,
-                        const char* context);
+                        void* context);
 
 // When rc says the peer did not answer in time: says so in the trace and the
 // system log, with the value the service goes on with, and returns true.

@@ -6,8 +6,7 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "platform/slog.h"
@@ -130,10 +129,10 @@ void externalServiceHandling::playTtsMsg(eECallTtsPrompt prompt) {
   CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
   if (!isPromptSpoken(prompt)) return;
 
-  ecallHandler.addFormattedEntryToEmergencyLog("TTS rqst %d\n", prompt);
+  mProcessor.addFormattedEntryToEmergencyLog("TTS rqst %d\n", prompt);
   const std::string text = composeTtsText(prompt);
   if (prompt == TTS_PROMPT_GPS_COORDINATES && text.size() < kGpsOnlyLogLimit) {
-    ecallHandler.addFormattedEntryToEmergencyLog("GPS only TTS: %s\n", text.c_str());
+    mProcessor.addFormattedEntryToEmergencyLog("GPS only TTS: %s\n", text.c_str());
   }
 
   // One readout of this service at a time: the previous one gives way.

@@ -7,8 +7,7 @@
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "platform/runtime.h"
@@ -108,12 +107,12 @@ void externalServiceHandling::getVehicleBrand() {
   if (number >= 1 && number <= 12) {
     mVehicleBrandIndex = number;
     scope.sendFormattedMessage("Venicle brand received, %s\n", strVehicleBrands[number]);
-    ecallHandler.addFormattedEntryToEmergencyLog("Vehicle brand %s\n", strVehicleBrands[number]);
+    mProcessor.addFormattedEntryToEmergencyLog("Vehicle brand %s\n", strVehicleBrands[number]);
     return;
   }
   const int current = currentBrand();
   scope.sendFormattedMessage("Vehicle brand received invalid, using current brand %s\n", strVehicleBrands[current]);
-  ecallHandler.addFormattedEntryToEmergencyLog("Vehicle brand received invalid, using current brand %s\n",
+  mProcessor.addFormattedEntryToEmergencyLog("Vehicle brand received invalid, using current brand %s\n",
                                                strVehicleBrands[current]);
 }
 
@@ -149,12 +148,12 @@ void externalServiceHandling::getCurrentLanguage() {
     entry = "Speaker TTS language Spanish\n";
   }
   if (entry != nullptr) {
-    ecallHandler.addEntryToEmergencyLog(entry);
+    mProcessor.addEntryToEmergencyLog(entry);
     scope.sendFormattedMessage("%s", entry);
     return;
   }
   const int current = currentLanguage();
-  ecallHandler.addFormattedEntryToEmergencyLog("Speaker TTS language %s\n", strTtsLanguage[current]);
+  mProcessor.addFormattedEntryToEmergencyLog("Speaker TTS language %s\n", strTtsLanguage[current]);
   scope.sendFormattedMessage("Speaker TTS language %s\n", strTtsLanguage[current]);
 }
 
@@ -172,5 +171,5 @@ void externalServiceHandling::logSystemSWInfo() {
   Json::Value root;
   jsonParse(reply.c_str(), root);
   const std::string version = jsonGetString(root, "app_version", kNotPresent);
-  ecallHandler.addFormattedEntryToEmergencyLog("System Software Version: %s\n", version.c_str());
+  mProcessor.addFormattedEntryToEmergencyLog("System Software Version: %s\n", version.c_str());
 }

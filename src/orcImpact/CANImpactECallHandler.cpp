@@ -10,15 +10,13 @@
 #include <cstring>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "platform/ipcChannel.h"
 #include "platform/pps.h"
 #include "platform/slog.h"
 
-CQVTraceScopeDef orcImpactTraceScope("ecallService_orcImpact", "all");
-
-CANImpactECallHandler::CANImpactECallHandler() {
+CANImpactECallHandler::CANImpactECallHandler(processorInputs& processor, externalServiceHandling& services)
+    : mProcessor(processor), mServices(services) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   int fd = -1;
   openPPSObj(ecallBtnPPSPath, fd);
@@ -94,11 +92,11 @@ void CANImpactECallHandler::monitorCANForEmergency() {
   // is waited for: the reader thread opens the channel every second until
   // it can, as after a loss, since an impact must never go unheard for the
   // rest of the drive; the Assist side starts then (orcChannelReturned).
-  ecallHandler.orcMonitoringStarted = openOrcIpcChannel() && buttonThreadRunning;
+  mProcessor.setOrcMonitoringStarted(openOrcIpcChannel() && buttonThreadRunning);
   pthread_t channelThread{};
-  bool channelThreadRunning = pthread_create(&channelThread, nullptr, canImpactThrdFunc, &mOrcChannel) == 0;
+  bool channelThreadRunning = pthread_create(&channelThread, nullptr, canImpactThrdFunc, this) == 0;
   if (!channelThreadRunning) {
-    ecallHandler.orcMonitoringStarted = false;
+    mProcessor.setOrcMonitoringStarted(false);
     scope.sendFormattedError("Failed to create canImpact reading thread");
     sendtoSlog(_SLOG_WARNING, "Failed to create canImpact reading thread");
   }

@@ -15,7 +15,10 @@
 #include "platform/ipcChannel.h"
 #include "platform/trace.h"
 
-extern CQVTraceScopeDef orcImpactTraceScope;  // "ecallService_orcImpact"
+inline const CQVTraceScopeDef orcImpactTraceScope("ecallService_orcImpact", "all");
+
+class processorInputs;
+class externalServiceHandling;
 
 // Mirror LED states.
 enum eLedStatus : int32_t {
@@ -57,9 +60,7 @@ constexpr int64_t ORC_RETRY_MS = 1000;
 // layer drops it where it has no meaning.
 constexpr int ORC_IPC_OPEN_FLAG = 0x2000;
 
-extern pthread_t blinkTimerThreadHnd;
-
-// arg points to the handler's channel (platform::IpcChannel).
+// arg points to the handler (CANImpactECallHandler).
 void* canImpactThrdFunc(void* arg);
 void* ecallReadThrdFunc(void* arg);
 void* BlinkTimerThreadFunc(void* arg);
@@ -70,7 +71,10 @@ bool waitForBlinkTimers();
 
 class CANImpactECallHandler {
  public:
-  CANImpactECallHandler();  // opens the mirror button PPS object
+  // Opens the mirror button PPS object. The inputs raise emergencies and
+  // failures with processor and ask services whether the variant has the
+  // embedded phone.
+  CANImpactECallHandler(processorInputs& processor, externalServiceHandling& services);
   ~CANImpactECallHandler();
   CANImpactECallHandler(const CANImpactECallHandler&) = delete;
   CANImpactECallHandler& operator=(const CANImpactECallHandler&) = delete;
@@ -85,6 +89,7 @@ class CANImpactECallHandler {
   // has lost what it was told, gets the LED and Assist states once more.
   void orcChannelReturned();
   platform::IpcChannel& orcChannel() { return mOrcChannel; }
+  processorInputs& processor() { return mProcessor; }
 
   // One message read from the restraint controller channel (n bytes).
   void processOrcMessage(const uint8_t* msg, int n);
@@ -111,6 +116,11 @@ class CANImpactECallHandler {
   // The last LED status (where the variant has the LED) and the Assist
   // status, sent again without a log entry: they are not new states.
   void resendControllerState();
+  // One message to the vehicle micro: a kind byte and a value byte.
+  void writeOrcMessage(uint8_t kind, uint8_t value);
+
+  processorInputs& mProcessor;
+  externalServiceHandling& mServices;
 
   std::atomic<int> mPpsFd{-1};
   platform::IpcChannel mOrcChannel{orcIpcChannelPath.c_str(), O_RDWR | ORC_IPC_OPEN_FLAG};
@@ -121,4 +131,8 @@ class CANImpactECallHandler {
   std::mutex mLedMutex;
   std::atomic<eLedStatus> mLastLedSetStatus{LED_OFF};
   std::atomic<uint32_t> mV850ResetCounter{0};
+  // The last blink timer thread; blink timers are started from several
+  // threads, the handle is kept whole.
+  std::mutex mBlinkThreadMutex;
+  pthread_t mBlinkThread{};
 };

@@ -3,8 +3,7 @@
 #include <cstdio>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
@@ -76,8 +75,8 @@ void reportOrcRx(bool isImpact, const uint8_t* msg, int n) {
 
 // Starts the emergency of the first kind of the path's trigger list whose
 // bit is set in the path's two impact bytes; false when none is set.
-bool startTriggeredEmergency(const uint8_t* triggers, const uint8_t* impactBytes, int32_t firstType,
-                             const char* announceFormat) {
+bool startTriggeredEmergency(processorInputs& processor, const uint8_t* triggers, const uint8_t* impactBytes,
+                             int32_t firstType, const char* announceFormat) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   for (const uint8_t* kind = triggers; *kind < IMPACT_KIND_COUNT; ++kind) {
     const orcIpcLocation& location = orcIpcLocationTable[*kind];
@@ -85,42 +84,42 @@ bool startTriggeredEmergency(const uint8_t* triggers, const uint8_t* impactBytes
       auto type = static_cast<eEmergencyType>(firstType + *kind);
       printf(announceFormat, EmergencyEvent[type].c_str());
       fflush(stdout);
-      ecallHandler.emergencyHappened(type);
+      processor.emergencyHappened(type);
       return true;
     }
   }
   return false;
 }
 
-void processImpactMessage(const uint8_t* msg, int n) {
+void processImpactMessage(processorInputs& processor, const uint8_t* msg, int n) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   reportOrcRx(true, msg, n);
   bool serialValid = msg[SERIAL_VALID] == 1;
   bool canValid = msg[CAN_VALID] == 1;
   if (serialValid) {
-    ecallHandler.addFormattedEntryToEmergencyLog("Rx ORC serial 0x%02x%02x\n", msg[SERIAL_BITS], msg[SERIAL_BITS + 1]);
+    processor.addFormattedEntryToEmergencyLog("Rx ORC serial 0x%02x%02x\n", msg[SERIAL_BITS], msg[SERIAL_BITS + 1]);
   }
   if (canValid) {
-    ecallHandler.addFormattedEntryToEmergencyLog("Rx ORC CAN 0x%02x%02x\n", msg[CAN_BITS], msg[CAN_BITS + 1]);
+    processor.addFormattedEntryToEmergencyLog("Rx ORC CAN 0x%02x%02x\n", msg[CAN_BITS], msg[CAN_BITS + 1]);
   }
 
   // One emergency per message at most; the serial path is trusted first.
-  if (serialValid && startTriggeredEmergency(orcSerialTriggers, msg + SERIAL_BITS, SERIAL_IMPACT_FIRST,
+  if (serialValid && startTriggeredEmergency(processor, orcSerialTriggers, msg + SERIAL_BITS, SERIAL_IMPACT_FIRST,
                                              "Ecall - Serial Emergency %s\n")) {
     return;
   }
   if (canValid) {
-    startTriggeredEmergency(orcCanTriggers, msg + CAN_BITS, CAN_IMPACT_FIRST, "Ecall - CAN Emergency %s\n");
+    startTriggeredEmergency(processor, orcCanTriggers, msg + CAN_BITS, CAN_IMPACT_FIRST, "Ecall - CAN Emergency %s\n");
   }
 }
 
 // Every LOC message states all three links, so each source is set or cleared.
-void processLocMessage(const uint8_t* msg, int n) {
+void processLocMessage(processorInputs& processor, const uint8_t* msg, int n) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   reportOrcRx(false, msg, n);
-  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::ORC_CAN_LOC, msg[LOC_CAN_LOST] == 1);
-  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::ORC_SERIAL_LOC, msg[LOC_SERIAL_LOST] == 1);
-  ecallHandler.setEcallSystemFailureState(ecallSystemFailure::MIRROR_LOC, msg[LOC_MIRROR_LOST] == 1);
+  processor.setEcallSystemFailureState(ecallSystemFailure::ORC_CAN_LOC, msg[LOC_CAN_LOST] == 1);
+  processor.setEcallSystemFailureState(ecallSystemFailure::ORC_SERIAL_LOC, msg[LOC_SERIAL_LOST] == 1);
+  processor.setEcallSystemFailureState(ecallSystemFailure::MIRROR_LOC, msg[LOC_MIRROR_LOST] == 1);
 }
 
 }  // namespace
@@ -129,9 +128,9 @@ void CANImpactECallHandler::processOrcMessage(const uint8_t* msg, int n) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   if (msg == nullptr || n <= 0) return;
   if (msg[0] == ORC_MSG_IMPACT && n >= ORC_IMPACT_MSG_MIN_SIZE) {
-    processImpactMessage(msg, n);
+    processImpactMessage(mProcessor, msg, n);
   } else if (msg[0] == ORC_MSG_LOC && n >= ORC_LOC_MSG_MIN_SIZE) {
-    processLocMessage(msg, n);
+    processLocMessage(mProcessor, msg, n);
   }
   // Anything else (another kind, or too short for its kind) is dropped.
 }
@@ -140,13 +139,13 @@ namespace {
 
 // The first failed read of a connection reports the loss; the reads are not
 // retried on it: it is opened anew (the micro restarted) every second.
-void reportOrcChannelLost() {
+void reportOrcChannelLost(processorInputs& processor) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   scope.sendFormattedError("Error reading ORC IPC channel %s.  Attempt to read again after 1000ms.",
                            orcIpcChannelPath.c_str());
   sendtoSlog(_SLOG_WARNING, "Error reading ORC IPC channel %s.  Attempt to read again after 1000ms.",
              orcIpcChannelPath.c_str());
-  ecallHandler.addFormattedEntryToEmergencyLog("ORC IPC channel %s lost. Opening it again every 1000ms\n",
+  processor.addFormattedEntryToEmergencyLog("ORC IPC channel %s lost. Opening it again every 1000ms\n",
                                                orcIpcChannelPath.c_str());
 }
 
@@ -156,31 +155,32 @@ void CANImpactECallHandler::orcChannelReturned() {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   scope.sendFormattedMessage("ORC IPC channel %s is open again", orcIpcChannelPath.c_str());
   sendtoSlog(_SLOG_INFO, "ORC IPC channel %s is open again", orcIpcChannelPath.c_str());
-  ecallHandler.addFormattedEntryToEmergencyLog("ORC IPC channel %s is open again\n", orcIpcChannelPath.c_str());
-  ecallHandler.orcMonitoringStarted = mButtonThreadRunning.load();
+  mProcessor.addFormattedEntryToEmergencyLog("ORC IPC channel %s is open again\n", orcIpcChannelPath.c_str());
+  mProcessor.setOrcMonitoringStarted(mButtonThreadRunning.load());
   resendControllerState();
 }
 
-// arg points to the handler's channel. Read failures and an end closed by
+// arg points to the handler. Read failures and an end closed by
 // the vehicle micro are the same to the reader: the channel is opened again
 // with the read retry period, for as long as it takes, and the impacts that
 // follow are handled as before.
 void* canImpactThrdFunc(void* arg) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
-  auto* channel = static_cast<platform::IpcChannel*>(arg);
+  auto* handler = static_cast<CANImpactECallHandler*>(arg);
+  platform::IpcChannel* channel = &handler->orcChannel();
   uint8_t msg[ORC_READ_SIZE];
   for (;;) {
     if (!channel->isOpen()) {
       channel->reopenEvery(ORC_RETRY_MS);
-      canIpcEmergencyHandler.orcChannelReturned();
+      handler->orcChannelReturned();
     }
     ssize_t n = channel->read(msg, sizeof msg);
     if (n <= 0) {
-      reportOrcChannelLost();
+      reportOrcChannelLost(handler->processor());
       platform::sleepMs(ORC_RETRY_MS);
       continue;
     }
-    canIpcEmergencyHandler.processOrcMessage(msg, static_cast<int>(n));
+    handler->processOrcMessage(msg, static_cast<int>(n));
   }
   return nullptr;
 }

@@ -4,8 +4,7 @@
 #include <cstring>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pps.h"
@@ -18,14 +17,14 @@ constexpr size_t BUTTON_PPS_READ_SIZE = 1000;
 
 // The emergency button starts one emergency per press: a held button or a
 // repeated "1" is ignored until a "0" re-arms it.
-void onEmergencyButton(const char* value, bool& armed) {
+void onEmergencyButton(processorInputs& processor, const char* value, bool& armed) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   scope.sendFormattedMessage("ecallBtn pps value %s", value);
-  ecallHandler.addFormattedEntryToEmergencyLog("ecallBtn = %s\n", value);
+  processor.addFormattedEntryToEmergencyLog("ecallBtn = %s\n", value);
   switch (atoi(value)) {
     case 1:
       if (armed) {
-        ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
+        processor.emergencyHappened(ecallMain::E_CALL_BtnStat);
         armed = false;
       }
       break;
@@ -42,18 +41,19 @@ void onAssistButton(CANImpactECallHandler& handler, const char* value) {
   scope.sendFormattedMessage("UcallBtn pps value %s\n", value);
   if (atoi(value) != 1) return;  // the release is not acted on
 
-  ecallHandler.assistButtonPressed();
-  if (ecallHandler.getEcallModeActive()) {
-    ecallHandler.addEntryToEmergencyLog("Assist button pressed. ECall in progress. Blink LED green\n");
+  processorInputs& processor = handler.processor();
+  processor.assistButtonPressed();
+  if (processor.getEcallModeActive()) {
+    processor.addEntryToEmergencyLog("Assist button pressed. ECall in progress. Blink LED green\n");
     handler.setLedStatus(LED_BLINKING_GREEN);
     handler.startBlinkTimer();
   } else if (handler.getLastLedSetStatus() == LED_OFF) {
-    if (ecallHandler.btCallActive) {
+    if (processor.isBtCallActive()) {
       // Blinks for as long as the Bluetooth call lasts: no timer.
-      ecallHandler.addEntryToEmergencyLog("Assist button pressed. BTCall in progress. Blink LED green\n");
+      processor.addEntryToEmergencyLog("Assist button pressed. BTCall in progress. Blink LED green\n");
       handler.setLedStatus(LED_BLINKING_GREEN);
     } else {
-      ecallHandler.addEntryToEmergencyLog("Assist button pressed. No other calls ongoing. LED solid green\n");
+      processor.addEntryToEmergencyLog("Assist button pressed. No other calls ongoing. LED solid green\n");
       handler.setLedStatus(LED_SOLID_GREEN);
     }
   }
@@ -74,11 +74,11 @@ void CANImpactECallHandler::processButtonPpsText(char* text, bool& armed) {
     if (status == PPS_ERROR && cursor == lineStart) break;
     if (status != PPS_ATTRIBUTE || info.attr_name == nullptr) continue;
     // A vehicle without an embedded phone ignores both buttons.
-    if (!extServHandle.getEmebeddedPhoneEnabledInVariant()) continue;
+    if (!mServices.getEmebeddedPhoneEnabledInVariant()) continue;
 
     const char* value = info.value ? info.value : "";
     if (strstr(info.attr_name, "E_CALL_BtnStat") != nullptr) {
-      onEmergencyButton(value, armed);
+      onEmergencyButton(mProcessor, value, armed);
     } else if (strstr(info.attr_name, "U_CALL_BtnStat") != nullptr) {
       onAssistButton(*this, value);
     }

@@ -9,22 +9,16 @@
 #include <cstdio>
 #include <mutex>
 
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pulses.h"
 #include "platform/runtime.h"
 
-pthread_t blinkTimerThreadHnd;
-
 namespace {
 
 constexpr int BLINK_TIMER_PULSE_CODE = 2;
 constexpr time_t BLINK_TIMER_SECONDS = 5;
-
-// Blink timers are started from several threads; the handle is kept whole.
-std::mutex blinkTimerHandleMutex;
 
 // The blink timer threads are detached, yet they use the process objects
 // when they end; the process waits for them before it destroys those
@@ -56,16 +50,6 @@ void blinkTimerEnds() {
 struct blinkTimerLife {
   ~blinkTimerLife() { blinkTimerEnds(); }
 };
-
-// Every message to the vehicle micro is one write; its result is not
-// checked (a closed channel just loses the message; the micro gets the
-// states again when the channel returns).
-void writeOrcMessage(uint8_t kind, uint8_t value) {
-  CQVTraceScope scope(orcImpactTraceScope, __func__);
-  const uint8_t msg[2] = {kind, value};
-  ssize_t rc = canIpcEmergencyHandler.orcChannel().write(msg, sizeof msg);
-  (void)rc;
-}
 
 // Waits on a private channel for the timer's pulse. False when the timer
 // could not be set up or the wait failed.
@@ -112,9 +96,19 @@ bool waitForBlinkTimer() {
 
 }  // namespace
 
+// Every message to the vehicle micro is one write; its result is not
+// checked (a closed channel just loses the message; the micro gets the
+// states again when the channel returns).
+void CANImpactECallHandler::writeOrcMessage(uint8_t kind, uint8_t value) {
+  CQVTraceScope scope(orcImpactTraceScope, __func__);
+  const uint8_t msg[2] = {kind, value};
+  ssize_t rc = mOrcChannel.write(msg, sizeof msg);
+  (void)rc;
+}
+
 void CANImpactECallHandler::setLedStatus(eLedStatus status) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
-  if (!extServHandle.getEmebeddedPhoneEnabledInVariant()) return;
+  if (!mServices.getEmebeddedPhoneEnabledInVariant()) return;
 
   eLedStatus last = mLastLedSetStatus.load();
   if (status == LED_RED && (last == LED_SOLID_GREEN || last == LED_BLINKING_GREEN)) {
@@ -122,7 +116,7 @@ void CANImpactECallHandler::setLedStatus(eLedStatus status) {
     scope.sendFormattedMessage("system error happened during ecall. ignore setting LED status to red request");
     return;
   }
-  if (status == LED_OFF && ecallHandler.systemError.load() != 0) {
+  if (status == LED_OFF && mProcessor.getSystemError() != 0) {
     // A system error is never hidden behind a dark LED.
     scope.sendFormattedMessage("system error exist. maybe happened during the call. change LED_OFF request to LED_RED");
     status = LED_RED;
@@ -133,7 +127,7 @@ void CANImpactECallHandler::setLedStatus(eLedStatus status) {
     mLastLedSetStatus = status;
     writeOrcMessage(ORC_MSG_LED_STATUS, static_cast<uint8_t>(status));
   }
-  ecallHandler.addFormattedEntryToEmergencyLog("send LED status %d\n", static_cast<int>(status));
+  mProcessor.addFormattedEntryToEmergencyLog("send LED status %d\n", static_cast<int>(status));
 }
 
 void CANImpactECallHandler::sendAssistAppStatus(bool active) {
@@ -143,11 +137,11 @@ void CANImpactECallHandler::sendAssistAppStatus(bool active) {
 
 void CANImpactECallHandler::resendControllerState() {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
-  if (extServHandle.getEmebeddedPhoneEnabledInVariant()) {
+  if (mServices.getEmebeddedPhoneEnabledInVariant()) {
     std::lock_guard<std::mutex> lock(mLedMutex);
     writeOrcMessage(ORC_MSG_LED_STATUS, static_cast<uint8_t>(mLastLedSetStatus.load()));
   }
-  ecallHandler.sendAssistStatus();
+  mProcessor.sendAssistStatus();
 }
 
 void CANImpactECallHandler::startBlinkTimer() {
@@ -157,18 +151,18 @@ void CANImpactECallHandler::startBlinkTimer() {
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
   pthread_t thread;
   blinkTimerStarts();
-  if (pthread_create(&thread, &attr, BlinkTimerThreadFunc, nullptr) != 0) {
+  if (pthread_create(&thread, &attr, BlinkTimerThreadFunc, this) != 0) {
     blinkTimerEnds();
     printf("Failed to create blink timer thread!\n");
     fflush(stdout);
   } else {
-    std::lock_guard<std::mutex> lock(blinkTimerHandleMutex);
-    blinkTimerThreadHnd = thread;
+    std::lock_guard<std::mutex> lock(mBlinkThreadMutex);
+    mBlinkThread = thread;
   }
   pthread_attr_destroy(&attr);
 }
 
-// One blink timer: after 5 seconds the LED returns to the steady state of the
+// One blink timer (arg is the handler): after 5 seconds the LED returns to the steady state of the
 // moment, solid green in an emergency, otherwise off (red on a system error).
 void* BlinkTimerThreadFunc(void* arg) {
   blinkTimerLife life;
@@ -178,10 +172,11 @@ void* BlinkTimerThreadFunc(void* arg) {
     // Without a timer the pause is slept, so the LED still stops blinking.
     platform::sleepMs(BLINK_TIMER_SECONDS * 1000);
   }
-  if (ecallHandler.getEcallModeActive()) {
-    canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
+  auto* handler = static_cast<CANImpactECallHandler*>(arg);
+  if (handler->processor().getEcallModeActive()) {
+    handler->setLedStatus(LED_SOLID_GREEN);
   } else {
-    canIpcEmergencyHandler.setLedStatus(LED_OFF);
+    handler->setLedStatus(LED_OFF);
   }
   return nullptr;
 }

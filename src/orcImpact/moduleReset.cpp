@@ -3,8 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
+#include "ecallProcessor/processorInputs.h"
 #include "orcImpact/CANImpactECallHandler.h"
 
 bool CANImpactECallHandler::v850ResetSierra() {
@@ -20,12 +19,12 @@ bool CANImpactECallHandler::v850ResetSierra() {
     int err = errno;
     scope.sendFormattedMessage("write IPC for reset, rc %d", static_cast<int>(rc));
     if (rc == 1) {
-      ecallHandler.createFlagInTmp(true, resetMarkerFile);
-      ecallHandler.addFormattedEntryToEmergencyLog("Sent IPC message to V850 to reset Sierra %dth time\n",
+      mProcessor.createFlagInTmp(true, resetMarkerFile);
+      mProcessor.addFormattedEntryToEmergencyLog("Sent IPC message to V850 to reset Sierra %dth time\n",
                                                    static_cast<int>(attempt));
       return true;
     }
-    ecallHandler.addFormattedEntryToEmergencyLog("Failed to send IPC msg to reset Sierra.  err %s,  ResetCounter %d.",
+    mProcessor.addFormattedEntryToEmergencyLog("Failed to send IPC msg to reset Sierra.  err %s,  ResetCounter %d.",
                                                  strerror(err), static_cast<int>(attempt));
   }
   return false;
@@ -34,5 +33,5 @@ bool CANImpactECallHandler::v850ResetSierra() {
 void CANImpactECallHandler::resetV850ResetPhCounter() {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   mV850ResetCounter = 0;
-  ecallHandler.createFlagInTmp(false, resetMarkerFile);
+  mProcessor.createFlagInTmp(false, resetMarkerFile);
 }

@@ -17,6 +17,7 @@
 #include "ecallProcessor/processorTimers.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "fake/fakeBus.h"
+#include "fake/processProbe.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pulses.h"
 #include "platform/runtime.h"
@@ -34,10 +35,10 @@ class UnitFixture : public ::testing::Test {
     platform::setTimeScale(0.001);
     fakeBus::reset();
     createProcessObjects();
-    extServHandle.mVariantInfoKnown = true;
-    extServHandle.mEmbeddedPhoneEnabled = true;
-    ecallHandler.emdPhOn = 1;
-    embeddedPhAvail = 1;
+    processProbe::mVariantInfoKnown() = true;
+    processProbe::mEmbeddedPhoneEnabled() = true;
+    processProbe::emdPhOn() = 1;
+    processProbe::embeddedPhAvail() = 1;
   }
 
   std::string emergencyLog() const { return testSupport::readFile(root.path(emergencyLogPath)); }
@@ -57,9 +58,11 @@ class UnitFixture : public ::testing::Test {
 // without a state machine reacting.
 class PulseProbe {
  public:
-  PulseProbe() : mChannel(qnx::ChannelCreate(0)), mConnection(qnx::ConnectAttach(0, 0, mChannel, qnx::_NTO_SIDE_CHANNEL, 0)) {
-    createProcessorTimers(mChannel);
-    stateMachineThreadSendChannelId = mConnection;
+  PulseProbe() : PulseProbe(processProbe::timers()) { processProbe::stateMachineSendChannel() = mConnection; }
+  // Only the given timers deliver to the probe (no process objects needed).
+  explicit PulseProbe(processorTimers& timers)
+      : mChannel(qnx::ChannelCreate(0)), mConnection(qnx::ConnectAttach(0, 0, mChannel, qnx::_NTO_SIDE_CHANNEL, 0)) {
+    timers.create(mChannel);
   }
   // The code of the next pulse, or -1 when none came within the deadline
   // (the channel is then destroyed to free the receiver).

@@ -78,10 +78,10 @@ TEST_F(EmergencyLog, ConcurrentEntriesLandWholeAndExactlyOnce) {
   };
 
   writeOdometer("@vehstat\nODO::120\n");
-  ASSERT_EQ(pthread_mutex_init(&logWriteMutex, nullptr), 0);
-  uselogWriteMutex = true;
+  ecallHandler.initLocks();
+  ASSERT_TRUE(processProbe::uselogWriteMutex());
   appendAll("locked");
-  uselogWriteMutex = false;
+  processProbe::uselogWriteMutex() = false;
   appendAll("unlocked");  // the file exists now: appends alone keep lines whole
 
   std::vector<int> seen(2 * THREADS * ENTRIES, 0);

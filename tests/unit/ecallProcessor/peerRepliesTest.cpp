@@ -24,7 +24,7 @@ TEST_F(PeerReplies, EmergencyNumberEveryReplyFormAndTheFetchsRetries) {
     EXPECT_EQ(c.result, ecallHandler.parseEcallNumber(c.reply)) << c.reply;
     EXPECT_EQ(c.numberAfter, ecallHandler.getLocalEcallNumber()) << c.reply;
   }
-  EXPECT_EQ(0u, ecallHandler.systemError.load());
+  EXPECT_EQ(0u, processProbe::systemError().load());
   EXPECT_EQ(1u, log.countTrace("ecall number does not exist!  Please set it."));
 
   // Three failures, with pauses, give up; a reply without a number is asked
@@ -73,7 +73,7 @@ TEST_F(PeerReplies, CallStatesAndEndReasons) {
   EXPECT_TRUE(log.hasTrace("ecallState CALL_STATE_RINGING, phonenumber isNULL"));
   EXPECT_EQ(ecallHandler.getCurECallType(), ecallMain::NONE) << "an empty or absent number is no callback";
 
-  ecallHandler.callConnected = true;
+  processProbe::callConnected() = true;
   report(R"([{"callState":"CALL_STATE_TERMINATED","number":"555","callType":1}])");
   EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_IDLE");
   EXPECT_FALSE(ecallHandler.getCallConnected());
@@ -90,12 +90,12 @@ TEST_F(PeerReplies, CallStatesAndEndReasons) {
     EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_RINGING") << other;
   }
   for (int reason : {3, 17, 68, 32768}) {
-    ecallHandler.curCallState.set("CALL_STATE_ACTIVE");
-    ecallHandler.callConnected = ecallHandler.btCallActive = true;
+    processProbe::curCallState().set("CALL_STATE_ACTIVE");
+    processProbe::callConnected() = processProbe::btCallActive() = true;
     ecallHandler.processWendReason(("{\"serviceNumber\":" + std::to_string(reason) + "}").c_str());
     EXPECT_EQ(probe.next(), ECALL_PULSE_PSAP_CALL_ENDED) << reason;
     EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_IDLE") << reason;
-    EXPECT_FALSE(ecallHandler.getCallConnected() || ecallHandler.btCallActive) << reason;
+    EXPECT_FALSE(ecallHandler.getCallConnected() || processProbe::btCallActive()) << reason;
   }
 }
 
@@ -122,9 +122,9 @@ TEST_F(PeerReplies, AssistIdentifierIsTakenFromTheFirstConfigurationLineHoldingT
   for (const auto& [content, expected] : cases) {
     if (content) testSupport::writeFile(root.path(appMngrConfigPath), content);
     else unlink(root.path(appMngrConfigPath).c_str());
-    assistAppUUID.set("stale");
+    processProbe::assistAppUUID().set("stale");
     ecallHandler.getAssistAppUUID();
-    EXPECT_EQ(expected, assistAppUUID.get()) << (content ? content : "no file");
+    EXPECT_EQ(expected, processProbe::assistAppUUID().get()) << (content ? content : "no file");
   }
 }
 
@@ -146,9 +146,9 @@ TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
       {"callState", nullptr, false, false},
   };
   for (const auto& c : bt) {
-    ecallHandler.btCallActive = c.before;
-    ecallProcessor::onSubcribedBTSignal(c.sigName, c.data, nullptr);
-    EXPECT_EQ(c.after, ecallHandler.btCallActive.load()) << c.sigName << " " << (c.data ? c.data : "null");
+    processProbe::btCallActive() = c.before;
+    ecallProcessor::onSubcribedBTSignal(c.sigName, c.data, &ecallHandler);
+    EXPECT_EQ(c.after, processProbe::btCallActive().load()) << c.sigName << " " << (c.data ? c.data : "null");
   }
 
   // The phone volume from the mixer's answer, 15 when there is none; the
@@ -159,8 +159,8 @@ TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
   for (const auto& [reply, phone] : volumes) {
     fakeBus::setReply(AUDIO_MIXER_SERVICE, "getProperties", reply);
     ecallHandler.getDefaultVolumes();
-    EXPECT_EQ(phone, defaultPhoneVol.load()) << reply.result;
-    EXPECT_EQ(phone == 15 ? 15 : 12, defaultPromptVol.load()) << reply.result;
+    EXPECT_EQ(phone, processProbe::defaultPhoneVol().load()) << reply.result;
+    EXPECT_EQ(phone == 15 ? 15 : 12, processProbe::defaultPromptVol().load()) << reply.result;
   }
   EXPECT_EQ("{\"props\":[\"volumeLevel\"]}\n", fakeBus::requests(AUDIO_MIXER_SERVICE, "getProperties").at(0).params);
 }

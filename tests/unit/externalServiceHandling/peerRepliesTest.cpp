@@ -39,8 +39,8 @@ TEST_F(ExternalServices, PromptTextPerLanguageAndBrand) {
       {0, 1, TTS_PROMPT_COUNT, ""},
   };
   for (const auto& c : cases) {
-    extServHandle.mTtsLanguage = c.language;
-    extServHandle.mVehicleBrandIndex = c.brand;
+    processProbe::mTtsLanguage() = c.language;
+    processProbe::mVehicleBrandIndex() = c.brand;
     EXPECT_EQ(c.text, extServHandle.composeTtsText(c.prompt)) << c.language << " " << c.brand << " " << c.prompt;
   }
 }
@@ -80,7 +80,7 @@ TEST_F(ExternalServices, VariantOnlyAnExactNoDisables) {
                {answer(R"({"VARIANT_ECELL":""})"), true, 1},   {answer(R"({"VARIANT_ECELL":"NO"})"), false, 1},
                {answer(R"({"OTHER":"NO"})"), true, 5},         {refused(), true, 5}};
   for (const auto& c : cases) {
-    extServHandle.mVariantInfoKnown = false;
+    processProbe::mVariantInfoKnown() = false;
     fakeBus::reset();
     fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", c.reply);
     EXPECT_EQ(c.enabled, extServHandle.getEmebeddedPhoneEnabledInVariant()) << c.reply.result;
@@ -100,7 +100,7 @@ TEST_F(ExternalServices, BrandAndLanguageKeepTheLastGoodAnswer) {
   for (const auto& [reply, brand] : brands) {
     fakeBus::setReply(VEHICLE_CONFIG_SERVICE, "getProperties", answer(reply));
     extServHandle.getVehicleBrand();
-    EXPECT_EQ(brand, extServHandle.mVehicleBrandIndex.load()) << reply;
+    EXPECT_EQ(brand, processProbe::mVehicleBrandIndex().load()) << reply;
   }
   EXPECT_EQ(2u, logCount("Vehicle brand received invalid, using current brand Roadmast"));
 
@@ -110,7 +110,7 @@ TEST_F(ExternalServices, BrandAndLanguageKeepTheLastGoodAnswer) {
   for (const auto& [reply, language] : languages) {
     fakeBus::setReply(VEHICLE_STATUS_SERVICE, "getProperties", answer(reply));
     extServHandle.getCurrentLanguage();
-    EXPECT_EQ(language, extServHandle.mTtsLanguage.load()) << reply;
+    EXPECT_EQ(language, processProbe::mTtsLanguage().load()) << reply;
   }
 }
 

@@ -13,12 +13,12 @@ class ControllerInputs : public UnitFixture {
  protected:
   // The emergency one message starts; printed gets what it printed.
   eEmergencyType handle(const Bytes& msg, std::string* printed = nullptr) {
-    ecallHandler.curECallType = NONE;
-    ecallHandler.curCallModeType = CALL_NONE;
+    processProbe::curECallType() = NONE;
+    processProbe::curCallModeType() = CALL_NONE;
     testing::internal::CaptureStdout();
     canIpcEmergencyHandler.processOrcMessage(msg.data(), static_cast<int>(msg.size()));
     (printed ? *printed : mDiscarded) = testing::internal::GetCapturedStdout();
-    return ecallHandler.curECallType;
+    return processProbe::curECallType();
   }
   std::string mDiscarded;
 };
@@ -61,12 +61,12 @@ TEST_F(ControllerInputs, InvalidPathsMalformedMessagesAndLinkLossValues) {
     EXPECT_EQ("", printed);
   }
   EXPECT_FALSE(log.hasTrace("Rx") || log.hasTrace("Start add entry"));
-  EXPECT_EQ(0u, ecallHandler.systemError.load());
+  EXPECT_EQ(0u, processProbe::systemError().load());
 
   using namespace ecallSystemFailure;
-  ecallHandler.systemError = bitMask[ORC_SERIAL_LOC];
+  processProbe::systemError() = bitMask[ORC_SERIAL_LOC];
   handle({0x01, 0x01, 0x02, 0x01, 0x01, 0x01});
-  EXPECT_EQ(bitMask[ORC_CAN_LOC] | bitMask[MIRROR_LOC], ecallHandler.systemError.load());
+  EXPECT_EQ(bitMask[ORC_CAN_LOC] | bitMask[MIRROR_LOC], processProbe::systemError().load());
 }
 
 // A repeated "1" is a held button; "2" neither arms nor disarms.
@@ -75,11 +75,11 @@ TEST_F(ControllerInputs, EmergencyButtonStartsOneEmergencyPerPress) {
   const std::pair<const char*, bool> presses[] = {{"1", true},  {"1", false}, {"2", false}, {"1", false},
                                                   {"0", false}, {"2", false}, {"1", true}};
   for (const auto& [value, starts] : presses) {
-    ecallHandler.curECallType = NONE;
-    ecallHandler.curCallModeType = CALL_NONE;
+    processProbe::curECallType() = NONE;
+    processProbe::curCallModeType() = CALL_NONE;
     std::string text = std::string("@vehstat\nE_CALL_BtnStat::") + value + "\n";
     canIpcEmergencyHandler.processButtonPpsText(text.data(), armed);
-    EXPECT_EQ(starts, ecallHandler.curECallType == E_CALL_BtnStat) << value;
+    EXPECT_EQ(starts, processProbe::curECallType() == E_CALL_BtnStat) << value;
   }
   EXPECT_EQ(2u, logCount("ecallBtn = 2"));
 }
