@@ -204,8 +204,9 @@ TEST(EmergencyCall, RefusedDialIsReportedAndRetriedAfterTheRetryPeriod) {
 }
 
 // The centre's line rings but nobody answers: the connect time-out reports
-// the failure and keeps waiting for the call; once it ends, the retry
-// period runs and the call is made again.
+// the failure and keeps waiting for the call; once it ends (reported twice,
+// by an end reason and the TERMINATED state), the retry period runs and the
+// call is made again, once.
 TEST(EmergencyCall, UnansweredCallTimesOutAndIsRedialledAfterItEnds) {
   Scene s(callCar({"set answer manual"}));
   E2eHarness& car = s.car;
@@ -215,10 +216,11 @@ TEST(EmergencyCall, UnansweredCallTimesOutAndIsRedialledAfterItEnds) {
   EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").size(), 1u);
 
   s.sim("set answer auto");
+  s.sim("wend 3");
   s.sim("psap hangup");
   ASSERT_TRUE(car.waitForEmergencyLog(kCallActive, kLong));
   std::vector<Json::Value> dials = car.requestsSince(s.mark, "EmbeddedPhone", "ecallDial");
-  ASSERT_EQ(dials.size(), 2u);
+  ASSERT_EQ(dials.size(), 2u) << "the two ends of one call were redialled twice";
   EXPECT_GE(at(dials[1]) - at(phoneReport(s, "TERMINATED")), atLeast(60000)) << "the retry period";
   EXPECT_SOON_EQ(s.signals(), (Strings{buttonSignal("ecallDelay"), buttonSignal("failed"), buttonSignal("failed")}));
   EXPECT_TRUE(containsInOrder(s.log(), {"Calling 911", "Error Call Failed", "Calling 911"}));
