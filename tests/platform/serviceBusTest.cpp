@@ -42,17 +42,8 @@ class Inbox {
   std::vector<T> mItems;
 };
 
-struct Request {
-  std::string method;
-  int noReplyExpected;
-  SVCIPC_tError replyRc;
-  std::thread::id thread;
-};
-
 struct Result {
   SVCIPC_tError rc;
-  std::string errName, errMsg, result;
-  void* context;
   std::thread::id thread;
 };
 
@@ -60,7 +51,6 @@ bool isStatus(SVCIPC_tError rc, uint32_t domain, uint32_t code) {
   return SVCIPC_IS_ERROR(rc) && SVCIPC_ERROR_DOMAIN(rc) == domain && SVCIPC_ERROR_CODE(rc) == code;
 }
 
-std::string text(const char* value) { return value ? value : ""; }
 std::string busName(const std::string& name) { return "com.nordak.service." + name; }
 std::string objectPath(const std::string& name) { return "/com/nordak/service/" + name; }
 
@@ -75,37 +65,26 @@ SVCIPC_tError askHelper(SVCIPC_tConnection via, const char* params, std::string*
   return rc;
 }
 
-// A service for the tests. "echo..." answers its parameters, "fail" answers a
-// service error, "ask" answers what askHelper returns via askVia, anything
-// else is freed unanswered.
+// A service for the tests. "echo" answers its parameters, "ask" answers what
+// askHelper returns via askVia, anything else is freed unanswered.
 struct TestService {
-  Inbox<Request> requests;
+  Inbox<std::string> requests;
   SVCIPC_tConnection askVia = nullptr;
 
-  static void onRequest(SVCIPC_tReqContext context, const char* method, const char* params, int noReplyExpected,
+  static void onRequest(SVCIPC_tReqContext context, const char* method, const char* params, int,
                         SVCIPC_tUserToken token) {
     auto* self = static_cast<TestService*>(token);
     const std::string name = method;
-    SVCIPC_tError rc = SVCIPC_ERROR_NONE;
-    if (name.rfind("echo", 0) == 0 || name == "fail") {
-      rc = SVCIPC_asyncReturnResult(context, params, name == "fail", token);
-    } else if (name == "ask") {
-      std::string answer;
-      rc = askHelper(self->askVia, params, &answer);
-      if (rc == SVCIPC_ERROR_NONE) rc = SVCIPC_asyncReturnResult(context, answer.c_str(), 0, token);
-    }
-    self->requests.push({name, noReplyExpected, rc, std::this_thread::get_id()});
+    std::string answer = params;
+    if (name == "ask") askHelper(self->askVia, params, &answer);
+    if (name == "echo" || name == "ask") SVCIPC_asyncReturnResult(context, answer.c_str(), 0, token);
+    self->requests.push(name);
     SVCIPC_freeReqContext(context);
   }
 };
 
-void onResult(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
-  static_cast<Inbox<Result>*>(context)->push({status->errCode, text(status->errName), text(status->errMsg),
-                                              text(result), context, std::this_thread::get_id()});
-}
-
-void onSignal(const char* sigName, const char* data, void* context) {
-  static_cast<Inbox<std::string>*>(context)->push(std::string(sigName) + " " + data);
+void onResult(const SVCIPC_tCallbackStatus* status, const char*, void* context) {
+  static_cast<Inbox<Result>*>(context)->push({status->errCode, std::this_thread::get_id()});
 }
 
 class ServiceBusTest : public ::testing::Test {
@@ -141,11 +120,6 @@ class ServiceBusTest : public ::testing::Test {
     SVCIPC_freeResponse(response);
     return rc;
   }
-  SVCIPC_tError invokeAsync(SVCIPC_tConnection conn, const std::string& name, const char* method, int noReply,
-                            int timeoutMsec, Inbox<Result>* results) {
-    return SVCIPC_asyncInvoke(conn, busName(name).c_str(), objectPath(name).c_str(), method, "{\"n\":1}", noReply,
-                              timeoutMsec, onResult, results);
-  }
 
   // Objects the callbacks write to, kept beyond TearDown, which closes the
   // connections that call into them.
@@ -160,82 +134,29 @@ class ServiceBusTest : public ::testing::Test {
   std::vector<std::shared_ptr<void>> mKept;
 };
 
-TEST_F(ServiceBusTest, InvokeAndAsyncInvokeGetTheReplyOrTheServiceError) {
-  TestService& service = make<TestService>();
-  serve(connect(), "Echo", service);
-  SVCIPC_tConnection client = connect();
-
-  std::string result;
-  EXPECT_EQ(invoke(client, "Echo", "echo", "{\"a\":1}\n", -1, &result), SVCIPC_ERROR_NONE);
-  EXPECT_EQ(result, "{\"a\":1}\n");
-  // Large texts pass whole in both directions.
-  const std::string big(1 << 20, 'p');
-  const std::string longMethod = "echo" + std::string(64 * 1024, 'm');
-  EXPECT_EQ(invoke(client, "Echo", longMethod.c_str(), big, -1, &result), SVCIPC_ERROR_NONE);
-  EXPECT_TRUE(result == big) << result.size();
-
-  result.clear();
-  const SVCIPC_tError rc = invoke(client, "Echo", "fail", "no volume", -1, &result);
-  EXPECT_TRUE(isStatus(rc, SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR)) << std::hex << rc;
-  EXPECT_TRUE(result.empty());
-
-  // Asynchronously: a request that expects no reply reaches the handler as
-  // such, and the handler's answer is not sent: the results are those of
-  // the later two, with their context, on the bus thread.
-  Inbox<Result>& results = make<Inbox<Result>>();
-  ASSERT_EQ(invokeAsync(client, "Echo", "echo", 1, -1, &results), SVCIPC_ERROR_NONE);
-  ASSERT_EQ(invokeAsync(client, "Echo", "echo", 0, -1, &results), SVCIPC_ERROR_NONE);
-  ASSERT_EQ(invokeAsync(client, "Echo", "fail", 0, -1, &results), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(results.waitFor(2));
-
-  // The handler notes a request after answering it.
-  ASSERT_TRUE(service.requests.waitFor(6));
-  const auto requests = service.requests.items();
-  EXPECT_EQ(requests[1].method, longMethod);
-  EXPECT_EQ(requests[3].noReplyExpected, 1);
-  EXPECT_EQ(requests[3].replyRc, SVCIPC_ERROR_NONE);
-  EXPECT_EQ(requests[4].noReplyExpected, 0);
-  for (const Request& request : requests) EXPECT_NE(request.thread, std::this_thread::get_id());
-
-  const auto got = results.items();
-  ASSERT_EQ(got.size(), 2u);
-  EXPECT_EQ(got[0].rc, SVCIPC_ERROR_NONE);
-  EXPECT_EQ(got[0].result, "{\"n\":1}");
-  EXPECT_EQ(got[0].context, &results);
-  EXPECT_NE(got[0].thread, std::this_thread::get_id());
-  EXPECT_TRUE(isStatus(got[1].rc, SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_ERROR)) << std::hex << got[1].rc;
-  EXPECT_EQ(got[1].errName, SVCIPC_SERVICE_ERROR_NAME);
-  EXPECT_EQ(got[1].errMsg, "{\"n\":1}");
-  EXPECT_TRUE(got[1].result.empty());
-}
-
 // The handler frees the request without answering: the caller hears nothing
 // until its own time limit, which the time scale shortens, or until it
-// closes the connection.
+// closes the connection (short limits are met end to end by ecallctl and by
+// the service's calls to a hung phone).
 TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeoutOrOnClosing) {
   TestService& service = make<TestService>();
   serve(connect(), "Mute", service);
   SVCIPC_tConnection client = connect();
 
-  std::string result;
-  EXPECT_TRUE(isStatus(invoke(client, "Mute", "logStringToEcallLog", "{}", 100, &result), SVCIPC_DOMAIN_IPC_LIB,
-                       SVCIPC_ERR_TIMEOUT));
-  Inbox<Result>& results = make<Inbox<Result>>();
-  ASSERT_EQ(invokeAsync(client, "Mute", "logStringToEcallLog", 0, 100, &results), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(results.waitFor(1));
-  EXPECT_TRUE(isStatus(results.items()[0].rc, SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_TIMEOUT));
-
   // The default 25 s, scaled to 50 ms. The bound only proves the scaling.
   platform::setTimeScale(0.002);
   const auto start = std::chrono::steady_clock::now();
+  std::string result;
   EXPECT_TRUE(isStatus(invoke(client, "Mute", "x", "{}", SVCIPC_TIMEOUT_DEFAULT, &result), SVCIPC_DOMAIN_IPC_LIB,
                        SVCIPC_ERR_TIMEOUT));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
 
   // The cancellation has run by the time closing returns.
   Inbox<Result>& cancelled = make<Inbox<Result>>();
-  ASSERT_EQ(invokeAsync(client, "Mute", "unanswered", 0, -1, &cancelled), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(service.requests.waitFor(4));
+  ASSERT_EQ(SVCIPC_asyncInvoke(client, busName("Mute").c_str(), objectPath("Mute").c_str(), "unanswered", "{}", 0, -1,
+                               onResult, &cancelled),
+            SVCIPC_ERROR_NONE);
+  ASSERT_TRUE(service.requests.waitFor(2));
   ASSERT_EQ(SVCIPC_closeConnection(client), SVCIPC_ERROR_NONE);
   ASSERT_EQ(cancelled.items().size(), 1u);
   EXPECT_TRUE(isStatus(cancelled.items()[0].rc, SVCIPC_DOMAIN_IPC_LIB, SVCIPC_ERR_CANCELLED));
@@ -243,66 +164,6 @@ TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeoutOrOnClosing) {
   int hasOwner = 0;
   EXPECT_TRUE(isStatus(SVCIPC_nameHasOwner(client, "com.nordak.service.Mute", &hasOwner), SVCIPC_DOMAIN_IPC_LIB,
                        SVCIPC_ERR_BAD_ARGS));
-}
-
-TEST_F(ServiceBusTest, PeerNotOnTheBusIsRefusedAtOnce) {
-  TestService& service = make<TestService>();
-  serve(connect(), "Echo", service);
-  SVCIPC_tConnection client = connect();
-
-  std::string result;
-  EXPECT_TRUE(isStatus(invoke(client, "Nobody", "echo", "{}", -1, &result), SVCIPC_DOMAIN_DBUS,
-                       SVCIPC_DBUS_ERR_SERVICE_UNKNOWN));
-  Inbox<Result>& results = make<Inbox<Result>>();
-  const SVCIPC_tError rc = invokeAsync(client, "Nobody", "echo", 0, -1, &results);
-  EXPECT_TRUE(isStatus(rc, SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN)) << std::hex << rc;
-
-  // Callbacks come in order: once the later request's result is in, a
-  // callback of the refused one would have come first.
-  ASSERT_EQ(invokeAsync(client, "Echo", "echo", 0, -1, &results), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(results.waitFor(1));
-  EXPECT_EQ(results.items().size(), 1u);
-  EXPECT_EQ(results.items()[0].rc, SVCIPC_ERROR_NONE);
-}
-
-TEST_F(ServiceBusTest, SignalReachesOnlyTheSubscribersOfItsNameAndPath) {
-  TestService& phone = make<TestService>();
-  SVCIPC_tConnection emitter = connect();
-  SVCIPC_tSvcRegHnd phoneReg = serve(emitter, "Phone", phone);
-  SVCIPC_tSvcRegHnd otherReg = serve(emitter, "Other", make<TestService>());
-  SVCIPC_tConnection listener = connect();
-
-  auto& first = make<Inbox<std::string>>();
-  auto& second = make<Inbox<std::string>>();
-  SVCIPC_tSigSubHnd firstSub = nullptr, secondSub = nullptr;
-  ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "callState", onSignal, &first, &firstSub), 0);
-  ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Phone", "callState", onSignal, &second, &secondSub), 0);
-
-  // One sender: the signals arrive in the order emitted, so once the last is
-  // in, any wrongly delivered earlier one would be too.
-  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "antennaStatus", "{\"a\":0}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  EXPECT_EQ(SVCIPC_asyncEmit(otherReg, "callState", "{\"b\":0}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  EXPECT_EQ(SVCIPC_asyncEmit(phoneReg, "callState", "{\"c\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(first.waitFor(1));
-  ASSERT_TRUE(second.waitFor(1));
-  EXPECT_EQ(first.items(), std::vector<std::string>{"callState {\"c\":1}"});
-  EXPECT_EQ(second.items(), first.items());
-
-  // Another client sends from the phone's path under a name of its own: not
-  // the phone's word. Its next signal, from its own path, comes after it.
-  SVCIPC_tConnection forger = connect();
-  SVCIPC_tSvcRegHnd forged = nullptr;
-  ASSERT_EQ(SVCIPC_registerService(forger, busName("Forger0").c_str(), "/com/nordak/service/Phone", 0,
-                                   TestService::onRequest, &make<TestService>(), &forged),
-            SVCIPC_ERROR_NONE);
-  SVCIPC_tSvcRegHnd own = serve(forger, "Forger", make<TestService>());
-  auto& marks = make<Inbox<std::string>>();
-  SVCIPC_tSigSubHnd markSub = nullptr;
-  ASSERT_EQ(SVCIPC_subscribe(listener, "/com/nordak/service/Forger", "callState", onSignal, &marks, &markSub), 0);
-  EXPECT_EQ(SVCIPC_asyncEmit(forged, "callState", "{\"forged\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  EXPECT_EQ(SVCIPC_asyncEmit(own, "callState", "{\"d\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(marks.waitFor(1));
-  EXPECT_EQ(first.items(), std::vector<std::string>{"callState {\"c\":1}"});
 }
 
 // The service asks a peer synchronously from its method handler and from
@@ -375,7 +236,7 @@ TEST_F(ServiceBusTest, RefusesWhatItCannotDoAndForeignCallsDoNoHarm) {
   sd_bus_flush_close_unref(raw);
   // Requests reach the handler in order: the refused ones would come first.
   ASSERT_TRUE(service.requests.waitFor(1));
-  EXPECT_EQ(service.requests.items()[0].method, "echo");
+  EXPECT_EQ(service.requests.items()[0], "echo");
 }
 
 }  // namespace
