@@ -41,6 +41,10 @@ inline const std::string gpsResetLogPath = "/fs/etfs/usr/var/ecall/GPSReset.log"
 class CANImpactECallHandler;
 class externalServiceHandling;
 
+// How a failed phone query's answer is told in the system log: "not NULL"
+// when the phone sent a text with its error, "NULL" when it sent none.
+inline const char* answerState(const std::string& reply) { return reply.empty() ? "NULL" : "not NULL"; }
+
 class ecallProcessor final : public processorInputs {
  public:
   // Writes "ECall Service Version" to the emergency log. The processor

@@ -70,9 +70,8 @@ bool ecallProcessor::readECallNumber() {
     const SVCIPC_tError rc = embeddedPhone::readEmergencyNumbers(reply);
     bool pause = false;
     if (SVCIPC_IS_ERROR(rc)) {
-      // A failed request has no answer.
       scope.sendFormattedWarning("Failed to get ecall number, rc %d\n", rc);
-      sendtoSlog(_SLOG_ERROR, "Failed to get ecall number %d, resp is NULL\n", rc);
+      sendtoSlog(_SLOG_ERROR, "Failed to get ecall number %d, resp is %s\n", rc, answerState(reply));
       pause = true;
       if (isPeerTimeout(rc)) {
         // A phone that hung once would only hang again: the read fails now.

@@ -245,9 +245,8 @@ void ecallProcessor::getEmdPhStatus() {
   std::string reply;
   const SVCIPC_tError rc = embeddedPhone::readStatus(reply);
   if (SVCIPC_IS_ERROR(rc)) {
-    // A failed request has no answer.
     scope.sendFormattedWarning("failed to get embPh status, rc %d\n", rc);
-    sendtoSlog(_SLOG_ERROR, "failed to get embPh status, rc %d, resp is NULL\n", rc);
+    sendtoSlog(_SLOG_ERROR, "failed to get embPh status, rc %d, resp is %s\n", rc, answerState(reply));
     return;
   }
   bool on = false;

@@ -32,9 +32,8 @@ std::string ecallProcessor::getSWIUSBPorts() {
   std::string reply;
   const SVCIPC_tError rc = embeddedPhone::readUsbPorts(reply);
   if (SVCIPC_IS_ERROR(rc)) {
-    // A failed request has no answer.
     scope.sendFormattedWarning("Failed to get swiusb ports, rc %d\n", rc);
-    sendtoSlog(_SLOG_ERROR, "Failed to get swiusb ports %d, resp is NULL\n", rc);
+    sendtoSlog(_SLOG_ERROR, "Failed to get swiusb ports %d, resp is %s\n", rc, answerState(reply));
     return portsReadFailure;
   }
   return parseSWIUSBPortsStr(reply.c_str());
