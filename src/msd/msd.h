@@ -21,6 +21,7 @@ inline constexpr size_t kMaxOctets = 140;
 inline constexpr uint8_t kFormatVersion = 2;
 
 enum class VehicleType : uint8_t {
+  laterFormat = 0,  // a type a later format added: read, never sent
   passengerM1 = 1,
   busM2,
   busM3,

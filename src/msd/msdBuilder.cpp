@@ -86,14 +86,14 @@ std::optional<Delta> deltaFrom(int32_t refLatitude, int32_t refLongitude, const 
 // N1 from the current position, N2 from the position N1 stands for (not
 // from the true earlier point), so that rounding does not add up on the
 // centre's side. N2 is sent only behind N1.
-void addRecentPositions(Content& msd, const Position& position, std::vector<std::string>& warnings) {
+void addRecentPositions(Content& content, const Position& position, std::vector<std::string>& warnings) {
   if (!position.earlier1) return;
   if (!validPoint(*position.earlier1)) {
     warnings.push_back("earlier position " + describe(*position.earlier1) + " is not a position, left out");
     return;
   }
-  msd.n1 = deltaFrom(*msd.latitude, *msd.longitude, *position.earlier1);
-  if (!msd.n1) {
+  content.n1 = deltaFrom(*content.latitude, *content.longitude, *position.earlier1);
+  if (!content.n1) {
     warnings.push_back("earlier position " + describe(*position.earlier1) +
                        " is too far for a recent position, both recent positions left out");
     return;
@@ -103,9 +103,10 @@ void addRecentPositions(Content& msd, const Position& position, std::vector<std:
     warnings.push_back("earlier position " + describe(*position.earlier2) + " is not a position, left out");
     return;
   }
-  msd.n2 = deltaFrom(*msd.latitude + msd.n1->latitude * 100, *msd.longitude + msd.n1->longitude * 100,
-                     *position.earlier2);
-  if (!msd.n2)
+  const int32_t n1Latitude = *content.latitude + content.n1->latitude * 100;
+  const int32_t n1Longitude = *content.longitude + content.n1->longitude * 100;
+  content.n2 = deltaFrom(n1Latitude, n1Longitude, *position.earlier2);
+  if (!content.n2)
     warnings.push_back("earlier position " + describe(*position.earlier2) +
                        " is too far for a recent position, left out");
 }
@@ -115,42 +116,42 @@ void addRecentPositions(Content& msd, const Position& position, std::vector<std:
 Built build(unsigned sequence, const Trigger& trigger, const Vehicle& vehicle, const Position& position,
             std::optional<int> fastenedSeatBelts) {
   Built built;
-  Content& msd = built.content;
+  Content& content = built.content;
   auto& warnings = built.warnings;
 
   // Nothing defines a number past 255: the centre keeps seeing fresh data
   // under the highest one rather than a number that looks like a new call.
-  msd.messageIdentifier = static_cast<uint8_t>(std::clamp(sequence, 1u, 255u));
+  content.messageIdentifier = static_cast<uint8_t>(std::clamp(sequence, 1u, 255u));
   if (sequence > 255) warnings.push_back("MSD number " + std::to_string(sequence) + " sent as message identifier 255");
   if (sequence == 0) warnings.push_back("MSD number 0 sent as message identifier 1");
-  msd.automaticActivation = trigger.automatic;
-  msd.testCall = trigger.testCall;
+  content.automaticActivation = trigger.automatic;
+  content.testCall = trigger.testCall;
 
   const auto type = static_cast<unsigned>(vehicle.type);
-  msd.vehicleType = vehicle.type;
+  content.vehicleType = vehicle.type;
   if (type < 1 || type > 13) {
     warnings.push_back("vehicle type " + std::to_string(type) + " unknown, sent as a passenger vehicle (M1)");
-    msd.vehicleType = VehicleType::passengerM1;
+    content.vehicleType = VehicleType::passengerM1;
   }
-  msd.vin = vinToSend(vehicle.vin, warnings);
-  msd.propulsion = vehicle.propulsion;
+  content.vin = vinToSend(vehicle.vin, warnings);
+  content.propulsion = vehicle.propulsion;
 
   if (trigger.time > 0 && trigger.time <= std::numeric_limits<uint32_t>::max()) {
-    msd.timestamp = static_cast<uint32_t>(trigger.time);
+    content.timestamp = static_cast<uint32_t>(trigger.time);
   } else {
     warnings.push_back("trigger time " + std::to_string(trigger.time) + " unknown, sent as 0");
   }
 
   if (position.current && validPoint(*position.current)) {
-    msd.latitude = toMas(position.current->latitude);
-    msd.longitude = toMas(position.current->longitude);
-    msd.positionCanBeTrusted = position.trusted;
-    addRecentPositions(msd, position, warnings);
+    content.latitude = toMas(position.current->latitude);
+    content.longitude = toMas(position.current->longitude);
+    content.positionCanBeTrusted = position.trusted;
+    addRecentPositions(content, position, warnings);
   } else if (position.current) {
     warnings.push_back("position " + describe(*position.current) + " is not a position, sent as unknown");
   }
   if (position.heading && std::isfinite(*position.heading)) {
-    msd.direction = directionIndex(*position.heading);
+    content.direction = directionIndex(*position.heading);
   } else if (position.heading) {
     warnings.push_back("heading is not a number, sent as unknown");
   }
@@ -159,7 +160,7 @@ Built build(unsigned sequence, const Trigger& trigger, const Vehicle& vehicle, c
     warnings.push_back("fastened seat belts " + std::to_string(*fastenedSeatBelts) + " left out");
   } else if (fastenedSeatBelts) {
     // 255 would mean unknown: a larger count is sent as the largest known one.
-    msd.passengers = static_cast<uint8_t>(std::min(*fastenedSeatBelts, 254));
+    content.passengers = static_cast<uint8_t>(std::min(*fastenedSeatBelts, 254));
     if (*fastenedSeatBelts > 254)
       warnings.push_back("fastened seat belts " + std::to_string(*fastenedSeatBelts) + " sent as 254");
   }

@@ -1,29 +1,109 @@
-// The MSD on the wire: the content checked against its types, then
-// encoded and decoded by the code asn1c generates from msd.asn1. The
-// generated code treats the container of format version 2 (an OCTET STRING
-// holding the encoded MSDMessage) as plain octets, so the message is
-// encoded first and then wrapped, and read the other way round. A flag
-// equal to its default (FALSE) is not sent: the generated encoder sends
-// every flag it is given, so only the TRUE ones are given to it.
+// The MSD on the wire, in unaligned PER as msd.asn1 lays it out: a writer
+// and a reader for exactly this module. The code asn1c generates from the
+// module is not used here: its run-time has undefined behaviour on ordinary
+// messages (the README says more); it checks this codec in the fuzz target.
+//
+// Canonical form: a propulsion flag equal to its default (FALSE) is not
+// sent, and every extension bit is 0. The reader also takes the flags sent
+// with their values, and skips the extension additions of a later format.
+#include <algorithm>
 #include <cstring>
 
-#include "ECallMessage.h"
-#include "ECallMessageV1.h"
-#include "MSDMessage.h"
 #include "msd/msd.h"
 
 namespace msd {
 namespace {
 
-constexpr int32_t kUnknownPosition = 2147483647;
+constexpr uint64_t kUnknownPosition = 2147483647;
 constexpr uint8_t kUnknownDirection = 255;
 constexpr int32_t kMaxLatitude = 324000000, kMaxLongitude = 648000000;  // 90 and 180 degrees in mas
+constexpr int64_t kCoordinateOffset = int64_t{1} << 31;  // the lower bound of the coordinates' type
+constexpr int kDeltaOffset = 512;
 constexpr char kVinAlphabet[] = "0123456789ABCDEFGHJKLMNPRSTUVWXYZ";
-// The fields' places in the encoded MSDMessage, which no optional field
-// moves: the vehicle type's extension bit and index, then the VIN.
-constexpr size_t kVehicleTypeBit = 17, kVinBit = 22;
-// Inner encodings longer than this cannot fit the 140 octets anyway.
-constexpr size_t kInnerBufferSize = 256;
+constexpr size_t kVinLength = 17;
+// Room for any MSDMessage whose additional data could fit the 140 octets.
+constexpr size_t kInnerCapacity = 256;
+
+class BitWriter {
+ public:
+  // Writes the count low bits of value, the highest first; past the
+  // capacity it only counts them.
+  void put(uint64_t value, unsigned count) {
+    while (count > 0) {
+      const unsigned room = 8 - mBits % 8, take = std::min(room, count);
+      const unsigned chunk = static_cast<unsigned>(value >> (count - take)) & ((1u << take) - 1);
+      if (mBits / 8 < kInnerCapacity) mBuffer[mBits / 8] |= static_cast<uint8_t>(chunk << (room - take));
+      mBits += take;
+      count -= take;
+    }
+  }
+  // An unconstrained length determinant and the octets.
+  void octets(const std::vector<uint8_t>& octets) {
+    if (octets.size() < 128) {
+      put(octets.size(), 8);
+    } else {
+      put(0x8000 | octets.size(), 16);
+    }
+    for (uint8_t octet : octets) put(octet, 8);
+  }
+  size_t size() const { return (mBits + 7) / 8; }
+  const uint8_t* data() const { return mBuffer; }
+
+ private:
+  uint8_t mBuffer[kInnerCapacity] = {};
+  size_t mBits = 0;
+};
+
+class BitReader {
+ public:
+  BitReader(const uint8_t* data, size_t size, size_t startBit) : mData(data), mBit(startBit), mEnd(size * 8) {}
+
+  // The next count bits, the highest first; past the end zeros, and the
+  // reader counts as truncated.
+  uint64_t get(unsigned count) {
+    uint64_t value = 0;
+    while (count > 0) {
+      if (mBit >= mEnd) {
+        mTruncated = true;
+        return value << count;
+      }
+      const unsigned room = 8 - mBit % 8, take = std::min(room, count);
+      value = (value << take) | ((mData[mBit / 8] >> (room - take)) & ((1u << take) - 1));
+      mBit += take;
+      count -= take;
+    }
+    return value;
+  }
+  bool flag() { return get(1) != 0; }
+  // An unconstrained length determinant. A fragmented length (16384 and
+  // more) never fits a message: it reads as truncated.
+  size_t length() {
+    if (!flag()) return get(7);
+    if (!flag()) return get(14);
+    mTruncated = true;
+    return 0;
+  }
+  // A length and its octets; no more are taken than the input still has.
+  std::vector<uint8_t> octets() {
+    const size_t count = length();
+    std::vector<uint8_t> out(std::min(count, remaining() / 8 + 1));
+    for (uint8_t& octet : out) octet = static_cast<uint8_t>(get(8));
+    return out;
+  }
+  void skip(size_t bits) {
+    mTruncated = mTruncated || bits > remaining();
+    mBit += std::min(bits, remaining());
+  }
+  size_t remaining() const { return mEnd - mBit; }
+  bool truncated() const { return mTruncated; }
+
+ private:
+  const uint8_t* mData;
+  size_t mBit, mEnd;
+  bool mTruncated = false;
+};
+
+// ---- content checks ----
 
 std::string checkDelta(const char* name, const std::optional<Delta>& delta) {
   if (!delta) return "";
@@ -37,7 +117,8 @@ std::string checkDelta(const char* name, const std::optional<Delta>& delta) {
 std::string checkContent(const Content& c) {
   const auto type = static_cast<unsigned>(c.vehicleType);
   if (type < 1 || type > 13) return "vehicle type " + std::to_string(type) + " outside 1..13";
-  if (c.vin.size() != 17) return "VIN \"" + c.vin + "\" has " + std::to_string(c.vin.size()) + " characters, not 17";
+  if (c.vin.size() != kVinLength)
+    return "VIN \"" + c.vin + "\" has " + std::to_string(c.vin.size()) + " characters, not 17";
   for (size_t i = 0; i < c.vin.size(); ++i)
     if (c.vin[i] == '\0' || !std::strchr(kVinAlphabet, c.vin[i]))
       return "VIN \"" + c.vin + "\": character " + std::to_string(i + 1) + " outside the VIN alphabet";
@@ -50,7 +131,7 @@ std::string checkContent(const Content& c) {
   if (auto problem = checkDelta("N2", c.n2); !problem.empty()) return problem;
   if (c.additionalData) {
     if (c.additionalData->oid.empty()) return "additional data without an object identifier";
-    if (c.additionalData->data.size() > kMaxOctets)
+    if (c.additionalData->data.size() + c.additionalData->oid.size() > kMaxOctets)
       return "additional data of " + std::to_string(c.additionalData->data.size()) + " octets cannot fit";
   }
   return "";
@@ -73,201 +154,170 @@ std::vector<uint8_t> oidOctets(const std::vector<uint32_t>& arcs) {
   return out;
 }
 
-std::optional<std::vector<uint32_t>> oidArcs(const uint8_t* octets, size_t size) {
+std::optional<std::vector<uint32_t>> oidArcs(const std::vector<uint8_t>& octets) {
   std::vector<uint32_t> arcs;
   uint64_t arc = 0;
-  for (size_t i = 0; i < size; ++i) {
-    arc = (arc << 7) | (octets[i] & 0x7f);
+  for (uint8_t octet : octets) {
+    arc = (arc << 7) | (octet & 0x7f);
     if (arc > UINT32_MAX) return std::nullopt;
-    if (!(octets[i] & 0x80)) {
+    if (!(octet & 0x80)) {
       arcs.push_back(static_cast<uint32_t>(arc));
       arc = 0;
     }
   }
-  if (size == 0 || (octets[size - 1] & 0x80)) return std::nullopt;
+  if (octets.empty() || (octets.back() & 0x80)) return std::nullopt;
   return arcs;
 }
 
-// The generated structures point into the content and into this storage:
-// encoding allocates nothing.
-struct Storage {
-  BOOLEAN_t isTrue = 1;
-  VehicleLocationDelta_t n1{}, n2{};
-  long passengers = 0;
-  AdditionalData_t additional{};
-  std::vector<uint8_t> oid;
-};
+// ---- writing ----
 
-void setText(OCTET_STRING_t& field, const std::string& text, size_t from, size_t count) {
-  field.buf = reinterpret_cast<uint8_t*>(const_cast<char*>(text.data() + from));
-  field.size = static_cast<int>(count);
+void writeDelta(BitWriter& w, const std::optional<Delta>& delta) {
+  if (!delta) return;
+  w.put(delta->latitude + kDeltaOffset, 10);
+  w.put(delta->longitude + kDeltaOffset, 10);
 }
 
-VehicleLocationDelta_t* setDelta(VehicleLocationDelta_t& field, const std::optional<Delta>& delta) {
-  if (!delta) return nullptr;
-  field.latitudeDelta = delta->latitude;
-  field.longitudeDelta = delta->longitude;
-  return &field;
+void writeCoordinate(BitWriter& w, const std::optional<int32_t>& mas) {
+  w.put(mas ? static_cast<uint64_t>(*mas + kCoordinateOffset) : kUnknownPosition + kCoordinateOffset, 32);
 }
 
-void fill(MSDMessage_t& message, const Content& c, Storage& storage) {
-  MSDStructure_t& s = message.msdStructure;
-  s.messageIdentifier = c.messageIdentifier;
-  s.control.automaticActivation = c.automaticActivation;
-  s.control.testCall = c.testCall;
-  s.control.positionCanBeTrusted = c.positionCanBeTrusted;
-  s.control.vehicleType = static_cast<long>(c.vehicleType);
-  setText(s.vehicleIdentificationNumber.isowmi, c.vin, 0, 3);
-  setText(s.vehicleIdentificationNumber.isovds, c.vin, 3, 6);
-  setText(s.vehicleIdentificationNumber.isovisModelyear, c.vin, 9, 1);
-  setText(s.vehicleIdentificationNumber.isovisSeqPlant, c.vin, 10, 7);
-  VehiclePropulsionStorageType_t& p = s.vehiclePropulsionStorageType;
-  BOOLEAN_t* isTrue = &storage.isTrue;
-  p.gasolineTankPresent = c.propulsion.gasoline ? isTrue : nullptr;
-  p.dieselTankPresent = c.propulsion.diesel ? isTrue : nullptr;
-  p.compressedNaturalGas = c.propulsion.compressedNaturalGas ? isTrue : nullptr;
-  p.liquidPropaneGas = c.propulsion.liquidPropaneGas ? isTrue : nullptr;
-  p.electricEnergyStorage = c.propulsion.electric ? isTrue : nullptr;
-  p.hydrogenStorage = c.propulsion.hydrogen ? isTrue : nullptr;
-  p.otherStorage = c.propulsion.other ? isTrue : nullptr;
-  s.timestamp = c.timestamp;
-  s.vehicleLocation.positionLatitude = c.latitude.value_or(kUnknownPosition);
-  s.vehicleLocation.positionLongitude = c.longitude.value_or(kUnknownPosition);
-  s.vehicleDirection = c.direction.value_or(kUnknownDirection);
-  s.recentVehicleLocationN1 = setDelta(storage.n1, c.n1);
-  s.recentVehicleLocationN2 = setDelta(storage.n2, c.n2);
-  if (c.passengers) {
-    storage.passengers = *c.passengers;
-    s.numberOfPassengers = &storage.passengers;
-  }
+// MSDMessage: its extension bit, the presence of the additional data,
+// then MSDStructure and the additional data.
+void writeMessage(BitWriter& w, const Content& c) {
+  w.put(0, 1);
+  w.put(c.additionalData.has_value(), 1);
+  w.put(0, 1);
+  w.put(c.n1.has_value(), 1);
+  w.put(c.n2.has_value(), 1);
+  w.put(c.passengers.has_value(), 1);
+  w.put(c.messageIdentifier, 8);
+  w.put(c.automaticActivation, 1);
+  w.put(c.testCall, 1);
+  w.put(c.positionCanBeTrusted, 1);
+  w.put(0, 1);
+  w.put(static_cast<unsigned>(c.vehicleType) - 1, 4);
+  for (char ch : c.vin) w.put(std::strchr(kVinAlphabet, ch) - kVinAlphabet, 6);
+  const Propulsion& p = c.propulsion;
+  const bool flags[] = {p.gasoline, p.diesel, p.compressedNaturalGas, p.liquidPropaneGas,
+                        p.electric, p.hydrogen, p.other};
+  w.put(0, 1);
+  for (bool present : flags) w.put(present, 1);
+  for (bool present : flags)
+    if (present) w.put(1, 1);
+  w.put(c.timestamp, 32);
+  writeCoordinate(w, c.latitude);
+  writeCoordinate(w, c.longitude);
+  w.put(c.direction.value_or(kUnknownDirection), 8);
+  writeDelta(w, c.n1);
+  writeDelta(w, c.n2);
+  if (c.passengers) w.put(*c.passengers, 8);
   if (c.additionalData) {
-    storage.oid = oidOctets(c.additionalData->oid);
-    storage.additional.oid.buf = storage.oid.data();
-    storage.additional.oid.size = static_cast<int>(storage.oid.size());
-    storage.additional.data.buf = const_cast<uint8_t*>(c.additionalData->data.data());
-    storage.additional.data.size = static_cast<int>(c.additionalData->data.size());
-    message.optionalAdditionalData = &storage.additional;
+    w.octets(oidOctets(c.additionalData->oid));
+    w.octets(c.additionalData->data);
   }
 }
 
-// ---- decoding ----
+// ---- reading ----
 
-// Unsigned value of count bits at bit offset from in data.
-unsigned bitsAt(const uint8_t* data, size_t offset, size_t count) {
-  unsigned value = 0;
-  for (size_t i = offset; i < offset + count; ++i) value = (value << 1) | ((data[i / 8] >> (7 - i % 8)) & 1);
-  return value;
+// The extension additions of a SEQUENCE from a later format: a bitmap of
+// their presence, then each present one as an open type (length, octets).
+void skipAdditions(BitReader& r) {
+  const size_t count = r.flag() ? r.length() : r.get(6) + 1;
+  BitReader bitmap = r;
+  r.skip(count);
+  for (size_t i = 0; i < count && !r.truncated(); ++i)
+    if (bitmap.flag()) r.skip(r.length() * 8);
 }
 
-// Why the generated decoder refused an MSDMessage starting at bit start:
-// the values it refuses sit at fixed places, so the reason can be named.
-std::string refusal(const uint8_t* data, size_t size, size_t start) {
-  if (size * 8 >= start + kVinBit) {
-    if (bitsAt(data, start + kVehicleTypeBit, 1)) return "malformed MSD: a vehicle type this decoder does not know";
-    const unsigned type = bitsAt(data, start + kVehicleTypeBit + 1, 4);
-    if (type > 12) return "malformed MSD: vehicle type index " + std::to_string(type) + " is not a vehicle type";
+std::optional<Delta> readDelta(BitReader& r, bool present) {
+  if (!present) return std::nullopt;
+  const int latitude = static_cast<int>(r.get(10)) - kDeltaOffset;
+  return Delta{latitude, static_cast<int>(r.get(10)) - kDeltaOffset};
+}
+
+std::optional<int32_t> readCoordinate(BitReader& r) {
+  const uint64_t value = r.get(32);
+  if (value == kUnknownPosition + kCoordinateOffset) return std::nullopt;
+  return static_cast<int32_t>(static_cast<int64_t>(value) - kCoordinateOffset);
+}
+
+// MSDMessage as format version 2 lays it out, or version 1 (six
+// propulsion flags); an error names the first value outside its type.
+std::string readMessage(BitReader& r, Content& c, unsigned propulsionFlags) {
+  const bool messageExtended = r.flag(), hasAdditionalData = r.flag();
+  const bool structureExtended = r.flag(), hasN1 = r.flag(), hasN2 = r.flag(), hasPassengers = r.flag();
+  c.messageIdentifier = static_cast<uint8_t>(r.get(8));
+  c.automaticActivation = r.flag();
+  c.testCall = r.flag();
+  c.positionCanBeTrusted = r.flag();
+  if (r.flag()) {
+    // A vehicle type added by a later format: a normally small number.
+    r.skip(r.flag() ? r.length() * 8 : 6);
+    c.vehicleType = VehicleType::laterFormat;
+  } else {
+    const unsigned index = static_cast<unsigned>(r.get(4));
+    if (index > 12) return "vehicle type index " + std::to_string(index) + " is not a vehicle type";
+    c.vehicleType = static_cast<VehicleType>(index + 1);
   }
-  for (size_t i = 0; i < 17 && size * 8 >= start + kVinBit + 6 * (i + 1); ++i) {
-    const unsigned index = bitsAt(data, start + kVinBit + 6 * i, 6);
+  c.vin.resize(kVinLength);
+  for (size_t i = 0; i < kVinLength; ++i) {
+    const unsigned index = static_cast<unsigned>(r.get(6));
     if (index > 32)
-      return "malformed MSD: VIN character " + std::to_string(i + 1) + " has index " + std::to_string(index) +
-             ", outside the alphabet";
+      return "VIN character " + std::to_string(i + 1) + " has index " + std::to_string(index) + ", outside the alphabet";
+    c.vin[i] = kVinAlphabet[index];
   }
-  return "malformed MSD";
-}
-
-std::string text(const OCTET_STRING_t& field) { return std::string(reinterpret_cast<const char*>(field.buf), field.size); }
-
-std::optional<Delta> delta(const VehicleLocationDelta_t* field) {
-  if (!field) return std::nullopt;
-  return Delta{static_cast<int>(field->latitudeDelta), static_cast<int>(field->longitudeDelta)};
-}
-
-bool flag(const BOOLEAN_t* field) { return field && *field; }
-
-// Versions 1 and 2 differ inside only in the last propulsion flag.
-template <typename Message>
-std::string read(const Message& message, Content& c) {
-  const auto& s = message.msdStructure;
-  c.messageIdentifier = static_cast<uint8_t>(s.messageIdentifier);
-  c.automaticActivation = s.control.automaticActivation;
-  c.testCall = s.control.testCall;
-  c.positionCanBeTrusted = s.control.positionCanBeTrusted;
-  c.vehicleType = static_cast<VehicleType>(s.control.vehicleType);
-  const auto& vin = s.vehicleIdentificationNumber;
-  c.vin = text(vin.isowmi) + text(vin.isovds) + text(vin.isovisModelyear) + text(vin.isovisSeqPlant);
-  const auto& p = s.vehiclePropulsionStorageType;
-  c.propulsion.gasoline = flag(p.gasolineTankPresent);
-  c.propulsion.diesel = flag(p.dieselTankPresent);
-  c.propulsion.compressedNaturalGas = flag(p.compressedNaturalGas);
-  c.propulsion.liquidPropaneGas = flag(p.liquidPropaneGas);
-  c.propulsion.electric = flag(p.electricEnergyStorage);
-  c.propulsion.hydrogen = flag(p.hydrogenStorage);
-  if constexpr (requires { p.otherStorage; }) c.propulsion.other = flag(p.otherStorage);
-  c.timestamp = static_cast<uint32_t>(s.timestamp);
-  const auto position = [](long value) {
-    return value == kUnknownPosition ? std::nullopt : std::optional<int32_t>(static_cast<int32_t>(value));
-  };
-  c.latitude = position(s.vehicleLocation.positionLatitude);
-  c.longitude = position(s.vehicleLocation.positionLongitude);
-  if (s.vehicleDirection != kUnknownDirection) c.direction = static_cast<uint8_t>(s.vehicleDirection);
-  c.n1 = delta(s.recentVehicleLocationN1);
-  c.n2 = delta(s.recentVehicleLocationN2);
-  if (s.numberOfPassengers) c.passengers = static_cast<uint8_t>(*s.numberOfPassengers);
-  if (const AdditionalData_t* additional = message.optionalAdditionalData) {
-    auto arcs = oidArcs(additional->oid.buf, additional->oid.size);
-    if (!arcs) return "malformed MSD: the additional data's object identifier cannot be read";
-    c.additionalData = AdditionalData{*arcs, std::vector<uint8_t>(additional->data.buf,
-                                                                   additional->data.buf + additional->data.size)};
+  const bool propulsionExtended = r.flag();
+  bool sent[7] = {};
+  for (unsigned i = 0; i < propulsionFlags; ++i) sent[i] = r.flag();
+  bool* const flags[] = {&c.propulsion.gasoline, &c.propulsion.diesel, &c.propulsion.compressedNaturalGas,
+                         &c.propulsion.liquidPropaneGas, &c.propulsion.electric, &c.propulsion.hydrogen,
+                         &c.propulsion.other};
+  for (unsigned i = 0; i < propulsionFlags; ++i) *flags[i] = sent[i] && r.flag();
+  if (propulsionExtended) skipAdditions(r);
+  c.timestamp = static_cast<uint32_t>(r.get(32));
+  c.latitude = readCoordinate(r);
+  c.longitude = readCoordinate(r);
+  const auto direction = static_cast<uint8_t>(r.get(8));
+  c.direction = direction == kUnknownDirection ? std::nullopt : std::optional<uint8_t>(direction);
+  c.n1 = readDelta(r, hasN1);
+  c.n2 = readDelta(r, hasN2);
+  if (hasPassengers) c.passengers = static_cast<uint8_t>(r.get(8));
+  if (structureExtended) skipAdditions(r);
+  if (hasAdditionalData) {
+    std::vector<uint8_t> oid = r.octets();
+    std::vector<uint8_t> data = r.octets();
+    auto arcs = oidArcs(oid);
+    if (!arcs && !r.truncated()) return "the additional data's object identifier cannot be read";
+    if (arcs) c.additionalData = AdditionalData{std::move(*arcs), std::move(data)};
   }
+  if (messageExtended) skipAdditions(r);
   return "";
-}
-
-// One generated decoder run; the structure is freed in every case.
-template <typename Message>
-struct Decoding {
-  Message* message = nullptr;
-  asn_TYPE_descriptor_t* type;
-  asn_dec_rval_t result;
-  Decoding(asn_TYPE_descriptor_t* t, const uint8_t* data, size_t size, int skipBits) : type(t) {
-    result = uper_decode(nullptr, type, reinterpret_cast<void**>(&message), data, size, skipBits, 0);
-  }
-  ~Decoding() { ASN_STRUCT_FREE(*type, message); }
-  Decoding(const Decoding&) = delete;
-  Decoding& operator=(const Decoding&) = delete;
-};
-
-// The error of a decoder run: truncated, or refused at one of the fields
-// whose places are fixed behind bit start of data.
-std::string failure(const asn_dec_rval_t& result, const uint8_t* data, size_t size, size_t start, const char* what) {
-  if (result.code == RC_OK) return "";
-  if (result.code == RC_WMORE) return std::string("truncated: ") + what;
-  return refusal(data, size, start);
 }
 
 Decoded decodeVersion1(const uint8_t* data, size_t size) {
   Decoded out;
-  Decoding<ECallMessageV1_t> decoding(&asn_DEF_ECallMessageV1, data, size, 0);
-  out.error = failure(decoding.result, data, size, 8, "the message ends before its fields do");
-  if (out.error.empty()) out.error = read(decoding.message->msd, out.content);
   out.content.formatVersion = 1;
+  BitReader r(data, size, 8);
+  out.error = readMessage(r, out.content, 6);
+  if (r.truncated()) out.error = "truncated: the message ends before its fields do";
+  if (!out.error.empty() && out.error.find("truncated") != 0) out.error = "malformed MSD: " + out.error;
   return out;
 }
 
 Decoded decodeVersion2(const uint8_t* data, size_t size) {
   Decoded out;
-  Decoding<ECallMessage_t> outer(&asn_DEF_ECallMessage, data, size, 0);
-  if (outer.result.code != RC_OK) {
-    out.error = outer.result.code == RC_WMORE ? "truncated: the message is shorter than its length says"
-                                              : "malformed message";
+  // The version octet, the length of the MSDMessage's octets, the octets.
+  BitReader header(data, size, 8);
+  const size_t length = header.length();
+  const size_t start = (size * 8 - header.remaining()) / 8;
+  if (header.truncated() || length > size - start) {
+    out.error = "truncated: the message is shorter than its length says";
     return out;
   }
-  const uint8_t* inner = outer.message->msd.buf;
-  const size_t innerSize = outer.message->msd.size;
-  Decoding<MSDMessage_t> decoding(&asn_DEF_MSDMessage, inner, innerSize, 0);
-  out.error = failure(decoding.result, inner, innerSize, 0, "the MSD ends before its fields do");
-  if (out.error.empty()) out.error = read(*decoding.message, out.content);
-  out.content.formatVersion = 2;
+  BitReader r(data + start, length, 0);
+  out.error = readMessage(r, out.content, 7);
+  if (r.truncated()) out.error = "truncated: the MSD ends before its fields do";
+  if (!out.error.empty() && out.error.find("truncated") != 0) out.error = "malformed MSD: " + out.error;
   return out;
 }
 
@@ -278,30 +328,19 @@ Encoded encode(const Content& content) {
   out.error = checkContent(content);
   if (!out.error.empty()) return out;
 
-  MSDMessage_t message{};
-  Storage storage;
-  fill(message, content, storage);
-  uint8_t inner[kInnerBufferSize];
-  const asn_enc_rval_t innerResult = uper_encode_to_buffer(&asn_DEF_MSDMessage, &message, inner, sizeof inner);
-  if (innerResult.encoded < 0) {
-    out.error = std::string("the encoder refused ") + (innerResult.failed_type ? innerResult.failed_type->name : "the MSD");
+  BitWriter inner;
+  writeMessage(inner, content);
+  const size_t length = inner.size();
+  const size_t total = 1 + (length < 128 ? 1 : 2) + length;
+  if (total > kMaxOctets) {
+    out.error = "the MSD takes " + std::to_string(total) + " octets, more than 140";
     return out;
   }
-
-  ECallMessage_t wrapper{};
-  wrapper.msdVersion = kFormatVersion;
-  wrapper.msd.buf = inner;
-  wrapper.msd.size = static_cast<int>((innerResult.encoded + 7) / 8);
-  uint8_t whole[kInnerBufferSize + 4];
-  const asn_enc_rval_t result = uper_encode_to_buffer(&asn_DEF_ECallMessage, &wrapper, whole, sizeof whole);
-  const size_t octets = result.encoded < 0 ? 0 : static_cast<size_t>(result.encoded + 7) / 8;
-  if (octets == 0) {
-    out.error = "the encoder refused the message";
-  } else if (octets > kMaxOctets) {
-    out.error = "the MSD takes " + std::to_string(octets) + " octets, more than 140";
-  } else {
-    out.octets.assign(whole, whole + octets);
-  }
+  out.octets.reserve(total);
+  out.octets.push_back(kFormatVersion);
+  if (length >= 128) out.octets.push_back(static_cast<uint8_t>(0x80 | (length >> 8)));
+  out.octets.push_back(static_cast<uint8_t>(length & 0xff));
+  out.octets.insert(out.octets.end(), inner.data(), inner.data() + length);
   return out;
 }
 

@@ -1,6 +1,7 @@
 // A decoded MSD as text for a person (the simulated centre, ecallctl), and
 // octets as hex.
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 
@@ -24,8 +25,7 @@ std::string printed(const char* pattern, auto... values) {
 
 std::string coordinate(const std::optional<int32_t>& mas, char positive, char negative) {
   if (!mas) return "unknown";
-  return printed("%.7f %c (%" PRId32 " mas)", (*mas < 0 ? -*mas : *mas) / 3600000.0, *mas < 0 ? negative : positive,
-                *mas);
+  return printed("%.7f %c (%" PRId32 " mas)", std::fabs(*mas / 3600000.0), *mas < 0 ? negative : positive, *mas);
 }
 
 std::string propulsion(const Propulsion& p) {
@@ -84,7 +84,7 @@ std::string render(const Content& c) {
   line("activation", c.automaticActivation ? "automatic" : "manual");
   line("call", c.testCall ? "test" : "emergency");
   line("position can be trusted", c.positionCanBeTrusted ? "yes" : "no");
-  line("vehicle type", type >= 1 && type <= 13 ? kVehicleTypes[type - 1] : "unknown (" + std::to_string(type) + ")");
+  line("vehicle type", type >= 1 && type <= 13 ? kVehicleTypes[type - 1] : "unknown, of a later format");
   line("VIN", c.vin);
   line("propulsion", propulsion(c.propulsion));
   line("time", timestamp(c.timestamp));

@@ -97,13 +97,19 @@ TEST(Msd, EncoderRefusesWhatItsTypesCannotHoldAndAnythingOver140Octets) {
 
 TEST(Msd, DecoderReadsOtherSendersFormsAndNamesWhatIsBroken) {
   // Zero fill up to the 140-octet block, and an extension addition of a
-  // later format, are skipped.
+  // later format, are skipped; a vehicle type of a later format is read.
   Bytes padded = octets(kSmallest);
   padded.resize(140, 0);
-  for (const Bytes& message : {padded, octets("022120068202914965d80094d90420c4146006553f1008b45029d82e05b2a2d0101000")}) {
+  Content laterType = smallest(), withData = smallest();
+  laterType.vehicleType = VehicleType::laterFormat;
+  withData.additionalData = AdditionalData{{1, 4, 1}, {0xab}};
+  for (const auto& [message, content] :
+       {std::pair{padded, smallest()},
+        {octets("022760068202914965d80094d90420c4146006553f1008b45029d82e05b2a2d0101000301040101ab0"), withData},
+        {octets("021e0006c04052292cbb00129b208418828c00caa7e201168a053b05c0b6545a"), laterType}}) {
     const Decoded decoded = decode(message);
     EXPECT_EQ("", decoded.error);
-    EXPECT_TRUE(decoded.content == smallest()) << render(decoded.content);
+    EXPECT_TRUE(decoded.content == content) << render(decoded.content);
   }
 
   // Every propulsion flag sent with its value, FALSE ones included, in

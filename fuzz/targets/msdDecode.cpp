@@ -1,0 +1,185 @@
+// An MSD as the emergency centre receives it: any octets. The decoder
+// reads or refuses them without reading past them. A second codec, which
+// asn1c generates from the same msd.asn1, must read a message without
+// extensions the same way, and where the content is one the encoder can
+// send, both encode it to the same octets, which read back the same.
+#include <cstddef>
+#include <cstdint>
+
+#include "ECallMessage.h"
+#include "ECallMessageV1.h"
+#include "MSDMessage.h"
+#include "msd/msd.h"
+#include "support/fuzzSupport.h"
+
+namespace {
+
+using msd::Content;
+
+std::optional<std::vector<uint32_t>> arcs(const RELATIVE_OID_t& oid) {
+  std::vector<uint32_t> out;
+  uint64_t arc = 0;
+  for (int i = 0; i < oid.size; ++i) {
+    arc = (arc << 7) | (oid.buf[i] & 0x7f);
+    if (arc > UINT32_MAX) return std::nullopt;
+    if (!(oid.buf[i] & 0x80)) out.push_back(static_cast<uint32_t>(arc)), arc = 0;
+  }
+  if (oid.size == 0 || (oid.buf[oid.size - 1] & 0x80)) return std::nullopt;
+  return out;
+}
+
+std::string text(const OCTET_STRING_t& field) { return std::string(reinterpret_cast<const char*>(field.buf), field.size); }
+bool flag(const BOOLEAN_t* field) { return field && *field; }
+std::optional<msd::Delta> delta(const VehicleLocationDelta_t* d) {
+  if (!d) return std::nullopt;
+  return msd::Delta{static_cast<int>(d->latitudeDelta), static_cast<int>(d->longitudeDelta)};
+}
+
+// The generated structure as content; false where the object identifier cannot be read.
+template <typename Message>
+bool read(const Message& m, Content& c) {
+  const auto& s = m.msdStructure;
+  c.messageIdentifier = static_cast<uint8_t>(s.messageIdentifier);
+  c.automaticActivation = s.control.automaticActivation;
+  c.testCall = s.control.testCall;
+  c.positionCanBeTrusted = s.control.positionCanBeTrusted;
+  c.vehicleType = static_cast<msd::VehicleType>(s.control.vehicleType);
+  const auto& vin = s.vehicleIdentificationNumber;
+  c.vin = text(vin.isowmi) + text(vin.isovds) + text(vin.isovisModelyear) + text(vin.isovisSeqPlant);
+  const auto& p = s.vehiclePropulsionStorageType;
+  c.propulsion = {flag(p.gasolineTankPresent), flag(p.dieselTankPresent), flag(p.compressedNaturalGas),
+                  flag(p.liquidPropaneGas), flag(p.electricEnergyStorage), flag(p.hydrogenStorage), false};
+  if constexpr (requires { p.otherStorage; }) c.propulsion.other = flag(p.otherStorage);
+  c.timestamp = static_cast<uint32_t>(s.timestamp);
+  const auto coordinate = [](long v) { return v == 2147483647 ? std::nullopt : std::optional<int32_t>(v); };
+  c.latitude = coordinate(s.vehicleLocation.positionLatitude);
+  c.longitude = coordinate(s.vehicleLocation.positionLongitude);
+  if (s.vehicleDirection != 255) c.direction = static_cast<uint8_t>(s.vehicleDirection);
+  c.n1 = delta(s.recentVehicleLocationN1);
+  c.n2 = delta(s.recentVehicleLocationN2);
+  if (s.numberOfPassengers) c.passengers = static_cast<uint8_t>(*s.numberOfPassengers);
+  if (const AdditionalData_t* a = m.optionalAdditionalData) {
+    const auto oid = arcs(a->oid);
+    if (!oid) return false;
+    c.additionalData = msd::AdditionalData{*oid, std::vector<uint8_t>(a->data.buf, a->data.buf + a->data.size)};
+  }
+  return true;
+}
+
+template <typename T>
+struct Generated {
+  T* value = nullptr;
+  asn_TYPE_descriptor_t* type;
+  asn_dec_rval_t result{};
+  Generated(asn_TYPE_descriptor_t* t, const uint8_t* data, size_t size) : type(t) {
+    result = uper_decode(nullptr, type, reinterpret_cast<void**>(&value), data, size, 0, 0);
+  }
+  ~Generated() { ASN_STRUCT_FREE(*type, value); }
+};
+
+// The generated decoder's reading: the content, or none when it refuses.
+std::optional<Content> generatedDecode(const uint8_t* data, size_t size) {
+  Content c;
+  if (data[0] == 1) {
+    Generated<ECallMessageV1_t> message(&asn_DEF_ECallMessageV1, data, size);
+    if (message.result.code != RC_OK || !read(message.value->msd, c)) return std::nullopt;
+    c.formatVersion = 1;
+    return c;
+  }
+  Generated<ECallMessage_t> outer(&asn_DEF_ECallMessage, data, size);
+  if (outer.result.code != RC_OK) return std::nullopt;
+  Generated<MSDMessage_t> message(&asn_DEF_MSDMessage, outer.value->msd.buf, outer.value->msd.size);
+  if (message.result.code != RC_OK || !read(*message.value, c)) return std::nullopt;
+  return c;
+}
+
+void setText(OCTET_STRING_t& field, const std::string& vin, size_t from, size_t count) {
+  field.buf = reinterpret_cast<uint8_t*>(const_cast<char*>(vin.data() + from));
+  field.size = static_cast<int>(count);
+}
+
+// The generated encoder's octets for the content, wrapped by hand (it
+// takes the container for plain octets). Only TRUE flags are given to it:
+// it would send a FALSE one.
+std::vector<uint8_t> generatedEncode(const Content& c, const std::vector<uint8_t>& oid) {
+  MSDMessage_t m{};
+  MSDStructure_t& s = m.msdStructure;
+  s.messageIdentifier = c.messageIdentifier;
+  s.control = {c.automaticActivation, c.testCall, c.positionCanBeTrusted, static_cast<long>(c.vehicleType), {}};
+  setText(s.vehicleIdentificationNumber.isowmi, c.vin, 0, 3);
+  setText(s.vehicleIdentificationNumber.isovds, c.vin, 3, 6);
+  setText(s.vehicleIdentificationNumber.isovisModelyear, c.vin, 9, 1);
+  setText(s.vehicleIdentificationNumber.isovisSeqPlant, c.vin, 10, 7);
+  BOOLEAN_t yes = 1;
+  const auto set = [&yes](bool value) { return value ? &yes : nullptr; };
+  const msd::Propulsion& p = c.propulsion;
+  s.vehiclePropulsionStorageType = {set(p.gasoline), set(p.diesel), set(p.compressedNaturalGas),
+                                    set(p.liquidPropaneGas), set(p.electric), set(p.hydrogen), set(p.other), {}};
+  s.timestamp = c.timestamp;
+  s.vehicleLocation = {c.latitude.value_or(2147483647), c.longitude.value_or(2147483647), {}};
+  s.vehicleDirection = c.direction.value_or(255);
+  VehicleLocationDelta_t n1{c.n1 ? c.n1->latitude : 0, c.n1 ? c.n1->longitude : 0, {}};
+  VehicleLocationDelta_t n2{c.n2 ? c.n2->latitude : 0, c.n2 ? c.n2->longitude : 0, {}};
+  s.recentVehicleLocationN1 = c.n1 ? &n1 : nullptr;
+  s.recentVehicleLocationN2 = c.n2 ? &n2 : nullptr;
+  long passengers = c.passengers.value_or(0);
+  s.numberOfPassengers = c.passengers ? &passengers : nullptr;
+  AdditionalData_t additional{};
+  if (c.additionalData) {
+    additional.oid = {const_cast<uint8_t*>(oid.data()), static_cast<int>(oid.size())};
+    auto& data = c.additionalData->data;
+    additional.data = {const_cast<uint8_t*>(data.data()), static_cast<int>(data.size()), {}};
+    m.optionalAdditionalData = &additional;
+  }
+  uint8_t inner[256], whole[260];
+  const asn_enc_rval_t innerBits = uper_encode_to_buffer(&asn_DEF_MSDMessage, &m, inner, sizeof inner);
+  if (innerBits.encoded < 0) return {};
+  ECallMessage_t wrapper{2, {inner, static_cast<int>((innerBits.encoded + 7) / 8), {}}, {}};
+  const asn_enc_rval_t bits = uper_encode_to_buffer(&asn_DEF_ECallMessage, &wrapper, whole, sizeof whole);
+  if (bits.encoded < 0) return {};
+  return std::vector<uint8_t>(whole, whole + (bits.encoded + 7) / 8);
+}
+
+// Whether any extension bit of the MSDMessage is set (message, structure,
+// vehicle type, propulsion: fixed places). The generated decoder skips only
+// the first extension addition of a SEQUENCE and knows no vehicle type of a
+// later format, so the two are compared on the messages of versions 1 and 2.
+bool extended(const uint8_t* data, size_t size) {
+  size_t start = 8;
+  if (data[0] == 2 && size > 1) start = data[1] & 0x80 ? 24 : 16;
+  for (size_t bit : {0, 2, 17, 124})
+    if ((start + bit) / 8 < size && (data[(start + bit) / 8] >> (7 - (start + bit) % 8) & 1)) return true;
+  return false;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const msd::Decoded decoded = msd::decode(data, size);
+  if (size > 0 && (data[0] == 1 || data[0] == 2) && !extended(data, size)) {
+    const std::optional<Content> generated = generatedDecode(data, size);
+    fuzzSupport::expect(decoded.error.empty() == generated.has_value(), "the two decoders disagree on refusing");
+    fuzzSupport::expect(!generated || *generated == decoded.content, "the two decoders read different content");
+  }
+  if (!decoded.error.empty()) return 0;
+  fuzzSupport::expect(!msd::render(decoded.content).empty(), "a decoded MSD without text");
+
+  const msd::Encoded encoded = msd::encode(decoded.content);
+  if (!encoded.error.empty()) return 0;
+  fuzzSupport::expect(encoded.octets.size() <= msd::kMaxOctets, "an MSD over 140 octets");
+  // The object identifier's octets as the encoder writes them: the last
+  // part of the encoded additional data before the data itself.
+  std::vector<uint8_t> oid;
+  if (const auto& a = decoded.content.additionalData)
+    for (uint32_t arc : a->oid) {
+      for (int shift = 28; shift > 0; shift -= 7)
+        if (arc >> shift) oid.push_back(static_cast<uint8_t>(0x80 | (arc >> shift & 0x7f)));
+      oid.push_back(static_cast<uint8_t>(arc & 0x7f));
+    }
+  fuzzSupport::expect(generatedEncode(decoded.content, oid) == encoded.octets, "the two encoders disagree");
+  const msd::Decoded again = msd::decode(encoded.octets);
+  Content expected = decoded.content;
+  expected.formatVersion = msd::kFormatVersion;
+  fuzzSupport::expect(again.error.empty() && again.content == expected, "an MSD that reads back otherwise");
+  return 0;
+}
