@@ -21,11 +21,8 @@ Content smallest() {
 }
 const std::string kSmallest = "021e00068202914965d80094d90420c4146006553f1008b45029d82e05b2a2d0";
 
-std::string repeat(const std::string& text, int count) {
-  std::string out;
-  while (count-- > 0) out += text;
-  return out;
-}
+// Version 1, gasoline, every flag sent with its value.
+const std::string kVersion1 = "0100068202914965d80094d90420c41467f032a9f88045a2814ec1702d951680";
 
 Bytes octets(const std::string& hex) { return fromHex(hex).value(); }
 
@@ -54,10 +51,10 @@ TEST(Msd, EncodesHandComputedMessagesAndDecodesThemBack) {
       {"140 octets, two-octet length",
        [] {
          Content c = smallest();
-         c.additionalData = AdditionalData{{1, 4, 1}, Bytes(102, 0x5a)};
+         c.additionalData = AdditionalData{{1, 4, 1}, Bytes(102, 0x55)};
          return c;
        }(),
-       "02808940068202914965d80094d90420c4146006553f1008b45029d82e05b2a2d0301040166" + repeat("5a", 101) + "5a0"},
+       "02808940068202914965d80094d90420c4146006553f1008b45029d82e05b2a2d0301040166" + std::string(204, '5') + "0"},
   };
   for (const auto& c : cases) {
     const Encoded encoded = encode(c.content);
@@ -97,40 +94,35 @@ TEST(Msd, EncoderRefusesWhatItsTypesCannotHoldAndAnythingOver140Octets) {
 
 TEST(Msd, DecoderReadsOtherSendersFormsAndNamesWhatIsBroken) {
   // Zero fill up to the 140-octet block, and an extension addition of a
-  // later format, are skipped; a vehicle type of a later format is read.
+  // later format, are skipped; a vehicle type of a later format is read;
+  // propulsion flags sent with their values, FALSE ones included, are read
+  // in version 2 and in version 1 (six flags, no length).
   Bytes padded = octets(kSmallest);
   padded.resize(140, 0);
-  Content laterType = smallest(), withData = smallest();
+  Content laterType = smallest(), withData = smallest(), gasoline = smallest();
   laterType.vehicleType = VehicleType::laterFormat;
   withData.additionalData = AdditionalData{{1, 4, 1}, {0xab}};
+  gasoline.propulsion.gasoline = true;
+  Content gasolineVersion1 = gasoline;
+  gasolineVersion1.formatVersion = 1;
   for (const auto& [message, content] :
        {std::pair{padded, smallest()},
         {octets("022760068202914965d80094d90420c4146006553f1008b45029d82e05b2a2d0101000301040101ab0"), withData},
-        {octets("021e0006c04052292cbb00129b208418828c00caa7e201168a053b05c0b6545a"), laterType}}) {
+        {octets("021e0006c04052292cbb00129b208418828c00caa7e201168a053b05c0b6545a"), laterType},
+        {octets("021f00068202914965d80094d90420c41467f80caa7e201168a053b05c0b6545a0"), gasoline},
+        {octets(kVersion1), gasolineVersion1}}) {
     const Decoded decoded = decode(message);
     EXPECT_EQ("", decoded.error);
     EXPECT_TRUE(decoded.content == content) << render(decoded.content);
   }
-
-  // Every propulsion flag sent with its value, FALSE ones included, in
-  // version 2 and in version 1 (six flags, no length); sent again, the
-  // FALSE flags are left out.
-  Content gasoline = smallest();
-  gasoline.propulsion.gasoline = true;
-  const Decoded explicitFlags = decode(octets("021f00068202914965d80094d90420c41467f80caa7e201168a053b05c0b6545a0"));
-  EXPECT_EQ("", explicitFlags.error);
-  EXPECT_TRUE(explicitFlags.content == gasoline) << render(explicitFlags.content);
+  // Sent again, the FALSE flags are left out.
   EXPECT_EQ("021e00068202914965d80094d90420c414640b2a9f88045a2814ec1702d95168", toHex(encode(gasoline).octets));
-  const Decoded version1 = decode(octets("0100068202914965d80094d90420c41467f032a9f88045a2814ec1702d951680"));
-  EXPECT_EQ("", version1.error);
-  gasoline.formatVersion = 1;
-  EXPECT_TRUE(version1.content == gasoline) << render(version1.content);
 
   // A message cut anywhere is refused, never read past its end.
   const Bytes whole = encode(Content{.vin = kVin, .n1 = Delta{1, 1}, .n2 = Delta{2, 2}, .passengers = 3,
                                      .additionalData = AdditionalData{{1, 4, 200}, {1, 2, 3}}})
                           .octets;
-  for (const Bytes& message : {whole, octets("0100068202914965d80094d90420c41467f032a9f88045a2814ec1702d951680")}) {
+  for (const Bytes& message : {whole, octets(kVersion1)}) {
     for (size_t size = 1; size < message.size(); ++size) {
       const std::string error = decode(Bytes(message.begin(), message.begin() + size)).error;
       EXPECT_EQ(0u, error.find("truncated")) << size << ": " << error;
@@ -208,50 +200,43 @@ TEST(Msd, BuilderTurnsRawInputsIntoContent) {
 }
 
 TEST(Msd, BuilderSendsTheMessageWhateverItsInputsAndWarnsForEachReplacement) {
-  const struct {
-    const char* what;
-    unsigned sequence;
-    Trigger trigger;
-    Vehicle vehicle;
-    Position position;
-    std::optional<int> belts;
-    size_t warnings;
-    bool (*check)(const Content&);
-  } cases[] = {
-      {"lower-case and short VIN", 1, {.time = 1}, {.vin = " zahjnpr09ks12345\n"}, {}, {}, 2,
-       [](const Content& c) { return c.vin == "ZAHJNPR09KS123450"; }},
-      {"O and I in the VIN", 1, {.time = 1}, {.vin = "ZAHJNPRO9KSI23456"}, {}, {}, 1,
-       [](const Content& c) { return c.vin == "ZAHJNPR09KS023456"; }},
-      {"no VIN", 1, {.time = 1}, {}, {}, {}, 1, [](const Content& c) { return c.vin == std::string(17, '0'); }},
-      {"long VIN", 1, {.time = 1}, {.vin = kVin + "99"}, {}, {}, 1, [](const Content& c) { return c.vin == kVin; }},
-      {"time unknown", 1, {.time = 0}, {.vin = kVin}, {}, {}, 1, [](const Content& c) { return c.timestamp == 0; }},
-      {"time past 2106", 1, {.time = 4294967296}, {.vin = kVin}, {}, {}, 1,
-       [](const Content& c) { return c.timestamp == 0; }},
-      {"latitude 91", 1, {.time = 1}, {.vin = kVin}, {.current = GeoPoint{91, 0}, .trusted = true}, {}, 1,
-       [](const Content& c) { return !c.latitude && !c.longitude && !c.positionCanBeTrusted; }},
-      {"heading not a number", 1, {.time = 1}, {.vin = kVin}, {.heading = NAN}, {}, 1,
-       [](const Content& c) { return !c.direction; }},
-      {"N1 too far", 1, {.time = 1}, {.vin = kVin},
-       {.current = near(0, 0), .earlier1 = near(-51250, 0), .earlier2 = near(-51300, 0)}, {}, 1,
-       [](const Content& c) { return !c.n1 && !c.n2; }},
-      {"N2 too far", 1, {.time = 1}, {.vin = kVin},
-       {.current = near(0, 0), .earlier1 = near(0, 100), .earlier2 = near(0, 51300)}, {}, 1,
-       [](const Content& c) { return c.n1 == Delta{0, 1} && !c.n2; }},
-      {"earlier position not a position", 1, {.time = 1}, {.vin = kVin},
-       {.current = near(0, 0), .earlier1 = GeoPoint{NAN, 0}}, {}, 1, [](const Content& c) { return !c.n1; }},
-      {"negative belts", 1, {.time = 1}, {.vin = kVin}, {}, -1, 1, [](const Content& c) { return !c.passengers; }},
-      {"300 belts", 1, {.time = 1}, {.vin = kVin}, {}, 300, 1, [](const Content& c) { return c.passengers == 254; }},
-      {"sequence 0", 0, {.time = 1}, {.vin = kVin}, {}, {}, 1,
-       [](const Content& c) { return c.messageIdentifier == 1; }},
-      {"vehicle type 0", 1, {.time = 1}, {.type = static_cast<VehicleType>(0), .vin = kVin}, {}, {}, 1,
-       [](const Content& c) { return c.vehicleType == VehicleType::passengerM1; }},
+  const auto expectSent = [](const std::string& what, const Built& b, bool sent, size_t warnings = 1) {
+    EXPECT_TRUE(sent) << what << "\n" << render(b.content);
+    EXPECT_EQ(warnings, b.warnings.size()) << what;
+    EXPECT_EQ("", encode(b.content).error) << what;
   };
-  for (const auto& c : cases) {
-    const Built b = build(c.sequence, c.trigger, c.vehicle, c.position, c.belts);
-    EXPECT_TRUE(c.check(b.content)) << c.what << "\n" << render(b.content);
-    EXPECT_EQ(c.warnings, b.warnings.size()) << c.what << ": " << (b.warnings.empty() ? "" : b.warnings[0]);
-    EXPECT_EQ("", encode(b.content).error) << c.what;
+  const auto with = [](Position p, std::optional<int> belts = {}, int64_t time = 1, unsigned sequence = 1,
+                       const Vehicle& v = {VehicleType::passengerM1, kVin, {}}) {
+    return build(sequence, {.time = time}, v, p, belts);
+  };
+  for (const auto& [given, sent, warnings] :
+       {std::tuple{" zahjnpr09ks12345\n", "ZAHJNPR09KS123450", 2}, {"ZAHJNPRO9KSI23456", "ZAHJNPR09KS023456", 1},
+        {"", "00000000000000000", 1}, {"ZAHJNPR09KS12345699", "ZAHJNPR09KS123456", 1}}) {
+    const Built b = with({}, {}, 1, 1, {VehicleType::passengerM1, given, {}});
+    expectSent(given, b, b.content.vin == sent, warnings);
   }
+  Built b = with({}, {}, 0);
+  expectSent("time unknown", b, b.content.timestamp == 0);
+  b = with({}, {}, 4294967296);
+  expectSent("time past 2106", b, b.content.timestamp == 0);
+  b = with({.current = GeoPoint{91, 0}, .trusted = true});
+  expectSent("latitude 91", b, !b.content.latitude && !b.content.longitude && !b.content.positionCanBeTrusted);
+  b = with({.heading = NAN});
+  expectSent("heading not a number", b, !b.content.direction);
+  b = with({.current = near(0, 0), .earlier1 = near(-51250, 0), .earlier2 = near(-51300, 0)});
+  expectSent("N1 too far", b, !b.content.n1 && !b.content.n2);
+  b = with({.current = near(0, 0), .earlier1 = near(0, 100), .earlier2 = near(0, 51300)});
+  expectSent("N2 too far", b, b.content.n1 == Delta{0, 1} && !b.content.n2);
+  b = with({.current = near(0, 0), .earlier1 = GeoPoint{NAN, 0}});
+  expectSent("earlier position not a position", b, !b.content.n1);
+  b = with({}, -1);
+  expectSent("negative belts", b, !b.content.passengers);
+  b = with({}, 300);
+  expectSent("300 belts", b, b.content.passengers == 254);
+  b = with({}, {}, 1, 0);
+  expectSent("sequence 0", b, b.content.messageIdentifier == 1);
+  b = with({}, {}, 1, 1, {static_cast<VehicleType>(0), kVin, {}});
+  expectSent("vehicle type 0", b, b.content.vehicleType == VehicleType::passengerM1);
 }
 
 TEST(Msd, RendersEachFieldForAPersonAndHexBothWays) {
