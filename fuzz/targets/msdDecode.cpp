@@ -108,6 +108,9 @@ bool extended(const uint8_t* data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  // An MSD takes at most 140 octets; what follows is fill, which twice that
+  // tries as well as any length.
+  if (size > 2 * msd::kMaxOctets) return 0;
   const msd::Decoded decoded = msd::decode(data, size);
   if (size > 0 && (data[0] == 1 || data[0] == 2) && !extended(data, size)) {
     const std::optional<Content> generated = generatedDecode(data, size);
