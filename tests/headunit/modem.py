@@ -2,13 +2,11 @@
 """A cellular modem for ofonod's phonesim plugin: speaks 3GPP TS 27.007 AT
 commands on a TCP port and plays the network and the emergency centre.
 
-Usage: modem.py [STATE]. It prints "port N" once it has its port, then one
-line "at CMD" per command the modem receives. STATE: ready (the default: its
-SIM ready, registered on its own network), off (still starting: its port
-refuses connections; first state only), silent (answers what it took only
-once it leaves the state), pin (+CPIN: SIM PIN), nosim (no SIM), limited
-(not registered, no operator). Lines on standard input drive the modem and
-the network; each is acknowledged with "ok WORD":
+Usage: modem.py [STATE]: ready (the default), off (its port refuses
+connections; first state only), silent (answers only once it leaves the
+state), pin, nosim or limited (not registered). It prints "port N" once it
+has its port, then one line "at CMD" per command the modem receives. Lines
+on standard input drive it and the network, each acknowledged "ok WORD":
   state STATE    the modem goes into STATE
   answer         the called party answers (the call becomes active)
   hangup         the far end hangs up (NO CARRIER)

@@ -68,8 +68,7 @@ RealHeadUnit::RealHeadUnit(const std::string& modemState)
       std::vector<std::string>{HEADUNIT_BIN, "--config", dir + "/ecall-headunit.conf", "--bus", harness.busAddress(),
                                "--speech-out", speechFolder()},
       std::vector<std::string>{systemBus});
-  const bool phoneOn = modemState != "off";
-  if (!waitForBridge(phoneOn ? "\"embeddedPhoneStatus\":{\"status\":true}" : "ecall-headunit: ready") ||
+  if (!waitForBridge(modemState == "off" ? "ecall-headunit: ready" : "\"embeddedPhoneStatus\":{\"status\":true}") ||
       !waitForBridge("NDR: position fixed"))
     throw std::runtime_error("the head unit did not come up; it said:\n" + bridge->out() + bridge->err());
   harness.startService();
