@@ -93,10 +93,6 @@ bool call(sd_bus* bus, const std::string& path, const char* interface, const cha
   return rc >= 0;
 }
 
-bool setModem(sd_bus* bus, const std::string& modem, const char* property, std::string& why) {
-  return call(bus, modem, "org.ofono.Modem", "SetProperty", nullptr, why, "sv", property, "b", 1);
-}
-
 }  // namespace
 
 bool EmbeddedPhone::start(std::string& why) {
@@ -118,6 +114,7 @@ bool EmbeddedPhone::start(std::string& why) {
 
 EmbeddedPhone::~EmbeddedPhone() {
   mBus.use([&](sd_bus*) {
+    stopBringUp();
     sd_bus_slot_unref(mSlot);
     sd_bus_slot_unref(mOwnerSlot);
     return 0;
@@ -191,6 +188,7 @@ void EmbeddedPhone::signal(sd_bus_message* m) {
 }
 
 void EmbeddedPhone::dropModem() {
+  stopBringUp();
   mModem.clear();
   mPowered = mOnline = mHasVoice = false;
   mRegistration.clear();
@@ -214,6 +212,7 @@ void EmbeddedPhone::takeModems(sd_bus* bus) {
   const char* path = nullptr;
   if (sd_bus_message_enter_container(reply, 'a', "(oa{sv})") >= 0 &&
       sd_bus_message_enter_container(reply, 'r', "oa{sv}") > 0 && sd_bus_message_read(reply, "o", &path) >= 0) {
+    stopBringUp();
     mModem = path;
     auto properties = readProperties(reply);
     mPowered = properties["Powered"].flag;
@@ -228,24 +227,13 @@ void EmbeddedPhone::takeModems(sd_bus* bus) {
   reportStatus();
 }
 
-void EmbeddedPhone::bringUp(sd_bus* bus) {
-  std::string why;
-  if (!mPowered && !setModem(bus, mModem, "Powered", why)) logLine("EmbeddedPhone: cannot power the modem: " + why);
-  // Online is refused until the SIM is ready; a later change of the modem
-  // tries again.
-  mWantOnline = true;
-  if (!mOnline && setModem(bus, mModem, "Online", why)) mWantOnline = false;
-}
-
 void EmbeddedPhone::modemChanged(sd_bus* bus, const std::string& name, sd_bus_message* m) {
   Value value;
   if (!readVariant(m, value)) return;
   if (name == "Powered") {
     mPowered = value.flag;
-    if (!mPowered) mWantOnline = false;  // a modem that went down stays down
   } else if (name == "Online") {
     mOnline = value.flag;
-    if (mOnline) mWantOnline = false;
   } else if (name == "Interfaces") {
     mHasVoice = std::count(value.list.begin(), value.list.end(), "org.ofono.VoiceCallManager") > 0;
     bool network = std::count(value.list.begin(), value.list.end(), "org.ofono.NetworkRegistration") > 0;
@@ -253,8 +241,7 @@ void EmbeddedPhone::modemChanged(sd_bus* bus, const std::string& name, sd_bus_me
     if (!network) mRegistration.clear(), mStrength = 0;
     reportAntenna();
   }
-  std::string why;
-  if (mWantOnline && mPowered && !mOnline && setModem(bus, mModem, "Online", why)) mWantOnline = false;
+  bringUp(bus);
   reportStatus();
 }
 
@@ -343,7 +330,7 @@ BusService::Answer EmbeddedPhone::dial(const Json::Value& params) {
   const std::string number = params.isObject() ? params.get("address", "").asString() : "";
   if (number.empty()) return error("no address to dial");
   return mBus.use([&](sd_bus* bus) {
-    if (!phoneOn() || !mHasVoice) return error("embedded phone is off");
+    if (!phoneOn()) return error("embedded phone is off");
     sd_bus_message* reply = nullptr;
     std::string why;
     mDialled = number;
@@ -381,7 +368,7 @@ BusService::Answer EmbeddedPhone::emergencyNumbers() {
   Json::Value reply(Json::objectValue);
   Json::Value list(Json::arrayValue);
   bool on = mBus.use([&](sd_bus* bus) {
-    if (!phoneOn() || !mHasVoice) return false;
+    if (!phoneOn()) return false;
     sd_bus_message* answer = nullptr;
     std::string why;
     if (!call(bus, mModem, "org.ofono.VoiceCallManager", "GetProperties", &answer, why)) return false;

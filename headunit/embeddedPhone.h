@@ -3,15 +3,19 @@
 // the phone's signals.
 //
 //   oFono                                   EmbeddedPhone
-//   Modem Powered and Online                "embeddedPhoneStatus" status true
+//   Modem Powered, Online, VoiceCallManager "embeddedPhoneStatus" status true
 //   VoiceCall State dialing/alerting/...    "callState" CALL_STATE_...
 //   VoiceCall DisconnectReason              "wendReason" (a 24.008 cause)
 //   NetworkRegistration Status/Strength     "getAntennaStatus", "antennaStatus"
 //   VoiceCallManager EmergencyNumbers       "getEmergencyNumbers"
 //
-// The bridge powers the modem and brings it online when it starts and when
-// a modem appears; a modem that goes down later stays down and is reported
-// OFF, which is the service's cue to reset the module.
+// The bridge powers the modem and brings it online when it starts, when a
+// modem appears and when oFono comes back, and tries again after a refusal
+// until the modem is up (modemBringUp.cpp). Powered and online is all oFono
+// needs to place an emergency call, also with a locked SIM, without a SIM
+// and without a network of its own: that is the phone ON. A modem that goes
+// down once it was up stays down and is reported OFF, which is the
+// service's cue to reset the module.
 //
 // Threads: requests come on the service bus's thread, oFono's signals on the
 // system bus's dispatcher; the phone's state is guarded by the system bus's
@@ -54,12 +58,16 @@ class EmbeddedPhone : public BusService {
   void takeModems(sd_bus* bus);
   void dropModem();
   void modemChanged(sd_bus* bus, const std::string& name, sd_bus_message* value);
+  // Bringing the modem up (modemBringUp.cpp).
   void bringUp(sd_bus* bus);
+  static int onBringUpReply(sd_bus_message* reply, void* self, sd_bus_error* error);
+  void bringUpRefused(const std::string& why);
+  void stopBringUp();
   void readNetwork(sd_bus* bus);
   void callChanged(const std::string& path, Call& call);
   void reportStatus();
   void reportAntenna();
-  bool phoneOn() const { return mPowered && mOnline; }
+  bool phoneOn() const { return mPowered && mOnline && mHasVoice; }
   bool antennaKnown() const;
   Json::Value antennaReply() const;
   int callType(const Call& call) const;
@@ -74,7 +82,17 @@ class EmbeddedPhone : public BusService {
   sd_bus_slot* mSlot = nullptr;
   sd_bus_slot* mOwnerSlot = nullptr;
   std::string mModem;  // the modem's object path; empty: none
-  bool mPowered = false, mOnline = false, mWantOnline = false, mHasVoice = false;
+  bool mPowered = false, mOnline = false, mHasVoice = false;
+  // The bring-up: its call to oFono (for Online or Powered), the pause
+  // before the next try (while one runs, retryDue), the refusals since the
+  // modem was taken, the refusal last logged; wasUp: done, the modem is
+  // left alone from then on.
+  sd_bus_slot* mBringUpCall = nullptr;
+  bool mAskedOnline = false, mRetryDue = false, mWasUp = false;
+  std::chrono::milliseconds mPause{};
+  int mRefusals = 0;
+  std::string mRefusal;
+  std::chrono::steady_clock::time_point mTakenAt{};
   bool mReportedOn = false;
   std::string mRegistration;  // NetworkRegistration Status
   int mStrength = 0;

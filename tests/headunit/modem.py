@@ -2,8 +2,12 @@
 """A cellular modem for ofonod's phonesim plugin: speaks 3GPP TS 27.007 AT
 commands on a TCP port and plays the network and the emergency centre.
 
-It prints "port N" once it listens, then one line "at CMD" per command the
-modem receives. Lines on standard input drive the network:
+Usage: modem.py [STATE]: ready (the default), off (its port refuses
+connections; first state only), silent (answers only once it leaves the
+state), pin, nosim or limited (not registered). It prints "port N" once it
+has its port, then one line "at CMD" per command the modem receives. Lines
+on standard input drive it and the network, each acknowledged "ok WORD":
+  state STATE    the modem goes into STATE
   answer         the called party answers (the call becomes active)
   hangup         the far end hangs up (NO CARRIER)
   ring NUMBER    an incoming call from NUMBER (RING, +CLIP)
@@ -32,13 +36,19 @@ FIXED = {
     "AT+CGMR": "1",
     "AT+CFUN?": "+CFUN: 1",
 }
+# What a state answers otherwise; an error is the whole answer.
+STATES = {"ready": {}, "off": {}, "silent": {}, "pin": {"AT+CPIN?": "+CPIN: SIM PIN"},
+          "nosim": {"AT+SIMSTATE?": "+SIMSTATE: 0", "AT+CPIN?": "+CME ERROR: 10"},
+          "limited": {"AT+CREG?": "+CREG: 2,0", "AT+CGREG?": "+CGREG: 2,0", "AT+COPS?": "+COPS: 0"}}
 
 
 class Modem:
-    def __init__(self):
+    def __init__(self, state):
         self.calls = {}  # index -> [direction, state, number]
         self.conn = None
         self.buf = b""
+        self.state = state
+        self.held = []  # commands taken while silent
 
     def send(self, text):
         if self.conn:
@@ -47,8 +57,12 @@ class Modem:
     def clcc(self):
         return [f'+CLCC: {i},{d},{s},0,0,"{n}",129' for i, (d, s, n) in sorted(self.calls.items())]
 
-    def command(self, cmd):
-        print("at " + cmd, flush=True)
+    def command(self, cmd, held=False):
+        if not held:
+            print("at " + cmd, flush=True)
+        if self.state == "silent":
+            self.held.append(cmd)
+            return
         up = cmd.upper()
         lines = []
         if up.startswith("ATD"):
@@ -65,14 +79,20 @@ class Modem:
             for call in self.calls.values():
                 if call[1] == INCOMING:
                     call[1] = ACTIVE
-        elif up in FIXED:
-            lines = [FIXED[up]]
+        elif up in STATES[self.state] or up in FIXED:
+            lines = [STATES[self.state].get(up, FIXED.get(up))]
         for line in lines:
             self.send(line)
-        self.send("OK")
+        if not lines or "ERROR" not in lines[-1]:
+            self.send("OK")
 
     def network(self, words):
-        if words[0] == "answer":
+        if words[0] == "state" and len(words) > 1 and words[1] in STATES:
+            self.state = words[1]
+            held, self.held = self.held, []
+            for cmd in held:
+                self.command(cmd, held=True)
+        elif words[0] == "answer":
             for call in self.calls.values():
                 call[1] = ACTIVE
         elif words[0] == "hangup":
@@ -97,12 +117,20 @@ class Modem:
 
 
 def main():
-    modem = Modem()
-    server = socket.create_server(("127.0.0.1", 0))
-    print(f"port {server.getsockname()[1]}", flush=True)
+    modem = Modem(sys.argv[1] if len(sys.argv) > 1 else "ready")
+    # Bound but not listening, the port refuses connections.
+    server = socket.socket()
+    server.bind(("127.0.0.1", 0))
     sel = selectors.DefaultSelector()
-    sel.register(server, selectors.EVENT_READ, "accept")
     sel.register(sys.stdin, selectors.EVENT_READ, "stdin")
+
+    def listen():
+        if modem.state != "off" and server not in sel.get_map():
+            server.listen()
+            sel.register(server, selectors.EVENT_READ, "accept")
+
+    listen()
+    print(f"port {server.getsockname()[1]}", flush=True)
     while True:
         for key, _ in sel.select():
             if key.data == "accept":
@@ -110,7 +138,8 @@ def main():
                     sel.unregister(modem.conn)
                     modem.conn.close()
                 modem.conn, _ = server.accept()
-                modem.buf = b""
+                # A modem powered again starts afresh.
+                modem.buf, modem.calls, modem.held = b"", {}, []
                 sel.register(modem.conn, selectors.EVENT_READ, "modem")
             elif key.data == "stdin":
                 line = sys.stdin.readline()
@@ -123,14 +152,17 @@ def main():
                     modem.conn = None
                 if words:
                     modem.network(words)
+                    listen()
             else:
-                chunk = modem.conn.recv(4096)
+                try:
+                    chunk = modem.conn.recv(4096)
+                    modem.data(chunk)
+                except OSError:  # ofonod ended without reading all it was sent
+                    chunk = b""
                 if not chunk:
                     sel.unregister(modem.conn)
                     modem.conn.close()
                     modem.conn = None
-                else:
-                    modem.data(chunk)
 
 
 if __name__ == "__main__":

@@ -37,20 +37,20 @@ std::string freePort() {
 
 }  // namespace
 
-RealHeadUnit::RealHeadUnit()
+RealHeadUnit::RealHeadUnit(const std::string& modemState)
     : harnessPtr(std::make_unique<testSupport::E2eHarness>(vehicleOnly())), harness(*harnessPtr) {
   char folder[] = "/tmp/ecall-headunit-XXXXXX";
   dir = mkdtemp(folder);
   const std::string systemBus = "DBUS_SYSTEM_BUS_ADDRESS=" + harness.busAddress();
 
-  modem = std::make_unique<testSupport::Child>(std::vector<std::string>{PYTHON3, MODEM_EMULATOR}, std::vector<std::string>{}, true);
+  modem = std::make_unique<testSupport::Child>(std::vector<std::string>{PYTHON3, MODEM_EMULATOR, modemState},
+                                               std::vector<std::string>{}, true);
   const std::string& said = modem->out();
   if (!modem->waitForOutput([&] { return said.find('\n') != std::string::npos; }, ms(10000)))
     throw std::runtime_error("the modem emulator did not start: " + modem->err());
   testSupport::writeFile(dir + "/phonesim.conf",
                          "[phonesim]\nAddress=127.0.0.1\nPort=" + said.substr(5, said.find('\n') - 5) + "\n");
-  ofono = std::make_unique<testSupport::Child>(std::vector<std::string>{OFONOD, "-n", "-P", "udev,udevng"},
-                                               std::vector<std::string>{systemBus, "OFONO_PHONESIM_CONFIG=" + dir + "/phonesim.conf"});
+  startOfono();
 
   // gpsfake in a PID namespace of its own: whatever ends it (or this test)
   // ends the gpsd it started too, which drops its privileges and with them
@@ -68,7 +68,8 @@ RealHeadUnit::RealHeadUnit()
       std::vector<std::string>{HEADUNIT_BIN, "--config", dir + "/ecall-headunit.conf", "--bus", harness.busAddress(),
                                "--speech-out", speechFolder()},
       std::vector<std::string>{systemBus});
-  if (!waitForBridge("\"embeddedPhoneStatus\":{\"status\":true}") || !waitForBridge("NDR: position fixed"))
+  if (!waitForBridge(modemState == "off" ? "ecall-headunit: ready" : "\"embeddedPhoneStatus\":{\"status\":true}") ||
+      !waitForBridge("NDR: position fixed"))
     throw std::runtime_error("the head unit did not come up; it said:\n" + bridge->out() + bridge->err());
   harness.startService();
   if (!harness.waitForChannelConnected()) throw std::runtime_error("ecallService did not start");
@@ -90,6 +91,13 @@ RealHeadUnit::~RealHeadUnit() {
 
 bool RealHeadUnit::waitForModem(const std::string& part, size_t mark, ms deadline) {
   return modem->waitForOutput([&] { return modem->out().find(part, mark) != std::string::npos; }, deadline);
+}
+
+void RealHeadUnit::startOfono() {
+  ofono = std::make_unique<testSupport::Child>(
+      std::vector<std::string>{OFONOD, "-n", "-P", "udev,udevng"},
+      std::vector<std::string>{"DBUS_SYSTEM_BUS_ADDRESS=" + harness.busAddress(),
+                               "OFONO_PHONESIM_CONFIG=" + dir + "/phonesim.conf"});
 }
 
 void RealHeadUnit::network(const std::string& command) {

@@ -9,6 +9,8 @@
 //   car.harness.sim("crash B can");
 //   ASSERT_TRUE(car.waitForModem("at ATD911;"));
 //   car.network("answer");
+// RealHeadUnit car("pin"): the modem starts in another state (modem.py);
+// with "off" the service starts without waiting for the phone.
 #pragma once
 
 #include <chrono>
@@ -20,18 +22,21 @@
 class RealHeadUnit {
  public:
   using ms = std::chrono::milliseconds;
-  RealHeadUnit();
+  explicit RealHeadUnit(const std::string& modemState = "ready");
   ~RealHeadUnit();
 
   // The modem emulator has printed a line holding part since mark (an
   // offset into its output; 0: since it started).
   bool waitForModem(const std::string& part, size_t mark = 0, ms deadline = ms(20000));
   size_t modemMark() const { return modem->out().size(); }
-  // The network's move: "answer", "hangup", "ring NUMBER", "drop".
+  // The network's move: "answer", "hangup", "ring NUMBER", "drop", or the
+  // modem's: "state STATE".
   void network(const std::string& command);
   // ecall-headunit has logged a line holding part.
   bool waitForBridge(const std::string& part, ms deadline = ms(20000));
   const std::string& bridgeLog() const { return bridge->out(); }
+  // ofonod, on the modem (again after the test ended the last one).
+  void startOfono();
   std::string speechFolder() const { return dir + "/speech"; }
 
   std::unique_ptr<testSupport::E2eHarness> harnessPtr;
