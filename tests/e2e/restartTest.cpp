@@ -137,6 +137,7 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   ASSERT_FALSE(s.waitForSignal([](const Json::Value& m) { return !m["ecall"].asBool(); }).isNull());
   restart(s);
   const std::string resumed = waitForLogStarting(s, "Call-back period resumed after a restart: E_CALL_BtnStat, ");
+  ASSERT_NE(resumed, "") << testing::PrintToString(s.log());
   const long long left = atoll(resumed.substr(resumed.find(", ") + 2).c_str());
   EXPECT_TRUE(left > 0 && left < 30000) << resumed;
   ASSERT_TRUE(waitForStarted(s));
