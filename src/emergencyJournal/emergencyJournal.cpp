@@ -54,6 +54,9 @@ emergencyJournal::startUp emergencyJournal::open(const std::string& path, const 
     journal::journalRecord record = mCurrent;
     record.kind = journalKind::expired;
     write(record);
+  } else if (found.resume.action == journal::resumeAction::raise && found.load.record.boot != clock.boot) {
+    // From now on a restart within this boot reads its age on the boot clock.
+    write(mCurrent);
   } else if (found.resume.action == journal::resumeAction::nothing) {
     mCurrent = journal::journalRecord{};
   }
@@ -85,6 +88,11 @@ void emergencyJournal::write(const journal::journalRecord& record) {
 
 void emergencyJournal::requested(int32_t type, int32_t mode) {
   std::lock_guard<std::mutex> lock(mMutex);
+  // The same emergency handed on again (the phone's return, a resumed one)
+  // changes nothing.
+  if ((mCurrent.kind == journalKind::requested || mCurrent.kind == journalKind::placed) && mCurrent.type == type &&
+      mCurrent.mode == mode)
+    return;
   journal::journalRecord record = mCurrent;
   record.type = type;
   record.mode = mode;

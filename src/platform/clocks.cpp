@@ -30,7 +30,9 @@ int64_t wallClockMs() { return clockMs(CLOCK_REALTIME); }
 int64_t bootClockMs() { return clockMs(CLOCK_BOOTTIME); }
 int64_t monotonicMs() { return clockMs(CLOCK_MONOTONIC); }
 
-bootIdentity bootId() {
+namespace {
+
+bootIdentity readBootId() {
   bootIdentity id{};
   // A UUID text: 32 hexadecimal digits with dashes between.
   const int fd = ::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC);
@@ -46,6 +48,14 @@ bootIdentity bootId() {
     ++digits;
   }
   if (digits != 2 * id.size()) id.fill(0);
+  return id;
+}
+
+}  // namespace
+
+// A boot keeps its identity: read once.
+bootIdentity bootId() {
+  static const bootIdentity id = readBootId();
   return id;
 }
 
