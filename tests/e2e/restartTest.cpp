@@ -8,7 +8,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <random>
 #include <thread>
@@ -19,9 +18,6 @@ using namespace carScene;
 
 namespace {
 
-const char* const kJournal = "/fs/etfs/usr/var/ecall/ecall_journal";
-const char* const kPhoneOff = "embedded phone status signal: change from ON to OFF";
-
 // The service killed and started again; marks from the new start.
 void restart(Scene& s) {
   s.car.stopService();
@@ -30,9 +26,11 @@ void restart(Scene& s) {
 }
 
 Json::Value waitForDial(Scene& s) { return s.car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong); }
+std::string firstCallType(Scene& s) {
+  return s.waitForSignal([](const Json::Value& m) { return m["ecall"].asBool(); })["type"].asString();
+}
 
-// The restarted service has finished starting: its journal is read, and a
-// resumed emergency was handed on already.
+// Started again: the journal read, the phone's status asked, the channel open.
 bool waitForStarted(Scene& s) {
   auto connected = [](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "connected"; };
   return !s.car.waitForRequestSince(s.mark, "AudioMixerManager", "getProperties", kLong).isNull() &&
@@ -44,61 +42,44 @@ std::string waitForLogStarting(Scene& s, const std::string& prefix) {
   std::string found;
   testSupport::waitUntil([&] {
     for (const std::string& entry : s.log())
-      if (entry.rfind(prefix, 0) == 0) found = entry;
+      if (found.empty() && entry.rfind(prefix, 0) == 0) found = entry;
     return !found.empty();
   });
   return found;
 }
 
-bool isEcall(const Json::Value& signal) { return signal["ecall"].asBool(); }
-
-// The service manager's end of NOTIFY_SOCKET: the datagrams the service sends.
-class ManagerSocket {
- public:
-  explicit ManagerSocket(const std::string& path) : mPath(path) {
-    mFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
+// The service manager's end of NOTIFY_SOCKET.
+struct ManagerSocket {
+  explicit ManagerSocket(const std::string& path) : fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(mFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   }
-  ~ManagerSocket() {
-    close(mFd);
-    unlink(mPath.c_str());
-  }
+  ~ManagerSocket() { close(fd); }
   // The next message, or "" when none comes within the time.
   std::string next(ms within) {
     timeval limit{static_cast<time_t>(within.count() / 1000), static_cast<suseconds_t>(within.count() % 1000 * 1000)};
-    setsockopt(mFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     char text[256];
-    const ssize_t n = recv(mFd, text, sizeof text, 0);
+    const ssize_t n = recv(fd, text, sizeof text, 0);
     return n > 0 ? std::string(text, static_cast<size_t>(n)) : "";
   }
-  // Counts the feedings until count have come or none came within a while.
-  int waitForFeedings(int count) {
-    int fed = 0;
-    for (std::string m; fed < count && !(m = next(kLong)).empty();) fed += m.find("WATCHDOG=1") != std::string::npos;
-    return fed;
-  }
-  // Reads what is queued already.
+  // What is queued already (a full socket would hold the service's feeding).
   void drain() {
     while (!next(ms(1)).empty()) {
     }
   }
-
- private:
-  std::string mPath;
-  int mFd = -1;
+  int fd;
 };
 
 }  // namespace
 
-// Killed with a crash unanswered, the service raises it again as a crash
-// call and says so; killed once the call was connected, it does not dial
-// again but keeps the emergency mode for the call-back period; a press
-// killed in its delay gets a new delay; a cancelled emergency killed in its
-// call-back period resumes only that period; an unreadable journal is set
-// aside, logged, and calls nobody.
+// Killed with a crash ringing, the service raises it again as a crash call,
+// says so, and ends the call left on the phone before it dials; killed once
+// the call was connected, it does not dial but keeps the emergency mode for
+// the call-back period; a cancelled emergency killed in its call-back period
+// resumes the period's rest; an unreadable journal is set aside, logged, and
+// calls nobody.
 TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   // 1/5 of real time: a restart takes a small part of the 30 s call-back period.
   Scene s(carOptions(0.2, {"set answer manual"}));
@@ -106,54 +87,36 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   s.sim("crash B can");
   ASSERT_FALSE(waitForDial(s).isNull());
   restart(s);
-  EXPECT_NE(waitForLogStarting(s, "Emergency resumed after a restart: CAN_IMPACT_B, mode acn, requested "), "")
-      << testing::PrintToString(s.log());
+  EXPECT_NE(waitForLogStarting(s, "Emergency resumed after a restart: CAN_IMPACT_B, mode acn, requested "), "");
   ASSERT_FALSE(waitForDial(s).isNull()) << "the crash was not dialled after the restart";
-  EXPECT_EQ(s.waitForSignal(isEcall)["type"].asString(), "acn");
-  // The call the killed service left on the phone is ended before the dial.
-  const Strings phone = s.requests("EmbeddedPhone");
-  EXPECT_TRUE(containsInOrder(phone, {"endActiveCall ", "ecallDial {\"address\":\"911\",\"callType\":\"MVA\",\"vehicleType\":\"Corvane\"}\n"}))
-      << testing::PrintToString(phone);
+  EXPECT_EQ(firstCallType(s), "acn");
+  EXPECT_TRUE(containsInOrder(s.requests("EmbeddedPhone"), {"endActiveCall ", s.requests("EmbeddedPhone", "ecallDial")[0]}));
 
   s.sim("psap answer");
   ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
   restart(s);
   ASSERT_TRUE(s.waitForLogCount("Call-back period resumed after a restart: CAN_IMPACT_B, 30000 ms left", 1))
       << testing::PrintToString(s.log());
-  EXPECT_FALSE(s.waitForSignal([](const Json::Value& m) { return m["ecallModeActive"].asBool(); }).isNull());
   EXPECT_TRUE(s.waitForIdle()) << "the resumed call-back period did not end";
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty()) << "a connected emergency was dialled again";
 
   s.markNow();
   ASSERT_EQ(car.call("startEcall"), kOk);
   ASSERT_TRUE(s.waitForSignalType("ecallDelay"));
-  restart(s);
-  ASSERT_TRUE(s.waitForSignalType("ecallDelay")) << "a press killed in its delay got no new delay";
-  ASSERT_TRUE(s.waitForLogCount("Ecall delay 10 before calling", 1));
-  ASSERT_FALSE(waitForDial(s).isNull());
-
-  // Cancelled: the call-back period begins, and a kill in it resumes its rest.
   ASSERT_EQ(car.call("exitEcall"), kOk);
   ASSERT_FALSE(s.waitForSignal([](const Json::Value& m) { return !m["ecall"].asBool(); }).isNull());
   restart(s);
   const std::string resumed = waitForLogStarting(s, "Call-back period resumed after a restart: E_CALL_BtnStat, ");
-  ASSERT_NE(resumed, "") << testing::PrintToString(s.log());
-  const long long left = atoll(resumed.substr(resumed.find(", ") + 2).c_str());
+  const long long left = atoll(resumed.c_str() + std::min(resumed.size(), resumed.find(", ") + 2));
   EXPECT_TRUE(left > 0 && left < 30000) << resumed;
-  ASSERT_TRUE(waitForStarted(s));
-  s.sim("wait 5000");
-  EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty()) << "a cancelled emergency was dialled";
 
   car.stopService();
-  testSupport::writeFile(car.path(kJournal), "not a journal at all");
+  testSupport::writeFile(car.path("/fs/etfs/usr/var/ecall/ecall_journal"), "not a journal");
   s.markNow();
   car.startService();
-  EXPECT_TRUE(s.waitForLogCount(
-      "Emergency journal is torn or corrupt: set aside as /fs/etfs/usr/var/ecall/ecall_journal.bad, nothing resumed from it",
-      1))
-      << testing::PrintToString(s.log());
-  EXPECT_EQ(testSupport::readFile(car.path(kJournal) + ".bad"), "not a journal at all");
-  EXPECT_TRUE(car.waitForSlog("Emergency journal is torn or corrupt"));
+  EXPECT_TRUE(s.waitForLogCount("Emergency journal is torn or corrupt: set aside as "
+                                "/fs/etfs/usr/var/ecall/ecall_journal.bad, nothing resumed from it", 1));
+  EXPECT_EQ(testSupport::readFile(car.path("/fs/etfs/usr/var/ecall/ecall_journal.bad")), "not a journal");
   ASSERT_TRUE(waitForStarted(s));
   s.sim("wait 5000");
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
@@ -162,88 +125,73 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
 // Killed at random moments of many emergencies (seeded; ECALL_KILL_SEED
 // replays a run), and started again on the same root each time: every
 // emergency that was not cancelled is dialled once the service is back (a
-// crash as a crash call), and a cancelled one never is. The phone takes each
-// dial and never answers, so no emergency is ever connected.
+// crash as a crash call, a press after a new delay), and a cancelled one
+// never is. The phone takes each dial and never answers.
 TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
   const char* replay = getenv("ECALL_KILL_SEED");
-  const uint64_t seed = replay != nullptr ? strtoull(replay, nullptr, 10) : std::random_device{}();
-  printf("kill test seed %llu (ECALL_KILL_SEED=%llu replays it)\n", static_cast<unsigned long long>(seed),
-         static_cast<unsigned long long>(seed));
+  const unsigned long long seed = replay != nullptr ? strtoull(replay, nullptr, 10) : std::random_device{}();
+  printf("kill test seed %llu (ECALL_KILL_SEED=%llu replays it)\n", seed, seed);
   std::mt19937_64 random(seed);
   // 1/100 of real time: the delay takes 100 ms, the retry period 600 ms.
   Scene s(carOptions(0.01, {"set answer manual"}));
-  E2eHarness& car = s.car;
-  struct Crash {
-    const char* command;
-    int type;
-  };
-  const Crash crashes[] = {{"crash B can", 3}, {"crash C serial", 17}, {"crash I can", 9}, {"crash X can", 14}};
+  const std::pair<const char*, int> crashes[] = {{"crash B can", 3}, {"crash C serial", 17}, {"crash X can", 14}};
   enum Kind { kCrash, kPress, kCancelled, kPhoneAway, kKinds };
   const auto start = std::chrono::steady_clock::now();
-  int kills = 0, dialled = 0, cancelled = 0;
-  for (int round = 0; round < 40 && (round < 10 || std::chrono::steady_clock::now() - start < std::chrono::seconds(40));
-       ++round) {
+  int kills = 0, dialled = 0;
+  for (; kills < 40 && (kills < 10 || std::chrono::steady_clock::now() - start < std::chrono::seconds(40)); ++kills) {
     const Kind kind = static_cast<Kind>(random() % kKinds);
-    const Crash& crash = crashes[random() % std::size(crashes)];
+    const auto& [crash, type] = crashes[random() % std::size(crashes)];
     const ms killAfter(random() % 700);
-    SCOPED_TRACE("seed " + std::to_string(seed) + ", round " + std::to_string(round) + ", kind " +
-                 std::to_string(kind) + ", " + crash.command + ", kill after " + std::to_string(killAfter.count()) +
-                 " ms");
+    SCOPED_TRACE("seed " + std::to_string(seed) + ", kill " + std::to_string(kills) + ", kind " +
+                 std::to_string(kind) + ", " + crash + ", after " + std::to_string(killAfter.count()) + " ms");
     s.markNow();
-    if (kind == kPhoneAway) s.simUntilTraced("phone off", kPhoneOff);
-    const std::string recorded =
-        "Emergency happened. type " + std::to_string(kind == kPress ? 1 : crash.type) + ". mode";
+    if (kind == kPhoneAway) s.simUntilTraced("phone off", "embedded phone status signal: change from ON to OFF");
+    const std::string recorded = "Emergency happened. type " + std::to_string(kind == kPress ? 1 : type) + ". mode";
     const size_t before = s.countInTrace(recorded);
     if (kind == kPress) {
-      ASSERT_EQ(car.call("startEcall"), kOk);
+      EXPECT_EQ(s.car.call("startEcall"), kOk);
     } else {
-      s.sim(crash.command);
+      s.sim(crash);
     }
-    ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(recorded) > before; }, kLong));
+    ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(recorded) > before; }));
     if (kind == kCancelled) {
-      ASSERT_EQ(car.call("exitEcall"), kOk);
+      ASSERT_EQ(s.car.call("exitEcall"), kOk);
     }
     // The moment of the kill is the test's input, not a wait for an event.
     std::this_thread::sleep_for(killAfter);
     restart(s);
-    ++kills;
-    // Started (the next crash needs the channel), and the phone's status
-    // asked at start-up: a status reply that overtakes a newer report is a
-    // fault of its own.
+    // Started (the next crash needs the channel) and the phone's status
+    // asked: a status reply that overtakes a newer report is a fault apart.
     ASSERT_TRUE(waitForStarted(s));
     if (kind == kPhoneAway) s.sim("phone on");
     if (kind == kCancelled) {
       s.sim("wait 61000");
       ASSERT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty()) << "a cancelled emergency was dialled";
-      ++cancelled;
       continue;
     }
     ASSERT_FALSE(waitForDial(s).isNull()) << "an emergency was lost";
-    EXPECT_EQ(s.waitForSignal(isEcall)["type"].asString(), kind == kPress ? "ecallDelay" : "acn");
+    EXPECT_EQ(firstCallType(s), kind == kPress ? "ecallDelay" : "acn");
     ++dialled;
-    ASSERT_EQ(car.call("exitEcall"), kOk);
+    ASSERT_EQ(s.car.call("exitEcall"), kOk);
   }
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   printf("kill test: %d kills in %.1f s: %d emergencies dialled again, %d cancelled ones never dialled\n", kills,
-         seconds, dialled, cancelled);
+         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), dialled, kills - dialled);
 }
 
-// Under a service manager's watchdog the service feeds it while its threads
-// show progress. When the vehicle status object's server hangs, every read
-// of the odometer for a log entry blocks, and the restraint controller's
-// reader hangs in one: the feeding stops. Killed and started again, as the
-// manager does then, the service resumes the crash it had in hand.
+// Under a service manager's watchdog the service is fed while its threads
+// show progress. When the vehicle status object's server hangs (a FIFO
+// nobody writes), every odometer read for a log entry blocks, and the
+// restraint controller's reader hangs in one: the feeding stops. Killed and
+// started again, as the manager then does, the service resumes its crash.
 TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
-  char folder[] = "/tmp/ecall-watchdog-XXXXXX";
-  ASSERT_NE(mkdtemp(folder), nullptr);
-  const std::string socketPath = std::string(folder) + "/notify";
+  const std::string socketPath = "/tmp/ecall-watchdog-" + std::to_string(getpid());
   ManagerSocket manager(socketPath);
   E2eOptions options = carOptions(kScale, {"set answer manual"});
   options.serviceEnv = {"NOTIFY_SOCKET=" + socketPath, "WATCHDOG_USEC=400000"};
   Scene s(options);
   E2eHarness& car = s.car;
   EXPECT_EQ(manager.next(kLong), "READY=1");
-  ASSERT_EQ(manager.waitForFeedings(3), 3) << "the watchdog is not fed";
+  for (int fed = 0; fed < 3; ++fed) ASSERT_EQ(manager.next(kLong), "WATCHDOG=1");
   s.sim("crash B can");
   ASSERT_FALSE(waitForDial(s).isNull());
 
@@ -252,7 +200,6 @@ TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   ASSERT_EQ(mkfifo((vehicleObject + ".hung").c_str(), 0644), 0);
   ASSERT_EQ(rename((vehicleObject + ".hung").c_str(), vehicleObject.c_str()), 0);
   s.sim("loc 0 0 0");
-  // The manager reads all the while (a full socket would hold the feeding).
   ASSERT_TRUE(testSupport::waitUntil([&] {
     manager.drain();
     return countOf(car.serviceStderr(), "Watchdog: no progress of the restraint controller reader") > 0;
@@ -266,7 +213,6 @@ TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   s.markNow();
   car.startService();
   ASSERT_FALSE(waitForDial(s).isNull()) << "the crash was lost to the watchdog's restart";
-  EXPECT_EQ(s.waitForSignal(isEcall)["type"].asString(), "acn");
-  EXPECT_EQ(manager.waitForFeedings(1), 1);
-  rmdir(folder);
+  EXPECT_EQ(firstCallType(s), "acn");
+  unlink(socketPath.c_str());
 }
