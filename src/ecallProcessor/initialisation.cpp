@@ -119,10 +119,12 @@ void ecallProcessor::resumeFromJournal() {
       sendStateMachinePulse(ECALL_PULSE_RESUME_CALLBACK_PERIOD);
       break;
     case journal::resumeAction::tooOld:
-      addFormattedEntryToEmergencyLog("Emergency not resumed after a restart: %s, mode %s, requested %lld s ago, over an hour\n",
-                                      event, mode, ageSeconds);
-      sendtoSlog(_SLOG_WARNING, "Emergency not resumed after a restart: %s, mode %s, requested %lld s ago, over an hour\n",
-                 event, mode, ageSeconds);
+      addFormattedEntryToEmergencyLog(
+          "Emergency not resumed after a restart: %s, mode %s, requested %lld s ago, over an hour\n", event, mode,
+          ageSeconds);
+      sendtoSlog(_SLOG_WARNING,
+                 "Emergency not resumed after a restart: %s, mode %s, requested %lld s ago, over an hour\n", event,
+                 mode, ageSeconds);
       break;
     case journal::resumeAction::nothing:
       scope.sendFormattedMessage("Emergency journal: nothing to resume (%s)\n",

@@ -28,16 +28,16 @@ emergencyJournal::startUp emergencyJournal::open(const std::string& path, const 
   startUp found;
   std::string bytes;
   if (!mFile.open(path) || !mFile.readAll(bytes, journal::JOURNAL_SIZE)) {
+    // Told by the caller; the changes are still tried, and a failure told once.
     found.load.problem = std::string("cannot be read: ") + strerror(mFile.lastError());
-    slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "ecallService: Emergency journal %s %s\n", path.c_str(), found.load.problem.c_str());
     return found;
   }
   found.load = journal::decodeJournal(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   if (found.load.status == journal::loadStatus::unreadable) {
     found.setAside = true;
     if (!mFile.setAside(asidePath)) {
-      slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "ecallService: Emergency journal %s cannot be moved aside: %s; emptied\n", path.c_str(),
-                 strerror(mFile.lastError()));
+      slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "ecallService: Emergency journal %s cannot be moved aside: %s; emptied\n",
+            path.c_str(), strerror(mFile.lastError()));
     }
     return found;
   }
@@ -75,7 +75,8 @@ void emergencyJournal::write(const journal::journalRecord& record) {
     // The sequence stays, so the next change goes to the same slot and the
     // last good change stays whole in the other one.
     if (!mFailing) {
-      slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "ecallService: Emergency journal write failed: %s\n", strerror(mFile.lastError()));
+      slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "ecallService: Emergency journal write failed: %s\n",
+            strerror(mFile.lastError()));
       mFailing = true;
     }
     return;

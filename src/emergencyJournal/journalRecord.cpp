@@ -125,7 +125,8 @@ journalLoad decodeJournal(const uint8_t* data, size_t size) {
     const size_t length = std::min(SLOT_SIZE, size - start);
     states[i] = readSlot(data + start, length, records[i], sequences[i]);
     // A slot holds the sequences of its own parity only.
-    if (states[i] == slotState::valid && slotOffset(sequences[i]) != i * SLOT_SIZE) states[i] = slotState::unknownFormat;
+    if (states[i] == slotState::valid && slotOffset(sequences[i]) != i * SLOT_SIZE)
+      states[i] = slotState::unknownFormat;
   }
   int best = -1;
   for (int i = 0; i < 2; ++i)

@@ -32,12 +32,12 @@ std::string joined(const std::vector<std::string>& names) {
     const std::vector<std::string> stuck = platform::threadsWithoutProgress();
     if (stuck.empty()) {
       platform::notifyWatchdog();
-      if (!fed) slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "ecallService: Watchdog: every watched thread shows progress again\n");
+      if (!fed) slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "ecallService: Watchdog: all watched threads go on again\n");
       fed = true;
     } else if (fed) {
       // Told once; the log is not written here, since a hung thread may hold its lock.
-      slogf(ECALL_SLOG_OPCODE, _SLOG_ERROR, "ecallService: Watchdog: no progress of the %s; the watchdog is no longer fed\n",
-            joined(stuck).c_str());
+      slogf(ECALL_SLOG_OPCODE, _SLOG_ERROR,
+            "ecallService: Watchdog: no progress of the %s; the watchdog is no longer fed\n", joined(stuck).c_str());
       fed = false;
     }
     platform::sleepRealMs(intervalMs);
@@ -59,7 +59,8 @@ bool start() {
     return false;
   }
   scope.sendFormattedMessage("Watchdog fed every %lld ms\n", static_cast<long long>(intervalMs));
-  slogf(ECALL_SLOG_OPCODE, _SLOG_INFO, "ecallService: Watchdog: fed every %lld ms while the watched threads show progress\n",
+  slogf(ECALL_SLOG_OPCODE, _SLOG_INFO,
+        "ecallService: Watchdog: fed every %lld ms while the watched threads show progress\n",
         static_cast<long long>(intervalMs));
   return true;
 }

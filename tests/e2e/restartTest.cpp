@@ -90,7 +90,8 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   EXPECT_NE(waitForLogStarting(s, "Emergency resumed after a restart: CAN_IMPACT_B, mode acn, requested "), "");
   ASSERT_FALSE(waitForDial(s).isNull()) << "the crash was not dialled after the restart";
   EXPECT_EQ(firstCallType(s), "acn");
-  EXPECT_TRUE(containsInOrder(s.requests("EmbeddedPhone"), {"endActiveCall ", s.requests("EmbeddedPhone", "ecallDial")[0]}));
+  const Strings phone = s.requests("EmbeddedPhone");
+  EXPECT_TRUE(containsInOrder(phone, {"endActiveCall ", s.requests("EmbeddedPhone", "ecallDial")[0]}));
 
   s.sim("psap answer");
   ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));

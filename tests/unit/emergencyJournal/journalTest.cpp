@@ -67,8 +67,9 @@ TEST(EmergencyJournal, ACutAtAnyByteLeavesTheChangeBeforeAndBadBytesRaiseNothing
   // A whole slot of another format version, or with a type no emergency has.
   journalSlot future = encodeSlot(life[0], 1), noType = encodeSlot(recordOf(journalKind::requested, 40), 1);
   future[3] = '2';
-  EXPECT_EQ(decode(std::string(64, '\0') + std::string(future.begin(), future.end())).problem, "is of an unknown format");
-  EXPECT_EQ(decode(std::string(64, '\0') + std::string(noType.begin(), noType.end())).status, loadStatus::unreadable);
+  const std::string blank(SLOT_SIZE, '\0');
+  EXPECT_EQ(decode(blank + std::string(future.begin(), future.end())).problem, "is of an unknown format");
+  EXPECT_EQ(decode(blank + std::string(noType.begin(), noType.end())).status, loadStatus::unreadable);
 }
 
 // Within one boot the boot clock rules, whatever the wall clock did; across
