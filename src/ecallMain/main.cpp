@@ -17,6 +17,7 @@
 #include "platform/slog.h"
 #include "platform/systemdNotify.h"
 #include "platform/trace.h"
+#include "watchdog/serviceWatchdog.h"
 
 namespace {
 
@@ -167,6 +168,8 @@ int main(int argc, char** argv) {
   // Registered: callers can reach the service now, so the service manager
   // may count it as started (the modules below come up while it serves).
   platform::notifyReady();
+  // From here the manager's watchdog, when it has one, counts.
+  serviceWatchdog::start();
 
   extServHandle.initExternalServiceHandling();
   extServHandle.getEmebeddedPhoneEnabledInVariant();

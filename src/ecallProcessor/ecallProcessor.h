@@ -21,6 +21,7 @@
 #include "common/sharedText.h"
 #include "ecallProcessor/processorInputs.h"
 #include "ecallProcessor/stateMachine.h"
+#include "emergencyJournal/emergencyJournal.h"
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 
@@ -37,6 +38,13 @@ constexpr int EMERGENCY_LOG_ENTRY_SIZE = 256;
 inline const std::string emergencyLogDir = "/fs/etfs/usr/var/ecall";
 inline const std::string emergencyLogPath = "/fs/etfs/usr/var/ecall/ecall_log.txt";
 inline const std::string gpsResetLogPath = "/fs/etfs/usr/var/ecall/GPSReset.log";
+// The emergency journal, beside the log, and where an unreadable one is put.
+inline const std::string emergencyJournalPath = "/fs/etfs/usr/var/ecall/ecall_journal";
+inline const std::string emergencyJournalAsidePath = "/fs/etfs/usr/var/ecall/ecall_journal.bad";
+// An emergency older than this is not raised again after a restart.
+constexpr int64_t EMERGENCY_RESUME_AGE_LIMIT_MS = 3600000;
+// How long the emergency mode stays on after the call, for the centre's call-back.
+constexpr unsigned CALLBACK_PERIOD_MS = 30000;
 
 class CANImpactECallHandler;
 class externalServiceHandling;
@@ -135,6 +143,9 @@ class ecallProcessor final : public processorInputs {
   void initEcallProcessor();
   // Its first step: the emergency log's lock and the general lock.
   void initLocks();
+  // Reads the emergency journal and resumes what a restart interrupted: an
+  // emergency still requested is raised again, a call-back period goes on.
+  void resumeFromJournal();
   void subscribeEmbPhSignals(const char* sigName);
   void subscribeTtsSignals(const char* sigName);
   void subscribeBtSignals(const char* sigName);
@@ -201,6 +212,11 @@ class ecallProcessor final : public processorInputs {
   // Counts the numbers stored, so that a number that arrives while a read
   // fails is not missed.
   std::atomic<unsigned> numbersStored{0};
+
+  // What the service must not forget of the emergency in hand.
+  emergencyJournal mJournal;
+  // The rest of a call-back period resumed at start-up (the service's ms).
+  std::atomic<int64_t> resumedCallbackPeriodMs{0};
 
   // The prompt last requested by the state machine (eECallTtsPrompt). The
   // prompt for the emergency centre is two readouts chained by the

@@ -22,6 +22,9 @@ namespace {
 
 bool isImpact(eEmergencyType type) { return type >= ecallMain::CAN_IMPACT_A && type <= ecallMain::SERIAL_IMPACT_X; }
 
+// The emergencies that are dialled (not the centre's call-back).
+bool isDialled(eEmergencyType type) { return type == ecallMain::E_CALL_BtnStat || isImpact(type); }
+
 }  // namespace
 
 // The failure word, read under the processor's general lock when it exists.
@@ -46,6 +49,7 @@ void ecallProcessor::clearECallEvent() {
   waitingForNumber = false;
   curECallType = ecallMain::NONE;
   curCallModeType = ecallMain::CALL_NONE;
+  mJournal.closed();
   timers().stopDelayEcallRequest();
   // The state machine sees the cleared request and ends the emergency.
   timers().startEcallStateMachineTimer(1);
@@ -157,6 +161,7 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
     // machine's own retries carry that one (and this request with it).
     if (curECallType.exchange(newType) == ecallMain::NONE) waitingForPhone = true;
     curCallModeType = newMode;
+    if (isDialled(newType)) mJournal.requested(newType, newMode);
     scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
                                ecallMain::eCallModeTypeString[newMode].c_str());
     return;
@@ -183,6 +188,8 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
 
   curECallType = newType;
   curCallModeType = newMode;
+  // Written before the state machine is woken: one synchronous write.
+  if (isDialled(newType)) mJournal.requested(newType, newMode);
   scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
                              ecallMain::eCallModeTypeString[newMode].c_str());
   if (newMode == ecallMain::CALL_ACN) {

@@ -9,6 +9,7 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/appManager.h"
 #include "externalServiceHandling/embeddedPhone.h"
+#include "platform/runtime.h"
 #include "platform/slog.h"
 
 namespace {
@@ -72,9 +73,64 @@ void ecallProcessor::initEcallProcessor() {
     scope.sendFormattedWarning("ecall state machine not ready, its timers may not run\n");
   }
 
+  // Before the phone is known: a resumed emergency waits for the phone's
+  // ON report like any other.
+  resumeFromJournal();
   getAssistAppUUID();
   registerEmdPhSvc();
   getDefaultVolumes();
+}
+
+void ecallProcessor::resumeFromJournal() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const emergencyJournal::startUp found =
+      mJournal.open(emergencyJournalPath, emergencyJournalAsidePath, platform::scaledMs(EMERGENCY_RESUME_AGE_LIMIT_MS),
+                    platform::scaledMs(CALLBACK_PERIOD_MS));
+  if (found.setAside) {
+    addFormattedEntryToEmergencyLog("Emergency journal %s: set aside as %s, nothing resumed from it\n",
+                                    found.load.problem.c_str(), emergencyJournalAsidePath.c_str());
+    sendtoSlog(_SLOG_WARNING, "Emergency journal %s: set aside as %s, nothing resumed from it\n",
+               found.load.problem.c_str(), emergencyJournalAsidePath.c_str());
+  } else if (!found.load.problem.empty()) {
+    addFormattedEntryToEmergencyLog("Emergency journal %s\n", found.load.problem.c_str());
+    sendtoSlog(_SLOG_WARNING, "Emergency journal %s\n", found.load.problem.c_str());
+  }
+
+  const journal::journalResume& resume = found.resume;
+  const char* event = ecallMain::EmergencyEvent[resume.type].c_str();
+  const char* mode = ecallMain::eCallModeTypeString[resume.mode].c_str();
+  const long long ageSeconds = static_cast<long long>(platform::unscaledMs(resume.ageMs) / 1000);
+  switch (resume.action) {
+    case journal::resumeAction::raise:
+      addFormattedEntryToEmergencyLog("Emergency resumed after a restart: %s, mode %s, requested %lld s ago\n", event,
+                                      mode, ageSeconds);
+      sendtoSlog(_SLOG_WARNING, "Emergency resumed after a restart: %s, mode %s, requested %lld s ago\n", event, mode,
+                 ageSeconds);
+      // As it first came: a crash is a crash call, a press gets its delay.
+      emergencyHappened(static_cast<ecallMain::eEmergencyType>(resume.type));
+      break;
+    case journal::resumeAction::callbackPeriod:
+      resumedCallbackPeriodMs = platform::unscaledMs(resume.periodMs);
+      addFormattedEntryToEmergencyLog("Call-back period resumed after a restart: %s, %lld ms left\n", event,
+                                      static_cast<long long>(resumedCallbackPeriodMs.load()));
+      sendtoSlog(_SLOG_INFO, "Call-back period resumed after a restart: %s, %lld ms left\n", event,
+                 static_cast<long long>(resumedCallbackPeriodMs.load()));
+      mJournal.callbackPeriod(resume.periodMs);
+      sendStateMachinePulse(ECALL_PULSE_RESUME_CALLBACK_PERIOD);
+      break;
+    case journal::resumeAction::tooOld:
+      addFormattedEntryToEmergencyLog(
+          "Emergency not resumed after a restart: %s, mode %s, requested %lld s ago, over an hour\n", event, mode,
+          ageSeconds);
+      sendtoSlog(_SLOG_WARNING,
+                 "Emergency not resumed after a restart: %s, mode %s, requested %lld s ago, over an hour\n", event,
+                 mode, ageSeconds);
+      break;
+    case journal::resumeAction::nothing:
+      scope.sendFormattedMessage("Emergency journal: nothing to resume (%s)\n",
+                                 journal::kindName(found.load.record.kind));
+      break;
+  }
 }
 
 void ecallProcessor::subscribeEmbPhSignals(const char* sigName) {

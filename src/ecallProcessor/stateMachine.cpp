@@ -123,7 +123,12 @@ void ecallStateMachine::receivePulse() {
   act = startCall = delayStart = callEnded = false;
   pulseCode = 0;
   qnx::_pulse pulse{};
-  if (qnx::MsgReceive(mReceiveChannelId.load(), &pulse, sizeof(pulse), nullptr) != 0) return;
+  int received;
+  {
+    platform::blockingCall wait(mProgress);
+    received = qnx::MsgReceive(mReceiveChannelId.load(), &pulse, sizeof(pulse), nullptr);
+  }
+  if (received != 0) return;
   pulseCode = pulse.code;
   handlePulse(pulseCode);
 }
@@ -178,6 +183,10 @@ void ecallStateMachine::handlePulse(int code) {
     case ECALL_PULSE_DIAL_FAILED:
       scope.sendFormattedMessage("Received dial failed pulse\n");
       act = true;
+      break;
+    case ECALL_PULSE_RESUME_CALLBACK_PERIOD:
+      scope.sendFormattedMessage("Received resume call-back period pulse\n");
+      resumeCallbackPeriod();
       break;
     default:
       break;

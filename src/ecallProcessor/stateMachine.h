@@ -15,6 +15,7 @@
 
 #include "common/ecallTypes.h"
 #include "ecallProcessor/processorTimers.h"
+#include "platform/threadProgress.h"
 
 class ecallProcessor;
 class CANImpactECallHandler;
@@ -50,6 +51,9 @@ enum ecallStateMachinePulse : int {
   // The phone's reply to the dial request was an error (sent by the bus
   // thread, judged by the state machine).
   ECALL_PULSE_DIAL_FAILED = 11,
+  // A call-back period that a restart interrupted goes on (sent once, at
+  // start-up, when the emergency journal says so).
+  ECALL_PULSE_RESUME_CALLBACK_PERIOD = 12,
 };
 
 // Name of a state for traces (the table has no row for state 5, kept so).
@@ -103,6 +107,7 @@ class ecallStateMachine {
   void stepCallActive();
   void stepWaitForEndFromHmi();
   void endEmergencyMode();
+  void resumeCallbackPeriod();
   void stepOpenAudioForRingTones();
   void stepWaitRingTonesComplete();
   void stepAnswer();
@@ -118,6 +123,9 @@ class ecallStateMachine {
   CANImpactECallHandler& canIpcEmergencyHandler;
   externalServiceHandling& extServHandle;
   processorTimers mTimers;
+  // Waiting for a pulse is progress; one turn is at most a handful of peer
+  // requests, each bounded, and the log's synchronous writes.
+  platform::threadProgress mProgress{"state machine", 30000};
 
   std::atomic<int> mReceiveChannelId{0};
   std::atomic<int> mSendChannelId{0};

@@ -9,6 +9,7 @@
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/runtime.h"
 #include "platform/slog.h"
 
 namespace {
@@ -48,7 +49,8 @@ void ecallStateMachine::endCall() {
   if (!callStateIs("CALL_STATE_IDLE")) processor.hangUpCall();
   extServHandle.abortCurrentTtsMsg();
   emitEcall(false, ecallMain::NONE, ecallMain::CALL_NONE);
-  timers().startEcallStateMachineTimer(30000);
+  timers().startEcallStateMachineTimer(CALLBACK_PERIOD_MS);
+  processor.mJournal.callbackPeriod(platform::scaledMs(CALLBACK_PERIOD_MS));
   canIpcEmergencyHandler.setLedStatus(LED_OFF);
   playPrompt(TTS_PROMPT_ENDED);
   dialAllowed = true;
@@ -296,6 +298,8 @@ void ecallStateMachine::stepWaitToConnect() {
     emitEcall(true, type, ecallMain::CALL_FAILED);
   } else if (callStateIs("CALL_STATE_ACTIVE")) {
     timers().stopEcallTimeoutTimer();
+    // Connected: a restart from here on does not dial again.
+    processor.mJournal.placed();
     psapPrompt = mode == ecallMain::CALL_ACN ? TTS_PROMPT_ACN_PSAP1 : TTS_PROMPT_ECALL_PSAP1;
     scope.sendFormattedMessage("Call active, delay %d ms for PSAP TTS", static_cast<int>(psapPromptDelayMs));
     processor.addFormattedEntryToEmergencyLog("Call Active.  Delay %d ms for PSAP TTS\n",
@@ -389,9 +393,26 @@ void ecallStateMachine::endEmergencyMode() {
   emitEcall(false, type, mode);
   canIpcEmergencyHandler.setLedStatus(LED_OFF);
   processor.addEntryToEmergencyLog("End emergency mode\n");
+  processor.mJournal.periodOver();
   dialAllowed = true;
   callFailedLogged = false;
   state = ECALL_SM_IDLE;
+}
+
+// The service restarted during a call-back period: the emergency mode is on
+// again for the rest of it, with what the period holds (the call's audio,
+// Bluetooth off), so that the centre's call-back is served as before the
+// restart; the period then ends as usual. An emergency that came first runs
+// its own course.
+void ecallStateMachine::resumeCallbackPeriod() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (state != ECALL_SM_IDLE || !extServHandle.getEmebeddedPhoneEnabledInVariant()) return;
+  processor.setEcallModeActive(true);
+  emitEcall(false, ecallMain::NONE, ecallMain::CALL_NONE);
+  extServHandle.requestEcallAudioSource();
+  extServHandle.disableBluetooth();
+  timers().startEcallStateMachineTimer(static_cast<unsigned>(processor.resumedCallbackPeriodMs.load()));
+  state = ECALL_SM_WAIT_FOR_END_FROM_HMI;
 }
 
 // ---- The emergency centre's callback ----

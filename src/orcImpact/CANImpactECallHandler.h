@@ -13,6 +13,7 @@
 
 #include "common/ecallTypes.h"
 #include "platform/ipcChannel.h"
+#include "platform/threadProgress.h"
 #include "platform/trace.h"
 
 inline const CQVTraceScopeDef orcImpactTraceScope("ecallService_orcImpact", "all");
@@ -90,6 +91,10 @@ class CANImpactECallHandler {
   void orcChannelReturned();
   platform::IpcChannel& orcChannel() { return mOrcChannel; }
   processorInputs& processor() { return mProcessor; }
+  // What each reader thread shows of itself to the watchdog: waiting on its
+  // input, or busy with one message (a few log entries and requests).
+  platform::threadProgress& orcReaderProgress() { return mOrcReaderProgress; }
+  platform::threadProgress& buttonReaderProgress() { return mButtonReaderProgress; }
 
   // One message read from the restraint controller channel (n bytes).
   void processOrcMessage(const uint8_t* msg, int n);
@@ -126,6 +131,8 @@ class CANImpactECallHandler {
   platform::IpcChannel mOrcChannel{orcIpcChannelPath.c_str(), O_RDWR | ORC_IPC_OPEN_FLAG};
   // The button thread runs (the Assist side needs both inputs).
   std::atomic<bool> mButtonThreadRunning{false};
+  platform::threadProgress mOrcReaderProgress{"restraint controller reader", 30000};
+  platform::threadProgress mButtonReaderProgress{"mirror button reader", 30000};
   // Keeps the last LED status and its message in step: a status set while
   // the micro gets the last one again after its return is never overtaken.
   std::mutex mLedMutex;

@@ -169,14 +169,23 @@ void* canImpactThrdFunc(void* arg) {
   auto* handler = static_cast<CANImpactECallHandler*>(arg);
   platform::IpcChannel* channel = &handler->orcChannel();
   uint8_t msg[ORC_READ_SIZE];
+  platform::threadProgress& progress = handler->orcReaderProgress();
   for (;;) {
     if (!channel->isOpen()) {
-      channel->reopenEvery(ORC_RETRY_MS);
+      {
+        platform::blockingCall wait(progress);
+        channel->reopenEvery(ORC_RETRY_MS);
+      }
       handler->orcChannelReturned();
     }
-    ssize_t n = channel->read(msg, sizeof msg);
+    ssize_t n;
+    {
+      platform::blockingCall wait(progress);
+      n = channel->read(msg, sizeof msg);
+    }
     if (n <= 0) {
       reportOrcChannelLost(handler->processor());
+      platform::blockingCall wait(progress);
       platform::sleepMs(ORC_RETRY_MS);
       continue;
     }

@@ -92,8 +92,13 @@ void* ecallReadThrdFunc(void* arg) {
   // A press already present in the first read starts an emergency.
   bool armed = true;
   char text[BUTTON_PPS_READ_SIZE + 1];
+  platform::threadProgress& progress = handler->buttonReaderProgress();
   for (;;) {
-    ssize_t n = platform::ppsRead(handler->getPpsFd(), text, BUTTON_PPS_READ_SIZE);
+    ssize_t n;
+    {
+      platform::blockingCall wait(progress);
+      n = platform::ppsRead(handler->getPpsFd(), text, BUTTON_PPS_READ_SIZE);
+    }
     // A blocking delta read never returns empty; if it does, it is retried
     // like an error so that the thread never spins.
     if (n <= 0) {
@@ -101,6 +106,7 @@ void* ecallReadThrdFunc(void* arg) {
                                ecallBtnPPSPath.c_str());
       sendtoSlog(_SLOG_WARNING, "Error reading pps file %s.  Attempt to read again after 1000ms.",
                  ecallBtnPPSPath.c_str());
+      platform::blockingCall wait(progress);
       platform::sleepMs(1000);
       continue;
     }

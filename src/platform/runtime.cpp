@@ -91,6 +91,8 @@ int64_t scaledMs(int64_t ms) { return scaled(ms, kNsPerMs); }
 
 int64_t scaledNs(int64_t ns) { return scaled(ns, 1); }
 
+int64_t unscaledMs(int64_t realMs) { return std::llround(static_cast<double>(realMs) / timeScale()); }
+
 void sleepMs(int64_t ms) { sleepForNs(scaledMs(ms) * kNsPerMs); }
 
 void sleepNs(int64_t ns) { sleepForNs(scaledNs(ns)); }

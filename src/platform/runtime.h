@@ -24,6 +24,8 @@ double timeScale();
 // duration, so a 1 ms "run now" stays a real timer expiry).
 int64_t scaledMs(int64_t ms);
 int64_t scaledNs(int64_t ns);
+// The inverse: how much of the service's own time a real duration is.
+int64_t unscaledMs(int64_t realMs);
 // nanosleep for a scaled duration (retried on EINTR).
 void sleepMs(int64_t ms);
 void sleepNs(int64_t ns);

@@ -227,6 +227,7 @@ SVCIPC_tError SvcIpcConnection::open() {
   mWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (mWakeFd < 0) return svcipc::errnoError(errno);
   mSelf = shared_from_this();
+  mProgress = std::make_unique<platform::threadProgress>("bus thread", 90000);
   try {
     mThread = std::thread([this] {
       mThreadId.store(std::this_thread::get_id());
@@ -639,7 +640,11 @@ void SvcIpcConnection::waitForWork(std::unique_lock<std::mutex>& lock) {
     }
   }
   lock.unlock();
-  const int r = ppoll(fds, count, timeout, nullptr);
+  int r;
+  {
+    platform::blockingCall wait(*mProgress);
+    r = ppoll(fds, count, timeout, nullptr);
+  }
   lock.lock();
   if (r > 0 && (fds[0].revents & POLLIN)) {
     uint64_t wakes;

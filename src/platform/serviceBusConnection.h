@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/serviceBus.h"
+#include "platform/threadProgress.h"
 
 namespace svcipc {
 
@@ -167,6 +168,10 @@ struct SvcIpcConnection : std::enable_shared_from_this<SvcIpcConnection> {
 
   int mWakeFd = -1;
   std::thread mThread;
+  // The dispatch thread as a watchdog sees it: waiting in ppoll, or busy
+  // with the bus and the callbacks (a few peer requests, some with the
+  // bus's own 25 s bound).
+  std::unique_ptr<platform::threadProgress> mProgress;
   std::atomic<std::thread::id> mThreadId{};
   std::shared_ptr<SvcIpcConnection> mSelf;  // keeps the connection alive until its thread ends
 

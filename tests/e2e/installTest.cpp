@@ -69,6 +69,7 @@ TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
   const std::string unit = readFile(usr + "/lib/systemd/system/ecallService.service");
   EXPECT_TRUE(hasLine(unit, "ExecStart=/usr/bin/ecallService --bus system")) << unit;
   EXPECT_TRUE(hasLine(unit, "Type=notify"));
+  EXPECT_TRUE(hasLine(unit, "WatchdogSec=10s"));
   const std::string activation = readFile(usr + "/share/dbus-1/system-services/" + kBusName + ".service");
   EXPECT_TRUE(hasLine(activation, "Name=" + kBusName)) << activation;
   EXPECT_TRUE(hasLine(activation, "Exec=/usr/bin/ecallService --bus system"));

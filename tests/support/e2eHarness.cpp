@@ -297,7 +297,7 @@ void E2eHarness::startService() {
   std::vector<std::string> args = {ECALL_SERVICE_BIN, "--root", mRoot, "--bus", mBusAddress,
                                    "--time-scale", fixed(carScale(mOptions.timeScale))};
   if (mOptions.trace) args.insert(args.end(), {"--trace", mTraceFile});
-  mServicePid = spawn(args, in, out, err);
+  mServicePid = spawn(args, in, out, err, mOptions.serviceEnv);
   close(in);
   close(out);
   close(err);

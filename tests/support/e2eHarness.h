@@ -54,6 +54,9 @@ struct E2eOptions {
   // Run vehicle-sim under this account (a user name; needs root), as the
   // rest of the head unit runs under accounts of its own. Empty: as the test.
   std::string simUser;
+  // "NAME=VALUE" entries added to ecallService's environment (what a
+  // service manager hands it, such as NOTIFY_SOCKET and WATCHDOG_USEC).
+  std::vector<std::string> serviceEnv;
 };
 
 // The text of an "ecall" signal exactly as the service emits it (members in

@@ -1,0 +1,46 @@
+// A small file kept open for the life of the process and rewritten in
+// place: each write is one pwrite followed by fdatasync, so that when it
+// returns true the bytes are on the medium. Paths are the service's own
+// absolute paths, resolved under the root (--root).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace platform {
+
+class durableFile {
+ public:
+  durableFile() = default;
+  ~durableFile();
+  durableFile(const durableFile&) = delete;
+  durableFile& operator=(const durableFile&) = delete;
+
+  // Opens the file for reading and writing, creating it (and its folder)
+  // when missing; a new name is made durable with its folder. False when it
+  // cannot be opened (see lastError).
+  bool open(const std::string& servicePath);
+  bool isOpen() const { return mFd >= 0; }
+  // The whole file, but never more than limit + 1 bytes (so that a caller
+  // sees a file bigger than it can be).
+  bool readAll(std::string& bytes, size_t limit);
+  // One pwrite of the bytes at offset and fdatasync; false unless both did
+  // all.
+  bool writeAt(uint64_t offset, const void* data, size_t size);
+  // Renames the file to asideServicePath (replacing an older one there) and
+  // opens a new, empty file under the old name.
+  bool setAside(const std::string& asideServicePath);
+  // errno of the last failure.
+  int lastError() const { return mError; }
+
+ private:
+  bool fail();
+  void syncFolder();
+
+  int mFd = -1;
+  std::string mPath;  // resolved
+  int mError = 0;
+};
+
+}  // namespace platform
