@@ -341,6 +341,34 @@ int ppsClose(int fd) {
   return ::close(object->fd);
 }
 
+int ppsWrite(const char* path, const char* text, size_t length) {
+  if (path == nullptr || *path == '\0' || std::strchr(path, '?') != nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  const std::string object = rootPath(path);
+  const std::string temporary = object + ".new";
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return -1;
+  size_t done = 0;
+  while (done < length) {
+    const ssize_t n = ::write(fd, text + done, length - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  int err = done == length ? 0 : errno;
+  if (::close(fd) != 0 && err == 0) err = errno;
+  // Readers never see half an object: it is written aside and renamed over.
+  if (err == 0 && ::rename(temporary.c_str(), object.c_str()) != 0) err = errno;
+  if (err != 0) {
+    ::unlink(temporary.c_str());
+    errno = err;
+    return -1;
+  }
+  return 0;
+}
+
 }  // namespace platform
 
 namespace {
