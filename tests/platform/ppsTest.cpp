@@ -103,6 +103,31 @@ TEST_F(Pps, ObjectThatComesLateLosesAttributesAndIsRecreated) {
   EXPECT_EQ("@vehstat\nE_CALL_BtnStat::1\n", nextAfter("E_CALL_BtnStat::1\n"));
 }
 
+// A press and a release written by the object's writer before the reader
+// reads reach it in order, whether the reader has not read yet at all (a
+// press while the service starts) or is busy between two reads.
+TEST_F(Pps, ChangesUndoneBeforeTheReadStillReachTheReaderInOrder) {
+  auto write = [](int pressed) {
+    const std::string text = "@vehstat\nE_CALL_BtnStat::" + std::to_string(pressed) + "\nU_CALL_BtnStat::0\n";
+    ASSERT_EQ(0, platform::ppsWrite("/pps/can/vehstat", text.data(), text.size()));
+  };
+  write(0);
+  fd = platform::ppsOpen(kButtons, O_RDONLY);
+  ASSERT_GE(fd, 0);
+  write(1);
+  write(0);
+  EXPECT_EQ("@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nE_CALL_BtnStat::1\nE_CALL_BtnStat::0\n", readNow());
+  write(1);
+  write(0);
+  auto next = readAsync();
+  if (next.wait_for(5s) != std::future_status::ready) {
+    platform::ppsClose(fd);  // frees the reader
+    fd = -1;
+    FAIL() << "the press was merged into no change";
+  }
+  EXPECT_EQ("@vehstat\nE_CALL_BtnStat::1\nE_CALL_BtnStat::0\n", next.get());
+}
+
 TEST_F(Pps, ShortBuffersGetWholeLines) {
   publish("A::" + std::string(40, 'a') + "\nB::2\nC::3\n");
   fd = platform::ppsOpen("/pps/can/vehstat?wait,delta,f=A+B+C", O_RDONLY);
