@@ -51,6 +51,7 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
   // The emergency call is the last entry of an emergency call type that is
   // not the phone's service number; an empty number is judged by its type.
   const std::vector<embeddedPhone::callEntry> entries = embeddedPhone::emergencyCallEntries(data);
+  const bool wasIdle = curCallState.equals("CALL_STATE_IDLE");
   for (const embeddedPhone::callEntry& entry : entries) {
     curCallState.set(entry.state);
     scope.sendFormattedMessage("ecallState %s, phonenumber %s\n", entry.state.c_str(),
@@ -87,7 +88,8 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
       addFormattedEntryToEmergencyLog("Incoming Call from number %s\n", number.c_str());
     }
     timers().startEcallStateMachineTimer(1);
-  } else if (curCallState.equals("CALL_STATE_TERMINATED")) {
+  } else if (curCallState.equals("CALL_STATE_TERMINATED") || (curCallState.equals("CALL_STATE_IDLE") && !wasIdle)) {
+    // A phone may report a call's end only as its return to idle.
     curCallState.set("CALL_STATE_IDLE");
     callConnected = false;
     btCallActive = false;
