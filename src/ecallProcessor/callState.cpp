@@ -62,14 +62,20 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
   const std::string number = entries.back().number;
   if (curCallState.empty() || !extServHandle.getEmebeddedPhoneEnabledInVariant()) return;
 
-  if (curECallType == ecallMain::NONE) {
-    // Any ringing call from a real number while no emergency is in hand is
-    // taken as the emergency centre calling back.
-    if (curCallState.equals("CALL_STATE_RINGING") && isPhoneNumberValid(number.c_str())) {
+  if (curCallState.equals("CALL_STATE_RINGING") && isPhoneNumberValid(number.c_str())) {
+    // Any ringing call from a real number while no emergency call is in
+    // hand (none requested, or one still waiting for its number) is taken
+    // as the emergency centre calling back.
+    std::lock_guard<std::mutex> lock(mRequestMutex);
+    if (curECallType == ecallMain::NONE || waitingForNumber.exchange(false)) {
       curECallType = ecallMain::Emergency_Callback;
       curCallModeType = ecallMain::CALL_EMERGENCY_CALLBACK;
       sendStateMachinePulse(ECALL_PULSE_EMERGENCY_INCOMING_CALL);
-    } else if (curCallState.equals("CALL_STATE_TERMINATED")) {
+      return;
+    }
+  }
+  if (curECallType == ecallMain::NONE) {
+    if (curCallState.equals("CALL_STATE_TERMINATED")) {
       curCallState.set("CALL_STATE_IDLE");
       callConnected = false;
     }

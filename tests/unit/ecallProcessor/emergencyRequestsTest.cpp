@@ -26,17 +26,21 @@ TEST_F(EmergencyRequests, CrashWhileTheWaitingPressIsHandedOverIsPlacedAsACrash)
   EXPECT_FALSE(log.hasTrace("ecall already requested"));
 }
 
-// A crash that waits for its number stays a crash when the button is pressed
-// (the operator hears the crash's announcement), and the emergency centre's
-// call is still taken.
-TEST_F(EmergencyRequests, CrashWaitingForItsNumberKeepsItsKindAndTheCentresCallIsTaken) {
+// A crash that waits for the phone or for its number stays a crash when the
+// button is pressed (the operator hears the crash's announcement), and the
+// emergency centre's call is still taken while a number is awaited.
+TEST_F(EmergencyRequests, WaitingCrashKeepsItsKindAndTheCentresCallIsTaken) {
   PulseProbe probe;
-  processProbe::curECallType() = ecallMain::CAN_IMPACT_B;
-  processProbe::curCallModeType() = ecallMain::CALL_ACN;
-  processProbe::waitingForNumber() = true;
-  ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
-  EXPECT_EQ(ecallHandler.getCurECallType(), ecallMain::CAN_IMPACT_B);
-  EXPECT_EQ(ecallHandler.getCurCallModeType(), ecallMain::CALL_ACN);
+  for (const bool phoneAway : {true, false}) {
+    processProbe::emdPhOn() = phoneAway ? 0 : 1;
+    processProbe::curECallType() = ecallMain::CAN_IMPACT_B;
+    processProbe::curCallModeType() = ecallMain::CALL_ACN;
+    processProbe::waitingForPhone() = phoneAway;
+    processProbe::waitingForNumber() = !phoneAway;
+    ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
+    EXPECT_EQ(ecallHandler.getCurECallType(), ecallMain::CAN_IMPACT_B) << phoneAway;
+    EXPECT_EQ(ecallHandler.getCurCallModeType(), ecallMain::CALL_ACN) << phoneAway;
+  }
 
   ecallHandler.processEmdPhCallState(
       R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","number":"911","callType":2}]})");
