@@ -184,26 +184,19 @@ struct FileMark {
   }
 };
 
+FileMark markFrom(bool found, const struct stat& st) {
+  if (!found) return FileMark{};
+  return FileMark{true, st.st_dev, st.st_ino, st.st_size};
+}
+
 FileMark markOf(const std::string& path) {
-  FileMark mark;
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0) return mark;
-  mark.exists = true;
-  mark.dev = st.st_dev;
-  mark.ino = st.st_ino;
-  mark.size = st.st_size;
-  return mark;
+  struct stat st {};
+  return markFrom(::stat(path.c_str(), &st) == 0, st);
 }
 
 FileMark markOf(int fd) {
-  FileMark mark;
-  struct stat st;
-  if (::fstat(fd, &st) != 0) return mark;
-  mark.exists = true;
-  mark.dev = st.st_dev;
-  mark.ino = st.st_ino;
-  mark.size = st.st_size;
-  return mark;
+  struct stat st {};
+  return markFrom(::fstat(fd, &st) == 0, st);
 }
 
 bool sameFile(const FileMark& a, const FileMark& b) { return a.exists && b.exists && a.dev == b.dev && a.ino == b.ino; }

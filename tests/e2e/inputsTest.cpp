@@ -294,8 +294,7 @@ TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   }, kLong));
   s.sim("micro keep");
   ASSERT_TRUE(s.waitForLogCount("ORC IPC channel /dev/ipc/ch12 is open again", 1));
-  EXPECT_EQ(s.countInLog("ORC IPC channel /dev/ipc/ch12 lost. Opening it again every 1000ms"), 1u);
-  EXPECT_EQ(countOf(s.car.serviceStderr(), lost), 2u);
+  EXPECT_EQ(countOf(s.car.emergencyLog(), "ORC IPC channel /dev/ipc/ch12 lost."), 2u);
 }
 
 // A micro that stops reading what it is sent never stops the impacts: the
@@ -303,14 +302,8 @@ TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
 TEST(ImpactChannel, MicroThatStopsReadingDoesNotStopTheImpacts) {
   Scene s(carOptions(kScale));
   s.sim("micro deaf");
-  // Each link-loss change turns the LED red or off: more messages than the
-  // channel holds.
-  for (int i = 0; i < 160; ++i) {
-    s.sim("loc 1 0 0");
-    s.sim("loc 0 0 0");
-  }
+  // Each link-loss message turns the LED red or off: more than the channel holds.
+  for (int i = 0; i < 320; ++i) s.sim(i % 2 ? "loc 0 0 0" : "loc 1 0 0");
   s.sim("crash B can");
-  EXPECT_TRUE(s.waitForLogCount("Rx ORC CAN 0x0200", 1)) << "the crash was not read";
-  s.sim("micro hearing");
-  EXPECT_TRUE(s.waitForEmergency());
+  EXPECT_TRUE(s.waitForEmergency()) << "the crash was not read";
 }
