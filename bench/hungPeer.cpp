@@ -75,5 +75,7 @@ int main(int argc, char** argv) {
   measure("start to inputs watched, healthy car", runs, [] { return startToInputs({}); });
   measure("start to inputs watched, platform never answering", runs,
           [] { return startToInputs({"peer platform hang"}); });
+  measure("start to inputs watched, phone service never answering", runs,
+          [] { return startToInputs({"peer EmbeddedPhone hang"}); });
   return 0;
 }

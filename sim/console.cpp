@@ -121,9 +121,13 @@ const std::vector<Console::Command>& Console::commands() {
       {"impact", "impact HEX...                   raw message on the restraint controller channel", kPanelToo,
        &Console::channelBytes},
       {"loc", "loc CAN SERIAL MIRROR           link-loss message (1 = lost)", kPanelToo, &Console::channelBytes},
-      {"micro", "micro close|open|restart        the micro's end of the channel closes, listens again", kPanelToo,
-       &Console::micro},
-      {"button", "button ecall|assist press|release", kPanelToo, &Console::button},
+      {"micro",
+       "micro close|open|restart        the micro's end of the channel closes, listens again\n"
+       "micro deaf|hearing              the micro stops reading the channel, reads it again\n"
+       "micro drop|keep                 the micro closes each connection at once, keeps them again",
+       kPanelToo, &Console::micro},
+      {"button", "button ecall|assist press|release|tap   (tap: pressed and released at once)", kPanelToo,
+       &Console::button},
       {"psap", "psap answer|hangup|callback [NUMBER]", kPanelToo, &Console::psap},
       {"dtmf", "dtmf KEY                        a key pressed by the operator", kPanelToo, &Console::number},
       {"wend", "wend N                          call end reason from the phone", kPanelToo, &Console::number},
@@ -142,6 +146,7 @@ const std::vector<Console::Command>& Console::commands() {
        "set gps none|LAT LON            degrees (with a point) or millionths\n"
        "set antenna fault|normal\n"
        "set dial ok|fail|idle|drop\n"
+       "set end terminated|idle         how the phone reports a call's end\n"
        "set pace MS                     time between call states\n"
        "set answer auto|manual          whether the operator answers by itself\n"
        "set volume N                    phone volume of the mixer\n"
@@ -237,14 +242,23 @@ std::string Console::channelBytes(const Args& a) {
 
 std::string Console::micro(const Args& a) {
   const auto& w = a.w;
-  if (w.size() != 2 || (w[1] != "close" && w[1] != "open" && w[1] != "restart")) return usage("micro close|open|restart");
+  if (w.size() == 2 && (w[1] == "deaf" || w[1] == "hearing")) return mCar.micro.setDeaf(w[1] == "deaf");
+  if (w.size() == 2 && (w[1] == "drop" || w[1] == "keep")) return mCar.micro.setDropping(w[1] == "drop");
+  if (w.size() != 2 || (w[1] != "close" && w[1] != "open" && w[1] != "restart"))
+    return usage("micro close|open|restart|deaf|hearing|drop|keep");
   return mCar.micro.restart(w[1] != "open", w[1] != "close");
 }
 
 std::string Console::button(const Args& a) {
   const auto& w = a.w;
-  if (w.size() != 3 || (w[1] != "ecall" && w[1] != "assist") || (w[2] != "press" && w[2] != "release"))
-    return usage("button ecall|assist press|release");
+  if (w.size() != 3 || (w[1] != "ecall" && w[1] != "assist") ||
+      (w[2] != "press" && w[2] != "release" && w[2] != "tap"))
+    return usage("button ecall|assist press|release|tap");
+  if (w[2] == "tap") {
+    const std::string pressed = mCar.vehstat.button(w[1], true);
+    if (pressed.rfind("ok", 0) != 0) return pressed;
+    return mCar.vehstat.button(w[1], false);
+  }
   return mCar.vehstat.button(w[1], w[2] == "press");
 }
 
@@ -367,6 +381,7 @@ std::string Console::set(const Args& a) {
     if (v == "drop") return mCar.phone.setDialMode(PhoneService::DialMode::Drop);
     return usage("set dial ok|fail|idle|drop");
   }
+  if (what == "end" && n == 3 && (v == "terminated" || v == "idle")) return mCar.phone.setEndAsIdle(v == "idle");
   if (what == "pace" && n == 3 && toInt(v, number) && number >= 0) return mCar.phone.setPace(number);
   if (what == "answer" && n == 3 && (v == "auto" || v == "manual")) return mCar.phone.setAutoAnswer(v == "auto");
   if (what == "volume" && n == 3 && toInt(v, number)) return mCar.mixer.setVolume(static_cast<int>(number));

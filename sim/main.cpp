@@ -249,7 +249,7 @@ int main(int argc, char** argv) {
   makeCarFolders();
   sim::Car car(context, options.speak.empty() ? nullptr : &speaker);
   sim::ServiceWatcher watcher(context);
-  bool started = car.vehstat.start(platform::rootPath("/pps/can/vehstat"), why) &&
+  bool started = car.vehstat.start("/pps/can/vehstat", why) &&
                  car.micro.start(platform::rootPath("/dev/ipc/ch12"), why);
   if (started && SVCIPC_IS_ERROR(SVCIPC_initialize())) {
     why = "the bus library did not start";

@@ -113,7 +113,7 @@ Json::Value PhoneService::antennaReply() const {
 
 std::string PhoneService::callStateData(const Call& call) const {
   Json::Value info(Json::objectValue);
-  info["callState"] = call.state;
+  info["callState"] = call.state == kTerminated && mEndAsIdle ? "CALL_STATE_IDLE" : call.state;
   info["number"] = call.number;
   info["callType"] = call.callType;
   Json::Value data(Json::objectValue);
@@ -192,6 +192,12 @@ std::string PhoneService::setAutoAnswer(bool automatic) {
   return automatic ? "ok the operator answers by itself" : "ok the operator answers on 'psap answer'";
 }
 
+std::string PhoneService::setEndAsIdle(bool idle) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mEndAsIdle = idle;
+  return idle ? "ok a call's end is reported as CALL_STATE_IDLE" : "ok a call's end is reported as TERMINATED";
+}
+
 std::string PhoneService::psapAnswer() {
   std::lock_guard<std::mutex> lock(mMutex);
   if (mCall.id == 0 || (mCall.state != kAlerting && mCall.state != kDialing)) return "error no call is alerting";
@@ -246,7 +252,8 @@ std::string PhoneService::status() const {
   for (const auto& n : mNumbers) numbers += (numbers.empty() ? "" : ",") + n;
   std::string text = std::string("phone=") + (mOn ? "on" : "off") + " antenna=" + (mAntennaFault ? "fault" : "normal") +
                      " number=" + (numbers.empty() ? "none" : numbers) + " dial=" + dialModeName(mDialMode) +
-                     " pace=" + std::to_string(mPaceMs) + " answer=" + (mAutoAnswer ? "auto" : "manual") + " call=";
+                     " pace=" + std::to_string(mPaceMs) + " answer=" + (mAutoAnswer ? "auto" : "manual") +
+                     " end=" + (mEndAsIdle ? "idle" : "terminated") + " call=";
   text += mCall.id == 0 ? "idle" : shortState(mCall.state) + ":" + mCall.number;
   return text;
 }

@@ -33,6 +33,8 @@ class PhoneService : public SimService {
   std::string setDialMode(DialMode mode);
   std::string setPace(int64_t ms);
   std::string setAutoAnswer(bool automatic);
+  // A call's end is reported as CALL_STATE_IDLE instead of TERMINATED.
+  std::string setEndAsIdle(bool idle);
   std::string psapAnswer();
   std::string psapHangup();
   std::string psapCallback(const std::string& number);
@@ -72,6 +74,7 @@ class PhoneService : public SimService {
   DialMode mDialMode = DialMode::Ok;
   int64_t mPaceMs = 1000;
   bool mAutoAnswer = true;
+  bool mEndAsIdle = false;
   Call mCall;
   uint64_t mNextCallId = 1;
 };

@@ -1,5 +1,8 @@
 #include "vehicleMicro.h"
 
+#include "platform/pps.h"
+#include "platform/runtime.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -88,11 +91,20 @@ bool VehicleMicro::start(const std::string& socketPath, std::string& why) {
     return false;
   }
   mStopEvent = eventfd(0, EFD_CLOEXEC);
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mStopping = false;
+  }
   mAcceptThread = std::thread([this] { acceptLoop(); });
   return true;
 }
 
 void VehicleMicro::stop() {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mStopping = true;
+  }
+  mHearing.notify_all();
   if (mStopEvent >= 0) {
     uint64_t one = 1;
     if (write(mStopEvent, &one, sizeof one) < 0) {
@@ -146,7 +158,16 @@ void VehicleMicro::acceptLoop() {
     int fd = accept4(mListen, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) continue;
     {
-      std::lock_guard<std::mutex> lock(mMutex);
+      std::unique_lock<std::mutex> lock(mMutex);
+      if (mDropping) {
+        lock.unlock();
+        close(fd);
+        Json::Value entry(Json::objectValue);
+        entry["kind"] = "vehicle";
+        entry["event"] = "dropped";
+        mRecorder.record(entry, "restraint controller channel taken and closed at once");
+        continue;
+      }
       // The service holds one connection; a newer one takes over.
       mConnection = fd;
       mReaders.emplace_back([this, fd] { readLoop(fd); });
@@ -161,6 +182,11 @@ void VehicleMicro::acceptLoop() {
 void VehicleMicro::readLoop(int fd) {
   std::vector<uint8_t> buffer(1024);
   while (true) {
+    {
+      std::unique_lock<std::mutex> lock(mMutex);
+      mHearing.wait(lock, [this] { return !mDeaf || mStopping; });
+      if (mStopping) break;
+    }
     struct pollfd fds[2] = {{fd, POLLIN, 0}, {mStopEvent, POLLIN, 0}};
     if (poll(fds, 2, -1) < 0) {
       if (errno == EINTR) continue;
@@ -204,6 +230,34 @@ void VehicleMicro::received(const std::vector<uint8_t>& bytes) {
   mRecorder.record(entry, readable);
 }
 
+std::string VehicleMicro::setDeaf(bool deaf) {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mDeaf = deaf;
+  }
+  mHearing.notify_all();
+  Json::Value entry(Json::objectValue);
+  entry["kind"] = "vehicle";
+  entry["event"] = deaf ? "micro deaf" : "micro hearing";
+  mRecorder.record(entry, deaf ? "vehicle micro stops reading the channel" : "vehicle micro reads the channel again");
+  return deaf ? "ok micro deaf" : "ok micro hearing";
+}
+
+std::string VehicleMicro::setDropping(bool dropping) {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mDropping = dropping;
+    // Its reader sees the end and closes it.
+    if (dropping && mConnection >= 0) shutdown(mConnection, SHUT_RDWR);
+  }
+  Json::Value entry(Json::objectValue);
+  entry["kind"] = "vehicle";
+  entry["event"] = dropping ? "micro dropping" : "micro keeping";
+  mRecorder.record(entry, dropping ? "vehicle micro closes every connection at once"
+                                   : "vehicle micro keeps its connections again");
+  return dropping ? "ok micro drops every connection" : "ok micro keeps its connections";
+}
+
 bool VehicleMicro::send(const std::vector<uint8_t>& bytes, const std::string& what) {
   ssize_t n = -1;
   // Stamped before the write, so that the service's answer is later in time.
@@ -228,7 +282,8 @@ bool VehicleMicro::connected() const {
 
 std::string VehicleMicro::status() const {
   std::lock_guard<std::mutex> lock(mMutex);
-  return std::string("channel=") + (mConnection >= 0 ? "connected" : "waiting") + " led=" + ledName(mLed) +
+  return std::string("channel=") + (mConnection >= 0 ? "connected" : "waiting") + (mDeaf ? ",deaf" : "") +
+         (mDropping ? ",dropping" : "") + " led=" + ledName(mLed) +
          " assist=" + (mAssist ? "active" : "inactive") + " resets=" + std::to_string(mResets);
 }
 
@@ -236,9 +291,9 @@ bool VehicleStatusObject::start(const std::string& path, std::string& why) {
   std::lock_guard<std::mutex> lock(mMutex);
   mPath = path;
   std::error_code ec;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+  std::filesystem::create_directories(std::filesystem::path(platform::rootPath(path)).parent_path(), ec);
   if (!writeLocked()) {
-    why = "cannot write " + path + ": " + strerror(errno);
+    why = "cannot write " + platform::rootPath(path) + ": " + strerror(errno);
     return false;
   }
   return true;
@@ -248,17 +303,7 @@ bool VehicleStatusObject::writeLocked() {
   char text[160];
   int length = snprintf(text, sizeof text, "@vehstat\nE_CALL_BtnStat::%d\nU_CALL_BtnStat::%d\nODO::%lld\n", mEcall,
                         mAssist, mOdometer);
-  // Readers must never see half an object: write aside, then rename over.
-  std::string temporary = mPath + ".sim-tmp";
-  FILE* file = fopen(temporary.c_str(), "w");
-  if (!file) return false;
-  bool written = fwrite(text, 1, static_cast<size_t>(length), file) == static_cast<size_t>(length);
-  written = fclose(file) == 0 && written;
-  if (!written || rename(temporary.c_str(), mPath.c_str()) != 0) {
-    ::unlink(temporary.c_str());
-    return false;
-  }
-  return true;
+  return platform::ppsWrite(mPath.c_str(), text, static_cast<size_t>(length)) == 0;
 }
 
 std::string VehicleStatusObject::button(const std::string& which, bool pressed) {
@@ -274,14 +319,14 @@ std::string VehicleStatusObject::button(const std::string& which, bool pressed) 
   entry["value"] = value;
   mRecorder.record(entry, std::string(which == "ecall" ? "9-1-1" : "Assist") + " button " +
                               (pressed ? "pressed" : "released"));
-  if (!written) return "error cannot write " + mPath;
+  if (!written) return "error cannot write " + platform::rootPath(mPath);
   return std::string("ok ") + attribute + "::" + std::to_string(value);
 }
 
 std::string VehicleStatusObject::odometer(long long value) {
   std::lock_guard<std::mutex> lock(mMutex);
   mOdometer = value;
-  if (!writeLocked()) return "error cannot write " + mPath;
+  if (!writeLocked()) return "error cannot write " + platform::rootPath(mPath);
   return "ok ODO::" + std::to_string(value);
 }
 

@@ -5,6 +5,7 @@
 // Assist status, cellular module reset).
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -38,6 +39,13 @@ class VehicleMicro {
   // The micro restarts: its end of the channel closes and stops listening
   // ("close"), until it listens again ("open"); "restart" does both.
   std::string restart(bool closeEnd, bool openEnd);
+  // The micro stops reading what the service sends (deaf) and reads it
+  // again; what was sent meanwhile stays queued on the channel.
+  std::string setDeaf(bool deaf);
+  // The micro takes each connection and closes it at once (a channel that
+  // opens and then fails every read), or keeps its connections again. The
+  // connection of the moment is closed when dropping starts.
+  std::string setDropping(bool dropping);
   // Sends one message to the service; false when nobody is connected.
   bool send(const std::vector<uint8_t>& bytes, const std::string& what);
   bool connected() const;
@@ -57,12 +65,17 @@ class VehicleMicro {
   int mLed = 0;
   bool mAssist = false;
   int mResets = 0;
+  bool mDeaf = false;
+  bool mDropping = false;
+  bool mStopping = false;
+  std::condition_variable mHearing;  // a deaf reader waits here
   std::thread mAcceptThread;
   std::vector<std::thread> mReaders;
 };
 
 // The vehicle status PPS object <root>/pps/can/vehstat with the mirror
-// buttons and the odometer, always replaced whole (temporary file, rename).
+// buttons and the odometer, always replaced whole as its writers do
+// (platform::ppsWrite). start() takes the path as the service names it.
 class VehicleStatusObject {
  public:
   explicit VehicleStatusObject(Recorder& recorder) : mRecorder(recorder) {}

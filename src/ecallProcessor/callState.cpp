@@ -51,6 +51,7 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
   // The emergency call is the last entry of an emergency call type that is
   // not the phone's service number; an empty number is judged by its type.
   const std::vector<embeddedPhone::callEntry> entries = embeddedPhone::emergencyCallEntries(data);
+  const bool wasIdle = curCallState.equals("CALL_STATE_IDLE");
   for (const embeddedPhone::callEntry& entry : entries) {
     curCallState.set(entry.state);
     scope.sendFormattedMessage("ecallState %s, phonenumber %s\n", entry.state.c_str(),
@@ -61,14 +62,20 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
   const std::string number = entries.back().number;
   if (curCallState.empty() || !extServHandle.getEmebeddedPhoneEnabledInVariant()) return;
 
-  if (curECallType == ecallMain::NONE) {
-    // Any ringing call from a real number while no emergency is in hand is
-    // taken as the emergency centre calling back.
-    if (curCallState.equals("CALL_STATE_RINGING") && isPhoneNumberValid(number.c_str())) {
+  if (curCallState.equals("CALL_STATE_RINGING") && isPhoneNumberValid(number.c_str())) {
+    // Any ringing call from a real number while no emergency call is in
+    // hand (none requested, or one still waiting for its number) is taken
+    // as the emergency centre calling back.
+    std::lock_guard<std::mutex> lock(mRequestMutex);
+    if (curECallType == ecallMain::NONE || waitingForNumber.exchange(false)) {
       curECallType = ecallMain::Emergency_Callback;
       curCallModeType = ecallMain::CALL_EMERGENCY_CALLBACK;
       sendStateMachinePulse(ECALL_PULSE_EMERGENCY_INCOMING_CALL);
-    } else if (curCallState.equals("CALL_STATE_TERMINATED")) {
+      return;
+    }
+  }
+  if (curECallType == ecallMain::NONE) {
+    if (curCallState.equals("CALL_STATE_TERMINATED")) {
       curCallState.set("CALL_STATE_IDLE");
       callConnected = false;
     }
@@ -87,7 +94,8 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
       addFormattedEntryToEmergencyLog("Incoming Call from number %s\n", number.c_str());
     }
     timers().startEcallStateMachineTimer(1);
-  } else if (curCallState.equals("CALL_STATE_TERMINATED")) {
+  } else if (curCallState.equals("CALL_STATE_TERMINATED") || (curCallState.equals("CALL_STATE_IDLE") && !wasIdle)) {
+    // A phone may report a call's end only as its return to idle.
     curCallState.set("CALL_STATE_IDLE");
     callConnected = false;
     btCallActive = false;

@@ -183,6 +183,16 @@ class ecallProcessor final : public processorInputs {
   void onOperStatus(const char* text, const Json::Value& data);
   void onAppLifeSignal(const std::string& name, const Json::Value& data);
 
+  // What a request leads to besides its recording, told once the request
+  // lock is released (emergencyRequests.cpp): the press-with-system-error
+  // notice (how many times), and the blink of a press during a call.
+  struct requestNotices {
+    int systemErrorNotices = 0;
+    bool repeatedPress = false;
+  };
+  requestNotices decideEmergency(ecallMain::eEmergencyType newType);
+  void tellRequestNotices(const requestNotices& notices);
+
   // The phone's presence, module resets and antenna (phoneStatus.cpp).
   void phoneSeenOn(CQVTraceScope& scope);
   void phoneSeenOff(CQVTraceScope& scope, int32_t oldStatus);
@@ -209,6 +219,10 @@ class ecallProcessor final : public processorInputs {
   // The emergency in curECallType is requested but no number could be read
   // yet; it is tried again at the retry period, or when a number arrives.
   std::atomic<bool> waitingForNumber{false};
+  // Taken for each decision on the request (type, mode and the two waiting
+  // markers) by the emergencies, the phone's return, a cancel and the
+  // centre's call; never held across a peer request.
+  std::mutex mRequestMutex;
   // Counts the numbers stored, so that a number that arrives while a read
   // fails is not missed.
   std::atomic<unsigned> numbersStored{0};

@@ -44,11 +44,14 @@ void ecallProcessor::setEcallFailedToStart() {
 
 void ecallProcessor::clearECallEvent() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  // A cancel also drops an emergency that waits for the phone or a number.
-  waitingForPhone = false;
-  waitingForNumber = false;
-  curECallType = ecallMain::NONE;
-  curCallModeType = ecallMain::CALL_NONE;
+  {
+    // A cancel also drops an emergency that waits for the phone or a number.
+    std::lock_guard<std::mutex> lock(mRequestMutex);
+    waitingForPhone = false;
+    waitingForNumber = false;
+    curECallType = ecallMain::NONE;
+    curCallModeType = ecallMain::CALL_NONE;
+  }
   mJournal.closed();
   timers().stopDelayEcallRequest();
   // The state machine sees the cleared request and ends the emergency.
@@ -85,10 +88,12 @@ void ecallProcessor::processCachedEcallStatus() { servePhoneReturn(); }
 
 // An emergency recorded while the phone could not call (a crash, the button,
 // a request of the head unit) is handed over when the phone is back, once:
-// the marker is taken atomically, so two reports of the return serve it once.
-// A cancel meanwhile cleared the marker and the request.
+// the marker is taken under the request lock, so two reports of the return
+// serve it once, and an emergency that comes meanwhile is judged against the
+// whole hand-over. A cancel meanwhile cleared the marker and the request.
 void ecallProcessor::servePhoneReturn() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  std::unique_lock<std::mutex> lock(mRequestMutex);
   const eEmergencyType type = curECallType;
   const eCallModeType mode = curCallModeType;
   const std::string callState = curCallState.get();
@@ -104,7 +109,9 @@ void ecallProcessor::servePhoneReturn() {
   // Handed over as if it happened now: the mode table decides afresh.
   curECallType = ecallMain::NONE;
   curCallModeType = ecallMain::CALL_NONE;
-  emergencyHappened(type);
+  const requestNotices notices = decideEmergency(type);
+  lock.unlock();
+  tellRequestNotices(notices);
 }
 
 void ecallProcessor::emergencyHappened(eEmergencyType newType) {
@@ -126,7 +133,18 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
     scope.sendFormattedWarning("Emergency request with type %d out of range, ignored\n", newType);
     return;
   }
+  std::unique_lock<std::mutex> lock(mRequestMutex);
+  const requestNotices notices = decideEmergency(newType);
+  lock.unlock();
+  tellRequestNotices(notices);
+}
 
+// The decision on one emergency request, taken whole under the request lock
+// (held by the caller); what the user is told about it comes after, since
+// telling may wait on a peer.
+ecallProcessor::requestNotices ecallProcessor::decideEmergency(eEmergencyType newType) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  requestNotices notices;
   // The mode: a repeat keeps it, an impact is a crash notification, the
   // first button press starts the delay, a later one calls at once.
   eCallModeType newMode = ecallMain::CALL_NONE;
@@ -135,8 +153,8 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
   } else if (isImpact(newType)) {
     newMode = ecallMain::CALL_ACN;
   } else if (newType == ecallMain::E_CALL_BtnStat && curCallModeType == ecallMain::CALL_NONE) {
-    // Checked before the mode is taken so the user hears why at once.
-    if (readSystemError() != 0) processEcallBtnPressWithSystemError();
+    // The user hears why nothing happens before the press is taken.
+    if (readSystemError() != 0) ++notices.systemErrorNotices;
     newMode = ecallMain::CALL_ECALL_DELAY;
   } else if (newType == ecallMain::E_CALL_BtnStat) {
     newMode = ecallMain::CALL_ECALL;
@@ -146,17 +164,27 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
   scope.sendFormattedMessage("emergency happened. curCallModeType %d, newCallModeType %d, curECallType %d",
                              curCallModeType.load(), newMode, curECallType.load());
 
-  // A press during an emergency: cancels during the delay, redials in the
-  // callback period, blinks the LED during a call.
-  if (newType == ecallMain::E_CALL_BtnStat && curCallModeType != ecallMain::CALL_NONE && emdPhOn == 1) {
+  // A press during an emergency in hand: cancels during the delay, redials
+  // in the callback period, blinks the LED during a call.
+  const bool waits = waitingForPhone || waitingForNumber;
+  if (newType == ecallMain::E_CALL_BtnStat && curCallModeType != ecallMain::CALL_NONE && emdPhOn == 1 && !waits) {
     scope.sendFormattedMessage("start delay ecall request");
     timers().startDelayEcallRequest();
   }
 
-  if (!embeddedPhAvail || emdPhOn != 1) {
-    // The phone cannot call now: the request is kept for when it reports ON.
+  // A crash that waits (for the phone or for a number) is never turned into
+  // a lesser call by a press: the operator must hear of the crash.
+  const bool crashWaits = waits && isImpact(curECallType) && !isImpact(newType);
+  const bool phoneAway = !embeddedPhAvail || emdPhOn != 1;
+  if (phoneAway || waitingForPhone) {
+    // The phone cannot call now, or its return is being taken: the request
+    // is kept with the one that waits, and served when the phone is back.
     scope.sendFormattedWarning("emergency happened. type %d, embedded phone not available\n", newType);
-    processEcallBtnPressWithSystemError();
+    if (phoneAway) ++notices.systemErrorNotices;
+    if (crashWaits) {
+      scope.sendFormattedMessage("keeping the waiting crash, type %d\n", curECallType.load());
+      return notices;
+    }
     // Marked as waiting unless an emergency is in hand already: the state
     // machine's own retries carry that one (and this request with it).
     if (curECallType.exchange(newType) == ecallMain::NONE) waitingForPhone = true;
@@ -164,26 +192,19 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
     if (isDialled(newType)) mJournal.requested(newType, newMode);
     scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
                                ecallMain::eCallModeTypeString[newMode].c_str());
-    return;
+    return notices;
   }
 
   if (curCallModeType == ecallMain::CALL_ECALL && newMode == ecallMain::CALL_ACN) {
     // A crash during a button call turns it into a crash notification.
     scope.sendFormattedMessage("stop delay ecall request.");
     timers().stopDelayEcallRequest();
-  } else if (curECallType != ecallMain::NONE && !waitingForNumber) {
+  } else if (curECallType != ecallMain::NONE && (!waitingForNumber || crashWaits)) {
+    // One in hand, or a crash waiting for its number, which a press leaves
+    // as it is.
     scope.sendFormattedMessage("ecall already requested. Current type %d", curECallType.load());
-    if (curCallModeType != ecallMain::CALL_ECALL_DELAY && newType == ecallMain::E_CALL_BtnStat) {
-      scope.sendFormattedMessage("ecall ongoing, blink LED");
-      addEntryToEmergencyLog("ECall Button pressed again during ecall process. Send LED blink green\n");
-      printf("start delay ecall request. blink LED\n");
-      fflush(stdout);
-      canIpcEmergencyHandler.setLedStatus(LED_BLINKING_GREEN);
-      canIpcEmergencyHandler.startBlinkTimer();
-      emitEmergencySignal(true, curECallType, "", ecallMain::CALL_ECALL_BUTTON_REPEAT, btCallActive,
-                          ecallModeActive);
-    }
-    return;
+    notices.repeatedPress = curCallModeType != ecallMain::CALL_ECALL_DELAY && newType == ecallMain::E_CALL_BtnStat;
+    return notices;
   }
 
   curECallType = newType;
@@ -203,6 +224,20 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
     scope.sendFormattedError(notRecognized, newMode);
     sendtoSlog(_SLOG_WARNING, notRecognized, newMode);
   }
+  return notices;
+}
+
+void ecallProcessor::tellRequestNotices(const requestNotices& notices) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  for (int i = 0; i < notices.systemErrorNotices; ++i) processEcallBtnPressWithSystemError();
+  if (!notices.repeatedPress) return;
+  scope.sendFormattedMessage("ecall ongoing, blink LED");
+  addEntryToEmergencyLog("ECall Button pressed again during ecall process. Send LED blink green\n");
+  printf("start delay ecall request. blink LED\n");
+  fflush(stdout);
+  canIpcEmergencyHandler.setLedStatus(LED_BLINKING_GREEN);
+  canIpcEmergencyHandler.startBlinkTimer();
+  emitEmergencySignal(true, curECallType, "", ecallMain::CALL_ECALL_BUTTON_REPEAT, btCallActive, ecallModeActive);
 }
 
 // A button press that cannot be served: while the phone may still come up the

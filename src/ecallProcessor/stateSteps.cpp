@@ -246,6 +246,13 @@ void ecallStateMachine::stepMakeCall() {
     processor.addEntryToEmergencyLog("Error: Call state did not transition after successful dial request\n");
     emitEcall(true, type, ecallMain::CALL_FAILED);
     timers().startEcallStateMachineTimer(dialRetryMs);
+  } else if (redialPulse) {
+    // Another call rings (the centre calling back, any incoming call): the
+    // retry period runs again, so the emergency is dialled once it is gone.
+    const std::string callState = processor.getCurCallState();
+    scope.sendFormattedError("Another call is in progress (%s), trying again in %dms\n", callState.c_str(),
+                             static_cast<int>(dialRetryMs));
+    timers().startEcallStateMachineTimer(dialRetryMs);
   }
 }
 

@@ -27,10 +27,12 @@ const char* const serviceNumber = "#777";
 // The vehicle type the emergency centre is told with every dial request.
 const char* const vehicleType = "Corvane";
 
-// The status, antenna and port queries wait as long as the bus allows; only
-// the number read, on the way to a dial, is held to the peer reply bound.
-SVCIPC_tError readWithBusLimit(const char* method, const std::string& params, std::string& reply) {
-  return extServ::invokeSync(embeddedPhoneService, method, params, &reply, SVCIPC_TIMEOUT_DEFAULT);
+// Every query waits for the peer reply bound, like every other synchronous
+// request: the status query runs at start-up before the inputs are watched
+// and on the bus thread when the phone service returns, so a phone service
+// that holds its name and never answers costs one bound, not the bus's 25 s.
+SVCIPC_tError readBounded(const char* method, const std::string& params, std::string& reply) {
+  return extServ::invokeSync(embeddedPhoneService, method, params, &reply);
 }
 
 std::string emergencyNumberQuery() {
@@ -77,18 +79,18 @@ SVCIPC_tError requestEmergencyNumbers(SVCIPC_tResultCallback onReply, void* cont
 }
 
 SVCIPC_tError readStatus(std::string& reply) {
-  return readWithBusLimit("getProperties", extServ::propertyQuery("embeddedPhoneStatus"), reply);
+  return readBounded("getProperties", extServ::propertyQuery("embeddedPhoneStatus"), reply);
 }
 
 SVCIPC_tError readAntennaStatus(std::string& reply) {
-  return readWithBusLimit("getAntennaStatus", antennaQuery(), reply);
+  return readBounded("getAntennaStatus", antennaQuery(), reply);
 }
 
 SVCIPC_tError requestAntennaStatus(SVCIPC_tResultCallback onReply, void* context) {
   return extServ::invokeAsync(embeddedPhoneService, "getAntennaStatus", antennaQuery(), onReply, context);
 }
 
-SVCIPC_tError readUsbPorts(std::string& reply) { return readWithBusLimit("getUsbPorts", "", reply); }
+SVCIPC_tError readUsbPorts(std::string& reply) { return readBounded("getUsbPorts", "", reply); }
 
 SVCIPC_tError requestUsbPorts(SVCIPC_tResultCallback onReply, void* context) {
   return extServ::invokeAsync(embeddedPhoneService, "getUsbPorts", "", onReply, context);

@@ -28,9 +28,9 @@ SVCIPC_tError acceptIncomingCall();
 // Takes the cellular module out of its emergency mode; context "debugAT".
 SVCIPC_tError leaveEmergencyMode();
 
-// ---- Queries ----
+// ---- Queries (the synchronous ones bounded by the peer reply bound) ----
 
-// The emergency numbers, bounded by the peer reply bound.
+// The emergency numbers.
 SVCIPC_tError readEmergencyNumbers(std::string& reply);
 SVCIPC_tError requestEmergencyNumbers(SVCIPC_tResultCallback onReply, void* context);
 // The phone's ON/OFF status.

@@ -137,8 +137,9 @@ void CANImpactECallHandler::processOrcMessage(const uint8_t* msg, int n) {
 
 namespace {
 
-// The first failed read of a connection reports the loss; the reads are not
-// retried on it: it is opened anew (the micro restarted) every second.
+// A loss is reported once, on the first failed read of a connection that
+// worked; the reads are not retried on it: it is opened anew (the micro
+// restarted) every second.
 void reportOrcChannelLost(processorInputs& processor) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   scope.sendFormattedError("Error reading ORC IPC channel %s.  Attempt to read again after 1000ms.",
@@ -163,20 +164,36 @@ void CANImpactECallHandler::orcChannelReturned() {
 // arg points to the handler. Read failures and an end closed by
 // the vehicle micro are the same to the reader: the channel is opened again
 // with the read retry period, for as long as it takes, and the impacts that
-// follow are handled as before.
+// follow are handled as before. A channel opened again counts as back once
+// it has brought a message or stayed up for a retry period: a micro that
+// takes the connection and fails it at once, every second, is one loss and
+// one return, not two log entries a second.
 void* canImpactThrdFunc(void* arg) {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
   auto* handler = static_cast<CANImpactECallHandler*>(arg);
   platform::IpcChannel* channel = &handler->orcChannel();
   uint8_t msg[ORC_READ_SIZE];
   platform::threadProgress& progress = handler->orcReaderProgress();
+  bool returning = !channel->isOpen();  // the channel has not proved itself since it was lost
   for (;;) {
     if (!channel->isOpen()) {
       {
         platform::blockingCall wait(progress);
         channel->reopenEvery(ORC_RETRY_MS);
       }
-      handler->orcChannelReturned();
+      returning = true;
+    }
+    if (returning) {
+      bool readable;
+      {
+        platform::blockingCall wait(progress);
+        readable = channel->readableWithin(ORC_RETRY_MS);
+      }
+      if (!readable) {
+        handler->orcChannelReturned();
+        returning = false;
+        continue;
+      }
     }
     ssize_t n;
     {
@@ -184,10 +201,15 @@ void* canImpactThrdFunc(void* arg) {
       n = channel->read(msg, sizeof msg);
     }
     if (n <= 0) {
-      reportOrcChannelLost(handler->processor());
+      if (!returning) reportOrcChannelLost(handler->processor());
+      returning = true;
       platform::blockingCall wait(progress);
       platform::sleepMs(ORC_RETRY_MS);
       continue;
+    }
+    if (returning) {
+      handler->orcChannelReturned();
+      returning = false;
     }
     handler->processOrcMessage(msg, static_cast<int>(n));
   }

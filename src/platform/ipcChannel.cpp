@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -54,7 +55,8 @@ int ipcOpen(const char* path, int flags) {
   const std::string resolved = rootPath(path);
   struct stat st;
   if (::stat(resolved.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) return connectSeqPacket(resolved);
-  return ::open(resolved.c_str(), (flags & ~kTargetOnlyOpenFlag) | O_CLOEXEC);
+  // A device's writes must not block either; its reads wait in poll.
+  return ::open(resolved.c_str(), (flags & ~kTargetOnlyOpenFlag) | O_CLOEXEC | O_NONBLOCK);
 }
 
 bool IpcChannel::open() {
@@ -82,9 +84,15 @@ ssize_t IpcChannel::read(void* buffer, size_t size) {
     fd = mFd;
   }
   ssize_t n;
-  do {
+  for (;;) {
     n = ::read(fd, buffer, size);
-  } while (n < 0 && errno == EINTR);
+    if (n >= 0) break;
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) break;
+    // A device opened without blocking: its next message is waited for here.
+    struct pollfd wait = {fd, POLLIN, 0};
+    ::poll(&wait, 1, -1);
+  }
   if (n <= 0) {
     const int err = n < 0 ? errno : 0;
     close();
@@ -93,13 +101,28 @@ ssize_t IpcChannel::read(void* buffer, size_t size) {
   return n;
 }
 
+bool IpcChannel::readableWithin(int64_t retryMs) {
+  int fd;
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    fd = mFd;
+  }
+  const int64_t limitMs = scaledMs(retryMs);
+  struct pollfd wait = {fd, POLLIN, 0};
+  int rc;
+  do {
+    rc = ::poll(&wait, 1, static_cast<int>(limitMs));
+  } while (rc < 0 && errno == EINTR);
+  return rc != 0;
+}
+
 ssize_t IpcChannel::write(const void* bytes, size_t size) {
   std::lock_guard<std::mutex> lock(mMutex);
   if (mFd < 0) {
     errno = EBADF;
     return -1;
   }
-  ssize_t n = ::send(mFd, bytes, size, MSG_NOSIGNAL);
+  ssize_t n = ::send(mFd, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
   if (n < 0 && errno == ENOTSOCK) n = ::write(mFd, bytes, size);
   return n;
 }

@@ -20,7 +20,9 @@ int ipcOpen(const char* path, int flags);
 // alone opens it again when the vehicle micro's end goes away (the micro
 // restarts); any thread writes on the connection of the moment. A descriptor
 // is closed only while no write uses it, so a write never reaches a closed
-// descriptor or one whose number was reused.
+// descriptor or one whose number was reused. Writes never block: a micro that
+// does not read what it is sent loses the message, and the reader, which
+// takes the same lock for a moment, keeps reading.
 class IpcChannel {
  public:
   IpcChannel(const char* path, int flags) : mPath(path), mFlags(flags) {}
@@ -38,9 +40,12 @@ class IpcChannel {
   // the read failed; the descriptor is then closed (call reopenEvery).
   // An interrupted read is retried here.
   ssize_t read(void* buffer, size_t size);
+  // Waits at most retryMs (scaled) for a message or the end of the
+  // connection, without taking it; false when neither came.
+  bool readableWithin(int64_t retryMs);
   // One message on the connection of the moment; -1 with errno (EBADF while
-  // the channel is closed). A vehicle micro that has gone never ends the
-  // process (no SIGPIPE).
+  // the channel is closed, EAGAIN while the micro's end is full). A vehicle
+  // micro that has gone never ends the process (no SIGPIPE).
   ssize_t write(const void* bytes, size_t size);
   void close();
 

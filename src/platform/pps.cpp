@@ -17,14 +17,26 @@
 // - A read shorter than the delta gets the lines that fit and the rest on the
 //   following reads (each headed by "@name" when there is room); a single line
 //   longer than the whole buffer is cut to fit and keeps its line end.
+//
+// Every change reaches a delta reader in order, also one undone before the
+// reader gets to read (a button pressed and released between two reads): a
+// writer that writes through ppsWrite also appends each new object whole to
+// the object's change journal ".<name>.changes" beside it, one record
+// "<length>\n<text>" per write, after renaming the object into place. A delta
+// reader takes its place in the journal when it opens the object, and each
+// read reports the records that came since, in order, then the object as it
+// is now (for writers that keep no journal). A journal that reaches
+// kJournalLimit is replaced by a new one; a reader finishes the old one first.
 #include "platform/pps.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -40,8 +52,14 @@ namespace {
 
 using Attributes = std::map<std::string, std::string>;  // name -> "encoding:value"
 
+// A journal this long is replaced by a new one at the next write: about a
+// thousand writes of the vehicle status object.
+constexpr off_t kJournalLimit = 64 * 1024;
+
+std::string journalName(const std::string& fileName) { return "." + fileName + ".changes"; }
+
 constexpr uint32_t kWatchedEvents =
-    IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVE_SELF;
+    IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVE_SELF | IN_DELETE_SELF;
 
 struct DeltaObject {
   std::string objectName;  // "vehstat"
@@ -56,7 +74,9 @@ struct DeltaObject {
   int fd = -1;
   bool firstReadDone = false;
   Attributes reported;     // the values last reported to the reader
-  std::string pendingLines;  // attribute lines that did not fit the last read
+  std::string pendingLines;  // attribute lines not read yet
+  int journalFd = -1;      // the change journal followed, -1 while there is none
+  off_t journalOffset = 0; // where its next record starts
 };
 
 std::mutex gTableMutex;
@@ -117,11 +137,9 @@ bool readWholeFile(const std::string& path, std::string& text) {
   return true;
 }
 
-// The named attributes of the object as it is now; false when the object is
-// absent or empty.
-bool currentAttributes(const DeltaObject& object, Attributes& attributes) {
-  std::string text;
-  if (!readWholeFile(object.folder + "/" + object.fileName, text) || text.empty()) return false;
+// The named attributes of one text of the object; false when it is empty.
+bool attributesOf(const DeltaObject& object, std::string text, Attributes& attributes) {
+  if (text.empty()) return false;
   attributes.clear();
   char* cursor = text.data();
   pps_attrib_t info{};
@@ -132,6 +150,13 @@ bool currentAttributes(const DeltaObject& object, Attributes& attributes) {
       attributes[info.attr_name] = std::string(info.encoding) + ":" + info.value;
   }
   return true;
+}
+
+// The named attributes of the object as it is now; false when the object is
+// absent or empty.
+bool currentAttributes(const DeltaObject& object, Attributes& attributes) {
+  std::string text;
+  return readWholeFile(object.folder + "/" + object.fileName, text) && attributesOf(object, text, attributes);
 }
 
 // Lines of the attributes that differ from what was reported, and the
@@ -146,6 +171,118 @@ std::string changedLines(DeltaObject& object, const Attributes& now) {
     if (now.find(name) == now.end()) lines += "-" + name + "\n";
   object.reported = now;
   return lines;
+}
+
+// Identity and length of a file, to tell a journal replaced or grown.
+struct FileMark {
+  bool exists = false;
+  dev_t dev = 0;
+  ino_t ino = 0;
+  off_t size = 0;
+  bool operator==(const FileMark& other) const {
+    return exists == other.exists && dev == other.dev && ino == other.ino && size == other.size;
+  }
+};
+
+FileMark markFrom(bool found, const struct stat& st) {
+  if (!found) return FileMark{};
+  return FileMark{true, st.st_dev, st.st_ino, st.st_size};
+}
+
+FileMark markOf(const std::string& path) {
+  struct stat st {};
+  return markFrom(::stat(path.c_str(), &st) == 0, st);
+}
+
+FileMark markOf(int fd) {
+  struct stat st {};
+  return markFrom(::fstat(fd, &st) == 0, st);
+}
+
+bool sameFile(const FileMark& a, const FileMark& b) { return a.exists && b.exists && a.dev == b.dev && a.ino == b.ino; }
+
+std::string journalPath(const DeltaObject& object) { return object.folder + "/" + journalName(object.fileName); }
+
+// The whole records of the followed journal from its offset on; each one is
+// compared with what was reported (report) or only passed (at the open).
+void consumeRecords(DeltaObject& object, bool report) {
+  std::string text;
+  char chunk[8192];
+  for (off_t at = object.journalOffset;;) {
+    const ssize_t n = ::pread(object.journalFd, chunk, sizeof chunk, at);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    text.append(chunk, static_cast<size_t>(n));
+    at += n;
+  }
+  size_t used = 0;
+  for (;;) {
+    const size_t lineEnd = text.find('\n', used);
+    if (lineEnd == std::string::npos) break;  // a record still being written
+    char* end = nullptr;
+    const unsigned long long length = std::strtoull(text.c_str() + used, &end, 10);
+    if (end != text.c_str() + lineEnd || lineEnd == used) {
+      used = text.size();  // not a journal of ours: passed over
+      break;
+    }
+    if (text.size() - (lineEnd + 1) < length) break;
+    Attributes written;
+    if (report && attributesOf(object, text.substr(lineEnd + 1, length), written))
+      object.pendingLines += changedLines(object, written);
+    used = lineEnd + 1 + length;
+  }
+  object.journalOffset += static_cast<off_t>(used);
+}
+
+// Follows the journal to its end, also into the journal that replaced it;
+// returns the mark of the journal followed at its end.
+FileMark followJournal(DeltaObject& object, bool report) {
+  const std::string path = journalPath(object);
+  if (object.journalFd < 0) {
+    object.journalFd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (object.journalFd < 0) return FileMark{};
+    object.journalOffset = 0;  // a journal begun since the open holds only news
+  }
+  for (;;) {
+    consumeRecords(object, report);
+    const FileMark now = markOf(path);
+    if (!now.exists) {
+      // Removed (with its folder, perhaps): it is let go, so that nothing
+      // holds the folder, and a new one is taken from its start.
+      ::close(object.journalFd);
+      object.journalFd = -1;
+      return now;
+    }
+    if (sameFile(now, markOf(object.journalFd))) return now;
+    // Replaced: the old one is no longer written; its last records first.
+    consumeRecords(object, report);
+    const int next = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (next < 0) return FileMark{};
+    ::close(object.journalFd);
+    object.journalFd = next;
+    object.journalOffset = 0;
+  }
+}
+
+// What changed since the last look: the journal's records in order, then the
+// object as it is now, read while the journal stood still (a writer renames
+// the object before it journals it, so the object is then never older than
+// the journal's last record).
+void collectChanges(DeltaObject& object, bool report) {
+  for (;;) {
+    const FileMark journal = followJournal(object, report);
+    Attributes now;
+    const bool present = currentAttributes(object, now);
+    if (!(markOf(journalPath(object)) == journal)) continue;
+    if (present) {
+      if (report) {
+        object.pendingLines += changedLines(object, now);
+      } else {
+        object.reported = now;
+      }
+    }
+    return;
+  }
 }
 
 // Moves as many whole pending lines as fit into buf, headed by "@name".
@@ -216,13 +353,16 @@ WakeReason waitForObject(DeltaObject& object) {
       if (event->mask & IN_Q_OVERFLOW) touched = true;  // events were lost: look anyway
       if (event->wd != wd) continue;  // the end of a watch already given up
       if (event->mask & IN_IGNORED) gone = true;
-      if (event->mask & IN_MOVE_SELF) {
+      if (event->mask & (IN_MOVE_SELF | IN_DELETE_SELF)) {
         // The folder was renamed: the object lives at its path, not in the
         // renamed folder, so the watch is given up like that of a removed one.
+        // A removed folder may still be held (by a journal being read), so
+        // its removal, not only the end of the watch, ends it.
         inotify_rm_watch(object.fd, wd);
         gone = true;
       }
-      if (event->len > 0 && object.fileName == event->name) touched = true;
+      if (event->len > 0 && (object.fileName == event->name || journalName(object.fileName) == event->name))
+        touched = true;
     }
     if (gone) return WakeReason::WatchGone;
     if (touched) return WakeReason::ObjectTouched;
@@ -236,11 +376,9 @@ ssize_t readDelta(DeltaObject& object, char* buf, size_t count) {
     return -1;
   }
   if (!object.firstReadDone) {
+    // The values at the open, and every change since.
     object.firstReadDone = true;
-    // Nothing is reported yet, so every named value present is news.
-    Attributes now;
-    currentAttributes(object, now);
-    object.pendingLines = changedLines(object, now);
+    collectChanges(object, true);
     return deliver(object, buf, count);
   }
   while (object.pendingLines.empty()) {
@@ -267,8 +405,7 @@ ssize_t readDelta(DeltaObject& object, char* buf, size_t count) {
           return -1;
       }
     }
-    Attributes now;
-    if (currentAttributes(object, now)) object.pendingLines = changedLines(object, now);
+    collectChanges(object, true);
   }
   return deliver(object, buf, count);
 }
@@ -293,6 +430,12 @@ int openDelta(const std::string& objectPath, const std::string& options) {
     errno = err;
     return -1;
   }
+  // The reader's place in the journal, and the values it starts from, which
+  // its first read reports.
+  collectChanges(*object, false);
+  const Attributes atOpen = object->reported;
+  object->reported.clear();
+  object->pendingLines = changedLines(*object, atOpen);
   std::lock_guard<std::mutex> lock(gTableMutex);
   gDeltaObjects[object->fd] = object;
   return object->fd;
@@ -338,7 +481,66 @@ int ppsClose(int fd) {
   const int wd = object->watch.load();
   if (wd >= 0) inotify_rm_watch(object->fd, wd);
   std::lock_guard<std::mutex> lock(object->readMutex);
+  if (object->journalFd >= 0) ::close(object->journalFd);
   return ::close(object->fd);
+}
+
+namespace {
+
+// One whole write of bytes to fd; 0, or the error number.
+int writeAll(int fd, const std::string& bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return n < 0 ? errno : EIO;
+    done += static_cast<size_t>(n);
+  }
+  return 0;
+}
+
+// The object's new text as one journal record, appended with one write; a
+// full journal is replaced by one that starts with this record.
+int appendToJournal(const std::string& object, const char* text, size_t length) {
+  const size_t slash = object.rfind('/');
+  const std::string journal = object.substr(0, slash + 1) + journalName(object.substr(slash + 1));
+  const std::string record = std::to_string(length) + "\n" + std::string(text, length);
+  struct stat st;
+  const bool replace = ::stat(journal.c_str(), &st) == 0 && st.st_size >= kJournalLimit;
+  const std::string target = replace ? journal + ".new" : journal;
+  const int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? O_TRUNC : O_APPEND), 0644);
+  if (fd < 0) return -1;
+  int err = writeAll(fd, record);
+  if (::close(fd) != 0 && err == 0) err = errno;
+  if (err == 0 && replace && ::rename(target.c_str(), journal.c_str()) != 0) err = errno;
+  if (err != 0) {
+    errno = err;
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int ppsWrite(const char* path, const char* text, size_t length) {
+  if (path == nullptr || *path == '\0' || std::strchr(path, '?') != nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  const std::string object = rootPath(path);
+  const std::string temporary = object + ".new";
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return -1;
+  int err = writeAll(fd, std::string(text, length));
+  if (::close(fd) != 0 && err == 0) err = errno;
+  // Readers never see half an object: it is written aside and renamed over.
+  if (err == 0 && ::rename(temporary.c_str(), object.c_str()) != 0) err = errno;
+  if (err != 0) {
+    ::unlink(temporary.c_str());
+    errno = err;
+    return -1;
+  }
+  return appendToJournal(object, text, length);
 }
 
 }  // namespace platform

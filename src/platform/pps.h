@@ -23,6 +23,10 @@ int ppsOpen(const char* path, int flags);
 // returns whole lines only; the text is not zero-terminated.
 ssize_t ppsRead(int fd, void* buf, size_t count);
 int ppsClose(int fd);
+// Replaces the object at path (as ppsOpen takes it) whole with the length
+// bytes of text ("@name" and its attribute lines); 0, or -1 with errno set.
+// Every writer of an object that delta readers watch writes it so.
+int ppsWrite(const char* path, const char* text, size_t length);
 
 }  // namespace platform
 

@@ -260,7 +260,8 @@ TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorkingUntilTheMicroIsUp) {
 // The vehicle micro restarts and stays away a while: the service opens the
 // channel again, gives the micro back the LED and Assist states it lost,
 // and hears the next messages; the emergency's LED goes on the new
-// connection. The loss and the return are logged once each.
+// connection. The loss and the return are logged once each, also when the
+// micro then takes every connection and drops it at once.
 TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   Scene s(carOptions(kScale));
   s.sim("loc 0 0 1");
@@ -282,4 +283,27 @@ TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   const std::string log = s.car.emergencyLog();
   EXPECT_EQ(countOf(log, "ORC IPC channel /dev/ipc/ch12 lost."), 1u) << log;
   EXPECT_EQ(countOf(log, "ORC IPC channel /dev/ipc/ch12 is open again"), 1u) << log;
+
+  // A micro that takes each connection and drops it at once is one loss and
+  // one return too, however many times the channel opens meanwhile.
+  s.markNow();
+  s.sim("micro drop");
+  ASSERT_TRUE(testSupport::waitUntil([&] {
+    const auto events = s.car.recordsSince(s.mark, "vehicle");
+    return std::count_if(events.begin(), events.end(), [](const Json::Value& r) { return r["event"] == "dropped"; }) >= 5;
+  }, kLong));
+  s.sim("micro keep");
+  ASSERT_TRUE(s.waitForLogCount("ORC IPC channel /dev/ipc/ch12 is open again", 1));
+  EXPECT_EQ(countOf(s.car.emergencyLog(), "ORC IPC channel /dev/ipc/ch12 lost."), 2u);
+}
+
+// A micro that stops reading what it is sent never stops the impacts: the
+// messages it cannot take are lost, the crash is read.
+TEST(ImpactChannel, MicroThatStopsReadingDoesNotStopTheImpacts) {
+  Scene s(carOptions(kScale));
+  s.sim("micro deaf");
+  // Each link-loss message turns the LED red or off: more than the channel holds.
+  for (int i = 0; i < 320; ++i) s.sim(i % 2 ? "loc 0 0 0" : "loc 1 0 0");
+  s.sim("crash B can");
+  EXPECT_TRUE(s.waitForEmergency()) << "the crash was not read";
 }

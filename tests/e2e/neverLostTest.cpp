@@ -80,7 +80,9 @@ TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
 
 // Dials that fail in every way the phone has are dialled again after the
 // retry period, without limit: a dial the phone takes but never moves on,
-// and one whose reply never comes (it fails late, at the bus time-out).
+// one whose reply never comes (it fails late, at the bus time-out), one
+// whose retry falls while another call rings, and a call that ends unanswered
+// with only an idle report.
 TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
   Scene s(carOptions(kRetryScale, {"set dial idle"}));
   E2eHarness& car = s.car;
@@ -99,6 +101,30 @@ TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
   EXPECT_TRUE(car.waitForSlog("Async call dial failed"));
   s.sim("peer EmbeddedPhone normal");
   ASSERT_TRUE(s.waitForLogCount(kCallActive, 1)) << "no call once the phone answers again";
+
+  // Another call ringing when the retry period ends (the centre calling
+  // back, any incoming call) keeps the redial: it comes once that call is gone.
+  cancelAndWaitForIdle(s);
+  s.sim("set dial fail");
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForLogCount("Error dial PSAP number failed", 1));
+  s.simUntilTraced("psap callback 5551234", "ecallState CALL_STATE_RINGING");
+  const std::string runPulse = "Received run state machine pulse";  // the retry, while it rings
+  const size_t runs = s.countInTrace(runPulse);
+  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(runPulse) > runs; }, kLong));
+  s.sim("set dial ok");
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 2)) << "not dialled again after the other call";
+
+  // A call that ends after the connect time-out with nothing but an idle
+  // report is dialled again after the retry period.
+  cancelAndWaitForIdle(s);
+  s.sim("set answer manual");
+  s.sim("set end idle");
+  s.sim("crash B can");
+  ASSERT_TRUE(s.waitForSignalType("failed"));  // the connect time-out
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 2)) << "an idle end left nothing armed";
 }
 
 // A phone that refuses every dial does not use the emergency up: it is
@@ -185,4 +211,24 @@ TEST(NeverLost, HungPeersDoNotHoldTheCall) {
   // The announcement still names the brand and the position last known.
   EXPECT_FALSE(s.waitForRecord(isAnnouncementWithPosition).isNull());
   EXPECT_TRUE(car.waitForSlog("The position query timed out after"));
+}
+
+// A phone service that holds its name and never answers costs the start-up
+// one bounded wait, not the bus's 25 s: the inputs are watched at once, and a
+// press made while the service starts is kept and placed once the phone
+// answers.
+TEST(NeverLost, SilentPhoneAtStartUpNeitherDelaysTheInputsNorLosesAPress) {
+  constexpr double scale = 0.1;
+  E2eHarness car(carOptions(scale, {"peer EmbeddedPhone hang"}, false));
+  car.startService();
+  const Json::Value query = car.waitForRequest("EmbeddedPhone", "getProperties");
+  ASSERT_FALSE(query.isNull());
+  EXPECT_EQ(car.sim("button ecall tap").rfind("ok", 0), 0u);
+  const Json::Value connected =
+      car.waitForRecord([](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "connected"; });
+  ASSERT_FALSE(connected.isNull());
+  EXPECT_LT(at(connected) - at(query), atMost(1000, scale)) << "the inputs waited for the silent phone";
+  EXPECT_EQ(car.sim("peer EmbeddedPhone normal").rfind("ok", 0), 0u);
+  EXPECT_EQ(car.sim("phone on").rfind("ok", 0), 0u);
+  EXPECT_FALSE(car.waitForRequest("EmbeddedPhone", "ecallDial").isNull()) << "the press during start-up was lost";
 }

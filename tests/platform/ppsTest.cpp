@@ -103,6 +103,40 @@ TEST_F(Pps, ObjectThatComesLateLosesAttributesAndIsRecreated) {
   EXPECT_EQ("@vehstat\nE_CALL_BtnStat::1\n", nextAfter("E_CALL_BtnStat::1\n"));
 }
 
+// Presses and releases written by the object's writer before the reader
+// reads reach it in order, whether the reader has not read yet at all (a
+// press while the service starts) or is busy: a thousand of them, across the
+// renewal of the writer's journal.
+TEST_F(Pps, ChangesUndoneBeforeTheReadStillReachTheReaderInOrder) {
+  auto write = [](int pressed) {
+    const std::string text = "@vehstat\nE_CALL_BtnStat::" + std::to_string(pressed) + "\nU_CALL_BtnStat::0\n";
+    ASSERT_EQ(0, platform::ppsWrite("/pps/can/vehstat", text.data(), text.size()));
+  };
+  write(0);
+  fd = platform::ppsOpen(kButtons, O_RDONLY);
+  ASSERT_GE(fd, 0);
+  write(1);  // before the first read: a press while the service starts
+  write(0);
+  std::string expected = "E_CALL_BtnStat::0\nU_CALL_BtnStat::0\nE_CALL_BtnStat::1\nE_CALL_BtnStat::0\n";
+  for (int i = 0; i < 1000; ++i) {
+    write(1);
+    write(0);
+    expected += "E_CALL_BtnStat::1\nE_CALL_BtnStat::0\n";
+  }
+  std::string all;
+  while (all.size() < expected.size()) {
+    auto next = readAsync();
+    if (next.wait_for(5s) != std::future_status::ready) {
+      platform::ppsClose(fd);  // frees the reader
+      fd = -1;
+      FAIL() << all.size() << " of " << expected.size() << " bytes of changes read";
+    }
+    const std::string more = next.get();
+    all += more.substr(more.find('\n') + 1);  // without the object line
+  }
+  EXPECT_EQ(expected, all);
+}
+
 TEST_F(Pps, ShortBuffersGetWholeLines) {
   publish("A::" + std::string(40, 'a') + "\nB::2\nC::3\n");
   fd = platform::ppsOpen("/pps/can/vehstat?wait,delta,f=A+B+C", O_RDONLY);
