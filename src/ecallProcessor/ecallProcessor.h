@@ -205,6 +205,11 @@ class ecallProcessor final : public processorInputs {
   sharedText curCallState{"CALL_STATE_IDLE"};
   std::atomic<bool> callConnected{false};
   std::atomic<int32_t> emdPhOn{-1};  // -1 unknown, 0 OFF, 1 ON
+  // The phone's own status reports so far: an answer to a status query that
+  // a report overtook is older than the report and is not taken. The count
+  // and emdPhOn change together under mPhoneStatusMutex.
+  std::atomic<unsigned> phoneStatusReports{0};
+  std::mutex mPhoneStatusMutex;
   sharedText localEcallNumber;
   std::atomic<bool> btCallActive{false};
   std::atomic<bool> ecallModeActive{false};

@@ -242,6 +242,7 @@ void ecallProcessor::onEmbeddedPhoneOwnerChange(const char* busName, const char*
 
 void ecallProcessor::getEmdPhStatus() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const unsigned reportsBefore = phoneStatusReports.load();
   std::string reply;
   const SVCIPC_tError rc = embeddedPhone::readStatus(reply);
   if (SVCIPC_IS_ERROR(rc)) {
@@ -252,7 +253,18 @@ void ecallProcessor::getEmdPhStatus() {
   bool on = false;
   if (!embeddedPhone::parseStatus(reply.c_str(), false, on)) return;
   const int32_t newStatus = on ? PHONE_ON : PHONE_OFF;
-  const int32_t oldStatus = emdPhOn.exchange(newStatus);
+  int32_t oldStatus;
+  {
+    // The phone's own report may have come while this answer was on its
+    // way: the report is newer, and the answer must not undo it.
+    std::lock_guard<std::mutex> lock(mPhoneStatusMutex);
+    if (phoneStatusReports != reportsBefore) {
+      scope.sendFormattedMessage("embPh status answer %s overtaken by the phone's own report, keeping %s\n",
+                                 phoneStatusText(newStatus), phoneStatusText(emdPhOn.load()));
+      return;
+    }
+    oldStatus = emdPhOn.exchange(newStatus);
+  }
   scope.sendFormattedMessage("current EmbPh Status %d, embeddPhoneSvc status %d, curECallType %d\n", oldStatus,
                              newStatus, static_cast<int>(curECallType.load()));
 
@@ -289,7 +301,12 @@ void ecallProcessor::processEmdPhStatusSignal(const char* data) {
     return;
   }
   const int32_t newStatus = on ? PHONE_ON : PHONE_OFF;
-  const int32_t oldStatus = emdPhOn.exchange(newStatus);
+  int32_t oldStatus;
+  {
+    std::lock_guard<std::mutex> lock(mPhoneStatusMutex);
+    ++phoneStatusReports;
+    oldStatus = emdPhOn.exchange(newStatus);
+  }
   scope.sendFormattedMessage("embedded phone status signal: change from %s to %s\n", phoneStatusText(oldStatus),
                              phoneStatusText(newStatus));
   if (on) {
