@@ -21,6 +21,7 @@
 #include "common/sharedText.h"
 #include "ecallProcessor/processorInputs.h"
 #include "ecallProcessor/stateMachine.h"
+#include "platform/fileSyncer.h"
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 
@@ -130,6 +131,9 @@ class ecallProcessor final : public processorInputs {
   void addFormattedEntryToEmergencyLog(const char* format, ...) override __attribute__((format(printf, 2, 3)));
   void saveEmergencyLogToUSBAndRemoveLocalLog();
   void createFlagInTmp(bool create, std::string path) override;
+  // From here on entries are written without waiting for the flash; the
+  // syncer's thread makes them durable (until then each write is synchronous).
+  void startLogSyncer();
 
   // ---- Initialisation and subscriptions (initialisation.cpp) ----
   void initEcallProcessor();
@@ -228,6 +232,9 @@ class ecallProcessor final : public processorInputs {
 
   std::atomic<int32_t> defaultPhoneVol{15};   // 15 until read
   std::atomic<int32_t> defaultPromptVol{15};  // 15 until read, then 12
+
+  // Makes the log's entries durable (emergencyLog.cpp).
+  platform::fileSyncer logSyncer;
 
   // Last: its thread uses the fields above.
   ecallStateMachine mStateMachine{*this, canIpcEmergencyHandler, extServHandle};
