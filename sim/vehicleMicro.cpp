@@ -258,6 +258,7 @@ bool VehicleStatusObject::writeLocked() {
     ::unlink(temporary.c_str());
     return false;
   }
+  mWrittenAt = monotonicSeconds();
   return true;
 }
 
@@ -272,8 +273,9 @@ std::string VehicleStatusObject::button(const std::string& which, bool pressed) 
   entry["event"] = "button";
   entry["name"] = attribute;
   entry["value"] = value;
-  mRecorder.record(entry, std::string(which == "ecall" ? "9-1-1" : "Assist") + " button " +
-                              (pressed ? "pressed" : "released"));
+  // Stamped when the object changed, the moment a reader may see it.
+  mRecorder.recordAt(mWrittenAt, entry, std::string(which == "ecall" ? "9-1-1" : "Assist") + " button " +
+                                            (pressed ? "pressed" : "released"));
   if (!written) return "error cannot write " + mPath;
   return std::string("ok ") + attribute + "::" + std::to_string(value);
 }

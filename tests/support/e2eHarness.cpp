@@ -44,7 +44,8 @@ std::string fixed(double value) {
 // dies (a crash, a time-out kill), so that no service or car outlives its
 // test; the creating thread must live as long as the child (the test's own
 // thread does).
-pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, const std::vector<std::string>& env = {}) {
+pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, const std::vector<std::string>& env = {},
+            const std::function<void()>& beforeExec = {}) {
   std::vector<std::string> environment(env);
   for (char** e = environ; *e != nullptr; ++e) environment.emplace_back(*e);
   std::vector<char*> argv, envp;
@@ -59,6 +60,7 @@ pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, cons
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(127);  // the test died already
     if (dup2(in, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0) _exit(127);
+    if (beforeExec) beforeExec();
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
@@ -294,14 +296,15 @@ void E2eHarness::startService() {
   int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
   int out = openOutput(mServiceOut);
   int err = openOutput(mServiceErr);
-  std::vector<std::string> args = {ECALL_SERVICE_BIN, "--root", mRoot, "--bus", mBusAddress,
+  const std::string binary = mOptions.serviceBinary.empty() ? ECALL_SERVICE_BIN : mOptions.serviceBinary;
+  std::vector<std::string> args = {binary, "--root", mRoot, "--bus", mBusAddress,
                                    "--time-scale", fixed(carScale(mOptions.timeScale))};
   if (mOptions.trace) args.insert(args.end(), {"--trace", mTraceFile});
-  mServicePid = spawn(args, in, out, err);
+  mServicePid = spawn(args, in, out, err, {}, mOptions.beforeServiceExec);
   close(in);
   close(out);
   close(err);
-  ASSERT_GT(mServicePid, 0) << "cannot start " << ECALL_SERVICE_BIN;
+  ASSERT_GT(mServicePid, 0) << "cannot start " << binary;
   ASSERT_TRUE(waitForService(mOptions.startDeadline))
       << "ecallService did not register on the bus; its standard error:\n"
       << tail(serviceStderr(), 30);

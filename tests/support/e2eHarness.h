@@ -54,6 +54,12 @@ struct E2eOptions {
   // Run vehicle-sim under this account (a user name; needs root), as the
   // rest of the head unit runs under accounts of its own. Empty: as the test.
   std::string simUser;
+  // The service's program (empty: the one of this build), to compare another
+  // build's service on the same car.
+  std::string serviceBinary;
+  // Runs in the service's process between fork and exec (system calls only),
+  // as a service manager sets up a unit's process: priorities and limits.
+  std::function<void()> beforeServiceExec;
 };
 
 // The text of an "ecall" signal exactly as the service emits it (members in
