@@ -57,6 +57,9 @@ struct E2eOptions {
   // The service's program (empty: the one of this build), to compare another
   // build's service on the same car.
   std::string serviceBinary;
+  // "NAME=VALUE" entries of the service's environment, in place of the
+  // test's own of the same name.
+  std::vector<std::string> serviceEnv;
   // Runs in the service's process between fork and exec (system calls only),
   // as a service manager sets up a unit's process: priorities and limits.
   std::function<void()> beforeServiceExec;
