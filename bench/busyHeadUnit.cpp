@@ -1,6 +1,6 @@
 // A busy head unit: crash to "ecallDial" and the 9-1-1 button to the first
-// "ecall" signal while stress-ng loads every core with CPU work and the disk
-// with a writer, all at normal priority, side by side with the same two
+// "ecall" signal while stress-ng runs a CPU hog and a disk writer per core
+// (on the disk of the services' roots), all at normal priority, beside the same two
 // paths on the same machine unloaded, in the same run. The service runs with
 // the priorities and limits its systemd unit gives it (read from the unit
 // file); the simulated head unit and its bus daemon run at normal priority
@@ -10,13 +10,15 @@
 //
 // Usage: bench_busyHeadUnit [RUNS] [--no-priorities] [--service PATH] [--unit FILE]
 //                           [--cpu-hogs N] [--disk-writers N] [--disk-options OPTS]
-//   RUNS             samples of each path in each condition (default 40)
+//   RUNS             samples of each path in each condition (default 100)
 //   --no-priorities  run the service as an ordinary process, for a before
 //   --service PATH   another build's ecallService, for a before
 //   --unit FILE      the priorities of another unit file, to try them out
 //   --cpu-hogs N     stress-ng CPU workers (default: one per online CPU)
-//   --disk-writers N stress-ng disk writers (default 1)
-//   --disk-options   their --hdd-opts (default fdatasync: the writes reach the disk)
+//   --disk-writers N stress-ng disk writers (default: one per online CPU); each
+//                    writes files of 1 GB through the page cache, and the
+//                    kernel writes them back to the disk in bursts
+//   --disk-options   their --hdd-opts (fdatasync: each write synced at once)
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -47,13 +49,13 @@ constexpr auto kLoadWarmUp = std::chrono::seconds(3);
 constexpr int kLoadSafetyStopS = 1800;
 
 struct Settings {
-  int runs = 40;
+  int runs = 100;
   bool priorities = true;
   std::string service;
   std::string unitFile = bench::serviceUnitFile();
   int cpuHogs = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
-  int diskWriters = 1;
-  std::string diskOptions = "fdatasync";
+  int diskWriters = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+  std::string diskOptions;
   std::string diskFolder;
 };
 
@@ -61,10 +63,11 @@ struct Settings {
 class Load {
  public:
   explicit Load(const Settings& s) {
-    const std::vector<std::string> args = {"stress-ng",  "--cpu",       std::to_string(s.cpuHogs),
-                                           "--hdd",      std::to_string(s.diskWriters), "--hdd-opts",
-                                           s.diskOptions, "--temp-path", s.diskFolder,
-                                           "--timeout",  std::to_string(kLoadSafetyStopS) + "s", "--quiet"};
+    std::vector<std::string> args = {"stress-ng",   "--cpu",     std::to_string(s.cpuHogs),
+                                     "--hdd",       std::to_string(s.diskWriters),
+                                     "--temp-path", s.diskFolder,  "--timeout", std::to_string(kLoadSafetyStopS) + "s",
+                                     "--quiet"};
+    if (!s.diskOptions.empty()) args.insert(args.end(), {"--hdd-opts", s.diskOptions});
     std::vector<char*> argv;
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
@@ -88,6 +91,9 @@ class Load {
     int status = 0;
     waitpid(mPid, &status, 0);
     kill(-mPid, SIGKILL);  // a worker that outlived its parent
+    // The next unloaded round starts once the disk has written back what
+    // the writers left.
+    sync();
   }
   bool running() { return mPid > 0 && waitpid(mPid, nullptr, WNOHANG) == 0; }
   Load(const Load&) = delete;
@@ -201,8 +207,8 @@ int main(int argc, char** argv) {
 
   bench::printMachine("busy head unit, time scale 1, " + std::to_string(s.runs) +
                       " crashes and presses unloaded and as many loaded, fresh service each");
-  printf("   load: stress-ng --cpu %d --hdd %d --hdd-opts %s (normal priority), %d rounds of each\n", s.cpuHogs,
-         s.diskWriters, s.diskOptions.c_str(), kRounds);
+  printf("   load: stress-ng --cpu %d --hdd %d%s%s (normal priority), %d rounds of each\n", s.cpuHogs, s.diskWriters,
+         s.diskOptions.empty() ? "" : " --hdd-opts ", s.diskOptions.c_str(), kRounds);
   printf("   service: %s, %s\n", s.service.empty() ? "this build" : s.service.c_str(),
          s.priorities ? ("with the priorities of " + s.unitFile + ":").c_str() : "without priorities (an ordinary process)");
   if (s.priorities && unit.text.empty()) printf("     (the unit sets none)\n");
