@@ -16,9 +16,9 @@ namespace soak {
 // The pace of a soak: the 30 s callback period in 0.15 s.
 inline constexpr double kSoakScale = 0.005;
 
+// What a process holds: open descriptors, threads, resident memory.
 struct Held {
-  int descriptors = 0;
-  int threads = 0;
+  int descriptors = 0, threads = 0;
   long rssKiB = 0;
 };
 
@@ -54,7 +54,6 @@ inline carScene::E2eOptions soakCar() {
 // of the head unit, a crash and the mirror button, so that every input's path
 // is run. False (with a failure reported) when a step did not come.
 inline bool oneEmergency(carScene::Scene& s, int n) {
-  using carScene::isMicrophoneOpened;
   s.mark = s.car.recordMark();
   switch (n % 3) {
     case 0:
@@ -68,7 +67,7 @@ inline bool oneEmergency(carScene::Scene& s, int n) {
       if (!s.waitForEmergency()) return false;
       s.sim("button ecall release");
   }
-  if (!s.waitForRequest("EmbeddedPhone", "ecallDial") || s.waitForRecord(isMicrophoneOpened).isNull()) {
+  if (!s.waitForRequest("EmbeddedPhone", "ecallDial") || s.waitForRecord(carScene::isMicrophoneOpened).isNull()) {
     ADD_FAILURE() << "emergency " << n << " did not reach the emergency centre";
     return false;
   }
