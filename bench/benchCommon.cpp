@@ -13,6 +13,8 @@
 #include <numeric>
 #include <sstream>
 
+#include "support/e2eHarness.h"
+
 namespace bench {
 
 double now() {
@@ -176,6 +178,49 @@ int minimalService(const std::string& address, const std::string& name) {
     if (r < 0) return 1;
     if (r == 0) sd_bus_wait(bus, UINT64_MAX);
   }
+}
+
+}  // namespace bench
+
+namespace bench {
+
+bool crashToDial(testSupport::E2eHarness& car, CrashToDial& run) {
+  run.mark = car.recordMark();
+  car.sim("crash B can");
+  const Json::Value dial = car.waitForRequestSince(run.mark, "EmbeddedPhone", "ecallDial", std::chrono::seconds(30));
+  if (dial.isNull()) return false;
+  run.crashAt = 0;
+  for (const auto& r : car.recordsSince(run.mark, "vehicle"))
+    if (r["sent"].asBool()) {
+      run.crashAt = r["t"].asDouble();
+      break;
+    }
+  if (run.crashAt == 0) return false;
+  // The simulator records the message once its write has returned, and the
+  // service may have read it by then: the start is the earlier of the two.
+  for (const auto& line : parseTrace(car.trace()))
+    if (line.text.find(" Rx: ") != std::string::npos && line.t < run.crashAt && line.t > run.crashAt - 0.05)
+      run.crashAt = line.t;
+  run.dialAt = dial["t"].asDouble();
+  return true;
+}
+
+bool buttonToSignal(testSupport::E2eHarness& car, ButtonToSignal& run) {
+  const size_t mark = car.recordMark();
+  car.sim("button ecall press");
+  const Json::Value signal = car.waitForRecordSince(mark, [](const Json::Value& r) {
+    Json::Value data;
+    return r["kind"] == "ecall" && Json::Reader().parse(r["data"].asString(), data) && data["ecall"].asBool();
+  });
+  if (signal.isNull()) return false;
+  run.pressAt = 0;
+  for (const auto& r : car.recordsSince(mark, "vehicle"))
+    if (r["event"] == "button") {
+      run.pressAt = r["t"].asDouble();
+      break;
+    }
+  run.signalAt = signal["t"].asDouble();
+  return run.pressAt != 0;
 }
 
 }  // namespace bench

@@ -62,3 +62,28 @@ sd_bus* busConnect(const std::string& address);
 int minimalService(const std::string& address, const std::string& name);
 
 }  // namespace bench
+
+namespace testSupport {
+class E2eHarness;
+}
+namespace bench {
+
+// The two paths a driver waits on, measured on a service that has finished
+// starting (with its trace on), once each. Times on the monotonic clock in
+// seconds; false when the event did not come.
+struct CrashToDial {
+  size_t mark = 0;  // the simulator's record before the crash
+  double crashAt = 0, dialAt = 0;
+};
+// From the impact message ("crash B can") leaving the simulated vehicle
+// micro, or the service's read of it if that was traced earlier, to
+// "ecallDial" arriving at the simulated phone.
+bool crashToDial(testSupport::E2eHarness& car, CrashToDial& run);
+// From the vehicle status object being rewritten with the 9-1-1 button
+// pressed to the first "ecall" signal arriving at the simulator.
+struct ButtonToSignal {
+  double pressAt = 0, signalAt = 0;
+};
+bool buttonToSignal(testSupport::E2eHarness& car, ButtonToSignal& run);
+
+}  // namespace bench

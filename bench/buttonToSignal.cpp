@@ -23,21 +23,9 @@ double oneRun(bool showTimeline) {
   options.timeScale = 1.0;
   testSupport::E2eHarness car(options);
   if (!car.waitForServiceStarted(ms(30000))) return -1;
-  const size_t mark = car.recordMark();
-  car.sim("button ecall press");
-  Json::Value signal = car.waitForRecordSince(mark, [](const Json::Value& r) {
-    Json::Value data;
-    return r["kind"] == "ecall" && Json::Reader().parse(r["data"].asString(), data) && data["ecall"].asBool();
-  });
-  if (signal.isNull()) return -1;
-  double pressAt = 0;
-  for (const auto& r : car.recordsSince(mark))
-    if (r["kind"] == "vehicle" && r["event"] == "button") {
-      pressAt = r["t"].asDouble();
-      break;
-    }
-  if (pressAt == 0) return -1;
-  const double signalAt = signal["t"].asDouble();
+  bench::ButtonToSignal times;
+  if (!bench::buttonToSignal(car, times)) return -1;
+  const double pressAt = times.pressAt, signalAt = times.signalAt;
   if (showTimeline) {
     double previous = pressAt;
     for (const auto& line : bench::parseTrace(car.trace())) {

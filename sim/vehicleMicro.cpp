@@ -303,7 +303,9 @@ bool VehicleStatusObject::writeLocked() {
   char text[160];
   int length = snprintf(text, sizeof text, "@vehstat\nE_CALL_BtnStat::%d\nU_CALL_BtnStat::%d\nODO::%lld\n", mEcall,
                         mAssist, mOdometer);
-  return platform::ppsWrite(mPath.c_str(), text, static_cast<size_t>(length)) == 0;
+  if (platform::ppsWrite(mPath.c_str(), text, static_cast<size_t>(length)) != 0) return false;
+  mWrittenAt = monotonicSeconds();
+  return true;
 }
 
 std::string VehicleStatusObject::button(const std::string& which, bool pressed) {
@@ -317,8 +319,9 @@ std::string VehicleStatusObject::button(const std::string& which, bool pressed) 
   entry["event"] = "button";
   entry["name"] = attribute;
   entry["value"] = value;
-  mRecorder.record(entry, std::string(which == "ecall" ? "9-1-1" : "Assist") + " button " +
-                              (pressed ? "pressed" : "released"));
+  // Stamped when the object changed, the moment a reader may see it.
+  mRecorder.recordAt(mWrittenAt, entry, std::string(which == "ecall" ? "9-1-1" : "Assist") + " button " +
+                                            (pressed ? "pressed" : "released"));
   if (!written) return "error cannot write " + platform::rootPath(mPath);
   return std::string("ok ") + attribute + "::" + std::to_string(value);
 }

@@ -22,6 +22,7 @@
 #include "ecallProcessor/processorInputs.h"
 #include "ecallProcessor/stateMachine.h"
 #include "emergencyJournal/emergencyJournal.h"
+#include "platform/fileSyncer.h"
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 
@@ -138,6 +139,9 @@ class ecallProcessor final : public processorInputs {
   void addFormattedEntryToEmergencyLog(const char* format, ...) override __attribute__((format(printf, 2, 3)));
   void saveEmergencyLogToUSBAndRemoveLocalLog();
   void createFlagInTmp(bool create, std::string path) override;
+  // From here on entries are written without waiting for the flash; the
+  // syncer's thread makes them durable (until then each write is synchronous).
+  void startLogSyncer();
 
   // ---- Initialisation and subscriptions (initialisation.cpp) ----
   void initEcallProcessor();
@@ -263,6 +267,9 @@ class ecallProcessor final : public processorInputs {
 
   std::atomic<int32_t> defaultPhoneVol{15};   // 15 until read
   std::atomic<int32_t> defaultPromptVol{15};  // 15 until read, then 12
+
+  // Makes the log's entries durable (emergencyLog.cpp).
+  platform::fileSyncer logSyncer;
 
   // Last: its thread uses the fields above.
   ecallStateMachine mStateMachine{*this, canIpcEmergencyHandler, extServHandle};

@@ -3,7 +3,13 @@
 // to a USB stick. Also the marker files under /tmp.
 //
 // Nothing is kept in memory: every entry opens, appends with one write and
-// closes, so the file on flash is always complete.
+// closes, so the file is always complete, and an entry is kept when the
+// service ends right after it. Once the processor has started its log
+// syncer, the write goes to the kernel without waiting for the flash, and
+// the syncer makes it durable on its own thread a moment later: the threads
+// that write entries (the state machine before a dial among them) never wait
+// behind other disk work. Before that, and where no syncer runs, each entry
+// is a synchronous write.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -24,7 +30,7 @@
 
 namespace {
 
-constexpr int LOG_OPEN_FLAGS = O_RDWR | O_APPEND | O_DSYNC;
+constexpr int LOG_OPEN_FLAGS = O_RDWR | O_APPEND;
 constexpr mode_t LOG_FILE_MODE = 0666;
 // The log folder is made with mode 0666; Linux also needs the search bits
 // on a folder before anyone but root may create the log inside it.
@@ -126,13 +132,15 @@ bool resetLogFile(int fd, const std::string& path) {
   return true;
 }
 
-// Opens the log for an append. A log at its size limit is deleted and made
-// anew, with the two reset lines after the header. Returns -1 when the entry
-// cannot be written.
-int openLogForAppend() {
+// Opens the log for an append, with synchronous writes unless a syncer
+// takes care of them. A log at its size limit is deleted and made anew, with
+// the two reset lines after the header. Returns -1 when the entry cannot be
+// written.
+int openLogForAppend(bool synchronous) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const std::string path = platform::rootPath(emergencyLogPath);
-  int fd = open(path.c_str(), LOG_OPEN_FLAGS);
+  const int flags = LOG_OPEN_FLAGS | (synchronous ? O_DSYNC : 0);
+  int fd = open(path.c_str(), flags);
   bool wasReset = false;
   if (fd >= 0) {
     struct stat info {};
@@ -156,7 +164,7 @@ int openLogForAppend() {
                              strerror(err));
     return -1;
   }
-  fd = open(path.c_str(), LOG_OPEN_FLAGS | O_CREAT, LOG_FILE_MODE);
+  fd = open(path.c_str(), flags | O_CREAT, LOG_FILE_MODE);
   if (fd < 0) {
     const int err = errno;
     scope.sendFormattedError("Failed to open internal logfile, errno %d (%s)\n", err, strerror(err));
@@ -307,7 +315,8 @@ void ecallProcessor::addEntryToEmergencyLog(const char* text) {
   if (text == nullptr) text = "";
   logWriteLock lock(uselogWriteMutex, logWriteMutex);
   scope.sendFormattedMessage("Start add entry to internal log file: %s\n", text);
-  const int fd = openLogForAppend();
+  const bool synced = logSyncer.running();
+  const int fd = openLogForAppend(!synced);
   if (fd < 0) return;
 
   char line[EMERGENCY_LOG_ENTRY_SIZE];
@@ -329,6 +338,13 @@ void ecallProcessor::addEntryToEmergencyLog(const char* text) {
     scope.sendFormattedMessage("Internal log file write success.\n");
   }
   close(fd);
+  if (synced) logSyncer.requestSync();
+}
+
+void ecallProcessor::startLogSyncer() {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  if (!logSyncer.start(platform::rootPath(emergencyLogPath)))
+    scope.sendFormattedWarning("Log syncer not started, every log entry waits for its synchronous write\n");
 }
 
 void ecallProcessor::addFormattedEntryToEmergencyLog(const char* format, ...) {

@@ -63,6 +63,7 @@ void ecallProcessor::initLocks() {
 void ecallProcessor::initEcallProcessor() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   initLocks();
+  startLogSyncer();
   if (!mStateMachine.startThread()) {
     scope.sendFormattedError("Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");
     sendtoSlog(_SLOG_WARNING, "Failed to create ecall state machine thread.  Ecalls WILL NOT WORK!!!\n");

@@ -43,10 +43,16 @@ std::string fixed(double value) {
 // added to the test's environment. The child is killed when the test process
 // dies (a crash, a time-out kill), so that no service or car outlives its
 // test; the creating thread must live as long as the child (the test's own
-// thread does).
-pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, const std::vector<std::string>& env = {}) {
+// thread does). An entry of env replaces the test's own of the same name.
+pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, const std::vector<std::string>& env = {},
+            const std::function<void()>& beforeExec = {}) {
   std::vector<std::string> environment(env);
-  for (char** e = environ; *e != nullptr; ++e) environment.emplace_back(*e);
+  auto given = [&env](const std::string& entry) {
+    const std::string name = entry.substr(0, entry.find('=') + 1);
+    return std::any_of(env.begin(), env.end(), [&](const std::string& e) { return e.rfind(name, 0) == 0; });
+  };
+  for (char** e = environ; *e != nullptr; ++e)
+    if (!given(*e)) environment.emplace_back(*e);
   std::vector<char*> argv, envp;
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
@@ -59,6 +65,7 @@ pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, cons
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(127);  // the test died already
     if (dup2(in, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0) _exit(127);
+    if (beforeExec) beforeExec();
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
@@ -294,14 +301,15 @@ void E2eHarness::startService() {
   int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
   int out = openOutput(mServiceOut);
   int err = openOutput(mServiceErr);
-  std::vector<std::string> args = {ECALL_SERVICE_BIN, "--root", mRoot, "--bus", mBusAddress,
+  const std::string binary = mOptions.serviceBinary.empty() ? ECALL_SERVICE_BIN : mOptions.serviceBinary;
+  std::vector<std::string> args = {binary, "--root", mRoot, "--bus", mBusAddress,
                                    "--time-scale", fixed(carScale(mOptions.timeScale))};
   if (mOptions.trace) args.insert(args.end(), {"--trace", mTraceFile});
-  mServicePid = spawn(args, in, out, err, mOptions.serviceEnv);
+  mServicePid = spawn(args, in, out, err, mOptions.serviceEnv, mOptions.beforeServiceExec);
   close(in);
   close(out);
   close(err);
-  ASSERT_GT(mServicePid, 0) << "cannot start " << ECALL_SERVICE_BIN;
+  ASSERT_GT(mServicePid, 0) << "cannot start " << binary;
   ASSERT_TRUE(waitForService(mOptions.startDeadline))
       << "ecallService did not register on the bus; its standard error:\n"
       << tail(serviceStderr(), 30);

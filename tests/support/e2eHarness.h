@@ -54,9 +54,15 @@ struct E2eOptions {
   // Run vehicle-sim under this account (a user name; needs root), as the
   // rest of the head unit runs under accounts of its own. Empty: as the test.
   std::string simUser;
-  // "NAME=VALUE" entries added to ecallService's environment (what a
-  // service manager hands it, such as NOTIFY_SOCKET and WATCHDOG_USEC).
+  // The service's program (empty: the one of this build), to compare another
+  // build's service on the same car.
+  std::string serviceBinary;
+  // "NAME=VALUE" entries of the service's environment, in place of the
+  // test's own of the same name.
   std::vector<std::string> serviceEnv;
+  // Runs in the service's process between fork and exec (system calls only),
+  // as a service manager sets up a unit's process: priorities and limits.
+  std::function<void()> beforeServiceExec;
 };
 
 // The text of an "ecall" signal exactly as the service emits it (members in
