@@ -92,9 +92,7 @@ TEST(RealStack, CrashCallsTheOperatorWithGpsdsPositionAndTakesTheCallBack) {
 TEST(RealStack, TestCallDialsTheTestNumberThroughOfono) {
   RealHeadUnit car;
   const auto askedAt = std::chrono::steady_clock::now();
-  const auto since = [&] {
-    return static_cast<long long>((std::chrono::steady_clock::now() - askedAt) / ms(1));
-  };
+  const auto since = [&] { return static_cast<long long>((std::chrono::steady_clock::now() - askedAt) / ms(1)); };
   ASSERT_EQ(car.harness.call("startTestEcall"), "{\"result\":\"OK\"}\n");
   ASSERT_TRUE(car.waitForModem("at ATD5550100;"));
   const long long dialMs = since();
