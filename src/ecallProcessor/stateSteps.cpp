@@ -335,7 +335,7 @@ void ecallStateMachine::stepWaitToConnect() {
   } else if (callStateIs("CALL_STATE_ACTIVE")) {
     timers().stopEcallTimeoutTimer();
     // Connected: a restart from here on does not dial again.
-    processor.mJournal.placed();
+    if (!testCallInHand) processor.mJournal.placed();
     psapPrompt = testCallInHand              ? TTS_PROMPT_TEST_PSAP1
                  : mode == ecallMain::CALL_ACN ? TTS_PROMPT_ACN_PSAP1
                                                : TTS_PROMPT_ECALL_PSAP1;
