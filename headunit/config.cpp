@@ -2,6 +2,8 @@
 
 #include <fstream>
 
+#include "common/testNumber.h"
+
 namespace headunit {
 
 namespace {
@@ -33,7 +35,7 @@ bool Config::load(const std::string& path, std::string& why) {
     why = "cannot read " + path;
     return false;
   }
-  std::string line;
+  std::string line, testNumberLine;
   for (int lineNo = 1; std::getline(in, line); ++lineNo) {
     line = trimmed(line.substr(0, line.find('#')));
     if (line.empty()) continue;
@@ -53,6 +55,11 @@ bool Config::load(const std::string& path, std::string& why) {
       emergencyNumber = value;
     } else if (key == "callbackMinutes") {
       good = number(value, callbackMinutes) && callbackMinutes >= 0;
+    } else if (key == "testNumber") {
+      // A number to dial that no phone takes for an emergency number.
+      testNumber = value;
+      testNumberLine = path + ":" + std::to_string(lineNo) + ": cannot use \"" + line + "\"";
+      good = testNumber::isDialable(value) && !testNumber::isAlwaysEmergency(value);
     } else if (key == "gpsd") {
       const auto colon = value.rfind(':');
       gpsdHost = value.substr(0, colon);
@@ -65,6 +72,10 @@ bool Config::load(const std::string& path, std::string& why) {
       why = path + ":" + std::to_string(lineNo) + ": cannot use \"" + line + "\"";
       return false;
     }
+  }
+  if (!testNumber.empty() && testNumber == emergencyNumber) {
+    why = testNumberLine + ": the test number is the emergency number";
+    return false;
   }
   return true;
 }

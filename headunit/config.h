@@ -10,6 +10,8 @@
 //   callbackMinutes = 60       an incoming call this long after an emergency
 //                              call is the emergency centre calling back
 //   gpsd = localhost:2947      where gpsd listens
+//   testNumber = 5550100       the number a test call dials (none: no test
+//                              calls); never an emergency number
 #pragma once
 
 #include <string>
@@ -25,6 +27,7 @@ struct Config {
   int callbackMinutes = 60;
   std::string gpsdHost = "localhost";
   std::string gpsdPort = "2947";
+  std::string testNumber;  // empty: not configured
 
   // Reads the file; false with a reason (file and line) when it is unusable.
   bool load(const std::string& path, std::string& why);

@@ -99,6 +99,7 @@ class EmbeddedPhone : public BusService {
   bool mReportedAntenna = false;
   std::map<std::string, Call> mCalls;  // by oFono object path
   std::string mDialled;                // the number ecallDial placed last
+  bool mDialledTest = false;           // ... as a test call ("callType":"TEST")
   std::chrono::steady_clock::time_point mLastEmergency{};
   bool mHadEmergency = false;
 };

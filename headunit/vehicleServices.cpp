@@ -12,8 +12,12 @@ std::string member(const char* name, const Json::Value& value) {
 
 FixedServices vehicleServices(const Config& config) {
   FixedServices services;
+  // The brand, and the test number when one is configured.
+  Json::Value vehicleConfig(Json::objectValue);
+  vehicleConfig["vehicleBrand"] = config.brand;
+  if (!config.testNumber.empty()) vehicleConfig["testNumber"] = config.testNumber;
   services.push_back(std::make_unique<FixedService>(
-      "VehicleConfig", std::map<std::string, std::string>{{"getProperties", member("vehicleBrand", config.brand)}}));
+      "VehicleConfig", std::map<std::string, std::string>{{"getProperties", jsonText(vehicleConfig)}}));
   services.push_back(std::make_unique<FixedService>(
       "VehicleStatus", std::map<std::string, std::string>{{"getProperties", member("language", config.language)}}));
   services.push_back(std::make_unique<FixedService>(

@@ -1,5 +1,5 @@
 // The services that tell ecallService what car it is in, answered from the
-// configuration file: the vehicle configuration (brand), the vehicle status
+// configuration file: the vehicle configuration (brand, test number), the vehicle status
 // (language) and the platform (whether the variant has the embedded phone,
 // the software version).
 #pragma once

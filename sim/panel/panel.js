@@ -31,9 +31,10 @@ function showEcall(s) {
   if (s.type === 'systemError') $('syserror').textContent = s.eventdetail || s.event;
 }
 
-// The phone's part of a "status" line: phone=on antenna=normal number=911 call=idle.
+// The car's part of a "status" line: phone=on antenna=normal number=911
+// call=idle, and the vehicle configuration's testnumber=5550100.
 function showStatus(line) {
-  for (const key of ['phone', 'antenna', 'number', 'call']) {
+  for (const key of ['phone', 'antenna', 'number', 'call', 'testnumber']) {
     const m = line.match(new RegExp(`(?:^| )${key}=(\\S*)`));
     if (m) $(key).textContent = m[1];
   }

@@ -20,7 +20,10 @@ namespace {
 // state follows.
 constexpr int callEndingWendReasons[] = {3, 17, 68, 32768};
 
-bool isPsapPrompt(int prompt) { return prompt >= TTS_PROMPT_ECALL_PSAP1 && prompt <= TTS_PROMPT_GPS_COORDINATES; }
+bool isPsapPrompt(int prompt) {
+  return (prompt >= TTS_PROMPT_ECALL_PSAP1 && prompt <= TTS_PROMPT_GPS_COORDINATES) ||
+         prompt == TTS_PROMPT_TEST_PSAP1 || prompt == TTS_PROMPT_TEST_PSAP2;
+}
 
 }  // namespace
 
@@ -125,8 +128,8 @@ void ecallProcessor::processWendReason(const char* data) {
 }
 
 // The announcement for the emergency centre is two prompts in a row (8 then
-// 9, or 10 then 11 after a crash); the microphones open again after the
-// second.
+// 9, or 10 then 11 after a crash, 15 then 16 in a test call); the
+// microphones open again after the second.
 void ecallProcessor::processTtsPlayState(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   if (activeTts == TTS_PROMPT_NONE) return;
@@ -145,7 +148,7 @@ void ecallProcessor::processTtsPlayState(const char* data) {
   if (firstPsapTtsWaitForComplete) {
     // The dialling prompt ended: the centre's first prompt may start now.
     firstPsapTtsWaitForComplete = false;
-    if (prompt == TTS_PROMPT_ECALL_PSAP1 || prompt == TTS_PROMPT_ACN_PSAP1) {
+    if (prompt == TTS_PROMPT_ECALL_PSAP1 || prompt == TTS_PROMPT_ACN_PSAP1 || prompt == TTS_PROMPT_TEST_PSAP1) {
       extServHandle.ayncPlayTtsMsg(static_cast<eECallTtsPrompt>(prompt));
     } else {
       activeTts = TTS_PROMPT_NONE;
@@ -160,6 +163,9 @@ void ecallProcessor::processTtsPlayState(const char* data) {
     } else if (prompt == TTS_PROMPT_ACN_PSAP1 || prompt == TTS_PROMPT_ACN_PSAP2) {
       activeTts = TTS_PROMPT_ACN_PSAP2;
       extServHandle.ayncPlayTtsMsg(TTS_PROMPT_ACN_PSAP2);
+    } else if (prompt == TTS_PROMPT_TEST_PSAP1 || prompt == TTS_PROMPT_TEST_PSAP2) {
+      activeTts = TTS_PROMPT_TEST_PSAP2;
+      extServHandle.ayncPlayTtsMsg(TTS_PROMPT_TEST_PSAP2);
     }
   } else {
     // The callback prompt ended: answer now rather than after the pause.

@@ -88,6 +88,12 @@ class ecallProcessor final : public processorInputs {
   void processEcallBtnPressWithSystemError();
   void requestHMIDisplayPleaseWaitPopup();
 
+  // ---- Test call (testCall.cpp) ----
+  // A test call to the vehicle's test number: true when it is started, or
+  // false with the reason in why (the test number is missing, empty or an
+  // emergency number; an emergency is in hand; the phone is away).
+  bool startTestCall(std::string& why);
+
   // ---- Requests of the state machine to the phone (stateMachine.cpp) ----
   void hangUpCall();
   bool acceptEmergencyCallback();
@@ -197,6 +203,15 @@ class ecallProcessor final : public processorInputs {
   requestNotices decideEmergency(ecallMain::eEmergencyType newType);
   void tellRequestNotices(const requestNotices& notices);
 
+  // Why a test call cannot start now ("" when it can); the request lock is
+  // held (testCall.cpp).
+  std::string testCallRefusal() const;
+  // The vehicle's test number, checked against every emergency number;
+  // "" when it may be dialled, else why not.
+  std::string readTestNumber(std::string& number);
+  // A test call the state machine cannot run is dropped, with the reason.
+  void dropTestCall(const char* why);
+
   // The phone's presence, module resets and antenna (phoneStatus.cpp).
   void phoneSeenOn(CQVTraceScope& scope);
   void phoneSeenOff(CQVTraceScope& scope, int32_t oldStatus);
@@ -232,6 +247,8 @@ class ecallProcessor final : public processorInputs {
   // markers) by the emergencies, the phone's return, a cancel and the
   // centre's call; never held across a peer request.
   std::mutex mRequestMutex;
+  // The number of the test call in hand (kept only in memory).
+  sharedText testCallNumber;
   // Counts the numbers stored, so that a number that arrives while a read
   // fails is not missed.
   std::atomic<unsigned> numbersStored{0};

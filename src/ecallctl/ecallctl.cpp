@@ -41,6 +41,7 @@ const char* const usageText =
     "  log TEXT...     append TEXT as one entry to the emergency log (no reply is awaited)\n"
     "  export-log      move the emergency log to the USB stick\n"
     "  reset-gps       reset the cellular module (GPS receiver included)\n"
+    "  test            place a test call to the vehicle's test number (never an emergency number)\n"
     "  monitor         print the \"ecall\" and \"ecallProgress\" signals as they come, until interrupted\n"
     "options:\n"
     "  --bus BUS       session (default, as the service), system, or a D-Bus address\n"
@@ -72,6 +73,7 @@ const command commands[] = {
     {"log", "logStringToEcallLog", -1, replyKind::result, nullptr, nullptr},
     {"export-log", "saveEmergencyLogToUSBAndRemoveLocalLog", 0, replyKind::result, "result", nullptr},
     {"reset-gps", "hardResetGPS", 0, replyKind::result, "result", nullptr},
+    {"test", "startTestEcall", 0, replyKind::result, "result", nullptr},
 };
 
 struct options {
@@ -221,7 +223,12 @@ int printReply(const command& cmd, const std::string& reply, bool json) {
             !reply.empty() && reply.back() == '\n' ? "" : "\n");
     return EXIT_FAILED;
   }
-  if (!json) {
+  const Json::Value* reason = value.find("reason", "reason" + strlen("reason"));
+  if (!json && reason != nullptr && reason->isString()) {
+    // A refusal says why, for the person at the shell.
+    fprintf(stderr, "ecallctl: %s %s: %s\n", cmd.name, member->asString() == "REFUSED" ? "refused" : "failed",
+            reason->asString().c_str());
+  } else if (!json) {
     if (cmd.kind == replyKind::yesNo)
       printf("%s: %s\n", cmd.label, member->asBool() ? "yes" : "no");
     else

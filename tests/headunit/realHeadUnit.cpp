@@ -61,7 +61,8 @@ RealHeadUnit::RealHeadUnit(const std::string& modemState)
       // gpsd's control socket is named after gpsfake's process number, 1 here.
       std::vector<std::string>{"TMPDIR=" + dir});
   testSupport::writeFile(dir + "/ecall-headunit.conf",
-                         "brand = 9\nlanguage = en_US\nemergencyNumber = 911\ngpsd = 127.0.0.1:" + gpsPort + "\n");
+                         "brand = 9\nlanguage = en_US\nemergencyNumber = 911\ntestNumber = 5550100\ngpsd = 127.0.0.1:" +
+                             gpsPort + "\n");
 
   // The bridge takes oFono's modem whether oFono comes before it or after.
   bridge = std::make_unique<testSupport::Child>(

@@ -86,6 +86,31 @@ TEST(RealStack, CrashCallsTheOperatorWithGpsdsPositionAndTakesTheCallBack) {
   expectSpokenFiles(car.bridgeLog());
 }
 
+// A test call through oFono: the modem dials the test number, never an
+// emergency number; the operator hears that it is a test, and so do the
+// occupants at its end.
+TEST(RealStack, TestCallDialsTheTestNumberThroughOfono) {
+  RealHeadUnit car;
+  const auto askedAt = std::chrono::steady_clock::now();
+  const auto since = [&] { return static_cast<long long>((std::chrono::steady_clock::now() - askedAt) / ms(1)); };
+  ASSERT_EQ(car.harness.call("startTestEcall"), "{\"result\":\"OK\"}\n");
+  ASSERT_TRUE(car.waitForModem("at ATD5550100;"));
+  const long long dialMs = since();
+  ASSERT_TRUE(car.waitForBridge("CALL_STATE_ALERTING"));
+  car.network("answer");
+  ASSERT_TRUE(car.waitForBridge("\"callState\":\"CALL_STATE_ACTIVE\",\"callType\":1,\"number\":\"5550100\""))
+      << car.bridgeLog();
+  printf("test call request to ATD5550100 through oFono: %lld ms, to the call active: %lld ms\n", dialMs, since());
+  ASSERT_TRUE(car.waitForBridge("This is a test call, not an emergency. Test call from a Vetta")) << car.bridgeLog();
+  car.network("hangup");
+  EXPECT_TRUE(car.waitForBridge("Test call ended.")) << car.bridgeLog();
+  // Every number the modem was asked to dial is the test number.
+  const std::string modem = car.modem->out();
+  static const std::regex dial("at ATD(\\S*)");
+  for (std::sregex_iterator it(modem.begin(), modem.end(), dial), end; it != end; ++it)
+    EXPECT_EQ((*it)[1], "5550100;");
+}
+
 // A module still starting when the car wakes refuses its power-up (its port
 // is not there: "Operation failed") and then answers late: the bridge tries
 // again until it is up, logs the refusal once and answers meanwhile; the
