@@ -9,6 +9,7 @@
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/clocks.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
 
@@ -34,6 +35,9 @@ void ecallStateMachine::checkRequest() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   if (type != ecallMain::NONE || mode != ecallMain::CALL_NONE) return;
   if (state == ECALL_SM_IDLE) {
+    // An emergency given up before its call began (cancelled while it
+    // waited for the phone or a number) is over too.
+    processor.closeCallTimings();
     emitEcall(false, type, mode);
   } else if (state != ECALL_SM_WAIT_FOR_END_FROM_HMI) {
     endCall();
@@ -42,6 +46,7 @@ void ecallStateMachine::checkRequest() {
 
 void ecallStateMachine::endCall() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
+  processor.markCallStage(callTimings::END);
   // No connection is awaited any more: a dial still pending must not report
   // a time-out into the callback period or idle.
   timers().stopEcallTimeoutTimer();
@@ -56,6 +61,8 @@ void ecallStateMachine::endCall() {
   dialAllowed = true;
   state = ECALL_SM_WAIT_FOR_END_FROM_HMI;
   act = startCall = delayStart = false;
+  // Told once the car has been given back its audio and light.
+  processor.closeCallTimings();
 }
 
 void ecallStateMachine::runStep() {
@@ -127,6 +134,7 @@ bool ecallStateMachine::readNumberOrRaiseFailure() {
   processor.waitingForNumber = false;
   const unsigned storedBefore = processor.numbersStored;
   if (processor.readECallNumber()) {
+    processor.markCallStage(callTimings::NUMBER_READ);
     processor.errorSentForNoEcallNumberLoaded = false;
     return true;
   }
@@ -261,6 +269,7 @@ void ecallStateMachine::dial() {
   const std::string number = processor.getLocalEcallNumber();
   scope.sendFormattedMessage("callstate idle. dial the number now");
   processor.addFormattedEntryToEmergencyLog("Calling %s\n", number.c_str());
+  processor.mStageClock.dialSent(platform::monotonicMs());
   const SVCIPC_tError rc = embeddedPhone::dial(number, ecallProcessor::onAsyncDialResult, &processor);
   dialAllowed = false;
   if (rc >= 0) {
@@ -344,7 +353,10 @@ void ecallStateMachine::stepWaitForPsapTts() {
     }
     processor.activeTts = psapPrompt;
   }
-  if (playNow) extServHandle.playTtsMsg(psapPrompt);
+  if (playNow) {
+    processor.markCallStage(callTimings::ANNOUNCEMENT_STARTED);
+    extServHandle.playTtsMsg(psapPrompt);
+  }
   timers().startEcallStateMachineTimer(1);
   state = ECALL_SM_CALL_ACTIVE;
 }
@@ -459,7 +471,9 @@ void ecallStateMachine::stepAnswer() {
     extServHandle.abortCurrentTtsMsg();
     processor.logPsapEndedIncomingCallAndClearCall();
   } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
-    if (!processor.acceptEmergencyCallback()) processor.acceptEmergencyCallback();
+    const int64_t answerSentMs = platform::monotonicMs();
+    if (processor.acceptEmergencyCallback() || processor.acceptEmergencyCallback())
+      processor.mStageClock.mark(callTimings::CALLBACK_ANSWERED, answerSentMs);
     processor.addEntryToEmergencyLog("Incoming Call - answer phone cmd sent to embedded phone\n");
     timers().startEcallTimeoutTimer();
     state = ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE;
