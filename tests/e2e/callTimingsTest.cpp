@@ -1,0 +1,155 @@
+// The timings of a call's stages end to end: what "getLastCallTimings"
+// answers, what `ecallctl timings` prints and the emergency log's line agree,
+// and each stage falls between what the car saw before the service could
+// know of it and what it saw the service do after (both on the monotonic
+// clock); a stage that did not happen is absent.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <regex>
+
+#include "callTimings/callTimings.h"
+#include "carScene.h"
+#include "common/jsonText.h"
+
+using namespace carScene;
+
+namespace {
+
+using Pred = std::function<bool(const Json::Value&)>;
+
+// A stage ("trigger" too) happened no earlier than the index-th record of a
+// kind, taken before the service could see it, or no later than one made
+// after the service acted. A negative index counts from the last.
+struct bound {
+  const char* stage;
+  bool notBefore;
+  Pred record;
+  int index = 0;
+};
+
+Pred phone(const std::string& state) {
+  return [state](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", "CALL_STATE_" + state); };
+}
+Pred request(const std::string& method, const std::string& part = "") {
+  return [=](const Json::Value& r) {
+    return r["kind"] == "request" && r["method"] == method && r["params"].asString().find(part) != std::string::npos;
+  };
+}
+const Pred kEnded = [](const Json::Value& r) { return r["kind"] == "ecall" && r["data"] == endedSignal(true); };
+const Strings kDialled = {"numberRead", "dialSent", "dialling", "alerting", "active", "announcementStarted",
+                          "announcementFinished", "end"};
+
+// Checks the call whose timings line comes next against the car's record
+// since mark; the answer of "getLastCallTimings".
+Json::Value checkCall(Scene& s, size_t mark, const Strings& happened, const std::vector<bound>& bounds) {
+  EXPECT_TRUE(testSupport::waitUntil([&] { return countOf(testing::PrintToString(s.log()), "Call timings") > 0; }, kLong));
+  Json::Value timings;
+  jsonParse(s.car.call("getLastCallTimings").c_str(), timings);
+  const Json::Value& stages = timings["stages"];
+  // The stages that happened, in the order a call goes through them; the
+  // log's line and the table of ecallctl with the same figures.
+  Strings present;
+  std::string line = "Call timings (ms after trigger):";
+  std::vector<std::pair<long long, std::string>> rows = {{0, "trigger"}};
+  for (const auto& name : callTimings::stageNames) {
+    if (!stages.isMember(name.member)) continue;
+    EXPECT_GE(stages[name.member].asInt64(), rows.back().first) << name.member << " before the stage before it";
+    present.push_back(name.member);
+    rows.push_back({stages[name.member].asInt64(), name.label});
+    line += (rows.size() == 2 ? " " : ", ") + std::string(name.logWord) + " " + std::to_string(rows.back().first);
+  }
+  EXPECT_EQ(present, happened);
+  const std::string dials = std::to_string(timings["dials"].asUInt());
+  EXPECT_EQ(s.countInLog(line + "; dials " + dials), 1u) << testing::PrintToString(s.log());
+
+  // Within one millisecond the table keeps the order of the stages.
+  std::stable_sort(rows.begin(), rows.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::string table = "stage ms after trigger ms since previous\n";
+  for (size_t i = 0; i < rows.size(); ++i)
+    table += rows[i].second + " " + std::to_string(rows[i].first) + " " +
+             (i == 0 ? "-" : std::to_string(rows[i].first - rows[i - 1].first)) + "\n";
+  const testSupport::Outcome ctl = testSupport::run({ECALLCTL_BIN, "--bus", s.car.busAddress(), "timings"});
+  EXPECT_EQ(std::regex_replace(ctl.out, std::regex(" +"), " "), table + "dial attempts: " + dials + "\n");
+
+  const std::vector<Json::Value> records = s.car.recordsSince(mark);
+  for (const bound& b : bounds) {
+    std::vector<double> seen;
+    for (const auto& r : records)
+      if (b.record(r)) seen.push_back(at(r) * 1000);
+    const size_t i = b.index < 0 ? seen.size() + b.index : size_t(b.index);
+    if (i >= seen.size()) {
+      ADD_FAILURE() << "the car saw nothing to time " << b.stage << " by";
+      continue;
+    }
+    const int64_t stageMs = timings["trigger"].asInt64() + stages[b.stage].asInt64();
+    if (b.notBefore) EXPECT_GE(stageMs, std::floor(seen[i])) << b.stage << " before what the car saw";
+    else EXPECT_LE(stageMs, seen[i]) << b.stage << " after what the car saw of it";
+  }
+  return timings;
+}
+
+}  // namespace
+
+// A crash: every stage of a dialled call, in order, between what the car
+// saw; then the centre's call-back, a call of its own triggered by its
+// ringing, with none of the dial's stages.
+TEST(CallTimings, CrashCallAndTheCentresCallBack) {
+  Scene s(carOptions(kScale));
+  EXPECT_EQ(s.car.call("getLastCallTimings"), "{}\n") << "no call yet";
+  s.sim("crash B can");
+  ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull());
+  s.sim("psap hangup");
+  const Json::Value crash = checkCall(
+      s, s.mark, kDialled,
+      {{"trigger", true, [](const Json::Value& r) { return r["kind"] == "vehicle" && r.isMember("bytes"); }},
+       {"numberRead", true, request("getEmergencyNumbers")},
+       {"dialSent", false, request("ecallDial")},
+       {"dialling", true, phone("DIALING")},
+       {"alerting", true, phone("ALERTING")},
+       {"active", true, phone("ACTIVE")},
+       {"announcementStarted", false, request("ttsReadout", "\"ECALL\"")},
+       {"announcementFinished", false, isMicrophoneOpened},
+       {"end", true, phone("TERMINATED")},
+       {"end", false, kEnded}});
+  EXPECT_EQ(crash["dials"].asUInt(), 1u);
+
+  ASSERT_FALSE(s.waitForRecord(kEnded).isNull());
+  s.markNow();
+  s.sim("psap callback");
+  ASSERT_TRUE(s.car.waitForEmergencyLog("Incoming Call - Active\n", kLong));
+  s.sim("psap hangup");
+  const Json::Value callback = checkCall(s, s.mark, {"callbackAnswered", "active", "end"},
+                                         {{"trigger", true, phone("RINGING")},
+                                          {"callbackAnswered", false, request("acceptIncomingCall")},
+                                          {"active", true, phone("ACTIVE")},
+                                          {"end", true, phone("TERMINATED")},
+                                          {"end", false, kEnded}});
+  EXPECT_EQ(callback["dials"].asUInt(), 0u);
+}
+
+// The 9-1-1 button, and a centre that hangs up before answering: the call
+// counts from the press, through the delay, and its dial stages are those
+// of the attempt that got through.
+TEST(CallTimings, ButtonCallRedialledAfterTheCentreHungUp) {
+  Scene s(carOptions(kScale, {"set answer manual"}));
+  s.button("ecall", true);
+  s.button("ecall", false);
+  ASSERT_FALSE(s.waitForRecord(phone("ALERTING")).isNull());
+  s.sim("set answer auto");
+  s.sim("psap hangup");
+  ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull());
+  s.sim("psap hangup");
+  const Json::Value button =
+      checkCall(s, s.mark, kDialled,
+                {{"trigger", true, [](const Json::Value& r) { return r["kind"] == "vehicle" && r["value"] == 1; }},
+                 {"dialSent", true, phone("TERMINATED")},
+                 {"dialSent", false, request("ecallDial"), 1},
+                 {"dialling", true, phone("DIALING"), 1},
+                 {"alerting", true, phone("ALERTING"), 1},
+                 {"end", false, kEnded}});
+  EXPECT_EQ(button["dials"].asUInt(), 2u);
+  EXPECT_GE(button["stages"]["dialSent"].asInt64() - button["stages"]["numberRead"].asInt64(),
+            atLeast(10000 + 60000) * 1000)
+      << "the delay and the retry period";
+}
