@@ -183,7 +183,8 @@ void ServiceWatcher::onCallTimings(const SVCIPC_tCallbackStatus* status, const c
   Json::Value entry(Json::objectValue);
   entry["kind"] = "timings";
   entry["data"] = result;
-  static_cast<ServiceWatcher*>(context)->mContext.recorder.record(entry, "ecallService call timings " + oneLine(result));
+  auto* self = static_cast<ServiceWatcher*>(context);
+  self->mContext.recorder.record(entry, "ecallService call timings " + oneLine(result));
 }
 
 void ServiceWatcher::stop() {

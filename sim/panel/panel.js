@@ -142,13 +142,15 @@ function chartReset() {
   svg($('chart-lanes'), 'text', { x: 4, y: 20, class: 'stage' }, 's');
   svg($('chart-lanes'), 'text', { x: MARKS_X, y: 20, class: 'stage' }, 'stages, ms after trigger');
   chart.lines = svg($('chart'), 'g', {});
-  LANES.forEach((_, lane) => svg(chart.lines, 'line', { x1: laneX(lane), x2: laneX(lane), y1: 0, y2: 0, class: 'lane' }));
+  LANES.forEach((_, lane) => svg(chart.lines, 'line', { x1: laneX(lane), x2: laneX(lane), y1: 0, y2: 0,
+    class: 'lane' }));
   chart.rows = svg($('chart'), 'g', {});
   chart.marks = svg($('chart'), 'g', {});
 }
 
 const laneOf = (service) => ({ EmbeddedPhone: PHONE, TextToSpeechService: SPEECH }[service] ?? HEAD);
-const callStates = (data) => ((parse(data) || {}).callStateInfo || []).map((c) => String(c.callState).replace('CALL_STATE_', ''));
+const callStates = (data) => ((parse(data) || {}).callStateInfo || [])
+  .map((c) => String(c.callState).replace('CALL_STATE_', ''));
 
 // The arrows an entry draws: [from, to, label, class].
 function arrowsOf(e) {

@@ -57,7 +57,8 @@ std::string logLine(const callRecord& call, size_t room) {
   auto fits = [&](const std::string& item) { return line.size() + item.size() + cut.size() <= room; };
   for (int s = 0; s < STAGE_COUNT; ++s) {
     if (call.afterTriggerMs[s] == ABSENT) continue;
-    const std::string item = separator + std::string(stageNames[s].logWord) + " " + std::to_string(call.afterTriggerMs[s]);
+    const std::string item =
+        separator + std::string(stageNames[s].logWord) + " " + std::to_string(call.afterTriggerMs[s]);
     if (!fits(item)) return line + cut;
     line += item;
     separator = ", ";

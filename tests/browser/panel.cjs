@@ -106,8 +106,10 @@ async function callFromThePanel(page) {
 async function callChart(page, waitFor) {
   await waitFor(() => document.querySelector('#chart .mark.service[data-stage="end"]'));
   const chart = await page.evaluate(() => ({
-    arrows: [...document.querySelectorAll('#chart .arrow')].map((a) => [a.dataset.label, +a.querySelector('line').getAttribute('y1')]),
-    marks: [...document.querySelectorAll('#chart .mark')].map((m) => [m.dataset.stage, +m.dataset.ms, +m.dataset.y, m.classList.contains('seen')]),
+    arrows: [...document.querySelectorAll('#chart .arrow')]
+      .map((a) => [a.dataset.label, +a.querySelector('line').getAttribute('y1')]),
+    marks: [...document.querySelectorAll('#chart .mark')]
+      .map((m) => [m.dataset.stage, +m.dataset.ms, +m.dataset.y, m.classList.contains('seen')]),
   }));
   let at = 0;
   for (const part of ['E_CALL_BtnStat::1', 'ecallDial', 'calls the centre', 'callState ALERTING', 'callState ACTIVE',
@@ -119,8 +121,8 @@ async function callChart(page, waitFor) {
   const stages = ['trigger', 'numberRead', 'dialSent', 'dialling', 'alerting', 'active', 'end'];
   const marks = chart.marks.filter((m) => stages.includes(m[0]));
   check(!chart.marks.some((m) => m[3]), 'the car\'s own marks stayed beside the service\'s');
-  check(JSON.stringify(marks.map((m) => m[0])) === JSON.stringify(stages), `stage marks: ${JSON.stringify(chart.marks)}`);
-  check(marks.every((m, i) => i === 0 || (m[1] >= marks[i - 1][1] && m[2] >= marks[i - 1][2])), 'stage marks out of order');
+  check(JSON.stringify(marks.map((m) => m[0])) === JSON.stringify(stages), `marks: ${JSON.stringify(chart.marks)}`);
+  check(marks.every((m, i) => i === 0 || (m[1] >= marks[i - 1][1] && m[2] >= marks[i - 1][2])), 'marks out of order');
   // The picture of the call alone, from its trigger to its end.
   await page.evaluate(([top, bottom]) => {
     const box = document.getElementById('chart-box');
