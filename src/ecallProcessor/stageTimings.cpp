@@ -6,7 +6,10 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "platform/clocks.h"
 
-void ecallProcessor::markCallStage(callTimings::stage stage) { mStageClock.mark(stage, platform::monotonicMs()); }
+void ecallProcessor::markCallStage(callTimings::stage stage) {
+  CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  mStageClock.mark(stage, platform::monotonicMs());
+}
 
 void ecallProcessor::closeCallTimings() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
