@@ -100,9 +100,8 @@ async function callFromThePanel(page) {
   await callChart(page, waitFor);
 }
 
-// The chart: the call's arrows in the order of the call, one row below the
-// other, and once it has ended the service's own stage times in their order
-// in place of what the car saw.
+// The chart: the call's arrows in order, and once it has ended the service's
+// stage times in order in place of what the car saw.
 async function callChart(page, waitFor) {
   await waitFor(() => document.querySelector('#chart .mark.service[data-stage="end"]'));
   const chart = await page.evaluate(() => ({
@@ -123,7 +122,6 @@ async function callChart(page, waitFor) {
   check(!chart.marks.some((m) => m[3]), 'the car\'s own marks stayed beside the service\'s');
   check(JSON.stringify(marks.map((m) => m[0])) === JSON.stringify(stages), `marks: ${JSON.stringify(chart.marks)}`);
   check(marks.every((m, i) => i === 0 || (m[1] >= marks[i - 1][1] && m[2] >= marks[i - 1][2])), 'marks out of order');
-  // The picture of the call alone, from its trigger to its end.
   await page.evaluate(([top, bottom]) => {
     const box = document.getElementById('chart-box');
     const scale = box.clientWidth / 1300;
