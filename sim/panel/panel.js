@@ -133,9 +133,10 @@ function svg(parent, name, attrs, text) {
 }
 
 function chartReset() {
-  // items: the rows in time order; timings: the service's answers;
-  // timedUntil: the car's own marks are shown only for what came after.
-  chart = { items: [], timings: [], timedUntil: -Infinity, call: {} };
+  // items: the rows in time order; timings: the service's answers; seen:
+  // the rows with a stage the car saw, after the last call timed.
+  chart = { items: [], timings: [], seen: [], timedUntil: -Infinity, lastMarkT: -Infinity, serviceBottom: 0,
+    marksBottom: 0, call: {} };
   $('chart').textContent = '';
   $('chart-lanes').textContent = '';
   LANES.forEach((name, lane) => svg($('chart-lanes'), 'text', { x: laneX(lane), y: 20, class: 'lane' }, name));
@@ -145,7 +146,8 @@ function chartReset() {
   LANES.forEach((_, lane) => svg(chart.lines, 'line', { x1: laneX(lane), x2: laneX(lane), y1: 0, y2: 0,
     class: 'lane' }));
   chart.rows = svg($('chart'), 'g', {});
-  chart.marks = svg($('chart'), 'g', {});
+  chart.serviceMarks = svg($('chart'), 'g', {});
+  chart.seenMarks = svg($('chart'), 'g', {});
 }
 
 const laneOf = (service) => ({ EmbeddedPhone: PHONE, TextToSpeechService: SPEECH }[service] ?? HEAD);
@@ -164,7 +166,8 @@ function arrowsOf(e) {
       if (e.service !== 'EmbeddedPhone' || e.name !== 'callState') {
         return [[laneOf(e.service), SERVICE, `${e.name} ${e.data.trim()}`, 'signal']];
       }
-      // The centre's side of the call, as far as the phone tells it.
+      // The centre's side of the call, as the phone tells it: the call
+      // reaching it and its answer (by itself, or on "psap answer").
       const states = callStates(e.data);
       const arrows = [[PHONE, SERVICE, `callState ${states.join(' ')}`, 'signal']];
       if (states.includes('DIALING')) {
@@ -186,9 +189,10 @@ function arrowsOf(e) {
     case 'channel': return [[SERVICE, CAR, describe(e), 'channel']];
     case 'vehicle': return e.bytes || e.event === 'button' ? [[CAR, SERVICE, describe(e), 'channel']] : [];
     case 'command': {
-      if (!/^(psap|dtmf|wend)\b/.test(e.line.trim()) || !e.reply.startsWith('ok')) return [];
-      if (/^psap answer/.test(e.line.trim())) call.answered = true;
-      return [[CENTRE, PHONE, e.line.trim(), 'centre']];
+      // The centre's other commands; its answer is drawn from the phone's.
+      const line = e.line.trim();
+      if (!/^(psap (hangup|callback)|dtmf|wend)\b/.test(line) || !e.reply.startsWith('ok')) return [];
+      return [[CENTRE, PHONE, line, 'centre']];
     }
     default: return [];
   }
@@ -232,10 +236,10 @@ function yAt(t) {
 
 // A stage's line across the lanes at its time, its label in the margin
 // below the label before it.
-function drawMark(stage, ms, t, cls, below) {
+function drawMark(group, stage, ms, t, cls, below) {
   const y = yAt(t);
   const labelY = Math.max(y + 4, below + 12);
-  const g = svg(chart.marks, 'g', { class: `mark ${cls}`, 'data-stage': stage, 'data-ms': ms, 'data-y': y.toFixed(1) });
+  const g = svg(group, 'g', { class: `mark ${cls}`, 'data-stage': stage, 'data-ms': ms, 'data-y': y.toFixed(1) });
   svg(g, 'line', { x1: laneX(0), x2: MARKS_X - 4, y1: y, y2: y });
   svg(g, 'line', { x1: MARKS_X - 4, x2: MARKS_X, y1: y, y2: labelY - 4, class: 'leader' });
   const name = stage === 'trigger' ? 'trigger' : STAGES[stage] || stage;
@@ -243,23 +247,31 @@ function drawMark(stage, ms, t, cls, below) {
   return labelY;
 }
 
-// The service's figures of every call timed; the car's own for the call
-// not timed yet.
-function drawMarks() {
-  chart.marks.textContent = '';
+// The service's figures of every call timed, and below their labels the
+// car's own for the call not timed yet.
+function drawServiceMarks() {
+  chart.serviceMarks.textContent = '';
   let below = 0;
   for (const timings of chart.timings) {
     const stages = Object.entries(timings.stages || {}).sort((a, b) => a[1] - b[1]);
-    for (const [stage, ms] of [['trigger', 0], ...stages])
-      below = drawMark(stage, ms, (timings.trigger + ms) / 1000, 'service', below);
+    for (const [stage, ms] of [['trigger', 0], ...stages]) {
+      const t = (timings.trigger + ms) / 1000;
+      below = drawMark(chart.serviceMarks, stage, ms, t, 'service', below);
+      chart.lastMarkT = Math.max(chart.lastMarkT, t);
+    }
   }
-  for (const item of chart.items)
-    if (item.seen && item.t > chart.timedUntil) below = drawMark(item.seen, '', item.t, 'seen', below);
-  return below;
+  chart.serviceBottom = below;
 }
 
-// Lays the rows out again from index from on, then the marks; the chart
-// follows the end while the reader is there.
+function drawSeenMarks() {
+  chart.seenMarks.textContent = '';
+  let below = chart.serviceBottom;
+  for (const item of chart.seen) below = drawMark(chart.seenMarks, item.seen, '', item.t, 'seen', below);
+  chart.marksBottom = below;
+}
+
+// Lays the rows out again from index from on, and the marks a new row may
+// have moved; the chart follows the end while the reader is there.
 function layout(from) {
   const items = chart.items;
   for (let i = from; i < items.length; i++) {
@@ -269,10 +281,13 @@ function layout(from) {
     if (items[i].g) items[i].g.remove();
     drawRow(items[i]);
   }
+  const before = items[from - 1];
+  if (from < items.length - 1 || (before && chart.lastMarkT >= before.t)) drawServiceMarks();
+  drawSeenMarks();
   const box = $('chart-box');
   const atEnd = box.scrollTop + box.clientHeight >= box.scrollHeight - 4;
   const last = items[items.length - 1];
-  const bottom = Math.max(last ? last.y : 0, drawMarks()) + 20;
+  const bottom = Math.max(last ? last.y : 0, chart.marksBottom) + 20;
   for (const line of chart.lines.children) line.setAttribute('y2', bottom);
   $('chart').setAttribute('viewBox', `0 0 1300 ${bottom}`);
   if (atEnd) box.scrollTop = box.scrollHeight;
@@ -284,6 +299,8 @@ function chartAdd(e) {
     if (timings.trigger === undefined) return;
     chart.timings.push(timings);
     chart.timedUntil = (timings.trigger + timings.stages.end) / 1000;
+    chart.seen = chart.seen.filter((item) => item.t > chart.timedUntil);
+    drawServiceMarks();
     layout(chart.items.length);
     return;
   }
@@ -291,7 +308,9 @@ function chartAdd(e) {
   if (!arrows.length) return;
   let i = chart.items.length;
   while (i > 0 && chart.items[i - 1].t > e.t) i--;
-  chart.items.splice(i, 0, { t: e.t, arrows, seen: seenStage(e) });
+  const item = { t: e.t, arrows, seen: seenStage(e) };
+  chart.items.splice(i, 0, item);
+  if (item.seen && item.t > chart.timedUntil) chart.seen.push(item);
   layout(i);
 }
 
