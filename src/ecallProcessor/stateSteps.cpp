@@ -35,10 +35,10 @@ void ecallStateMachine::checkRequest() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   if (type != ecallMain::NONE || mode != ecallMain::CALL_NONE) return;
   if (state == ECALL_SM_IDLE) {
+    emitEcall(false, type, mode);
     // An emergency given up before its call began (cancelled while it
     // waited for the phone or a number) is over too.
     processor.closeCallTimings();
-    emitEcall(false, type, mode);
   } else if (state != ECALL_SM_WAIT_FOR_END_FROM_HMI) {
     endCall();
   }
