@@ -192,8 +192,10 @@ std::string Console::run(const std::string& line, bool& quit, bool fromPanel) {
   std::vector<std::string> words = splitWords(line);
   if (words.empty() || words[0][0] == '#') return "";
   std::string answer;
+  double givenAt;  // what the command sets off is later in time
   {
     std::lock_guard<std::mutex> lock(mMutex);  // the console and the panel take turns
+    givenAt = monotonicSeconds();
     answer = dispatch({words, line, quit}, fromPanel);
   }
   Json::Value entry(Json::objectValue);
@@ -201,7 +203,7 @@ std::string Console::run(const std::string& line, bool& quit, bool fromPanel) {
   entry["line"] = line;
   entry["reply"] = answer.substr(0, answer.find('\n'));
   if (fromPanel) entry["from"] = "panel";
-  mContext.recorder.record(entry, "");
+  mContext.recorder.recordAt(givenAt, entry, "");
   return answer;
 }
 

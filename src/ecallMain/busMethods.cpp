@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ecallMain/ecallMain.h"
+#include "callTimings/callTimings.h"
 #include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
@@ -140,6 +141,15 @@ void startTestEcall(const methodCall& call) {
   }
 }
 
+// When each stage of the call closed last happened, in ms after its
+// trigger; {} before the first call. Always answered.
+void getLastCallTimings(const methodCall& call) {
+  CQVTraceScope scope(ecallMainTraceScope, __func__);
+  const std::string text = jsonWrite(callTimings::toJson(ecallHandler.lastCallTimings()));
+  SVCIPC_asyncReturnResult(call.context, text.c_str(), 0, call.token);
+  scope.sendFormattedMessage("send ecall status response %s for method %s", text.c_str(), call.method);
+}
+
 struct methodEntry {
   const char* name;
   void (*run)(const methodCall&);
@@ -158,6 +168,7 @@ const methodEntry methodTable[] = {
     {"getEmergencyCallLanguage", getEmergencyCallLanguage},
     {"hardResetGPS", hardResetGPS},
     {"startTestEcall", startTestEcall},
+    {"getLastCallTimings", getLastCallTimings},
 };
 
 }  // namespace

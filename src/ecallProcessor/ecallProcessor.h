@@ -17,6 +17,7 @@
 #include <mutex>
 #include <string>
 
+#include "callTimings/callTimings.h"
 #include "common/ecallTypes.h"
 #include "common/sharedText.h"
 #include "ecallProcessor/processorInputs.h"
@@ -149,6 +150,15 @@ class ecallProcessor final : public processorInputs {
   // syncer's thread makes them durable (until then each write is synchronous).
   void startLogSyncer();
 
+  // ---- Call-stage timings (stageTimings.cpp) ----
+  // The stage happened now, in the call in hand.
+  void markCallStage(callTimings::stage stage);
+  // The call in hand is over: its end is now, unless marked before, and its
+  // timings go to the emergency log in one entry.
+  void closeCallTimings();
+  // The call closed last, for "getLastCallTimings".
+  callTimings::callRecord lastCallTimings() const { return mStageClock.last(); }
+
   // ---- Initialisation and subscriptions (initialisation.cpp) ----
   void initEcallProcessor();
   // Its first step: the emergency log's lock and the general lock.
@@ -257,6 +267,9 @@ class ecallProcessor final : public processorInputs {
   emergencyJournal mJournal;
   // The rest of a call-back period resumed at start-up (the service's ms).
   std::atomic<int64_t> resumedCallbackPeriodMs{0};
+
+  // When each stage of the call in hand happened, and of the last call.
+  callTimings::stageClock mStageClock;
 
   // The prompt last requested by the state machine (eECallTtsPrompt). The
   // prompt for the emergency centre is two readouts chained by the

@@ -13,6 +13,7 @@
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "externalServiceHandling/hmiGateway.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/clocks.h"
 #include "platform/slog.h"
 
 using ecallMain::eCallModeType;
@@ -198,7 +199,10 @@ ecallProcessor::requestNotices ecallProcessor::decideEmergency(eEmergencyType ne
     }
     // Marked as waiting unless an emergency is in hand already: the state
     // machine's own retries carry that one (and this request with it).
-    if (curECallType.exchange(newType) == ecallMain::NONE) waitingForPhone = true;
+    if (curECallType.exchange(newType) == ecallMain::NONE) {
+      waitingForPhone = true;
+      mStageClock.begin(platform::monotonicMs());
+    }
     curCallModeType = newMode;
     if (isDialled(newType)) mJournal.requested(newType, newMode);
     scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
@@ -218,6 +222,8 @@ ecallProcessor::requestNotices ecallProcessor::decideEmergency(eEmergencyType ne
     return notices;
   }
 
+  // A new emergency is a new call; one taken up again keeps its trigger.
+  if (curECallType == ecallMain::NONE) mStageClock.begin(platform::monotonicMs());
   curECallType = newType;
   curCallModeType = newMode;
   // Written before the state machine is woken: one synchronous write.

@@ -9,6 +9,7 @@
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/clocks.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
 
@@ -35,6 +36,9 @@ void ecallStateMachine::checkRequest() {
   if (type != ecallMain::NONE || mode != ecallMain::CALL_NONE) return;
   if (state == ECALL_SM_IDLE) {
     emitEcall(false, type, mode);
+    // An emergency given up before its call began (cancelled while it
+    // waited for the phone or a number) is over too.
+    processor.closeCallTimings();
   } else if (state != ECALL_SM_WAIT_FOR_END_FROM_HMI) {
     endCall();
   }
@@ -42,6 +46,7 @@ void ecallStateMachine::checkRequest() {
 
 void ecallStateMachine::endCall() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
+  processor.markCallStage(callTimings::END);
   // No connection is awaited any more: a dial still pending must not report
   // a time-out into the callback period or idle.
   timers().stopEcallTimeoutTimer();
@@ -58,6 +63,8 @@ void ecallStateMachine::endCall() {
   dialAllowed = true;
   state = ECALL_SM_WAIT_FOR_END_FROM_HMI;
   act = startCall = delayStart = false;
+  // Told once the car has been given back its audio and light.
+  processor.closeCallTimings();
 }
 
 void ecallStateMachine::runStep() {
@@ -134,6 +141,7 @@ bool ecallStateMachine::readNumberOrRaiseFailure() {
   processor.waitingForNumber = false;
   const unsigned storedBefore = processor.numbersStored;
   if (processor.readECallNumber()) {
+    processor.markCallStage(callTimings::NUMBER_READ);
     processor.errorSentForNoEcallNumberLoaded = false;
     return true;
   }
@@ -274,6 +282,7 @@ void ecallStateMachine::dial() {
   const std::string number = test ? processor.testCallNumber.get() : processor.getLocalEcallNumber();
   scope.sendFormattedMessage("callstate idle. dial the number now");
   processor.addFormattedEntryToEmergencyLog(test ? "Test call: calling %s\n" : "Calling %s\n", number.c_str());
+  processor.mStageClock.dialSent(platform::monotonicMs());
   const SVCIPC_tError rc = test ? embeddedPhone::dialTestCall(number, ecallProcessor::onAsyncDialResult, &processor)
                                 : embeddedPhone::dial(number, ecallProcessor::onAsyncDialResult, &processor);
   dialAllowed = false;
@@ -375,7 +384,10 @@ void ecallStateMachine::stepWaitForPsapTts() {
     }
     processor.activeTts = psapPrompt;
   }
-  if (playNow) extServHandle.playTtsMsg(psapPrompt);
+  if (playNow) {
+    processor.markCallStage(callTimings::ANNOUNCEMENT_STARTED);
+    extServHandle.playTtsMsg(psapPrompt);
+  }
   timers().startEcallStateMachineTimer(1);
   state = ECALL_SM_CALL_ACTIVE;
 }
@@ -495,7 +507,9 @@ void ecallStateMachine::stepAnswer() {
     extServHandle.abortCurrentTtsMsg();
     processor.logPsapEndedIncomingCallAndClearCall();
   } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
-    if (!processor.acceptEmergencyCallback()) processor.acceptEmergencyCallback();
+    const int64_t answerSentMs = platform::monotonicMs();
+    if (processor.acceptEmergencyCallback() || processor.acceptEmergencyCallback())
+      processor.mStageClock.mark(callTimings::CALLBACK_ANSWERED, answerSentMs);
     processor.addEntryToEmergencyLog("Incoming Call - answer phone cmd sent to embedded phone\n");
     timers().startEcallTimeoutTimer();
     state = ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE;

@@ -16,6 +16,7 @@
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/clocks.h"
 #include "platform/slog.h"
 
 namespace {
@@ -73,6 +74,7 @@ bool ecallProcessor::startTestCall(std::string& why) {
       testCallNumber.set(number);
       curECallType = ecallMain::TEST_CALL;
       curCallModeType = ecallMain::CALL_TEST;
+      mStageClock.begin(platform::monotonicMs());  // a call like any other for its timings
       timers().startEcallImmediateTimer();
       return true;
     }

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "callTimings/callTimings.h"
 #include "common/ecallTypes.h"
 #include "common/jsonText.h"
 #include "platform/serviceBus.h"
@@ -42,6 +43,7 @@ const char* const usageText =
     "  export-log      move the emergency log to the USB stick\n"
     "  reset-gps       reset the cellular module (GPS receiver included)\n"
     "  test            place a test call to the vehicle's test number (never an emergency number)\n"
+    "  timings         when each stage of the last call happened, in ms after its trigger\n"
     "  monitor         print the \"ecall\" and \"ecallProgress\" signals as they come, until interrupted\n"
     "options:\n"
     "  --bus BUS       session (default, as the service), system, or a D-Bus address\n"
@@ -52,7 +54,7 @@ const char* const usageText =
     "            4 no reply in time\n";
 
 // How a reply is shown in readable form.
-enum class replyKind { result, yesNo, text };
+enum class replyKind { result, yesNo, text, timings };
 
 struct command {
   const char* name;
@@ -74,6 +76,7 @@ const command commands[] = {
     {"export-log", "saveEmergencyLogToUSBAndRemoveLocalLog", 0, replyKind::result, "result", nullptr},
     {"reset-gps", "hardResetGPS", 0, replyKind::result, "result", nullptr},
     {"test", "startTestEcall", 0, replyKind::result, "result", nullptr},
+    {"timings", "getLastCallTimings", 0, replyKind::timings, "stages", nullptr},
 };
 
 struct options {
@@ -237,6 +240,44 @@ int printReply(const command& cmd, const std::string& reply, bool json) {
   return cmd.kind == replyKind::result && member->asString() != "OK" ? EXIT_FAILED : EXIT_OK;
 }
 
+// The last call's stages as a table in the order they happened: the time
+// after the trigger and since the stage before. A reply of another shape
+// is a failure.
+int printTimings(const std::string& reply, bool json) {
+  Json::Value parsed;
+  const bool isObject = jsonParse(reply.c_str(), parsed) && parsed.isObject();
+  const Json::Value& value = parsed;
+  const bool noCall = isObject && value.empty();
+  const Json::Value& stages = isObject ? value["stages"] : Json::Value::nullSingleton();
+  if (json) fputs(reply.c_str(), stdout);
+  if (!noCall && !(stages.isObject() && value["trigger"].isIntegral() && value["dials"].isIntegral())) {
+    fprintf(stderr, "ecallctl: unexpected reply from ecallService: %s%s", reply.c_str(),
+            !reply.empty() && reply.back() == '\n' ? "" : "\n");
+    return EXIT_FAILED;
+  }
+  if (json) return EXIT_OK;
+  if (noCall) {
+    printf("no call since ecallService started\n");
+    return EXIT_OK;
+  }
+  struct row {
+    const char* label;
+    long long ms;
+  };
+  std::vector<row> rows = {{"trigger", 0}};
+  for (const callTimings::stageName& stage : callTimings::stageNames)
+    if (stages[stage.member].isIntegral()) rows.push_back({stage.label, stages[stage.member].asInt64()});
+  // Stages of the same millisecond keep the order a call goes through them.
+  std::stable_sort(rows.begin(), rows.end(), [](const row& a, const row& b) { return a.ms < b.ms; });
+  printf("%-22s %17s %18s\n", "stage", "ms after trigger", "ms since previous");
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const std::string since = i == 0 ? "-" : std::to_string(rows[i].ms - rows[i - 1].ms);
+    printf("%-22s %17lld %18s\n", rows[i].label, rows[i].ms, since.c_str());
+  }
+  printf("dial attempts: %u\n", value["dials"].asUInt());
+  return EXIT_OK;
+}
+
 int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) {
   const std::string params = parametersOf(cmd, opts.arguments);
   if (cmd.member == nullptr) {
@@ -253,6 +294,7 @@ int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) 
   if (rc != SVCIPC_ERROR_NONE) return reportFailure(rc, opts);
   const std::string reply = response->result;
   SVCIPC_freeResponse(response);
+  if (cmd.kind == replyKind::timings) return printTimings(reply, opts.json);
   return printReply(cmd, reply, opts.json);
 }
 
