@@ -1,6 +1,7 @@
 // ecallctl: drives ecallService from a shell. One subcommand per bus method
 // of the service, plus "monitor", which prints the service's signals as they
-// come. Replies are shown readably, or as the service's JSON with --json.
+// come, and "msd --decode", which reads an MSD without the bus. Replies are
+// shown readably, or as the service's JSON with --json.
 #include <signal.h>
 
 #include <cerrno>
@@ -13,12 +14,14 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "callTimings/callTimings.h"
 #include "common/ecallTypes.h"
 #include "common/jsonText.h"
+#include "msd/msd.h"
 #include "platform/serviceBus.h"
 
 namespace {
@@ -44,6 +47,8 @@ const char* const usageText =
     "  reset-gps       reset the cellular module (GPS receiver included)\n"
     "  test            place a test call to the vehicle's test number (never an emergency number)\n"
     "  timings         when each stage of the last call happened, in ms after its trigger\n"
+    "  msd             the last MSD sent (European market), decoded field by field\n"
+    "  msd --decode HEX  an MSD given in hex, decoded without the bus\n"
     "  monitor         print the \"ecall\" and \"ecallProgress\" signals as they come, until interrupted\n"
     "options:\n"
     "  --bus BUS       session (default, as the service), system, or a D-Bus address\n"
@@ -54,7 +59,7 @@ const char* const usageText =
     "            4 no reply in time\n";
 
 // How a reply is shown in readable form.
-enum class replyKind { result, yesNo, text, timings };
+enum class replyKind { result, yesNo, text, timings, msd };
 
 struct command {
   const char* name;
@@ -77,6 +82,7 @@ const command commands[] = {
     {"reset-gps", "hardResetGPS", 0, replyKind::result, "result", nullptr},
     {"test", "startTestEcall", 0, replyKind::result, "result", nullptr},
     {"timings", "getLastCallTimings", 0, replyKind::timings, "stages", nullptr},
+    {"msd", "getLastMsd", 0, replyKind::msd, "msd", nullptr},
 };
 
 struct options {
@@ -278,6 +284,34 @@ int printTimings(const std::string& reply, bool json) {
   return EXIT_OK;
 }
 
+// An MSD given in hex as the emergency centre reads it, field by field.
+int printMsd(const std::string& hex) {
+  const std::optional<std::vector<uint8_t>> octets = msd::fromHex(hex);
+  const msd::Decoded decoded = octets ? msd::decode(*octets) : msd::Decoded{{}, "not an MSD in hex: " + hex};
+  if (!decoded.error.empty()) {
+    fprintf(stderr, "ecallctl: %s\n", decoded.error.c_str());
+    return EXIT_FAILED;
+  }
+  fputs(msd::render(decoded.content).c_str(), stdout);
+  return EXIT_OK;
+}
+
+int printLastMsd(const std::string& reply, bool json) {
+  Json::Value value;
+  const bool isObject = jsonParse(reply.c_str(), value) && value.isObject();
+  if (json) fputs(reply.c_str(), stdout);
+  if (isObject && value.empty()) {
+    if (!json) printf("no MSD sent since ecallService started\n");
+    return EXIT_OK;
+  }
+  if (!isObject || !value["msd"].isString()) {
+    fprintf(stderr, "ecallctl: unexpected reply from ecallService: %s%s", reply.c_str(),
+            !reply.empty() && reply.back() == '\n' ? "" : "\n");
+    return EXIT_FAILED;
+  }
+  return json ? EXIT_OK : printMsd(value["msd"].asString());
+}
+
 int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) {
   const std::string params = parametersOf(cmd, opts.arguments);
   if (cmd.member == nullptr) {
@@ -295,6 +329,7 @@ int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) 
   const std::string reply = response->result;
   SVCIPC_freeResponse(response);
   if (cmd.kind == replyKind::timings) return printTimings(reply, opts.json);
+  if (cmd.kind == replyKind::msd) return printLastMsd(reply, opts.json);
   return printReply(cmd, reply, opts.json);
 }
 
@@ -397,6 +432,10 @@ int main(int argc, char** argv) {
   const options opts = parseCommandLine(argc, argv);
   const command* cmd = findCommand(opts.command);
   if (cmd == nullptr && opts.command != "monitor") usageError("unknown command " + opts.command);
+  if (opts.command == "msd" && !opts.arguments.empty() && opts.arguments[0] == "--decode") {
+    if (opts.arguments.size() != 2) usageError("msd --decode needs the MSD in hex");
+    return printMsd(opts.arguments[1]);
+  }
 
   // The bus threads inherit this mask, so that an interrupt of the monitor
   // reaches sigwait on the main thread and ends it cleanly.
