@@ -12,7 +12,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-
 #include <optional>
 #include <string>
 
