@@ -55,6 +55,7 @@ TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoThe
   EXPECT_EQ(dial["callType"], "MVA");
   EXPECT_EQ(dial["ecallKind"], "automatic");
   const msd::Content first = decoded(dial);
+  printf("the crash's MSD: %s\n%s", dial["msd"].asCString(), msd::render(first).c_str());
   EXPECT_EQ(first.messageIdentifier, 1);
   EXPECT_TRUE(first.automaticActivation && first.positionCanBeTrusted && !first.testCall);
   EXPECT_EQ(first.vehicleType, msd::VehicleType::lightCommercialN1);
