@@ -8,8 +8,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <regex>
 
+#include "common/jsonText.h"
+#include "msd/msd.h"
 #include "realHeadUnit.h"
 #include "support/testSupport.h"
 
@@ -49,6 +52,32 @@ void expectSpokenFiles(const std::string& log) {
     EXPECT_LT(seconds, characters / 4 + 1) << (*it)[1] << ": " << texts[n - 1];
   }
   EXPECT_GE(files, 3) << log;
+}
+
+// NDR's answer to the service's position query.
+Json::Value positions(RealHeadUnit& car) {
+  std::string reply;
+  Json::Value value;
+  car.harness.invoke("NDR", "JSON_GetProperties", R"({"inprop":["POS_Position","POS_History"]})", 10000, &reply);
+  jsonParse(reply.c_str(), value);
+  return value["outprop"];
+}
+
+msd::GeoPoint point(const Json::Value& position) {
+  return {position["DR_latitude"].asInt() / 1e6, position["DR_longitude"].asInt() / 1e6};
+}
+
+std::string dial(const std::string& kind, const std::string& msd) {
+  return R"({"address":"112","callType":"MVA","ecallKind":")" + kind + R"(","msd":")" + msd +
+         R"(","vehicleType":"Corvane"})";
+}
+
+// The latitude of the MSD the emulator decoded last, in degrees.
+double msdLatitude(const std::string& said) {
+  static const std::regex latitude(R"(msd\| latitude: ([0-9.]+) N)");
+  double last = 0;
+  for (std::sregex_iterator it(said.begin(), said.end(), latitude), end; it != end; ++it) last = std::stod((*it)[1]);
+  return last;
 }
 
 }  // namespace
@@ -128,4 +157,62 @@ TEST(RealStack, CrashIsPlacedWhateverStateTheModemComesUpIn) {
   EXPECT_TRUE(car.harness.waitForChannelMessage({3}, ms(20000)));
   car.bridge->signal(SIGTERM);
   EXPECT_EQ(car.bridge->wait(ms(10000)), 0) << car.bridge->err();
+}
+
+// The European call as the bridge places it, the service's part played by
+// the test. gpsd's drive (north-east at 45 degrees, 100 and 80 millionths of
+// a degree a second) gives NDR's position, heading and the positions 2 s and
+// 4 s before; the MSD made of them is loaded on the modem's eCall port before
+// AT+CECALL=3 and decodes there; oFono follows the call the modem placed as
+// the emergency call to 112. The centre's request for a fresh MSD becomes
+// "msdRequest" and "sendMsd" loads the fresh one. With the eCall port gone,
+// the next call is dialled through oFono without the MSD rather than not at all.
+TEST(RealStack, EuropeanCallCarriesGpsdsDriveInItsMsdOnTheModemsEcallPort) {
+  RealHeadUnit car({.europe = true, .service = false});
+  Json::Value ndr;
+  // The drive starts again every 20 s of its time: just after, nothing is
+  // 4 s earlier.
+  ASSERT_TRUE(testSupport::waitUntil([&] {
+    ndr = positions(car);
+    const Json::Value& earlier = ndr["POS_History"];
+    return earlier.size() == 2 && ndr["POS_Position"]["DR_latitude"].asInt() - earlier[1]["DR_latitude"].asInt() >= 400;
+  })) << ndr;
+  const Json::Value& now = ndr["POS_Position"];
+  EXPECT_EQ(now["DR_heading"], 45) << ndr;
+  EXPECT_EQ(now["DR_trusted"], true) << ndr;
+  for (int i : {0, 1}) {
+    EXPECT_NEAR(now["DR_latitude"].asInt() - ndr["POS_History"][i]["DR_latitude"].asInt(), 200 * (i + 1), 2) << ndr;
+    EXPECT_NEAR(now["DR_longitude"].asInt() - ndr["POS_History"][i]["DR_longitude"].asInt(), 160 * (i + 1), 2) << ndr;
+  }
+
+  msd::Session session({true, false, time(nullptr)}, {msd::VehicleType::passengerM1, "NRD1ECALL0T000042", {}});
+  const msd::Position position{point(now), true, 45.0, point(ndr["POS_History"][0]), point(ndr["POS_History"][1])};
+  const std::string first = msd::toHex(msd::encode(session.next(position, 2).content).octets);
+  size_t mark = car.modemMark();
+  std::string reply;
+  ASSERT_FALSE(SVCIPC_IS_ERROR(car.harness.invoke("EmbeddedPhone", "ecallDial", dial("automatic", first), 20000, &reply)))
+      << car.bridgeLog();
+  ASSERT_TRUE(car.waitForModem("ecall at AT+CECALL=3", mark)) << car.bridgeLog();
+  std::string said = car.modem->out().substr(mark);
+  EXPECT_LT(said.find("ecall at AT+MSDLOAD=\"" + first + "\""), said.find("ecall at AT+CECALL=3")) << said;
+  EXPECT_NEAR(msdLatitude(said), now["DR_latitude"].asInt() / 1e6, 1e-6) << said;
+  EXPECT_NE(said.find("msd| recent position N2: -7, -6"), std::string::npos) << said;
+  ASSERT_TRUE(car.waitForBridge(R"("callState":"CALL_STATE_ALERTING","callType":1,"number":"112")")) << car.bridgeLog();
+  car.network("answer");
+  ASSERT_TRUE(car.waitForBridge("CALL_STATE_ACTIVE")) << car.bridgeLog();
+
+  car.network("msdrequest");
+  ASSERT_TRUE(car.waitForBridge("<- EmbeddedPhone msdRequest {}")) << car.bridgeLog();
+  mark = car.modemMark();
+  const std::string second = msd::toHex(msd::encode(session.next(position, 2).content).octets);
+  EXPECT_FALSE(SVCIPC_IS_ERROR(car.harness.invoke("EmbeddedPhone", "sendMsd", R"({"msd":")" + second + "\"}", 20000, &reply)));
+  EXPECT_TRUE(car.waitForModem("msd| message identifier: 2", mark)) << car.modem->out();
+
+  car.network("hangup");
+  ASSERT_TRUE(car.waitForBridge("CALL_STATE_TERMINATED"));
+  car.network("ecalloff");
+  mark = car.modemMark();
+  EXPECT_FALSE(SVCIPC_IS_ERROR(car.harness.invoke("EmbeddedPhone", "ecallDial", dial("manual", first), 20000, &reply)));
+  EXPECT_TRUE(car.waitForModem("at ATD112;", mark)) << car.bridgeLog();
+  EXPECT_TRUE(car.waitForBridge("did not place the eCall (")) << car.bridgeLog();
 }
