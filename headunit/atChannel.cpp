@@ -137,12 +137,19 @@ void AtChannel::dropLocked() {
 
 bool AtChannel::command(const std::string& line, std::chrono::milliseconds bound, std::string& why) {
   const Deadline deadline = std::chrono::steady_clock::now() + bound;
-  std::unique_lock<std::timed_mutex> one(mCommand, std::defer_lock);
-  if (!one.try_lock_until(deadline)) {
+  std::unique_lock<std::mutex> lock(mMutex);
+  if (!mChanged.wait_until(lock, deadline, [&] { return !mBusy; })) {
     why = "another command holds the channel";
     return false;
   }
-  std::unique_lock<std::mutex> lock(mMutex);
+  struct Turn {
+    AtChannel& channel;
+    ~Turn() {
+      channel.mBusy = false;
+      channel.mChanged.notify_all();
+    }
+  } turn{*this};
+  mBusy = true;
   if (!openLocked(lock, deadline, why)) return false;
   mResult.reset();
   mWaiting = true;

@@ -51,10 +51,10 @@ class AtChannel {
 
   const std::string mWhere, mWatched;
   const Unsolicited mOnUnsolicited;
-  std::timed_mutex mCommand;  // one command at a time
-  std::mutex mMutex;          // what follows
+  std::mutex mMutex;  // what follows
   std::condition_variable mChanged;
   int mFd = -1, mWakeFd = -1;
+  bool mBusy = false;  // a command holds the channel: one at a time
   bool mDrop = false, mStopping = false, mWaiting = false;
   std::optional<std::string> mResult;
   std::thread mThread;

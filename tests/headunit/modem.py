@@ -21,7 +21,7 @@ The eCall port is the modem's second AT channel: a command carrying a hex
 MSD loads it (decoded with "ECALLCTL msd --decode", printed as "msd HEX"
 and one "msd| FIELD: VALUE" line per field; one that does not decode is
 refused with +CME ERROR: 50), and AT+CECALL=<3|2|0> places the eCall to
-112. The call shows on the first port as any call in the +CLCC list, and
+112 (a test call, 0, to the SIM's test number 5550100). The call shows on the first port as any call in the +CLCC list, and
 the modem tells oFono with RING, on which its AT driver reads the list
 (and takes calls it did not dial; +CIEV, +CSSI, +COLP, CONNECT or an
 unsolicited +CLCC do not make it look).
@@ -116,7 +116,8 @@ class Modem:
                 print("msd| " + line, flush=True)
             answer = "OK" if decoded.returncode == 0 else "+CME ERROR: 50"
         elif placed:
-            self.calls[1] = [0, DIALING, "112"]
+            # A test call goes to the test number the modem's SIM holds.
+            self.calls[1] = [0, DIALING, "5550100" if placed.group(1) == "0" else "112"]
         elif cmd.upper().startswith("AT+CECALL"):
             answer = "ERROR"
         self.ecall.sendall(("\r\n" + answer + "\r\n").encode())
