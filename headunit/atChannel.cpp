@@ -153,10 +153,12 @@ bool AtChannel::command(const std::string& line, std::chrono::milliseconds bound
   if (!openLocked(lock, deadline, why)) return false;
   mResult.reset();
   mWaiting = true;
+  const int fd = mFd;
   bool answered = writeLocked(line + "\r", deadline, why);
   if (answered) {
-    answered = mChanged.wait_until(lock, deadline, [&] { return mResult || mDrop; }) && mResult.has_value();
-    if (!answered) why = mDrop ? "the channel closed" : "no answer in " + std::to_string(bound.count()) + " ms";
+    const auto closed = [&] { return mDrop || mFd != fd; };
+    answered = mChanged.wait_until(lock, deadline, [&] { return mResult || closed(); }) && mResult.has_value();
+    if (!answered) why = closed() ? "the channel closed" : "no answer in " + std::to_string(bound.count()) + " ms";
   }
   mWaiting = false;
   // A late answer must not pass for the next command's.

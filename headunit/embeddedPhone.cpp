@@ -368,6 +368,7 @@ BusService::Answer EmbeddedPhone::dial(const Json::Value& params) {
     sd_bus_message* reply = nullptr;
     std::string why;
     mDialled = number;
+    mEcallExpected = false;
     if (!call(bus, mModem, "org.ofono.VoiceCallManager", "Dial", &reply, why, "ss", number.c_str(), ""))
       return error("dial failed: " + why);
     sd_bus_message_unref(reply);
@@ -380,7 +381,8 @@ BusService::Answer EmbeddedPhone::dial(const Json::Value& params) {
 // makes it a plain emergency call through oFono: the centre gets the voice
 // without the data rather than no call.
 BusService::Answer EmbeddedPhone::dialEcall(const std::string& number, const Json::Value& params) {
-  const std::string kind = params.get("ecallKind", "").asString();
+  const Json::Value& kindValue = params["ecallKind"];
+  const std::string kind = kindValue.isString() ? kindValue.asString() : "";
   const int type = kind == "manual" ? 2 : kind == "test" ? 0 : 3;  // an emergency unless told otherwise
   const bool on = mBus.use([&](sd_bus*) {
     mDialled = number;

@@ -13,18 +13,13 @@ standard input drive it and the network, each acknowledged "ok WORD":
   hangup         the far end hangs up (NO CARRIER)
   ring NUMBER    an incoming call from NUMBER (RING, +CLIP)
   drop           the modem's line to ofonod breaks
-  msdrequest     the emergency centre asks for a fresh MSD (+MSDREQ on the
-                 eCall port)
+  msdrequest     the emergency centre asks for a fresh MSD (+MSDREQ)
   ecalloff       the eCall port breaks and refuses connections from then on
-
 The eCall port is the modem's second AT channel: a command carrying a hex
-MSD loads it (decoded with "ECALLCTL msd --decode", printed as "msd HEX"
-and one "msd| FIELD: VALUE" line per field; one that does not decode is
-refused with +CME ERROR: 50), and AT+CECALL=<3|2|0> places the eCall to
-112 (a test call, 0, to the SIM's test number 5550100). The call shows on the first port as any call in the +CLCC list, and
-the modem tells oFono with RING, on which its AT driver reads the list
-(and takes calls it did not dial; +CIEV, +CSSI, +COLP, CONNECT or an
-unsolicited +CLCC do not make it look).
+MSD loads it (printed as "msd HEX" and "msd| FIELD: VALUE" lines by ECALLCTL
+msd --decode; one that does not decode is refused), AT+CECALL=<3|2|0> places
+the call, which shows in +CLCC on the first port after a RING (on which
+oFono reads the call list: see the README).
 """
 import re
 import selectors
