@@ -19,6 +19,7 @@
 #include "callTimings/callTimings.h"
 #include "common/ecallTypes.h"
 #include "common/jsonText.h"
+#include "msd/msd.h"
 #include "platform/serviceBus.h"
 
 namespace {
@@ -45,6 +46,7 @@ const char* const usageText =
     "  test            place a test call to the vehicle's test number (never an emergency number)\n"
     "  timings         when each stage of the last call happened, in ms after its trigger\n"
     "  monitor         print the \"ecall\" and \"ecallProgress\" signals as they come, until interrupted\n"
+    "  msd --decode HEX  print the MSD given in hex field by field (no bus)\n"
     "options:\n"
     "  --bus BUS       session (default, as the service), system, or a D-Bus address\n"
     "  --timeout SEC   how long to wait for a reply (default 25)\n"
@@ -391,10 +393,25 @@ int runMonitor(SVCIPC_tConnection conn, const options& opts, const sigset_t& end
   return EXIT_OK;
 }
 
+// An MSD in hex, decoded without the bus (for tools and the modem
+// emulator): field by field, or the reason it does not decode.
+int decodeMsd(const std::string& hex) {
+  const auto octets = msd::fromHex(hex);
+  const msd::Decoded decoded = octets ? msd::decode(*octets) : msd::Decoded{{}, "not hex text"};
+  if (!decoded.error.empty()) {
+    fprintf(stderr, "ecallctl: the MSD does not decode: %s\n", decoded.error.c_str());
+    return EXIT_FAILED;
+  }
+  fputs(msd::render(decoded.content).c_str(), stdout);
+  return EXIT_OK;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const options opts = parseCommandLine(argc, argv);
+  if (opts.command == "msd" && opts.arguments.size() == 2 && opts.arguments[0] == "--decode")
+    return decodeMsd(opts.arguments[1]);
   const command* cmd = findCommand(opts.command);
   if (cmd == nullptr && opts.command != "monitor") usageError("unknown command " + opts.command);
 
