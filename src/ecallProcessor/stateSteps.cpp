@@ -53,10 +53,12 @@ void ecallStateMachine::endCall() {
   processor.firstPsapTtsCount = 0;
   if (!callStateIs("CALL_STATE_IDLE")) processor.hangUpCall();
   extServHandle.abortCurrentTtsMsg();
+  // Written before the car is told, so that what the head unit sees next
+  // (the signal, the LED) follows without the disk between them. A test
+  // call is never written to the journal: a restart forgets it.
+  if (!testCallInHand) processor.mJournal.callbackPeriod(platform::scaledMs(CALLBACK_PERIOD_MS));
   emitEcall(false, ecallMain::NONE, ecallMain::CALL_NONE);
   timers().startEcallStateMachineTimer(CALLBACK_PERIOD_MS);
-  // A test call is never written to the journal: a restart forgets it.
-  if (!testCallInHand) processor.mJournal.callbackPeriod(platform::scaledMs(CALLBACK_PERIOD_MS));
   canIpcEmergencyHandler.setLedStatus(LED_OFF);
   if (testCallInHand) processor.addEntryToEmergencyLog("Test call ended\n");
   playPrompt(testCallInHand ? TTS_PROMPT_TEST_ENDED : TTS_PROMPT_ENDED);

@@ -1,7 +1,6 @@
 // ecallctl: drives ecallService from a shell. One subcommand per bus method
 // of the service, plus "monitor", which prints the service's signals as they
-// come, and "msd --decode", which reads an MSD without the bus. Replies are
-// shown readably, or as the service's JSON with --json.
+// come. Replies are shown readably, or as the service's JSON with --json.
 #include <signal.h>
 
 #include <cerrno>
@@ -14,7 +13,6 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,9 +45,9 @@ const char* const usageText =
     "  reset-gps       reset the cellular module (GPS receiver included)\n"
     "  test            place a test call to the vehicle's test number (never an emergency number)\n"
     "  timings         when each stage of the last call happened, in ms after its trigger\n"
-    "  msd             the last MSD sent (European market), decoded field by field\n"
-    "  msd --decode HEX  an MSD given in hex, decoded without the bus\n"
     "  monitor         print the \"ecall\" and \"ecallProgress\" signals as they come, until interrupted\n"
+    "  msd             the last MSD sent (European market), decoded field by field\n"
+    "  msd --decode HEX  print the MSD given in hex field by field (no bus)\n"
     "options:\n"
     "  --bus BUS       session (default, as the service), system, or a D-Bus address\n"
     "  --timeout SEC   how long to wait for a reply (default 25)\n"
@@ -284,17 +282,8 @@ int printTimings(const std::string& reply, bool json) {
   return EXIT_OK;
 }
 
-// An MSD given in hex as the emergency centre reads it, field by field.
-int printMsd(const std::string& hex) {
-  const std::optional<std::vector<uint8_t>> octets = msd::fromHex(hex);
-  const msd::Decoded decoded = octets ? msd::decode(*octets) : msd::Decoded{{}, "not an MSD in hex: " + hex};
-  if (!decoded.error.empty()) {
-    fprintf(stderr, "ecallctl: %s\n", decoded.error.c_str());
-    return EXIT_FAILED;
-  }
-  fputs(msd::render(decoded.content).c_str(), stdout);
-  return EXIT_OK;
-}
+// Defined with the other commands that need no bus, below.
+int decodeMsd(const std::string& hex);
 
 int printLastMsd(const std::string& reply, bool json) {
   Json::Value value;
@@ -309,7 +298,7 @@ int printLastMsd(const std::string& reply, bool json) {
             !reply.empty() && reply.back() == '\n' ? "" : "\n");
     return EXIT_FAILED;
   }
-  return json ? EXIT_OK : printMsd(value["msd"].asString());
+  return json ? EXIT_OK : decodeMsd(value["msd"].asString());
 }
 
 int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) {
@@ -426,16 +415,27 @@ int runMonitor(SVCIPC_tConnection conn, const options& opts, const sigset_t& end
   return EXIT_OK;
 }
 
+// An MSD in hex, decoded without the bus (for tools and the modem
+// emulator): field by field, or the reason it does not decode.
+int decodeMsd(const std::string& hex) {
+  const auto octets = msd::fromHex(hex);
+  const msd::Decoded decoded = octets ? msd::decode(*octets) : msd::Decoded{{}, "not hex text"};
+  if (!decoded.error.empty()) {
+    fprintf(stderr, "ecallctl: the MSD does not decode: %s\n", decoded.error.c_str());
+    return EXIT_FAILED;
+  }
+  fputs(msd::render(decoded.content).c_str(), stdout);
+  return EXIT_OK;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const options opts = parseCommandLine(argc, argv);
+  if (opts.command == "msd" && opts.arguments.size() == 2 && opts.arguments[0] == "--decode")
+    return decodeMsd(opts.arguments[1]);
   const command* cmd = findCommand(opts.command);
   if (cmd == nullptr && opts.command != "monitor") usageError("unknown command " + opts.command);
-  if (opts.command == "msd" && !opts.arguments.empty() && opts.arguments[0] == "--decode") {
-    if (opts.arguments.size() != 2) usageError("msd --decode needs the MSD in hex");
-    return printMsd(opts.arguments[1]);
-  }
 
   // The bus threads inherit this mask, so that an interrupt of the monitor
   // reaches sigwait on the main thread and ends it cleanly.
