@@ -56,6 +56,7 @@ std::string ecallProcessor::readTestNumber(std::string& number) {
 
 bool ecallProcessor::startTestCall(std::string& why) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  const int64_t requestedMs = platform::monotonicMs();  // the test call's trigger
   why = extServHandle.getEmebeddedPhoneEnabledInVariant() ? "" : "the vehicle has no embedded phone";
   if (why.empty()) {
     std::lock_guard<std::mutex> lock(mRequestMutex);
@@ -65,6 +66,7 @@ bool ecallProcessor::startTestCall(std::string& why) {
   // could start: an emergency in hand is never slowed by a test.
   std::string number;
   if (why.empty()) why = readTestNumber(number);
+  const int64_t numberReadMs = platform::monotonicMs();
   if (why.empty()) {
     addFormattedEntryToEmergencyLog("Test call requested, test number %s\n", number.c_str());
     std::lock_guard<std::mutex> lock(mRequestMutex);
@@ -74,7 +76,9 @@ bool ecallProcessor::startTestCall(std::string& why) {
       testCallNumber.set(number);
       curECallType = ecallMain::TEST_CALL;
       curCallModeType = ecallMain::CALL_TEST;
-      mStageClock.begin(platform::monotonicMs());  // a call like any other for its timings
+      // A call like any other for its timings, its number read on the way.
+      mStageClock.begin(requestedMs);
+      mStageClock.mark(callTimings::NUMBER_READ, numberReadMs);
       timers().startEcallImmediateTimer();
       return true;
     }

@@ -137,6 +137,8 @@ TEST(RealStack, TestCallDialsTheTestNumberThroughOfono) {
   ASSERT_TRUE(car.waitForBridge("This is a test call, not an emergency. Test call from a Vetta")) << car.bridgeLog();
   car.network("hangup");
   EXPECT_TRUE(car.waitForBridge("Test call ended.")) << car.bridgeLog();
+  ASSERT_TRUE(car.harness.waitForEmergencyLog("Call timings"));
+  printf("test call timings: %s", car.harness.call("getLastCallTimings").c_str());
   // Every number the modem was asked to dial is the test number.
   const std::string modem = car.modem->out();
   static const std::regex dial("at ATD(\\S*)");
