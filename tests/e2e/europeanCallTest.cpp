@@ -42,8 +42,8 @@ bool logHas(Scene& s, const std::string& part) {
 // configuration, its position on the drive, its heading and its positions
 // 2 s and 4 s before; no announcement and no position readout on the
 // centre's key, the microphones open at once. The centre's request gets
-// message 2 with the trigger's time and a newer position; ecallctl prints
-// it, as it decodes any MSD given to it.
+// message 2 with the trigger's time and a newer position, which ecallctl
+// prints.
 TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoTheCall) {
   Scene s(carOptions(kScale, {"set market EU", "set number 911", "set language fr_CA", "set vin KRN4A2ZX6P1000231",
                               "set category N1", "set propulsion diesel,electric", "set belts 2", "set drive 30 72"}));
@@ -88,8 +88,6 @@ TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoThe
   EXPECT_GT(*second.longitude, *first.longitude);
   const testSupport::Outcome shown = testSupport::run({ECALLCTL_BIN, "--bus", s.car.busAddress(), "msd"});
   EXPECT_EQ(shown.out, msd::render(second));
-  const std::string hex = paramsOf(s.car.requestsSince(0, "EmbeddedPhone", "sendMsd").at(0))["msd"].asString();
-  EXPECT_EQ(testSupport::run({ECALLCTL_BIN, "msd", "--decode", hex}).out, shown.out);
   EXPECT_FALSE(s.car.waitForRecord([](const Json::Value& r) { return r["kind"] == "msd" && r["messageIdentifier"] == 2; })
                    .isNull())
       << "the centre did not read the MSD";
@@ -132,8 +130,7 @@ TEST(EuropeanCall, ButtonAndTestCallMsdsAndBadConfigurationStillCalls) {
   EXPECT_EQ(test["address"], "5550100");
   EXPECT_EQ(test["callType"], "TEST");
   EXPECT_EQ(test["ecallKind"], "test");
-  EXPECT_TRUE(decoded(test).testCall);
-  EXPECT_FALSE(decoded(test).automaticActivation);
+  EXPECT_TRUE(decoded(test).testCall && !decoded(test).automaticActivation);
   ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull());
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
