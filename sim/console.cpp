@@ -128,7 +128,10 @@ const std::vector<Console::Command>& Console::commands() {
        kPanelToo, &Console::micro},
       {"button", "button ecall|assist press|release|tap   (tap: pressed and released at once)", kPanelToo,
        &Console::button},
-      {"psap", "psap answer|hangup|callback [NUMBER]", kPanelToo, &Console::psap},
+      {"psap",
+       "psap answer|hangup|callback [NUMBER]\n"
+       "psap msd                        the centre asks for a fresh MSD during the call",
+       kPanelToo, &Console::psap},
       {"dtmf", "dtmf KEY                        a key pressed by the operator", kPanelToo, &Console::number},
       {"wend", "wend N                          call end reason from the phone", kPanelToo, &Console::number},
       {"phone", "phone on|off", kPanelToo, &Console::phone},
@@ -145,6 +148,12 @@ const std::vector<Console::Command>& Console::commands() {
        "set language CODE               e.g. en_US fr_CA es_MX\n"
        "set testnumber NUMBER|none|empty  the vehicle configuration's test number (5550100)\n"
        "set gps none|LAT LON            degrees (with a point) or millionths\n"
+       "set drive HEADING KMH           the car drives on along a straight line (0 km/h: it stands)\n"
+       "set market NA|EU                the vehicle configuration's market (NA)\n"
+       "set vin TEXT|none               the configuration's VIN (CRV1E23C4N5000017)\n"
+       "set category TEXT|none          the configuration's vehicle category (M1)\n"
+       "set propulsion LIST|none        the configuration's energy stores, e.g. diesel,electric (gasoline)\n"
+       "set belts N|unknown             the vehicle status' fastened seat belts (1)\n"
        "set antenna fault|normal\n"
        "set dial ok|fail|idle|drop\n"
        "set end terminated|idle         how the phone reports a call's end\n"
@@ -311,7 +320,8 @@ std::string Console::psap(const Args& a) {
   if (w.size() == 2 && w[1] == "answer") return mCar.phone.psapAnswer();
   if (w.size() == 2 && w[1] == "hangup") return mCar.phone.psapHangup();
   if ((w.size() == 2 || w.size() == 3) && w[1] == "callback") return mCar.phone.psapCallback(w.size() == 3 ? w[2] : "");
-  return usage("psap answer|hangup|callback [NUMBER]");
+  if (w.size() == 2 && w[1] == "msd") return mCar.phone.psapMsdRequest();
+  return usage("psap answer|hangup|callback [NUMBER]|msd");
 }
 
 std::string Console::peer(const Args& a) {
@@ -383,6 +393,20 @@ std::string Console::set(const Args& a) {
       return mCar.navigation.setPosition(true, latitude, longitude);
     return usage("set gps none|LAT LON");
   }
+  if (what == "drive" && n == 4) {
+    char* end = nullptr;
+    const double heading = strtod(w[2].c_str(), &end);
+    if (*end == '\0' && toInt(w[3], number) && number >= 0) return mCar.navigation.setDrive(heading, double(number));
+    return usage("set drive HEADING KMH");
+  }
+  if (what == "market" && n == 3) {
+    mContext.settings.setMarket(v);
+    return "ok market " + v;
+  }
+  if ((what == "vin" || what == "category" || what == "propulsion") && n == 3)
+    return mCar.vehicleConfig.setVehicle(what, v == "none" ? std::nullopt : std::optional<std::string>(v));
+  if (what == "belts" && n == 3 && v == "unknown") return mCar.vehicleStatus.setSeatBelts(std::nullopt);
+  if (what == "belts" && n == 3 && toInt(v, number)) return mCar.vehicleStatus.setSeatBelts(static_cast<int>(number));
   if (what == "antenna" && n == 3 && (v == "fault" || v == "normal")) return mCar.phone.setAntennaFault(v == "fault");
   if (what == "dial" && n == 3) {
     if (v == "ok") return mCar.phone.setDialMode(PhoneService::DialMode::Ok);

@@ -1,5 +1,10 @@
 #include "headUnitServices.h"
 
+#include <cmath>
+#include <sstream>
+
+#include "platform/runtime.h"
+
 namespace sim {
 
 namespace {
@@ -173,9 +178,23 @@ SimService::Answer VehicleConfigService::answer(const std::string& method, const
     Json::Value reply(Json::objectValue);
     reply["vehicleBrand"] = mBrand;
     if (const auto number = mContext.settings.testNumber()) reply["testNumber"] = *number;
+    reply["market"] = mContext.settings.market();
+    if (const auto& vin = mVehicle["vin"]) reply["vin"] = *vin;
+    if (const auto& category = mVehicle["category"]) reply["vehicleCategory"] = *category;
+    if (const auto& propulsion = mVehicle["propulsion"]) {
+      reply["propulsion"] = Json::Value(Json::arrayValue);
+      std::istringstream names(*propulsion);
+      for (std::string name; std::getline(names, name, ',');) reply["propulsion"].append(name);
+    }
     return result(reply);
   }
   return error("unknown method " + method);
+}
+
+std::string VehicleConfigService::setVehicle(const std::string& what, const std::optional<std::string>& value) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mVehicle[what] = value;
+  return "ok " + what + " " + value.value_or("not configured");
 }
 
 std::string VehicleConfigService::setBrand(int brand) {
@@ -187,29 +206,71 @@ std::string VehicleConfigService::setBrand(int brand) {
 std::string VehicleConfigService::status() const {
   std::lock_guard<std::mutex> lock(mMutex);
   const auto number = mContext.settings.testNumber();
-  return "brand=" + std::to_string(mBrand) + " testnumber=" + (!number ? "none" : number->empty() ? "empty" : *number);
+  std::string text = "brand=" + std::to_string(mBrand) +
+                     " testnumber=" + (!number ? "none" : number->empty() ? "empty" : *number) +
+                     " market=" + mContext.settings.market();
+  for (const auto& [what, value] : mVehicle) text += " " + what + "=" + value.value_or("none");
+  return text;
 }
 
 SimService::Answer VehicleStatusService::answer(const std::string& method, const Json::Value&) {
   if (method == "getProperties") {
+    std::lock_guard<std::mutex> lock(mMutex);
     Json::Value reply(Json::objectValue);
     reply["language"] = mContext.settings.language();
+    if (mSeatBelts) reply["seatBeltsFastened"] = *mSeatBelts;
     return result(reply);
   }
   return error("unknown method " + method);
 }
 
-std::string VehicleStatusService::status() const { return "language=" + mContext.settings.language(); }
+std::string VehicleStatusService::setSeatBelts(std::optional<int> fastened) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mSeatBelts = fastened;
+  return "ok seat belts fastened " + (fastened ? std::to_string(*fastened) : std::string("unknown"));
+}
+
+std::string VehicleStatusService::status() const {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return "language=" + mContext.settings.language() +
+         " belts=" + (mSeatBelts ? std::to_string(*mSeatBelts) : std::string("unknown"));
+}
 
 // --- Navigation ------------------------------------------------------------
+
+// A drive is a straight line on a sphere of the earth's mean radius: good
+// to far better than a metre over the few hundred metres of a history.
+constexpr double kMetresPerDegree = 6371000.0 * M_PI / 180.0;
+constexpr double kHistorySeconds = 2;  // the car's positions 2 s and 4 s ago
+
+double NavigationService::sinceStartLocked() const {
+  return (monotonicSeconds() - mStartedAt) / platform::timeScale();
+}
+
+Json::Value NavigationService::positionLocked(double carSeconds) const {
+  const double metres = mMetresPerSecond * (sinceStartLocked() + carSeconds);
+  const double heading = mHeading * M_PI / 180.0;
+  const double latitude = mLatitude / 1e6 + metres * std::cos(heading) / kMetresPerDegree;
+  const double longitude =
+      mLongitude / 1e6 + metres * std::sin(heading) / (kMetresPerDegree * std::cos(mLatitude / 1e6 * M_PI / 180.0));
+  Json::Value position(Json::objectValue);
+  position["DR_latitude"] = static_cast<Json::Int>(std::llround(latitude * 1e6));
+  position["DR_longitude"] = static_cast<Json::Int>(std::llround(longitude * 1e6));
+  return position;
+}
 
 SimService::Answer NavigationService::answer(const std::string& method, const Json::Value&) {
   if (method == "JSON_GetProperties") {
     std::lock_guard<std::mutex> lock(mMutex);
     // Without a fix the navigation reports the position as zero.
     Json::Value reply(Json::objectValue);
-    reply["outprop"]["POS_Position"]["DR_latitude"] = mFix ? mLatitude : 0;
-    reply["outprop"]["POS_Position"]["DR_longitude"] = mFix ? mLongitude : 0;
+    Json::Value& now = reply["outprop"]["POS_Position"];
+    now = mFix ? positionLocked(0) : Json::Value(Json::objectValue);
+    if (!mFix) now["DR_latitude"] = now["DR_longitude"] = 0;
+    if (!mFix) return result(reply);
+    now["DR_trusted"] = true;
+    if (mMetresPerSecond > 0) now["DR_heading"] = static_cast<int>(std::lround(mHeading)) % 360;
+    for (int i = 1; i <= 2; ++i) reply["outprop"]["POS_History"].append(positionLocked(-i * kHistorySeconds));
     return result(reply);
   }
   return error("unknown method " + method);
@@ -221,14 +282,32 @@ std::string NavigationService::setPosition(bool hasFix, int32_t latitude, int32_
   if (hasFix) {
     mLatitude = latitude;
     mLongitude = longitude;
+    mStartedAt = monotonicSeconds();
   }
   return hasFix ? "ok position " + std::to_string(latitude) + " " + std::to_string(longitude) : "ok no GPS fix";
+}
+
+std::string NavigationService::setDrive(double heading, double kmh) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  const Json::Value here = positionLocked(0);
+  mLatitude = here["DR_latitude"].asInt();
+  mLongitude = here["DR_longitude"].asInt();
+  mStartedAt = monotonicSeconds();
+  mHeading = std::fmod(std::fmod(heading, 360.0) + 360.0, 360.0);
+  mMetresPerSecond = kmh / 3.6;
+  if (kmh <= 0) return "ok the car stands";
+  return "ok driving at " + std::to_string(std::lround(kmh)) + " km/h, heading " +
+         std::to_string(std::lround(mHeading)) + " degrees";
 }
 
 std::string NavigationService::status() const {
   std::lock_guard<std::mutex> lock(mMutex);
   if (!mFix) return "gps=none";
-  return "gps=" + std::to_string(mLatitude) + "," + std::to_string(mLongitude);
+  const Json::Value now = positionLocked(0);
+  std::string text = "gps=" + std::to_string(now["DR_latitude"].asInt()) + "," + std::to_string(now["DR_longitude"].asInt());
+  if (mMetresPerSecond > 0)
+    text += " drive=" + std::to_string(std::lround(mHeading)) + "/" + std::to_string(std::lround(mMetresPerSecond * 3.6));
+  return text;
 }
 
 }  // namespace sim

@@ -1,5 +1,9 @@
 #include "phoneService.h"
 
+#include <algorithm>
+
+#include "msd/msd.h"
+
 namespace sim {
 
 namespace {
@@ -37,6 +41,7 @@ const char* PhoneService::dialModeName(DialMode mode) {
 
 SimService::Answer PhoneService::answer(const std::string& method, const Json::Value& params) {
   if (method == "ecallDial") return dial(params);
+  if (method == "sendMsd") return sendMsd(params);
   if (method == "endActiveCall") return endActiveCall();
   if (method == "acceptIncomingCall") return acceptIncomingCall();
   if (method == "debugAT") return ok();
@@ -45,8 +50,11 @@ SimService::Answer PhoneService::answer(const std::string& method, const Json::V
   if (method == "getEmergencyNumbers") {
     Json::Value reply(Json::objectValue);
     Json::Value list(Json::arrayValue);
+    std::vector<std::string> numbers = mNumbers;
+    if (mContext.settings.market() == "EU" && std::count(numbers.begin(), numbers.end(), "112") == 0)
+      numbers.push_back("112");
     if (mOn)
-      for (const auto& number : mNumbers) list.append(number);
+      for (const auto& number : numbers) list.append(number);
     // A module that is off cannot be read.
     reply["code"] = mOn ? 0 : 1;
     reply["count"] = static_cast<int>(list.size());
@@ -82,6 +90,7 @@ SimService::Answer PhoneService::dial(const Json::Value& params) {
 
   mCall = Call{mNextCallId++, number, "", kEmergencyCall};
   changeCallLocked(kDialing);
+  if (params["msd"].isString()) decodeLater("ecallDial", params["msd"].asString());
   if (mDialMode == DialMode::Drop) {
     stepLater(mPaceMs, mCall.id, kDialing, kTerminated);
   } else {
@@ -89,6 +98,35 @@ SimService::Answer PhoneService::dial(const Json::Value& params) {
     if (mAutoAnswer) stepLater(2 * mPaceMs, mCall.id, kAlerting, kActive);
   }
   return ok();
+}
+
+SimService::Answer PhoneService::sendMsd(const Json::Value& params) {
+  if (!params.isObject() || !params["msd"].isString()) return error("sendMsd needs \"msd\"");
+  std::lock_guard<std::mutex> lock(mMutex);
+  if (mCall.id == 0) return error("no call to send the MSD on");
+  decodeLater("sendMsd", params["msd"].asString());
+  return ok();
+}
+
+void PhoneService::decodeLater(const std::string& method, const std::string& hex) {
+  mContext.scheduler.after(0, [this, method, hex] {
+    Json::Value entry(Json::objectValue);
+    entry["kind"] = "msd";
+    entry["via"] = method;
+    entry["hex"] = hex;
+    const auto octets = msd::fromHex(hex);
+    const msd::Decoded decoded = octets ? msd::decode(*octets) : msd::Decoded{{}, "not hex"};
+    std::string readable = "centre: MSD with " + method + " unreadable: " + decoded.error;
+    if (decoded.error.empty()) {
+      entry["messageIdentifier"] = decoded.content.messageIdentifier;
+      entry["text"] = msd::render(decoded.content);
+      readable = "centre: MSD " + std::to_string(decoded.content.messageIdentifier) + " with " + method + ", " +
+                 std::to_string(octets->size()) + " octets";
+    } else {
+      entry["error"] = decoded.error;
+    }
+    mContext.recorder.record(entry, readable);
+  });
 }
 
 SimService::Answer PhoneService::endActiveCall() {
@@ -244,6 +282,13 @@ std::string PhoneService::psapCallback(const std::string& number) {
   mCall = Call{mNextCallId++, caller, "", kEmergencyCallback};
   changeCallLocked(kRinging);
   return "ok incoming call from " + caller;
+}
+
+std::string PhoneService::psapMsdRequest() {
+  std::lock_guard<std::mutex> lock(mMutex);
+  if (mCall.id == 0 || mCall.state != kActive) return "error no call is active";
+  emitLater(0, "msdRequest", jsonText(Json::Value(Json::objectValue)));
+  return "ok the centre asks for a fresh MSD";
 }
 
 std::string PhoneService::wendReason(int serviceNumber) {

@@ -5,7 +5,10 @@
 // One call at a time. An emergency dial goes DIALING at once, ALERTING one
 // pace later and ACTIVE one more pace later (or stays alerting until the
 // operator answers, when answering is manual); the operator's callback rings
-// until the service accepts it.
+// until the service accepts it. The emergency centre decodes every minimum
+// set of data (MSD) it receives, with the dial or on its own request, and
+// records it ({"kind":"msd"}). In the European market the phone also knows
+// 112, as every phone there does.
 #pragma once
 
 #include <cstdint>
@@ -41,6 +44,8 @@ class PhoneService : public SimService {
   std::string psapAnswer();
   std::string psapHangup();
   std::string psapCallback(const std::string& number);
+  // The centre asks for a fresh MSD during the call ("msdRequest").
+  std::string psapMsdRequest();
   std::string wendReason(int serviceNumber);
 
   std::string status() const override;
@@ -60,6 +65,9 @@ class PhoneService : public SimService {
   };
 
   Answer dial(const Json::Value& params);
+  Answer sendMsd(const Json::Value& params);
+  // The centre's reading of an MSD that came with method, recorded.
+  void decodeLater(const std::string& method, const std::string& hex);
   Answer endActiveCall();
   Answer acceptIncomingCall();
   Json::Value antennaReply() const;

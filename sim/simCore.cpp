@@ -176,4 +176,14 @@ void CarSettings::setTestNumber(std::optional<std::string> number) {
   mTestNumber = std::move(number);
 }
 
+std::string CarSettings::market() const {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return mMarket;
+}
+
+void CarSettings::setMarket(const std::string& market) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mMarket = market;
+}
+
 }  // namespace sim

@@ -95,11 +95,17 @@ class CarSettings {
   // and the test line the phone reaches when it dials it.
   std::optional<std::string> testNumber() const;
   void setTestNumber(std::optional<std::string> number);
+  // The car's market, "NA" or "EU" (or any text, to see what the service
+  // makes of it): the vehicle configuration's answer and the phone's
+  // emergency numbers follow it.
+  std::string market() const;
+  void setMarket(const std::string& market);
 
  private:
   mutable std::mutex mMutex;
   std::string mLanguage = "en_US";
   std::optional<std::string> mTestNumber = "5550100";
+  std::string mMarket = "NA";
 };
 
 // What every simulated part is given.

@@ -10,7 +10,8 @@ let start = null;
 
 function reset() {
   start = null;
-  for (const id of ['timeline', 'prompts', 'log']) $(id).textContent = '';
+  for (const id of ['timeline', 'prompts', 'log', 'msd-via', 'msd-hex']) $(id).textContent = '';
+  $('msd').innerHTML = '<tr><td>none received</td></tr>';
   chartReset();
   showLed(0);
   showEcall({});
@@ -79,11 +80,31 @@ function describe(e) {
     case 'peer': return `${e.service} ${e.state}`;
     case 'log': return e.line;
     case 'timings': return `ecallService call timings ${e.data.trim()}`;
+    case 'msd': return `centre reads MSD ${e.messageIdentifier ?? '(unreadable)'} sent with ${e.via}: ${e.hex}`;
     default: return e.file || e.url || e.event || '';
   }
 }
 
+// The last MSD the centre read, field by field ("name: value" lines).
+function showMsd(e) {
+  $('msd-via').textContent = `(${e.via})`;
+  $('msd-hex').textContent = e.hex;
+  $('msd').textContent = '';
+  const lines = e.error ? [`error: ${e.error}`] : e.text.trim().split('\n');
+  for (const line of lines) {
+    const row = document.createElement('tr');
+    const at = line.indexOf(': ');
+    for (const text of [line.slice(0, at), line.slice(at + 2)]) {
+      const td = document.createElement('td');
+      td.textContent = text;
+      row.append(td);
+    }
+    $('msd').append(row);
+  }
+}
+
 function apply(e) {
+  if (e.kind === 'msd') showMsd(e);
   if (e.kind === 'channel' && e.bytes.length === 2 && e.bytes[0] === 1) showLed(e.bytes[1]);
   if (e.kind === 'ecall') showEcall(parse(e.data) || {});
   if (e.kind === 'peer' && e.service === 'ecallService') $('service').textContent = e.state === 'up' ? 'yes' : 'no';
@@ -187,6 +208,7 @@ function arrowsOf(e) {
       return [[SERVICE, HEAD, `ecall ${s.ecall ? 'on' : 'off'} ${s.type} ${s.ecall ? s.event : ''}`.trim(), 'ecall']];
     }
     case 'ecallProgress': return [[SERVICE, HEAD, `ecallProgress ${e.data.trim()}`, 'ecall']];
+    case 'msd': return [[PHONE, CENTRE, `MSD ${e.messageIdentifier ?? '(unreadable)'}`, 'centre']];
     case 'channel': return [[SERVICE, CAR, describe(e), 'channel']];
     case 'vehicle': return e.bytes || e.event === 'button' ? [[CAR, SERVICE, describe(e), 'channel']] : [];
     case 'command': {

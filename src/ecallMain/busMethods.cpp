@@ -150,6 +150,17 @@ void getLastCallTimings(const methodCall& call) {
   scope.sendFormattedMessage("send ecall status response %s for method %s", text.c_str(), call.method);
 }
 
+// The last MSD sent, {"msd":HEX}; {} before the first. Always answered.
+void getLastMsd(const methodCall& call) {
+  CQVTraceScope scope(ecallMainTraceScope, __func__);
+  Json::Value reply(Json::objectValue);
+  const std::string hex = ecallHandler.lastMsd();
+  if (!hex.empty()) reply["msd"] = hex;
+  const std::string text = jsonWrite(reply);
+  SVCIPC_asyncReturnResult(call.context, text.c_str(), 0, call.token);
+  scope.sendFormattedMessage("send ecall status response %s for method %s", text.c_str(), call.method);
+}
+
 struct methodEntry {
   const char* name;
   void (*run)(const methodCall&);
@@ -169,6 +180,7 @@ const methodEntry methodTable[] = {
     {"hardResetGPS", hardResetGPS},
     {"startTestEcall", startTestEcall},
     {"getLastCallTimings", getLastCallTimings},
+    {"getLastMsd", getLastMsd},
 };
 
 }  // namespace

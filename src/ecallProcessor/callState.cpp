@@ -47,6 +47,9 @@ void ecallProcessor::onSubcribedSignal(const char* sigName, const char* data, vo
     self.processTtsPlayState(payload);
   } else if (strcmp(sigName, "DTMF") == 0) {
     self.processDtmf(payload);
+  } else if (strcmp(sigName, "msdRequest") == 0) {
+    // Built and sent by the state machine, which holds the call's MSDs.
+    self.sendStateMachinePulse(ECALL_PULSE_MSD_REQUEST);
   }
 }
 
@@ -186,13 +189,16 @@ void ecallProcessor::processTtsPlayState(const char* data) {
 }
 
 // The operator's keys: 0 to speak with the occupants (the announcement
-// stops and the microphones open), 1 for the position.
+// stops and the microphones open), 1 for the position. In the European
+// market the centre reads the position from the MSD, and nothing is spoken
+// into the call.
 void ecallProcessor::processDtmf(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const int key = audioSignals::dtmfKey(data);
   scope.sendFormattedMessage("dtmf detected: %d\n", key);
   if (!ecallModeActive || (key != 0 && key != 1)) return;
   addFormattedEntryToEmergencyLog("Rx DTMF: %d\n", key);
+  if (extServHandle.marketIsEU()) return;
   std::lock_guard<std::mutex> lock(promptSequenceMutex);
   if (isPsapPrompt(activeTts)) {
     scope.sendFormattedMessage("DTMF received, abort current TTS");

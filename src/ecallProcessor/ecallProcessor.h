@@ -159,6 +159,10 @@ class ecallProcessor final : public processorInputs {
   // The call closed last, for "getLastCallTimings".
   callTimings::callRecord lastCallTimings() const { return mStageClock.last(); }
 
+  // ---- The minimum set of data of a European call (msdCalls.cpp) ----
+  // The hex of the last MSD sent, "" before the first, for "getLastMsd".
+  std::string lastMsd() const { return mLastMsd.get(); }
+
   // ---- Initialisation and subscriptions (initialisation.cpp) ----
   void initEcallProcessor();
   // Its first step: the emergency log's lock and the general lock.
@@ -270,6 +274,7 @@ class ecallProcessor final : public processorInputs {
 
   // When each stage of the call in hand happened, and of the last call.
   callTimings::stageClock mStageClock;
+  sharedText mLastMsd;
 
   // The prompt last requested by the state machine (eECallTtsPrompt). The
   // prompt for the emergency centre is two readouts chained by the

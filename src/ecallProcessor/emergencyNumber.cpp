@@ -2,6 +2,11 @@
 // into this service: it is asked of the phone before every emergency call and
 // whenever the phone says its numbers may have changed. The first usable
 // number of the phone's list is kept; a reply without one never erases it.
+// In the European market 112 is kept when the list has it, wherever it
+// stands: it is the number every European network takes an eCall on, and a
+// phone's list may well begin with another country's number. A list
+// without 112 gives its first number, the phone's own choice, rather than
+// no call.
 #include <chrono>
 #include <string>
 
@@ -10,6 +15,7 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
 #include "externalServiceHandling/embeddedPhone.h"
+#include "externalServiceHandling/externalServiceHandling.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
 
@@ -33,7 +39,8 @@ constexpr int PARSE_NUMBER_STORED = 1;
 int ecallProcessor::parseEcallNumber(const char* reply) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   scope.sendFormattedMessage("parse ecallnumber result %s", reply != nullptr ? reply : "NULL");
-  const embeddedPhone::emergencyNumbers parsed = embeddedPhone::parseEmergencyNumbers(reply);
+  const embeddedPhone::emergencyNumbers parsed =
+      embeddedPhone::parseEmergencyNumbers(reply, extServHandle.marketIsEU() ? "112" : "");
   if (parsed.result == embeddedPhone::emergencyNumbers::ERROR_REPLY) {
     scope.sendFormattedWarning("Get ecall number response error.");
     sendtoSlog(_SLOG_ERROR, "Get ecall number response error.\n");

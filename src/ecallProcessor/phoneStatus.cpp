@@ -200,6 +200,7 @@ void ecallProcessor::registerEmdPhSvc() {
   subscribeEmbPhSignals("embeddedPhoneStatus");
   subscribeEmbPhSignals("wendReason");
   subscribeEmbPhSignals("antennaStatus");
+  subscribeEmbPhSignals("msdRequest");
   subscribeTtsSignals("ttsPlayState");
   subscribeBtSignals("callState");
   subscribeAudioCtrlSignals("DTMF");

@@ -189,6 +189,10 @@ void ecallStateMachine::handlePulse(int code) {
       scope.sendFormattedMessage("Received resume call-back period pulse\n");
       resumeCallbackPeriod();
       break;
+    case ECALL_PULSE_MSD_REQUEST:
+      scope.sendFormattedMessage("Received MSD request pulse\n");
+      sendFreshMsd();
+      break;
     default:
       break;
   }

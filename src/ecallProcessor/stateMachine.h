@@ -12,9 +12,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <optional>
+#include <string>
 
 #include "common/ecallTypes.h"
 #include "ecallProcessor/processorTimers.h"
+#include "externalServiceHandling/embeddedPhone.h"
+#include "msd/msd.h"
 #include "platform/threadProgress.h"
 
 class ecallProcessor;
@@ -54,6 +58,8 @@ enum ecallStateMachinePulse : int {
   // A call-back period that a restart interrupted goes on (sent once, at
   // start-up, when the emergency journal says so).
   ECALL_PULSE_RESUME_CALLBACK_PERIOD = 12,
+  // The emergency centre asked for a fresh MSD during the call.
+  ECALL_PULSE_MSD_REQUEST = 13,
 };
 
 // Name of a state for traces (the table has no row for state 5, kept so).
@@ -129,6 +135,19 @@ class ecallStateMachine {
   // the phone.
   bool waitForTestCallToLeave();
 
+  // The minimum set of data of a European call (msdCalls.cpp). Each dial
+  // starts the MSDs afresh: the first is built now and goes with the dial
+  // (none in the North American market).
+  std::optional<embeddedPhone::msdCall> startMsds();
+  // The centre asked for a fresh MSD: the next one is built and sent.
+  void sendFreshMsd();
+  // The call is connected: the centre reads the MSD, so nothing is spoken
+  // into the call and the occupants may speak at once.
+  void talkWithTheCentre();
+  // The MSD's warnings and its line in the emergency log; its hex, or ""
+  // when it cannot be encoded.
+  std::string sendableMsd(const msd::Built& built, const char* how);
+
   // The "ecall" signal as the state machine sends it: ecallSignalActive
   // follows the boolean, the number is sent only with true.
   void emitEcall(bool ecall, ecallMain::eEmergencyType type, ecallMain::eCallModeType mode);
@@ -166,6 +185,10 @@ class ecallStateMachine {
   // An emergency took over while the test call was on the phone: its dial
   // waits for the phone to report that call's end.
   bool testCallLeaving = false;
+  int64_t testCallStartMs = 0;  // the wall clock of the test call's start
+  // The MSDs of the call in hand, from its dial to the end of the emergency
+  // mode (none: the call carries no MSD).
+  std::optional<msd::Session> msdSession;
 
   // The pulse being handled.
   int pulseCode = 0;

@@ -167,6 +167,8 @@ void ecallStateMachine::startEmergency() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   extServHandle.getCurrentLanguage();
   extServHandle.getVehicleBrand();
+  // Before the number: the market chooses it.
+  extServHandle.getVehicleMarket();
   if (!readNumberOrRaiseFailure()) return;
   if (startCall) {
     scope.sendFormattedMessage("State Machine: prep for Ecall.\n");
@@ -284,9 +286,12 @@ void ecallStateMachine::dial() {
   const std::string number = test ? processor.testCallNumber.get() : processor.getLocalEcallNumber();
   scope.sendFormattedMessage("callstate idle. dial the number now");
   processor.addFormattedEntryToEmergencyLog(test ? "Test call: calling %s\n" : "Calling %s\n", number.c_str());
+  const std::optional<embeddedPhone::msdCall> msd = startMsds();
+  const embeddedPhone::msdCall* withMsd = msd ? &*msd : nullptr;
   processor.mStageClock.dialSent(platform::monotonicMs());
-  const SVCIPC_tError rc = test ? embeddedPhone::dialTestCall(number, ecallProcessor::onAsyncDialResult, &processor)
-                                : embeddedPhone::dial(number, ecallProcessor::onAsyncDialResult, &processor);
+  const SVCIPC_tError rc =
+      test ? embeddedPhone::dialTestCall(number, ecallProcessor::onAsyncDialResult, &processor, withMsd)
+           : embeddedPhone::dial(number, ecallProcessor::onAsyncDialResult, &processor, withMsd);
   dialAllowed = false;
   if (rc >= 0) {
     timers().startEcallTimeoutTimer();
@@ -347,6 +352,10 @@ void ecallStateMachine::stepWaitToConnect() {
     timers().stopEcallTimeoutTimer();
     // Connected: a restart from here on does not dial again.
     if (!testCallInHand) processor.mJournal.placed();
+    if (msdSession) {
+      talkWithTheCentre();
+      return;
+    }
     psapPrompt = testCallInHand              ? TTS_PROMPT_TEST_PSAP1
                  : mode == ecallMain::CALL_ACN ? TTS_PROMPT_ACN_PSAP1
                                                : TTS_PROMPT_ECALL_PSAP1;
@@ -451,6 +460,7 @@ void ecallStateMachine::endEmergencyMode() {
   processor.addEntryToEmergencyLog("End emergency mode\n");
   if (!testCallInHand) processor.mJournal.periodOver();
   testCallInHand = testCallLeaving = false;
+  msdSession.reset();
   dialAllowed = true;
   callFailedLogged = false;
   state = ECALL_SM_IDLE;

@@ -109,8 +109,10 @@ void ecallStateMachine::startTestCall() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   testCallInHand = true;
   testCallFailures = 0;
+  testCallStartMs = platform::wallClockMs();
   extServHandle.getCurrentLanguage();
   extServHandle.getVehicleBrand();
+  extServHandle.getVehicleMarket();
   processor.addEntryToEmergencyLog("Test call started\n");
   timers().startEcallStateMachineTimer(1);
   state = ECALL_SM_MAKE_CALL;

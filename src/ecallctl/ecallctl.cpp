@@ -46,6 +46,7 @@ const char* const usageText =
     "  test            place a test call to the vehicle's test number (never an emergency number)\n"
     "  timings         when each stage of the last call happened, in ms after its trigger\n"
     "  monitor         print the \"ecall\" and \"ecallProgress\" signals as they come, until interrupted\n"
+    "  msd             the last MSD sent (European market), decoded field by field\n"
     "  msd --decode HEX  print the MSD given in hex field by field (no bus)\n"
     "options:\n"
     "  --bus BUS       session (default, as the service), system, or a D-Bus address\n"
@@ -56,7 +57,7 @@ const char* const usageText =
     "            4 no reply in time\n";
 
 // How a reply is shown in readable form.
-enum class replyKind { result, yesNo, text, timings };
+enum class replyKind { result, yesNo, text, timings, msd };
 
 struct command {
   const char* name;
@@ -79,6 +80,7 @@ const command commands[] = {
     {"reset-gps", "hardResetGPS", 0, replyKind::result, "result", nullptr},
     {"test", "startTestEcall", 0, replyKind::result, "result", nullptr},
     {"timings", "getLastCallTimings", 0, replyKind::timings, "stages", nullptr},
+    {"msd", "getLastMsd", 0, replyKind::msd, "msd", nullptr},
 };
 
 struct options {
@@ -280,6 +282,25 @@ int printTimings(const std::string& reply, bool json) {
   return EXIT_OK;
 }
 
+// Defined with the other commands that need no bus, below.
+int decodeMsd(const std::string& hex);
+
+int printLastMsd(const std::string& reply, bool json) {
+  Json::Value value;
+  const bool isObject = jsonParse(reply.c_str(), value) && value.isObject();
+  if (json) fputs(reply.c_str(), stdout);
+  if (isObject && value.empty()) {
+    if (!json) printf("no MSD sent since ecallService started\n");
+    return EXIT_OK;
+  }
+  if (!isObject || !value["msd"].isString()) {
+    fprintf(stderr, "ecallctl: unexpected reply from ecallService: %s%s", reply.c_str(),
+            !reply.empty() && reply.back() == '\n' ? "" : "\n");
+    return EXIT_FAILED;
+  }
+  return json ? EXIT_OK : decodeMsd(value["msd"].asString());
+}
+
 int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) {
   const std::string params = parametersOf(cmd, opts.arguments);
   if (cmd.member == nullptr) {
@@ -297,6 +318,7 @@ int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) 
   const std::string reply = response->result;
   SVCIPC_freeResponse(response);
   if (cmd.kind == replyKind::timings) return printTimings(reply, opts.json);
+  if (cmd.kind == replyKind::msd) return printLastMsd(reply, opts.json);
   return printReply(cmd, reply, opts.json);
 }
 

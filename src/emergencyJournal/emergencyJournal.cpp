@@ -152,3 +152,9 @@ void emergencyJournal::periodOver() {
   record.kind = journalKind::ended;
   write(record);
 }
+
+int64_t emergencyJournal::emergencyStartWallMs() {
+  std::lock_guard<std::mutex> lock(mMutex);
+  const bool inHand = mCurrent.kind == journalKind::requested || mCurrent.kind == journalKind::placed;
+  return inHand ? mCurrent.sinceWallMs : 0;
+}

@@ -47,6 +47,9 @@ class emergencyJournal {
   void closed();
   // The call-back period is over.
   void periodOver();
+  // The wall clock (ms since the epoch) of the start of the emergency
+  // requested or placed, kept over a restart; 0 when there is none.
+  int64_t emergencyStartWallMs();
 
  private:
   journal::journalClock now() const;

@@ -48,22 +48,33 @@ std::string antennaQuery() {
 }
 
 SVCIPC_tError dialAs(const char* callType, const std::string& number, SVCIPC_tResultCallback onReply,
-                     void* context) {
+                     void* context, const msdCall* msd) {
   Json::Value params(Json::objectValue);
   params["address"] = number;
   params["callType"] = callType;
   params["vehicleType"] = vehicleType;
+  if (msd != nullptr) {
+    params["ecallKind"] = msd->kind;
+    if (!msd->msdHex.empty()) params["msd"] = msd->msdHex;
+  }
   return extServ::invokeAsync(embeddedPhoneService, "ecallDial", jsonWrite(params), onReply, context);
 }
 
 }  // namespace
 
-SVCIPC_tError dial(const std::string& number, SVCIPC_tResultCallback onReply, void* context) {
-  return dialAs("MVA", number, onReply, context);
+SVCIPC_tError dial(const std::string& number, SVCIPC_tResultCallback onReply, void* context, const msdCall* msd) {
+  return dialAs("MVA", number, onReply, context, msd);
 }
 
-SVCIPC_tError dialTestCall(const std::string& number, SVCIPC_tResultCallback onReply, void* context) {
-  return dialAs("TEST", number, onReply, context);
+SVCIPC_tError dialTestCall(const std::string& number, SVCIPC_tResultCallback onReply, void* context,
+                           const msdCall* msd) {
+  return dialAs("TEST", number, onReply, context, msd);
+}
+
+SVCIPC_tError sendMsd(const std::string& msdHex) {
+  Json::Value params(Json::objectValue);
+  params["msd"] = msdHex;
+  return extServ::invokeAsync(embeddedPhoneService, "sendMsd", jsonWrite(params), "sendMsd");
 }
 
 SVCIPC_tError hangUp() { return extServ::invokeAsync(embeddedPhoneService, "endActiveCall", "", "endActiveCall"); }
@@ -115,7 +126,7 @@ SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, vo
   return extServ::subscribe(embeddedPhoneService, sigName, onSignal, context);
 }
 
-emergencyNumbers parseEmergencyNumbers(const char* reply) {
+emergencyNumbers parseEmergencyNumbers(const char* reply, const std::string& preferred) {
   Json::Value value;
   jsonParse(reply, value);
   emergencyNumbers parsed;
@@ -127,9 +138,9 @@ emergencyNumbers parseEmergencyNumbers(const char* reply) {
   parsed.result = emergencyNumbers::NO_USABLE;
   for (const Json::Value& entry : list) {
     if (!entry.isString() || entry.asString().empty()) continue;
+    if (parsed.result != emergencyNumbers::NUMBER || entry.asString() == preferred) parsed.number = entry.asString();
     parsed.result = emergencyNumbers::NUMBER;
-    parsed.number = entry.asString();
-    break;
+    if (preferred.empty() || parsed.number == preferred) break;
   }
   return parsed;
 }

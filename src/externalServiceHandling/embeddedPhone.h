@@ -19,11 +19,25 @@ namespace embeddedPhone {
 
 // ---- Calls (asynchronous) ----
 
-// Dials the emergency number as an emergency call; context "dial".
-SVCIPC_tError dial(const std::string& number, SVCIPC_tResultCallback onReply, void* context);
+// What a call of the European market carries besides the number: the kind
+// of call ("automatic", "manual" or "test") and the minimum set of data in
+// lower-case hex (empty: none could be made).
+struct msdCall {
+  const char* kind;
+  std::string msdHex;
+};
+
+// Dials the emergency number as an emergency call; context "dial". With
+// msd (the European market) the request carries the kind and the MSD.
+SVCIPC_tError dial(const std::string& number, SVCIPC_tResultCallback onReply, void* context,
+                   const msdCall* msd = nullptr);
 // Dials the test number as a test call (call type "TEST", not an emergency
 // call); replies as dial.
-SVCIPC_tError dialTestCall(const std::string& number, SVCIPC_tResultCallback onReply, void* context);
+SVCIPC_tError dialTestCall(const std::string& number, SVCIPC_tResultCallback onReply, void* context,
+                           const msdCall* msd = nullptr);
+// Hands the phone a fresh MSD that the emergency centre asked for during
+// the call; context "sendMsd".
+SVCIPC_tError sendMsd(const std::string& msdHex);
 // Ends the active call; context "endActiveCall".
 SVCIPC_tError hangUp();
 // Answers the emergency centre's call; context "acceptIncomingCall".
@@ -50,7 +64,7 @@ SVCIPC_tError requestUsbPorts(SVCIPC_tResultCallback onReply, void* context);
 SVCIPC_tError watchOwner(SVCIPC_tNameOwnerChangedCallback onChange, void* context, SVCIPC_tSigSubHnd* handle);
 SVCIPC_tError hasOwner(int& owned);
 // Its signal sigName ("callState", "embeddedPhoneStatus", "wendReason",
-// "antennaStatus"), for the life of the process.
+// "antennaStatus", "msdRequest"), for the life of the process.
 SVCIPC_tError subscribe(const char* sigName, SVCIPC_tSignalCallback onSignal, void* context);
 
 // ---- Answers and signals ----
@@ -66,7 +80,8 @@ struct emergencyNumbers {
   outcome result = ERROR_REPLY;
   std::string number;
 };
-emergencyNumbers parseEmergencyNumbers(const char* reply);
+// With preferred, that number when the list has it, else the first usable.
+emergencyNumbers parseEmergencyNumbers(const char* reply, const std::string& preferred = "");
 // Every number of the list, in order; false for an error reply.
 bool parseEmergencyNumberList(const char* reply, std::vector<std::string>& numbers);
 

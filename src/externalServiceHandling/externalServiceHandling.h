@@ -1,6 +1,7 @@
 // Requests the emergency-call service makes of other head-unit services:
 // spoken prompts, audio source and microphone routing, Bluetooth on/off,
-// vehicle variant, brand, language, position and software versions.
+// vehicle variant, brand, language, market, position and software versions,
+// and what the minimum set of data of a European call is built from.
 // Three operations that must not run on the bus signal thread go through a
 // small command thread fed by pulses.
 #pragma once
@@ -9,9 +10,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "common/sharedText.h"
+#include "msd/msd.h"
 #include "platform/serviceBus.h"
 #include "platform/trace.h"
 
@@ -108,6 +112,18 @@ class externalServiceHandling {
   // The vehicle's test number for a test call into number; "" when it was
   // read, else why there is none (in words for the one who asked).
   std::string getTestNumber(std::string& number);
+  // The market and, in the European market, the vehicle as the MSD names
+  // it; asked when a call starts. A query without an answer keeps both.
+  void getVehicleMarket();
+  bool marketIsEU() const { return mMarketEU.load(); }
+  msd::Vehicle msdVehicle() const;
+  // The fastened seat belts from the vehicle status; none when unknown.
+  std::optional<int> getFastenedSeatBelts();
+
+  // ---- The position for the MSD (msdPosition.cpp) ----
+  // The fix, heading, trust and two earlier positions; a position service
+  // that does not answer gives the last position it gave, not trusted.
+  msd::Position getMsdPosition();
 
   // ---- Bluetooth (bluetooth.cpp) ----
   void disableBluetooth();
@@ -135,6 +151,11 @@ class externalServiceHandling {
   std::atomic<bool> mVariantInfoKnown{false};
   // The last position the navigation service gave, spoken when it hangs.
   sharedText mLastPosition;
+  // The market (NA until an answer says EU) and the vehicle for the MSD.
+  std::atomic<bool> mMarketEU{false};
+  mutable std::mutex mMsdInputsMutex;
+  msd::Vehicle mMsdVehicle;            // guarded by mMsdInputsMutex
+  std::optional<msd::Position> mLastMsdPosition;  // guarded by mMsdInputsMutex
   // Set at start-up when the platform service has an owner on the bus.
   std::atomic<int> mPlatformAvailable{0};
   SVCIPC_tSigSubHnd mPlatformOwnerSubscription = nullptr;

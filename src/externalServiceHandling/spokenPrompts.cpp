@@ -118,6 +118,9 @@ std::string externalServiceHandling::composeTtsText(eECallTtsPrompt prompt) {
   const char* brand = strVehicleBrands[brandIndex];
 
   std::string text = strECallTtsPrompts[language * TTS_PROMPT_COUNT + prompt];
+  // In the European market the occupants hear the number of their market.
+  for (size_t at = text.find("9-1-1"); mMarketEU && at != std::string::npos; at = text.find("9-1-1", at))
+    text.replace(at, 5, "1-1-2");
   switch (prompt) {
     case TTS_PROMPT_ECALL_PSAP1:
     case TTS_PROMPT_ACN_PSAP1:

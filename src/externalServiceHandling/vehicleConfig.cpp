@@ -1,9 +1,12 @@
 // What vehicle the service runs in: the variant (embedded phone fitted or
-// not), the brand and the occupants' language for the prompts, and the head
-// unit's software version for the emergency record.
+// not), the brand and the occupants' language for the prompts, the market
+// and what the minimum set of data says of the vehicle, and the head unit's
+// software version for the emergency record.
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <iterator>
+#include <vector>
 
 #include "ecallMain/ecallMain.h"
 #include "common/jsonText.h"
@@ -18,6 +21,42 @@ namespace {
 constexpr int kVariantAttempts = 5;
 constexpr int64_t kVariantRetryPauseMs = 1000;
 const char* const kNotPresent = "NOT PRESENT";
+
+// The vehicle categories of the configuration, in the MSD's order (M1 is 1).
+const char* const kCategories[] = {"M1",  "M2",  "M3",  "N1",  "N2",  "N3", "L1e",
+                                   "L2e", "L3e", "L4e", "L5e", "L6e", "L7e"};
+
+// A configuration value as it was given, for a warning on one line.
+std::string shown(const Json::Value& value) {
+  if (value.isNull()) return "missing";
+  std::string text = jsonWrite(value);
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
+msd::VehicleType categoryOf(const Json::Value& value, std::vector<std::string>& warnings) {
+  for (size_t i = 0; i < std::size(kCategories); ++i)
+    if (value.isString() && value.asString() == kCategories[i]) return static_cast<msd::VehicleType>(i + 1);
+  warnings.push_back("vehicle category " + shown(value) + " unknown, sent as M1");
+  return msd::VehicleType::passengerM1;
+}
+
+// Several stores may be named (a hybrid); none named means unknown.
+msd::Propulsion propulsionOf(const Json::Value& value, std::vector<std::string>& warnings) {
+  msd::Propulsion p;
+  const std::pair<const char*, bool*> names[] = {{"gasoline", &p.gasoline}, {"diesel", &p.diesel},
+                                                 {"cng", &p.compressedNaturalGas}, {"lpg", &p.liquidPropaneGas},
+                                                 {"electric", &p.electric}, {"hydrogen", &p.hydrogen},
+                                                 {"other", &p.other}};
+  for (const Json::Value& entry : value.isArray() ? value : Json::Value(Json::arrayValue)) {
+    bool* flag = nullptr;
+    for (const auto& [name, field] : names)
+      if (entry.isString() && entry.asString() == name) flag = field;
+    if (flag != nullptr) *flag = true;
+    else warnings.push_back("propulsion " + shown(entry) + " unknown, left out");
+  }
+  return p;
+}
 
 // The number of a brand sent as an integer or as its decimal text; anything
 // else reads as 0, which is no brand.
@@ -196,4 +235,58 @@ std::string externalServiceHandling::getTestNumber(std::string& number) {
   if (number.empty()) return "the test number of the vehicle configuration is empty";
   scope.sendFormattedMessage("Test number received, %s\n", number.c_str());
   return "";
+}
+
+// NA until an answer says EU; an answer without a market, or with one the
+// service does not know, is NA (the call the car has always made). A query
+// without an answer keeps what the last answer said.
+void externalServiceHandling::getVehicleMarket() {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  Json::Value query(Json::objectValue);
+  for (const char* name : {"market", "propulsion", "vehicleCategory", "vin"}) query["props"].append(name);
+  std::string reply;
+  SVCIPC_tError rc = extServ::invokeSync(extServ::vehicleConfigService, "getProperties", jsonWrite(query), &reply);
+  if (rc < 0) {
+    scope.sendFormattedError("Unable to get the vehicle market, rc %d\n", rc);
+    sendtoSlog(_SLOG_WARNING, "Unable to get the vehicle market, rc 0x%0X\n", rc);
+    extServ::reportTimedOut(rc, "vehicle market", marketIsEU() ? "market EU" : "market NA");
+    return;
+  }
+  const Json::Value root = extServ::parseObject(reply.c_str());
+  const Json::Value& market = root["market"];
+  mMarketEU = market == "EU";
+  if (!market.isNull() && market != "EU" && market != "NA")
+    mProcessor.addFormattedEntryToEmergencyLog("Vehicle market received invalid %s, using NA\n",
+                                               shown(market).c_str());
+  if (!mMarketEU) return;
+  mProcessor.addEntryToEmergencyLog("Vehicle market EU\n");
+  std::vector<std::string> warnings;
+  msd::Vehicle vehicle;
+  vehicle.vin = extServ::textMember(root, "vin");
+  vehicle.type = categoryOf(root["vehicleCategory"], warnings);
+  vehicle.propulsion = propulsionOf(root["propulsion"], warnings);
+  for (const std::string& warning : warnings)
+    mProcessor.addFormattedEntryToEmergencyLog("MSD: %s\n", warning.c_str());
+  std::lock_guard<std::mutex> lock(mMsdInputsMutex);
+  mMsdVehicle = vehicle;
+}
+
+msd::Vehicle externalServiceHandling::msdVehicle() const {
+  std::lock_guard<std::mutex> lock(mMsdInputsMutex);
+  return mMsdVehicle;
+}
+
+std::optional<int> externalServiceHandling::getFastenedSeatBelts() {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  std::string reply;
+  SVCIPC_tError rc = extServ::invokeSync(extServ::vehicleStatusService, "getProperties",
+                                         extServ::propertyQuery("seatBeltsFastened"), &reply);
+  if (rc < 0) {
+    scope.sendFormattedError("Unable to get the seat belts, rc %d\n", rc);
+    extServ::reportTimedOut(rc, "seat belt", "the passengers left out of the MSD");
+    return std::nullopt;
+  }
+  const Json::Value belts = extServ::parseObject(reply.c_str())["seatBeltsFastened"];
+  if (!belts.isInt()) return std::nullopt;
+  return belts.asInt();
 }
