@@ -32,6 +32,10 @@ emergencyJournal::startUp emergencyJournal::open(const std::string& path, const 
     found.load.problem = std::string("cannot be read: ") + strerror(mFile.lastError());
     return found;
   }
+  // A change must not wait for the medium on its way to the dial: it is in
+  // the file when written, and on the medium a sync later.
+  if (!mFile.syncInBackground())
+    scope.sendFormattedWarning("Emergency journal syncer not started, every change waits for its sync\n");
   found.load = journal::decodeJournal(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   if (found.load.status == journal::loadStatus::unreadable) {
     found.setAside = true;

@@ -1,7 +1,9 @@
 // The emergency journal: the few facts about the emergency in hand that the
 // service must not forget when it is killed, or the head unit loses power,
-// in the middle of it. Each change is written the moment it happens, with
-// one synchronous write; at start-up the journal says what to resume.
+// in the middle of it. Each change is written the moment it happens, into
+// the file where no end of the process loses it, and made durable at once
+// after by the file's own thread, so that no change waits for the medium;
+// at start-up the journal says what to resume.
 //
 // It knows emergencies only as their type and mode numbers, and nothing of
 // who calls it. Safe to call from any thread: the changes are written one at
