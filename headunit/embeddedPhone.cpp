@@ -9,6 +9,23 @@ namespace {
 
 const char* const kOfono = "org.ofono";
 const uint64_t kCallTimeoutUsec = 20 * 1000000ull;  // oFono answers Dial once the modem took ATD
+// Each command on the eCall channel, its opening included: the two of a
+// dial and a plain dial after them (oFono's bound) stay within the 25 s the
+// service waits for the dial's answer.
+const auto kAtBound = std::chrono::milliseconds(2000);
+
+// A command of the file with its one place filled.
+std::string filled(std::string command, const char* place, const std::string& value) {
+  return command.replace(command.find(place), 2, value);
+}
+
+// The MSD as it goes into a command: hex digits only, at most 140 octets.
+bool msdHex(const Json::Value& params, std::string& hex) {
+  const Json::Value& value = params.isObject() ? params["msd"] : Json::Value();
+  hex = value.isString() ? value.asString() : "";
+  return !hex.empty() && hex.size() % 2 == 0 && hex.size() <= 280 &&
+         hex.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
 
 // One property of an a{sv} dictionary or a PropertyChanged signal.
 struct Value {
@@ -96,6 +113,16 @@ bool call(sd_bus* bus, const std::string& path, const char* interface, const cha
 }  // namespace
 
 bool EmbeddedPhone::start(std::string& why) {
+  if (!mConfig.ecallChannel.empty()) {
+    mEcall = std::make_unique<AtChannel>(mConfig.ecallChannel, mConfig.msdRequestCode, [this](const std::string&) {
+      emit("msdRequest", Json::Value(Json::objectValue));
+    });
+    std::string notNow;
+    logLine(mEcall->start(notNow) ? "EmbeddedPhone: eCall channel " + mConfig.ecallChannel + " open"
+                                  : "EmbeddedPhone: " + notNow + "; tried again at the call");
+  } else if (mConfig.market == "EU") {
+    logLine("EmbeddedPhone: no ecallChannel: emergency calls are placed without the MSD");
+  }
   return mBus.use([&](sd_bus* bus) {
     int rc = sd_bus_match_signal(bus, &mSlot, kOfono, nullptr, nullptr, nullptr, &EmbeddedPhone::onSignal, this);
     // oFono leaving the bus takes its modems along without a word.
@@ -110,6 +137,10 @@ bool EmbeddedPhone::start(std::string& why) {
     takeModems(bus);
     return true;
   });
+}
+
+void EmbeddedPhone::stop() {
+  if (mEcall) mEcall->stop();
 }
 
 EmbeddedPhone::~EmbeddedPhone() {
@@ -162,7 +193,8 @@ void EmbeddedPhone::signal(sd_bus_message* m) {
     call.incoming = call.state == "incoming" || call.state == "waiting";
     // The call the service dialled is its emergency call, whatever number
     // the market uses for it.
-    if (!call.incoming && call.number == mDialled) call.emergency = true;
+    if (!call.incoming && (call.number == mDialled || mEcallExpected)) call.emergency = true;
+    if (!call.incoming) mEcallExpected = false;
     callChanged(callPath, call);
   } else if (interface == "org.ofono.VoiceCallManager" && member == "CallRemoved") {
     if (sd_bus_message_read(m, "o", &text) < 0) return;
@@ -296,7 +328,10 @@ int EmbeddedPhone::callType(const Call& call) const {
 
 void EmbeddedPhone::callChanged(const std::string& path, Call& call) {
   if (call.reported) return;
-  if (call.emergency || callType(call) != 0) {
+  // A test call is the service's own call, but no emergency: the centre
+  // does not call back after it.
+  const bool testCall = mDialledTest && !call.incoming && call.number == mDialled;
+  if (!testCall && (call.emergency || callType(call) != 0)) {
     mHadEmergency = true;
     mLastEmergency = std::chrono::steady_clock::now();
   }
@@ -315,6 +350,7 @@ BusService::Answer EmbeddedPhone::answer(const std::string& method, const Json::
   if (method == "endActiveCall") return hangUp();
   if (method == "acceptIncomingCall") return acceptIncoming();
   if (method == "getEmergencyNumbers") return emergencyNumbers();
+  if (method == "sendMsd") return sendMsd(params);
   if (method == "getProperties") {
     Json::Value reply(Json::objectValue);
     reply["embeddedPhoneStatus"]["status"] = mBus.use([&](sd_bus*) { return phoneOn(); });
@@ -329,16 +365,63 @@ BusService::Answer EmbeddedPhone::answer(const std::string& method, const Json::
 BusService::Answer EmbeddedPhone::dial(const Json::Value& params) {
   const std::string number = params.isObject() ? params.get("address", "").asString() : "";
   if (number.empty()) return error("no address to dial");
+  if (params.isMember("msd")) return dialEcall(number, params);
   return mBus.use([&](sd_bus* bus) {
     if (!phoneOn()) return error("embedded phone is off");
     sd_bus_message* reply = nullptr;
     std::string why;
     mDialled = number;
+    mDialledTest = params["callType"].isString() && params["callType"].asString() == "TEST";
+    mEcallExpected = false;
     if (!call(bus, mModem, "org.ofono.VoiceCallManager", "Dial", &reply, why, "ss", number.c_str(), ""))
       return error("dial failed: " + why);
     sd_bus_message_unref(reply);
     return ok();
   });
+}
+
+// Whatever keeps the modem from placing the European call (no channel, a
+// channel that fails, refuses or does not answer, an MSD that is no hex)
+// makes it a plain emergency call through oFono: the centre gets the voice
+// without the data rather than no call.
+BusService::Answer EmbeddedPhone::dialEcall(const std::string& number, const Json::Value& params) {
+  const Json::Value& kindValue = params["ecallKind"];
+  const std::string kind = kindValue.isString() ? kindValue.asString() : "";
+  const int type = kind == "manual" ? 2 : kind == "test" ? 0 : 3;  // an emergency unless told otherwise
+  const bool on = mBus.use([&](sd_bus*) {
+    mDialled = number;
+    mDialledTest = kind == "test";
+    return mEcallExpected = phoneOn();
+  });
+  if (!on) return error("embedded phone is off");
+  std::string msd, why = "no ecallChannel";
+  if (mEcall && !msdHex(params, msd)) why = "the MSD is not hex";
+  if (mEcall && !msd.empty() && mEcall->command(filled(mConfig.msdLoadCommand, "%s", msd), kAtBound, why) &&
+      mEcall->command(filled(mConfig.ecallCommand, "%d", std::to_string(type)), kAtBound, why)) {
+    logLine("EmbeddedPhone: eCall " + std::to_string(type) + " placed with an MSD of " + std::to_string(msd.size() / 2) +
+            " octets");
+    return ok();
+  }
+  return mBus.use([&](sd_bus* bus) {
+    // The modem placed it after all, and oFono has shown it.
+    if (!mEcallExpected) return ok();
+    mEcallExpected = false;
+    logLine("EmbeddedPhone: the modem did not place the eCall (" + why + "): dialling " + number + " without the MSD");
+    sd_bus_message* reply = nullptr;
+    if (!call(bus, mModem, "org.ofono.VoiceCallManager", "Dial", &reply, why, "ss", number.c_str(), ""))
+      return error("dial failed: " + why);
+    sd_bus_message_unref(reply);
+    return ok();
+  });
+}
+
+// The centre asked for a fresh MSD: the modem sends what it was loaded with.
+BusService::Answer EmbeddedPhone::sendMsd(const Json::Value& params) {
+  std::string msd, why;
+  if (!msdHex(params, msd)) return error("no MSD in hex");
+  if (!mEcall) return error("no ecallChannel");
+  if (!mEcall->command(filled(mConfig.msdLoadCommand, "%s", msd), kAtBound, why)) return error("MSD not loaded: " + why);
+  return ok();
 }
 
 BusService::Answer EmbeddedPhone::hangUp() {

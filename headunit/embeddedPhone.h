@@ -9,6 +9,12 @@
 //   NetworkRegistration Status/Strength     "getAntennaStatus", "antennaStatus"
 //   VoiceCallManager EmergencyNumbers       "getEmergencyNumbers"
 //
+// The European call ("ecallDial" with an MSD) is placed by the modem on an
+// AT channel of its own (ecallChannel): the MSD loaded with the modem's
+// command, then the eCall command; oFono follows the call on its channel
+// as any other. The centre's request for a fresh MSD on that channel is the
+// "msdRequest" signal, and "sendMsd" loads the fresh one.
+//
 // The bridge powers the modem and brings it online when it starts, when a
 // modem appears and when oFono comes back, and tries again after a refusal
 // until the modem is up (modemBringUp.cpp). Powered and online is all oFono
@@ -24,9 +30,11 @@
 
 #include <chrono>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "atChannel.h"
 #include "busService.h"
 #include "config.h"
 #include "systemBus.h"
@@ -41,6 +49,8 @@ class EmbeddedPhone : public BusService {
   // Follows oFono's signals and takes the first modem; false with a reason
   // when the system bus refuses the subscription.
   bool start(std::string& why);
+  // Stops the eCall channel's reader, which may signal.
+  void stop();
 
  protected:
   Answer answer(const std::string& method, const Json::Value& params) override;
@@ -73,6 +83,8 @@ class EmbeddedPhone : public BusService {
   int callType(const Call& call) const;
 
   Answer dial(const Json::Value& params);
+  Answer dialEcall(const std::string& number, const Json::Value& params);
+  Answer sendMsd(const Json::Value& params);
   Answer hangUp();
   Answer acceptIncoming();
   Answer emergencyNumbers();
@@ -99,6 +111,11 @@ class EmbeddedPhone : public BusService {
   bool mReportedAntenna = false;
   std::map<std::string, Call> mCalls;  // by oFono object path
   std::string mDialled;                // the number ecallDial placed last
+  bool mDialledTest = false;           // ... as a test call ("callType":"TEST")
+  // The modem is placing a European call: the next outgoing call oFono
+  // shows is it, whatever number the modem reports for it.
+  bool mEcallExpected = false;
+  std::unique_ptr<AtChannel> mEcall;  // none without ecallChannel
   std::chrono::steady_clock::time_point mLastEmergency{};
   bool mHadEmergency = false;
 };

@@ -126,6 +126,7 @@ int main(int argc, char** argv) {
   headunit::logLine(std::string("ecall-headunit: stopping on ") + strsignal(sig));
   // The threads that emit stop first, then the services leave the bus.
   systemBus.stop();
+  phone.stop();
   navigation.stop();
   speech.stop();
   for (auto* service : services) service->leave();

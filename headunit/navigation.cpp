@@ -11,7 +11,19 @@ namespace headunit {
 
 namespace {
 const auto kRetry = std::chrono::seconds(3);  // gpsd may come after the bridge
+const double kMovingSpeed = 1.0;              // m/s
+const double kTrustedError = 150.0;           // m
+const double kKeptSeconds = 6.0;
+const size_t kKeptFixes = 64;  // 10 reports a second and more are cut here
+
+int32_t millionths(double degrees) { return static_cast<int32_t>(std::lround(degrees * 1e6)); }
+
+bool trusted(const gps_fix_t& fix) {
+  double error = fix.eph;
+  if (!std::isfinite(error) && std::isfinite(fix.epx) && std::isfinite(fix.epy)) error = std::hypot(fix.epx, fix.epy);
+  return std::isfinite(error) && error <= kTrustedError;
 }
+}  // namespace
 
 void Navigation::start() {
   mStopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -37,7 +49,9 @@ void Navigation::run() {
   while (!mStopping.load()) {
     follow();
     std::unique_lock<std::mutex> lock(mMutex);
-    mFix = false;
+    mFix = mTrusted = false;
+    mHeading.reset();
+    mRecent.clear();
     mStopped.wait_for(lock, kRetry, [this] { return mStopping.load(); });
   }
 }
@@ -56,21 +70,64 @@ void Navigation::follow() {
     std::lock_guard<std::mutex> lock(mMutex);
     if (fix != mFix) logLine(fix ? "NDR: position fixed" : "NDR: position lost");
     mFix = fix;
-    if (fix) {
-      mLatitude = static_cast<int32_t>(std::lround(gps.fix.latitude * 1e6));
-      mLongitude = static_cast<int32_t>(std::lround(gps.fix.longitude * 1e6));
+    mTrusted = fix && trusted(gps.fix);
+    if (!fix) {
+      mHeading.reset();
+      mRecent.clear();
+      continue;
     }
+    mLatitude = millionths(gps.fix.latitude);
+    mLongitude = millionths(gps.fix.longitude);
+    if (std::isfinite(gps.fix.track) && std::isfinite(gps.fix.speed) && gps.fix.speed >= kMovingSpeed)
+      mHeading = static_cast<int>(std::lround(std::fmod(std::fmod(gps.fix.track, 360.0) + 360.0, 360.0))) % 360;
+    if (gps.set & TIME_SET)
+      remember({static_cast<double>(gps.fix.time.tv_sec) + gps.fix.time.tv_nsec / 1e9, mLatitude, mLongitude});
   }
   gps_stream(&gps, WATCH_DISABLE, nullptr);
   gps_close(&gps);
 }
 
-BusService::Answer Navigation::answer(const std::string& method, const Json::Value&) {
+void Navigation::remember(const Fix& fix) {
+  if (!mRecent.empty() && fix.time < mRecent.back().time) mRecent.clear();
+  if (!mRecent.empty() && fix.time == mRecent.back().time) mRecent.pop_back();
+  mRecent.push_back(fix);
+  while (mRecent.size() > kKeptFixes || mRecent.front().time < fix.time - kKeptSeconds) mRecent.pop_front();
+}
+
+Json::Value Navigation::history() const {
+  Json::Value earlier(Json::arrayValue);
+  if (mRecent.empty()) return earlier;
+  const double newest = mRecent.back().time;
+  double before = newest;
+  for (const double age : {2.0, 4.0}) {
+    const Fix* best = nullptr;
+    for (const Fix& fix : mRecent) {
+      const double off = std::fabs(newest - fix.time - age);
+      if (fix.time < before && off <= 1.0 && (!best || off < std::fabs(newest - best->time - age))) best = &fix;
+    }
+    if (!best) continue;
+    Json::Value position(Json::objectValue);
+    position["DR_latitude"] = best->latitude;
+    position["DR_longitude"] = best->longitude;
+    earlier.append(position);
+    before = best->time;
+  }
+  return earlier;
+}
+
+BusService::Answer Navigation::answer(const std::string& method, const Json::Value& params) {
   if (method != "JSON_GetProperties") return error("unknown method " + method);
   std::lock_guard<std::mutex> lock(mMutex);
   Json::Value reply(Json::objectValue);
-  reply["outprop"]["POS_Position"]["DR_latitude"] = mFix ? mLatitude : 0;
-  reply["outprop"]["POS_Position"]["DR_longitude"] = mFix ? mLongitude : 0;
+  Json::Value& position = reply["outprop"]["POS_Position"];
+  position["DR_latitude"] = mFix ? mLatitude : 0;
+  position["DR_longitude"] = mFix ? mLongitude : 0;
+  if (mFix && mHeading) position["DR_heading"] = *mHeading;
+  position["DR_trusted"] = mTrusted;
+  const Json::Value asked = params.isObject() ? params.get("inprop", Json::Value()) : Json::Value();
+  if (asked.isArray())
+    for (const auto& name : asked)
+      if (name == "POS_History") reply["outprop"]["POS_History"] = history();
   return result(reply);
 }
 

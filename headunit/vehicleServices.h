@@ -1,7 +1,8 @@
 // The services that tell ecallService what car it is in, answered from the
-// configuration file: the vehicle configuration (brand), the vehicle status
-// (language) and the platform (whether the variant has the embedded phone,
-// the software version).
+// configuration file: the vehicle configuration (brand, test number, and the
+// market, VIN, vehicle category and propulsion where set), the vehicle status
+// (language, and the fastened seat belts where set) and the platform
+// (whether the variant has the embedded phone, the software version).
 #pragma once
 
 #include "config.h"

@@ -143,11 +143,13 @@ const std::vector<Console::Command>& Console::commands() {
        "set variant YES|NO|none|TEXT\n"
        "set brand N\n"
        "set language CODE               e.g. en_US fr_CA es_MX\n"
+       "set testnumber NUMBER|none|empty  the vehicle configuration's test number (5550100)\n"
        "set gps none|LAT LON            degrees (with a point) or millionths\n"
        "set antenna fault|normal\n"
        "set dial ok|fail|idle|drop\n"
        "set end terminated|idle         how the phone reports a call's end\n"
        "set pace MS                     time between call states\n"
+       "set hangup MS                   time the phone takes to end a call it is asked to end\n"
        "set answer auto|manual          whether the operator answers by itself\n"
        "set volume N                    phone volume of the mixer\n"
        "set scenario NAME|none          active hands-free scenario",
@@ -159,6 +161,8 @@ const std::vector<Console::Command>& Console::commands() {
        "appmgr operStatus|appStarted|appPaused|appStopped JSON",
        kPanelToo, &Console::appManager},
       {"bt", "bt callstate active|idle", kPanelToo, &Console::bluetooth},
+      {"testcall", "testcall                        ask the service for a test call (as a technician's tool does)",
+       kPanelToo, &Console::testCall},
       // A pause or the end of the car belongs to whoever started it.
       {"wait", "wait MS                         pause (car time)", kConsoleOnly, &Console::wait},
       {"status", "status", kPanelToo, &Console::statusCommand},
@@ -188,8 +192,10 @@ std::string Console::run(const std::string& line, bool& quit, bool fromPanel) {
   std::vector<std::string> words = splitWords(line);
   if (words.empty() || words[0][0] == '#') return "";
   std::string answer;
+  double givenAt;  // what the command sets off is later in time
   {
     std::lock_guard<std::mutex> lock(mMutex);  // the console and the panel take turns
+    givenAt = monotonicSeconds();
     answer = dispatch({words, line, quit}, fromPanel);
   }
   Json::Value entry(Json::objectValue);
@@ -197,7 +203,7 @@ std::string Console::run(const std::string& line, bool& quit, bool fromPanel) {
   entry["line"] = line;
   entry["reply"] = answer.substr(0, answer.find('\n'));
   if (fromPanel) entry["from"] = "panel";
-  mContext.recorder.record(entry, "");
+  mContext.recorder.recordAt(givenAt, entry, "");
   return answer;
 }
 
@@ -362,6 +368,10 @@ std::string Console::set(const Args& a) {
   }
   if (what == "variant" && n == 3) return mCar.platform.setVariant(v == "none" ? "" : v);
   if (what == "brand" && n == 3 && toInt(v, number)) return mCar.vehicleConfig.setBrand(static_cast<int>(number));
+  if (what == "testnumber" && n == 3) {
+    mContext.settings.setTestNumber(v == "none" ? std::nullopt : std::optional<std::string>(v == "empty" ? "" : v));
+    return "ok test number " + v;
+  }
   if (what == "language" && n == 3) {
     mContext.settings.setLanguage(v);
     return "ok language " + v;
@@ -383,6 +393,7 @@ std::string Console::set(const Args& a) {
   }
   if (what == "end" && n == 3 && (v == "terminated" || v == "idle")) return mCar.phone.setEndAsIdle(v == "idle");
   if (what == "pace" && n == 3 && toInt(v, number) && number >= 0) return mCar.phone.setPace(number);
+  if (what == "hangup" && n == 3 && toInt(v, number) && number >= 0) return mCar.phone.setHangupDelay(number);
   if (what == "answer" && n == 3 && (v == "auto" || v == "manual")) return mCar.phone.setAutoAnswer(v == "auto");
   if (what == "volume" && n == 3 && toInt(v, number)) return mCar.mixer.setVolume(static_cast<int>(number));
   if (what == "scenario" && n == 3) {
@@ -421,6 +432,31 @@ std::string Console::appManager(const Args& a) {
 }
 
 std::string Console::statusCommand(const Args&) { return status(); }
+
+// The service's own answer: started, or refused with its reason.
+std::string Console::testCall(const Args& a) {
+  if (a.w.size() != 1) return usage("testcall");
+  if (!mServiceConnection &&
+      SVCIPC_IS_ERROR(SVCIPC_getConnectionByAddress(mContext.busAddress.c_str(), &mServiceConnection))) {
+    mServiceConnection = nullptr;
+    return "error cannot connect to the bus";
+  }
+  SVCIPC_tResponse* response = nullptr;
+  const SVCIPC_tError rc = SVCIPC_invoke(mServiceConnection, "com.nordak.service.ecallService",
+                                         "/com/nordak/service/ecallService", "startTestEcall", "{}",
+                                         SVCIPC_TIMEOUT_DEFAULT, &response);
+  if (SVCIPC_IS_ERROR(rc)) {
+    char status[16];
+    snprintf(status, sizeof status, "0x%08X", static_cast<unsigned>(rc));
+    return std::string("error ecallService gave no answer (status ") + status + ")";
+  }
+  Json::Value reply;
+  const bool parsed = jsonParse(response->result, reply) && reply.isObject();
+  SVCIPC_freeResponse(response);
+  if (parsed && reply["result"] == "OK") return "ok test call started";
+  if (parsed && reply["reason"].isString()) return "error test call refused: " + reply["reason"].asString();
+  return "error unexpected answer from ecallService";
+}
 
 std::string Console::status() {
   std::string text = "ok";

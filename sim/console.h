@@ -86,10 +86,13 @@ class Console {
   std::string appManager(const Args& a);
   std::string reply(const Args& a);
   std::string statusCommand(const Args& a);
+  std::string testCall(const Args& a);
 
   SimContext& mContext;
   Car& mCar;
   std::mutex mMutex;
+  // The console's own connection to the service, made at its first use.
+  SVCIPC_tConnection mServiceConnection = nullptr;
 };
 
 // The words of a line, and the text after the first n of them.

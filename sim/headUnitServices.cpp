@@ -172,6 +172,7 @@ SimService::Answer VehicleConfigService::answer(const std::string& method, const
     std::lock_guard<std::mutex> lock(mMutex);
     Json::Value reply(Json::objectValue);
     reply["vehicleBrand"] = mBrand;
+    if (const auto number = mContext.settings.testNumber()) reply["testNumber"] = *number;
     return result(reply);
   }
   return error("unknown method " + method);
@@ -185,7 +186,8 @@ std::string VehicleConfigService::setBrand(int brand) {
 
 std::string VehicleConfigService::status() const {
   std::lock_guard<std::mutex> lock(mMutex);
-  return "brand=" + std::to_string(mBrand);
+  const auto number = mContext.settings.testNumber();
+  return "brand=" + std::to_string(mBrand) + " testnumber=" + (!number ? "none" : number->empty() ? "empty" : *number);
 }
 
 SimService::Answer VehicleStatusService::answer(const std::string& method, const Json::Value&) {

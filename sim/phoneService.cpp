@@ -93,7 +93,24 @@ SimService::Answer PhoneService::dial(const Json::Value& params) {
 
 SimService::Answer PhoneService::endActiveCall() {
   std::lock_guard<std::mutex> lock(mMutex);
-  if (mCall.id != 0) changeCallLocked(kTerminated);
+  if (mCall.id == 0) return ok();
+  if (mHangupMs <= 0) {
+    changeCallLocked(kTerminated);
+    return ok();
+  }
+  // Until the network has released it, the call goes on as it was.
+  const uint64_t callId = mCall.id;
+  mContext.scheduler.after(mHangupMs, [this, callId] {
+    std::string data;
+    {
+      std::lock_guard<std::mutex> lock(mMutex);
+      if (mCall.id != callId) return;
+      mCall.state = kTerminated;
+      data = callStateData(mCall);
+      mCall = Call{};
+    }
+    emit("callState", data);
+  });
   return ok();
 }
 
@@ -186,6 +203,12 @@ std::string PhoneService::setPace(int64_t ms) {
   return "ok pace " + std::to_string(ms) + " ms";
 }
 
+std::string PhoneService::setHangupDelay(int64_t ms) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mHangupMs = ms;
+  return "ok hang-up reported after " + std::to_string(ms) + " ms";
+}
+
 std::string PhoneService::setAutoAnswer(bool automatic) {
   std::lock_guard<std::mutex> lock(mMutex);
   mAutoAnswer = automatic;
@@ -228,6 +251,18 @@ std::string PhoneService::wendReason(int serviceNumber) {
   data["serviceNumber"] = serviceNumber;
   emitLater(0, "wendReason", jsonText(data));
   return "ok wendReason " + std::to_string(serviceNumber);
+}
+
+// A dial to the test number reaches the test line, which answers like the
+// emergency centre: the record says which of the two was called.
+std::string PhoneService::describe(const std::string& method, const std::string& params) const {
+  Json::Value value;
+  if (method == "ecallDial" && jsonParse(params, value) && value.isObject() && value["address"].isString()) {
+    const std::string number = value["address"].asString();
+    const bool testLine = number == mContext.settings.testNumber().value_or("");
+    return "phone: dialling " + number + (testLine ? " (the test line)" : " (the emergency centre)");
+  }
+  return SimService::describe(method, params);
 }
 
 std::string PhoneService::describeSignal(const std::string& signal, const std::string& data) const {

@@ -32,6 +32,9 @@ class PhoneService : public SimService {
   std::string setNumbers(const std::vector<std::string>& numbers);  // empty: none programmed
   std::string setDialMode(DialMode mode);
   std::string setPace(int64_t ms);
+  // How long the phone takes to report the end of a call it was asked to
+  // end (0: at once).
+  std::string setHangupDelay(int64_t ms);
   std::string setAutoAnswer(bool automatic);
   // A call's end is reported as CALL_STATE_IDLE instead of TERMINATED.
   std::string setEndAsIdle(bool idle);
@@ -46,6 +49,7 @@ class PhoneService : public SimService {
  protected:
   Answer answer(const std::string& method, const Json::Value& params) override;
   std::string describeSignal(const std::string& signal, const std::string& data) const override;
+  std::string describe(const std::string& method, const std::string& params) const override;
 
  private:
   struct Call {
@@ -73,6 +77,7 @@ class PhoneService : public SimService {
   std::vector<std::string> mNumbers{"911"};
   DialMode mDialMode = DialMode::Ok;
   int64_t mPaceMs = 1000;
+  int64_t mHangupMs = 0;
   bool mAutoAnswer = true;
   bool mEndAsIdle = false;
   Call mCall;

@@ -10,12 +10,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/runtime.h"
+
 namespace sim {
 
 namespace {
 constexpr const char* kServiceName = "com.nordak.service.ecallService";
 constexpr const char* kServicePath = "/com/nordak/service/ecallService";
 constexpr const char* kLogName = "ecall_log.txt";
+constexpr const char* kTimingsEntry = "Call timings (ms after trigger):";
 
 // Entries begin with their time stamp ("14:03:27 March 05, 2014 GMT:"); the
 // header lines do not.
@@ -98,6 +101,7 @@ bool ServiceWatcher::startFiles(const std::string& logFolder, const std::string&
     return false;
   }
   readLogGrowth();  // a log that was there before the car started
+  mFollowing = true;
   mFileThread = std::thread([this] { fileLoop(); });
   return true;
 }
@@ -161,7 +165,26 @@ void ServiceWatcher::readLogGrowth() {
     entry["kind"] = "log";
     entry["line"] = line;
     mContext.recorder.record(entry, "log: " + line);
+    if (mFollowing && line.find(kTimingsEntry) != std::string::npos) askCallTimings();
   }
+}
+
+void ServiceWatcher::askCallTimings() {
+  if (!mConnection) return;
+  // Five seconds of real time whatever the car's pace: the answer is only
+  // for the record, and a service that is gone or hung gets none.
+  const int limitMs = static_cast<int>(5000 / platform::timeScale());
+  SVCIPC_asyncInvoke(mConnection, kServiceName, kServicePath, "getLastCallTimings", "{}", 0, limitMs,
+                     &ServiceWatcher::onCallTimings, this);
+}
+
+void ServiceWatcher::onCallTimings(const SVCIPC_tCallbackStatus* status, const char* result, void* context) {
+  if (status == nullptr || SVCIPC_IS_ERROR(status->errCode) || result == nullptr) return;
+  Json::Value entry(Json::objectValue);
+  entry["kind"] = "timings";
+  entry["data"] = result;
+  auto* self = static_cast<ServiceWatcher*>(context);
+  self->mContext.recorder.record(entry, "ecallService call timings " + oneLine(result));
 }
 
 void ServiceWatcher::stop() {

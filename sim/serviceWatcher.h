@@ -1,7 +1,10 @@
 // What the car sees of the emergency call service: its "ecall" and
 // "ecallProgress" signals, its presence on the bus, and the lines it appends
 // to the emergency log in flash (and the files it writes to the USB stick).
-// All of it is recorded and shown as it happens.
+// All of it is recorded and shown as it happens. When the service logs the
+// timings of a call that ended, the watcher asks it for them
+// ("getLastCallTimings") and records the answer, so that the car's record
+// holds the service's own figures beside what the car saw.
 #pragma once
 
 #include <map>
@@ -30,6 +33,8 @@ class ServiceWatcher {
   static void onOwnerChanged(const char* busName, const char* oldOwner, const char* newOwner, void* context);
   void fileLoop();
   void readLogGrowth();
+  void askCallTimings();
+  static void onCallTimings(const SVCIPC_tCallbackStatus* status, const char* result, void* context);
 
   SimContext& mContext;
   SVCIPC_tConnection mConnection = nullptr;
@@ -39,6 +44,7 @@ class ServiceWatcher {
   int mLogWatch = -1, mUsbWatch = -1;
   long long mLogOffset = 0;
   std::string mPartial;  // a log line not yet ended
+  bool mFollowing = false;  // reading what the log gains, not what it held at the start
   std::thread mFileThread;
 };
 

@@ -166,4 +166,14 @@ void CarSettings::setLanguage(const std::string& language) {
   mLanguage = language;
 }
 
+std::optional<std::string> CarSettings::testNumber() const {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return mTestNumber;
+}
+
+void CarSettings::setTestNumber(std::optional<std::string> number) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mTestNumber = std::move(number);
+}
+
 }  // namespace sim

@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -90,10 +91,15 @@ class CarSettings {
  public:
   std::string language() const;
   void setLanguage(const std::string& language);
+  // The test number of the vehicle configuration (none: not configured),
+  // and the test line the phone reaches when it dials it.
+  std::optional<std::string> testNumber() const;
+  void setTestNumber(std::optional<std::string> number);
 
  private:
   mutable std::mutex mMutex;
   std::string mLanguage = "en_US";
+  std::optional<std::string> mTestNumber = "5550100";
 };
 
 // What every simulated part is given.

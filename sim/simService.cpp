@@ -176,6 +176,8 @@ std::string SimService::describe(const std::string& method, const std::string& p
 
 void SimService::handle(SVCIPC_tReqContext request, const std::string& method, const std::string& params,
                         int noReplyExpected, SVCIPC_tUserToken token) {
+  // Stamped on receipt, so that what the answer sets off is later in time.
+  const double receivedAt = monotonicSeconds();
   Answer answer{Answer::None, ""};
   Mode mode = mMode.load();
   if (mode == Mode::Refuse) {
@@ -216,7 +218,7 @@ void SimService::handle(SVCIPC_tReqContext request, const std::string& method, c
     entry["error"] = answer.kind == Answer::Error;
     readable += answer.kind == Answer::Error ? "  => error " + answer.text : "  => " + oneLine(answer.text);
   }
-  mContext.recorder.record(entry, readable);
+  mContext.recorder.recordAt(receivedAt, entry, readable);
 
   if (answer.kind != Answer::None && !noReplyExpected)
     SVCIPC_asyncReturnResult(request, answer.text.c_str(), answer.kind == Answer::Error ? 1 : 0, token);

@@ -303,9 +303,7 @@ bool VehicleStatusObject::writeLocked() {
   char text[160];
   int length = snprintf(text, sizeof text, "@vehstat\nE_CALL_BtnStat::%d\nU_CALL_BtnStat::%d\nODO::%lld\n", mEcall,
                         mAssist, mOdometer);
-  if (platform::ppsWrite(mPath.c_str(), text, static_cast<size_t>(length)) != 0) return false;
-  mWrittenAt = monotonicSeconds();
-  return true;
+  return platform::ppsWrite(mPath.c_str(), text, static_cast<size_t>(length)) == 0;
 }
 
 std::string VehicleStatusObject::button(const std::string& which, bool pressed) {
@@ -313,15 +311,16 @@ std::string VehicleStatusObject::button(const std::string& which, bool pressed) 
   int& value = which == "ecall" ? mEcall : mAssist;
   value = pressed ? 1 : 0;
   const char* attribute = which == "ecall" ? "E_CALL_BtnStat" : "U_CALL_BtnStat";
+  // Stamped before the write, so that the service's answer is later in time.
+  const double writingAt = monotonicSeconds();
   bool written = writeLocked();
   Json::Value entry(Json::objectValue);
   entry["kind"] = "vehicle";
   entry["event"] = "button";
   entry["name"] = attribute;
   entry["value"] = value;
-  // Stamped when the object changed, the moment a reader may see it.
-  mRecorder.recordAt(mWrittenAt, entry, std::string(which == "ecall" ? "9-1-1" : "Assist") + " button " +
-                                            (pressed ? "pressed" : "released"));
+  mRecorder.recordAt(writingAt, entry, std::string(which == "ecall" ? "9-1-1" : "Assist") + " button " +
+                                           (pressed ? "pressed" : "released"));
   if (!written) return "error cannot write " + platform::rootPath(mPath);
   return std::string("ok ") + attribute + "::" + std::to_string(value);
 }

@@ -93,7 +93,6 @@ class VehicleStatusObject {
   int mEcall = 0;
   int mAssist = 0;
   long long mOdometer = 1234567;
-  double mWrittenAt = 0;  // monotonic seconds of the last replacement
 };
 
 }  // namespace sim

@@ -11,7 +11,9 @@ namespace ecallMain {
 // What caused the emergency: 0 none, 1 the mirror emergency button, 2..14 the
 // thirteen impact kinds of the restraint controller's CAN path, 15..27 the
 // same kinds on its serial path (a serial kind is its CAN kind + 13),
-// 28 the emergency centre's callback.
+// 28 the emergency centre's callback, 29 a test call (no emergency: it is
+// dialled to the vehicle's test number only, and never kept across a
+// restart).
 enum eEmergencyType : int32_t {
   NONE = 0,
   E_CALL_BtnStat = 1,
@@ -42,7 +44,8 @@ enum eEmergencyType : int32_t {
   SERIAL_IMPACT_O = 26,
   SERIAL_IMPACT_X = 27,
   Emergency_Callback = 28,
-  EMERGENCY_TYPE_COUNT = 29
+  TEST_CALL = 29,
+  EMERGENCY_TYPE_COUNT = 30
 };
 
 // The thirteen impact kinds of one path.
@@ -80,6 +83,7 @@ inline const std::string EmergencyEvent[EMERGENCY_TYPE_COUNT] = {
     "SERIAL_IMPACT_O",
     "SERIAL_IMPACT_X",
     "Emergency_Callback",
+    "TEST_CALL",
 };
 
 inline const std::string EmergencyEventDescription[EMERGENCY_TYPE_COUNT] = {
@@ -112,11 +116,14 @@ inline const std::string EmergencyEventDescription[EMERGENCY_TYPE_COUNT] = {
     "SERIAL - Pedestrian event",
     "SERIAL - Any impact event",
     "Emergency Callback",
+    "Test call to the vehicle's test number",
 };
 
 // How the emergency is presented to the user interface ("type" of the
 // "ecall" signal). CALL_NOCHANGE is a command to the signal emitter: repeat
-// the mode last signalled; it is never itself sent.
+// the mode last signalled; it is never itself sent. CALL_TEST, the test
+// call's mode, comes after it, so that the emergency modes keep their
+// numbers.
 enum eCallModeType : int32_t {
   CALL_NONE = 0,
   CALL_ACN = 1,
@@ -128,12 +135,14 @@ enum eCallModeType : int32_t {
   CALL_SYSTEM_ERROR = 7,
   CALL_ECALL_BUTTON_REPEAT = 8,
   CALL_NOCHANGE = 9,
-  CALL_MODE_COUNT = 10
+  CALL_TEST = 10,
+  CALL_MODE_COUNT = 11
 };
 
 inline const std::string eCallModeTypeString[CALL_MODE_COUNT] = {
     "none",   "acn",         "ecallDelay",          "ecall",    "emergency_callback",
     "redial_during_end", "failed", "systemError", "ecall_button_repeat", "nochange",
+    "testCall",
 };
 
 // Operating state of the Assist application, as the application manager

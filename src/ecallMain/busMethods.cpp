@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ecallMain/ecallMain.h"
+#include "callTimings/callTimings.h"
 #include "common/jsonText.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
@@ -122,6 +123,33 @@ void hardResetGPS(const methodCall& call) {
   canIpcEmergencyHandler.v850ResetSierra();
 }
 
+// A test call to the vehicle's test number. The reply is the decision:
+// {"result":"OK"}, or {"reason":...,"result":"REFUSED"} with why no call is
+// placed (so a caller that only checks for "OK" sees the refusal too).
+void startTestEcall(const methodCall& call) {
+  CQVTraceScope scope(ecallMainTraceScope, __func__);
+  std::string why;
+  if (ecallHandler.startTestCall(why)) {
+    sendGeneralResponseIfExpected(call);
+  } else if (call.replyExpected) {
+    Json::Value reply(Json::objectValue);
+    reply["result"] = "REFUSED";
+    reply["reason"] = why;
+    const std::string text = jsonWrite(reply);
+    SVCIPC_asyncReturnResult(call.context, text.c_str(), 0, call.token);
+    scope.sendFormattedMessage("send test call response %s for method %s", text.c_str(), call.method);
+  }
+}
+
+// When each stage of the call closed last happened, in ms after its
+// trigger; {} before the first call. Always answered.
+void getLastCallTimings(const methodCall& call) {
+  CQVTraceScope scope(ecallMainTraceScope, __func__);
+  const std::string text = jsonWrite(callTimings::toJson(ecallHandler.lastCallTimings()));
+  SVCIPC_asyncReturnResult(call.context, text.c_str(), 0, call.token);
+  scope.sendFormattedMessage("send ecall status response %s for method %s", text.c_str(), call.method);
+}
+
 struct methodEntry {
   const char* name;
   void (*run)(const methodCall&);
@@ -139,6 +167,8 @@ const methodEntry methodTable[] = {
     {"saveEmergencyLogToUSBAndRemoveLocalLog", saveEmergencyLogToUSBAndRemoveLocalLog},
     {"getEmergencyCallLanguage", getEmergencyCallLanguage},
     {"hardResetGPS", hardResetGPS},
+    {"startTestEcall", startTestEcall},
+    {"getLastCallTimings", getLastCallTimings},
 };
 
 }  // namespace

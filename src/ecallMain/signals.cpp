@@ -18,7 +18,8 @@ char emitContext[] = "ecallSvc";
 std::string chooseModeText(ecallMain::eCallModeType mode) {
   CQVTraceScope scope(ecallMainTraceScope, __func__);
   if (mode == ecallMain::CALL_SYSTEM_ERROR) return ecallMain::eCallModeTypeString[ecallMain::CALL_SYSTEM_ERROR];
-  if (mode > ecallMain::CALL_ECALL_BUTTON_REPEAT || mode < ecallMain::CALL_NONE) return ecallFrame().callModeText();
+  if (mode == ecallMain::CALL_NOCHANGE || mode < ecallMain::CALL_NONE || mode >= ecallMain::CALL_MODE_COUNT)
+    return ecallFrame().callModeText();
   const std::string& text = ecallMain::eCallModeTypeString[mode];
   ecallFrame().setCallModeText(text);
   return text;

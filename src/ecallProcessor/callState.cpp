@@ -13,6 +13,7 @@
 #include "externalServiceHandling/audioSignals.h"
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
+#include "platform/clocks.h"
 
 namespace {
 
@@ -20,7 +21,10 @@ namespace {
 // state follows.
 constexpr int callEndingWendReasons[] = {3, 17, 68, 32768};
 
-bool isPsapPrompt(int prompt) { return prompt >= TTS_PROMPT_ECALL_PSAP1 && prompt <= TTS_PROMPT_GPS_COORDINATES; }
+bool isPsapPrompt(int prompt) {
+  return (prompt >= TTS_PROMPT_ECALL_PSAP1 && prompt <= TTS_PROMPT_GPS_COORDINATES) ||
+         prompt == TTS_PROMPT_TEST_PSAP1 || prompt == TTS_PROMPT_TEST_PSAP2;
+}
 
 }  // namespace
 
@@ -67,7 +71,12 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
     // hand (none requested, or one still waiting for its number) is taken
     // as the emergency centre calling back.
     std::lock_guard<std::mutex> lock(mRequestMutex);
-    if (curECallType == ecallMain::NONE || waitingForNumber.exchange(false)) {
+    const bool idle = curECallType == ecallMain::NONE;
+    if (idle || waitingForNumber.exchange(false)) {
+      // The call-back is a call of its own, triggered by its ringing; an
+      // emergency that waited for its number gives way, its call over.
+      if (!idle) closeCallTimings();
+      mStageClock.begin(platform::monotonicMs());
       curECallType = ecallMain::Emergency_Callback;
       curCallModeType = ecallMain::CALL_EMERGENCY_CALLBACK;
       sendStateMachinePulse(ECALL_PULSE_EMERGENCY_INCOMING_CALL);
@@ -86,8 +95,10 @@ void ecallProcessor::processEmdPhCallState(const char* data) {
   const bool alerting = curCallState.equals("CALL_STATE_ALERTING");
   const bool active = curCallState.equals("CALL_STATE_ACTIVE");
   if (dialing || alerting) {
+    markCallStage(dialing ? callTimings::DIALLING : callTimings::ALERTING);
     timers().startEcallStateMachineTimer(1);
   } else if (active) {
+    markCallStage(callTimings::ACTIVE);
     callConnected = true;
     // Logged before the state machine is woken, so the log keeps the order.
     if (curECallType == ecallMain::Emergency_Callback && !number.empty()) {
@@ -125,8 +136,8 @@ void ecallProcessor::processWendReason(const char* data) {
 }
 
 // The announcement for the emergency centre is two prompts in a row (8 then
-// 9, or 10 then 11 after a crash); the microphones open again after the
-// second.
+// 9, or 10 then 11 after a crash, 15 then 16 in a test call); the
+// microphones open again after the second.
 void ecallProcessor::processTtsPlayState(const char* data) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   if (activeTts == TTS_PROMPT_NONE) return;
@@ -145,13 +156,15 @@ void ecallProcessor::processTtsPlayState(const char* data) {
   if (firstPsapTtsWaitForComplete) {
     // The dialling prompt ended: the centre's first prompt may start now.
     firstPsapTtsWaitForComplete = false;
-    if (prompt == TTS_PROMPT_ECALL_PSAP1 || prompt == TTS_PROMPT_ACN_PSAP1) {
+    if (prompt == TTS_PROMPT_ECALL_PSAP1 || prompt == TTS_PROMPT_ACN_PSAP1 || prompt == TTS_PROMPT_TEST_PSAP1) {
+      markCallStage(callTimings::ANNOUNCEMENT_STARTED);
       extServHandle.ayncPlayTtsMsg(static_cast<eECallTtsPrompt>(prompt));
     } else {
       activeTts = TTS_PROMPT_NONE;
     }
   } else if (firstPsapTtsCount > 0) {
     if (--firstPsapTtsCount == 0) {
+      markCallStage(callTimings::ANNOUNCEMENT_FINISHED);
       extServHandle.asyncSetMicInputMuteState(false);
       activeTts = TTS_PROMPT_NONE;
     } else if (prompt == TTS_PROMPT_ECALL_PSAP1 || prompt == TTS_PROMPT_ECALL_PSAP2) {
@@ -160,6 +173,9 @@ void ecallProcessor::processTtsPlayState(const char* data) {
     } else if (prompt == TTS_PROMPT_ACN_PSAP1 || prompt == TTS_PROMPT_ACN_PSAP2) {
       activeTts = TTS_PROMPT_ACN_PSAP2;
       extServHandle.ayncPlayTtsMsg(TTS_PROMPT_ACN_PSAP2);
+    } else if (prompt == TTS_PROMPT_TEST_PSAP1 || prompt == TTS_PROMPT_TEST_PSAP2) {
+      activeTts = TTS_PROMPT_TEST_PSAP2;
+      extServHandle.ayncPlayTtsMsg(TTS_PROMPT_TEST_PSAP2);
     }
   } else {
     // The callback prompt ended: answer now rather than after the pause.

@@ -17,6 +17,7 @@
 #include <mutex>
 #include <string>
 
+#include "callTimings/callTimings.h"
 #include "common/ecallTypes.h"
 #include "common/sharedText.h"
 #include "ecallProcessor/processorInputs.h"
@@ -88,6 +89,12 @@ class ecallProcessor final : public processorInputs {
   void processEcallBtnPressWithSystemError();
   void requestHMIDisplayPleaseWaitPopup();
 
+  // ---- Test call (testCall.cpp) ----
+  // A test call to the vehicle's test number: true when it is started, or
+  // false with the reason in why (the test number is missing, empty or an
+  // emergency number; an emergency is in hand; the phone is away).
+  bool startTestCall(std::string& why);
+
   // ---- Requests of the state machine to the phone (stateMachine.cpp) ----
   void hangUpCall();
   bool acceptEmergencyCallback();
@@ -143,6 +150,15 @@ class ecallProcessor final : public processorInputs {
   // syncer's thread makes them durable (until then each write is synchronous).
   void startLogSyncer();
 
+  // ---- Call-stage timings (stageTimings.cpp) ----
+  // The stage happened now, in the call in hand.
+  void markCallStage(callTimings::stage stage);
+  // The call in hand is over: its end is now, unless marked before, and its
+  // timings go to the emergency log in one entry.
+  void closeCallTimings();
+  // The call closed last, for "getLastCallTimings".
+  callTimings::callRecord lastCallTimings() const { return mStageClock.last(); }
+
   // ---- Initialisation and subscriptions (initialisation.cpp) ----
   void initEcallProcessor();
   // Its first step: the emergency log's lock and the general lock.
@@ -197,6 +213,15 @@ class ecallProcessor final : public processorInputs {
   requestNotices decideEmergency(ecallMain::eEmergencyType newType);
   void tellRequestNotices(const requestNotices& notices);
 
+  // Why a test call cannot start now ("" when it can); the request lock is
+  // held (testCall.cpp).
+  std::string testCallRefusal() const;
+  // The vehicle's test number, checked against every emergency number;
+  // "" when it may be dialled, else why not.
+  std::string readTestNumber(std::string& number);
+  // A test call the state machine cannot run is dropped, with the reason.
+  void dropTestCall(const char* why);
+
   // The phone's presence, module resets and antenna (phoneStatus.cpp).
   void phoneSeenOn(CQVTraceScope& scope);
   void phoneSeenOff(CQVTraceScope& scope, int32_t oldStatus);
@@ -232,6 +257,8 @@ class ecallProcessor final : public processorInputs {
   // markers) by the emergencies, the phone's return, a cancel and the
   // centre's call; never held across a peer request.
   std::mutex mRequestMutex;
+  // The number of the test call in hand (kept only in memory).
+  sharedText testCallNumber;
   // Counts the numbers stored, so that a number that arrives while a read
   // fails is not missed.
   std::atomic<unsigned> numbersStored{0};
@@ -240,6 +267,9 @@ class ecallProcessor final : public processorInputs {
   emergencyJournal mJournal;
   // The rest of a call-back period resumed at start-up (the service's ms).
   std::atomic<int64_t> resumedCallbackPeriodMs{0};
+
+  // When each stage of the call in hand happened, and of the last call.
+  callTimings::stageClock mStageClock;
 
   // The prompt last requested by the state machine (eECallTtsPrompt). The
   // prompt for the emergency centre is two readouts chained by the

@@ -13,6 +13,7 @@
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "externalServiceHandling/hmiGateway.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/clocks.h"
 #include "platform/slog.h"
 
 using ecallMain::eCallModeType;
@@ -44,15 +45,17 @@ void ecallProcessor::setEcallFailedToStart() {
 
 void ecallProcessor::clearECallEvent() {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
+  bool testCall;
   {
     // A cancel also drops an emergency that waits for the phone or a number.
     std::lock_guard<std::mutex> lock(mRequestMutex);
     waitingForPhone = false;
     waitingForNumber = false;
-    curECallType = ecallMain::NONE;
+    testCall = curECallType.exchange(ecallMain::NONE) == ecallMain::TEST_CALL;
     curCallModeType = ecallMain::CALL_NONE;
   }
-  mJournal.closed();
+  // A test call is never in the journal.
+  if (!testCall) mJournal.closed();
   timers().stopDelayEcallRequest();
   // The state machine sees the cleared request and ends the emergency.
   timers().startEcallStateMachineTimer(1);
@@ -129,7 +132,8 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
                                curECallType.load());
     return;
   }
-  if (newType < ecallMain::NONE || newType >= ecallMain::EMERGENCY_TYPE_COUNT) {
+  if (newType < ecallMain::NONE || newType >= ecallMain::EMERGENCY_TYPE_COUNT || newType == ecallMain::TEST_CALL) {
+    // A test call is no emergency: it starts only as a test call.
     scope.sendFormattedWarning("Emergency request with type %d out of range, ignored\n", newType);
     return;
   }
@@ -145,6 +149,14 @@ void ecallProcessor::emergencyHappened(eEmergencyType newType) {
 ecallProcessor::requestNotices ecallProcessor::decideEmergency(eEmergencyType newType) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   requestNotices notices;
+  if (curECallType == ecallMain::TEST_CALL && isDialled(newType)) {
+    // An emergency ends a test call at once and is decided as on an idle
+    // service: a crash is dialled now, a press gets its own cancel window.
+    scope.sendFormattedMessage("emergency during a test call, type %d: the test call ends\n", newType);
+    curECallType = ecallMain::NONE;
+    curCallModeType = ecallMain::CALL_NONE;
+    timers().startEcallStateMachineTimer(1);
+  }
   // The mode: a repeat keeps it, an impact is a crash notification, the
   // first button press starts the delay, a later one calls at once.
   eCallModeType newMode = ecallMain::CALL_NONE;
@@ -187,7 +199,10 @@ ecallProcessor::requestNotices ecallProcessor::decideEmergency(eEmergencyType ne
     }
     // Marked as waiting unless an emergency is in hand already: the state
     // machine's own retries carry that one (and this request with it).
-    if (curECallType.exchange(newType) == ecallMain::NONE) waitingForPhone = true;
+    if (curECallType.exchange(newType) == ecallMain::NONE) {
+      waitingForPhone = true;
+      mStageClock.begin(platform::monotonicMs());
+    }
     curCallModeType = newMode;
     if (isDialled(newType)) mJournal.requested(newType, newMode);
     scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
@@ -207,6 +222,8 @@ ecallProcessor::requestNotices ecallProcessor::decideEmergency(eEmergencyType ne
     return notices;
   }
 
+  // A new emergency is a new call; one taken up again keeps its trigger.
+  if (curECallType == ecallMain::NONE) mStageClock.begin(platform::monotonicMs());
   curECallType = newType;
   curCallModeType = newMode;
   // Written before the state machine is woken (into the kernel; made

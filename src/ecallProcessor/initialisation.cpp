@@ -74,6 +74,10 @@ void ecallProcessor::initEcallProcessor() {
     scope.sendFormattedWarning("ecall state machine not ready, its timers may not run\n");
   }
 
+  // The emergency mode is off at start: a marker that a run killed in its
+  // emergency mode left behind goes, and a resumed emergency or call-back
+  // period makes it again.
+  setEcallModeActive(false);
   // Before the phone is known: a resumed emergency waits for the phone's
   // ON report like any other.
   resumeFromJournal();

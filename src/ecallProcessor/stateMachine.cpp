@@ -103,6 +103,7 @@ void ecallStateMachine::run() {
     scope.sendFormattedMessage("step 1: stateMachine before switch %s", getStateMachineString(state));
     type = processor.getCurECallType();
     mode = processor.getCurCallModeType();
+    if (testCallInHand && type != ecallMain::NONE && type != ecallMain::TEST_CALL) yieldTestCallToEmergency();
     checkRequest();
     if (delayStart && (state == ECALL_SM_MAKE_CALL || state == ECALL_SM_WAIT_TO_CONNECT ||
                        state == ECALL_SM_CALL_ACTIVE)) {

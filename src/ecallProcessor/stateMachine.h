@@ -97,11 +97,17 @@ class ecallStateMachine {
   void stepIdle();
   bool readNumberOrRaiseFailure();
   void startEmergency();
+  // What every outgoing call takes: the audio, Assist and Bluetooth give
+  // way, any other call is ended and the cabin microphones are closed.
+  void takeCarForTheCall();
   void startCallback();
   void stepCallDelay();
   void stepMakeCall();
   void dial();
   void retryDialLater();
+  // A failed attempt: the retry period, or the end of a test call after its
+  // last attempt.
+  void armRetry();
   void stepWaitToConnect();
   void stepWaitForPsapTts();
   void stepCallActive();
@@ -112,6 +118,16 @@ class ecallStateMachine {
   void stepWaitRingTonesComplete();
   void stepAnswer();
   void stepWaitForCallActive();
+
+  // The test call (testCall.cpp).
+  void startTestCall();
+  void giveUpTestCall();
+  // An emergency (or the centre's call) came during a test call: the test
+  // call ends at once and the request is served as on an idle service.
+  void yieldTestCallToEmergency();
+  // True while the emergency's dial must wait for the test call to leave
+  // the phone.
+  bool waitForTestCallToLeave();
 
   // The "ecall" signal as the state machine sends it: ecallSignalActive
   // follows the boolean, the number is sent only with true.
@@ -141,6 +157,15 @@ class ecallStateMachine {
   bool dialAllowed = true;
   bool callFailedLogged = false;  // "Error Call Failed" once per emergency
   eECallTtsPrompt psapPrompt{};  // the emergency centre's first prompt of this call (none yet)
+  // A test call is tried three times at most: it is no emergency, and a
+  // test line that cannot be reached must not keep the phone busy.
+  static constexpr int TEST_CALL_ATTEMPTS = 3;
+  // A test call is in hand, from its start to the end of its end period.
+  bool testCallInHand = false;
+  int testCallFailures = 0;  // its failed attempts so far
+  // An emergency took over while the test call was on the phone: its dial
+  // waits for the phone to report that call's end.
+  bool testCallLeaving = false;
 
   // The pulse being handled.
   int pulseCode = 0;

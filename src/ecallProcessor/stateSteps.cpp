@@ -9,6 +9,7 @@
 #include "externalServiceHandling/embeddedPhone.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/clocks.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
 
@@ -35,6 +36,9 @@ void ecallStateMachine::checkRequest() {
   if (type != ecallMain::NONE || mode != ecallMain::CALL_NONE) return;
   if (state == ECALL_SM_IDLE) {
     emitEcall(false, type, mode);
+    // An emergency given up before its call began (cancelled while it
+    // waited for the phone or a number) is over too.
+    processor.closeCallTimings();
   } else if (state != ECALL_SM_WAIT_FOR_END_FROM_HMI) {
     endCall();
   }
@@ -42,20 +46,27 @@ void ecallStateMachine::checkRequest() {
 
 void ecallStateMachine::endCall() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
+  processor.markCallStage(callTimings::END);
   // No connection is awaited any more: a dial still pending must not report
   // a time-out into the callback period or idle.
   timers().stopEcallTimeoutTimer();
   processor.firstPsapTtsCount = 0;
   if (!callStateIs("CALL_STATE_IDLE")) processor.hangUpCall();
   extServHandle.abortCurrentTtsMsg();
+  // Written before the car is told, so that what the head unit sees next
+  // (the signal, the LED) follows without the disk between them. A test
+  // call is never written to the journal: a restart forgets it.
+  if (!testCallInHand) processor.mJournal.callbackPeriod(platform::scaledMs(CALLBACK_PERIOD_MS));
   emitEcall(false, ecallMain::NONE, ecallMain::CALL_NONE);
   timers().startEcallStateMachineTimer(CALLBACK_PERIOD_MS);
-  processor.mJournal.callbackPeriod(platform::scaledMs(CALLBACK_PERIOD_MS));
   canIpcEmergencyHandler.setLedStatus(LED_OFF);
-  playPrompt(TTS_PROMPT_ENDED);
+  if (testCallInHand) processor.addEntryToEmergencyLog("Test call ended\n");
+  playPrompt(testCallInHand ? TTS_PROMPT_TEST_ENDED : TTS_PROMPT_ENDED);
   dialAllowed = true;
   state = ECALL_SM_WAIT_FOR_END_FROM_HMI;
   act = startCall = delayStart = false;
+  // Told once the car has been given back its audio and light.
+  processor.closeCallTimings();
 }
 
 void ecallStateMachine::runStep() {
@@ -85,8 +96,11 @@ void ecallStateMachine::emitEcall(bool ecall, ecallMain::eEmergencyType signalTy
                                   ecallMain::eCallModeType signalMode) {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
   processor.ecallSignalActive = ecall;
-  emitEmergencySignal(ecall, signalType, ecall ? processor.getLocalEcallNumber() : std::string(), signalMode,
-                      processor.btCallActive.load(), processor.getEcallModeActive());
+  std::string number;
+  if (ecall && signalType == ecallMain::TEST_CALL) number = processor.testCallNumber.get();
+  else if (ecall) number = processor.getLocalEcallNumber();
+  emitEmergencySignal(ecall, signalType, number, signalMode, processor.btCallActive.load(),
+                      processor.getEcallModeActive());
 }
 
 bool ecallStateMachine::callStateIs(const char* part) const { return processor.curCallState.contains(part); }
@@ -104,7 +118,9 @@ void ecallStateMachine::playPrompt(eECallTtsPrompt prompt) {
 
 void ecallStateMachine::stepIdle() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
-  if (startCall || delayStart) {
+  if (type == ecallMain::TEST_CALL) {
+    if (startCall) startTestCall();
+  } else if (startCall || delayStart) {
     startEmergency();
   } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE && type != ecallMain::NONE &&
              processor.waitingForNumber.exchange(false)) {
@@ -127,6 +143,7 @@ bool ecallStateMachine::readNumberOrRaiseFailure() {
   processor.waitingForNumber = false;
   const unsigned storedBefore = processor.numbersStored;
   if (processor.readECallNumber()) {
+    processor.markCallStage(callTimings::NUMBER_READ);
     processor.errorSentForNoEcallNumberLoaded = false;
     return true;
   }
@@ -167,15 +184,18 @@ void ecallStateMachine::startEmergency() {
   processor.setEcallModeActive(true);
   canIpcEmergencyHandler.setLedStatus(LED_SOLID_GREEN);
   emitEcall(true, type, mode);
-  // The call takes the audio, Assist and Bluetooth give way, any other call
-  // on the embedded phone is ended and the cabin microphones are closed.
+  takeCarForTheCall();
+  playPrompt(state == ECALL_SM_CALL_DELAY ? TTS_PROMPT_INITIATE : TTS_PROMPT_DIALING);
+}
+
+void ecallStateMachine::takeCarForTheCall() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
   extServHandle.requestEcallAudioSource();
   processor.asyncStopAssistApp();
   extServHandle.disableBluetooth();
   processor.hangUpCall();
   extServHandle.requestEcallAudioSource();
   extServHandle.setMicInputMuteState(true);
-  playPrompt(state == ECALL_SM_CALL_DELAY ? TTS_PROMPT_INITIATE : TTS_PROMPT_DIALING);
 }
 
 void ecallStateMachine::startCallback() {
@@ -220,6 +240,7 @@ void ecallStateMachine::stepMakeCall() {
   // A call-ended pulse does not dial: the end reason and the TERMINATED state
   // of one call both send one, and the first already armed the retry.
   const bool redialPulse = pulseCode == ECALL_PULSE_RUN_STATE_MACHINE;
+  if (testCallLeaving && waitForTestCallToLeave()) return;
   if (pulseCode == ECALL_PULSE_DIAL_FAILED) {
     if (!callStateIs("CALL_STATE_IDLE")) return;
     timers().stopEcallTimeoutTimer();
@@ -245,23 +266,27 @@ void ecallStateMachine::stepMakeCall() {
         "PSAP ecall timeout when attempting to make the call (no transition out of IDLE), sending failed so retry strategy can kick in\n");
     processor.addEntryToEmergencyLog("Error: Call state did not transition after successful dial request\n");
     emitEcall(true, type, ecallMain::CALL_FAILED);
-    timers().startEcallStateMachineTimer(dialRetryMs);
+    armRetry();
   } else if (redialPulse) {
     // Another call rings (the centre calling back, any incoming call): the
     // retry period runs again, so the emergency is dialled once it is gone.
     const std::string callState = processor.getCurCallState();
     scope.sendFormattedError("Another call is in progress (%s), trying again in %dms\n", callState.c_str(),
                              static_cast<int>(dialRetryMs));
-    timers().startEcallStateMachineTimer(dialRetryMs);
+    armRetry();
   }
 }
 
 void ecallStateMachine::dial() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
-  const std::string number = processor.getLocalEcallNumber();
+  // A test call dials its test number only, never the emergency number.
+  const bool test = type == ecallMain::TEST_CALL;
+  const std::string number = test ? processor.testCallNumber.get() : processor.getLocalEcallNumber();
   scope.sendFormattedMessage("callstate idle. dial the number now");
-  processor.addFormattedEntryToEmergencyLog("Calling %s\n", number.c_str());
-  const SVCIPC_tError rc = embeddedPhone::dial(number, ecallProcessor::onAsyncDialResult, &processor);
+  processor.addFormattedEntryToEmergencyLog(test ? "Test call: calling %s\n" : "Calling %s\n", number.c_str());
+  processor.mStageClock.dialSent(platform::monotonicMs());
+  const SVCIPC_tError rc = test ? embeddedPhone::dialTestCall(number, ecallProcessor::onAsyncDialResult, &processor)
+                                : embeddedPhone::dial(number, ecallProcessor::onAsyncDialResult, &processor);
   dialAllowed = false;
   if (rc >= 0) {
     timers().startEcallTimeoutTimer();
@@ -280,6 +305,15 @@ void ecallStateMachine::retryDialLater() {
   scope.sendFormattedMessage("emit ecall true signal case 3, type failed. in statemachine. async dial failed, will try again");
   emitEcall(true, type, ecallMain::CALL_FAILED);
   processor.addEntryToEmergencyLog("Error dial PSAP number failed\n");
+  armRetry();
+}
+
+void ecallStateMachine::armRetry() {
+  CQVTraceScope scope(stateMachineTraceScope, __func__);
+  if (testCallInHand && ++testCallFailures >= TEST_CALL_ATTEMPTS) {
+    giveUpTestCall();
+    return;
+  }
   timers().startEcallStateMachineTimer(dialRetryMs);
 }
 
@@ -296,18 +330,26 @@ void ecallStateMachine::stepWaitToConnect() {
       callFailedLogged = true;
     }
     emitEcall(true, type, ecallMain::CALL_FAILED);
-    timers().startEcallStateMachineTimer(dialRetryMs);
+    armRetry();
     state = ECALL_SM_MAKE_CALL;
   } else if (pulseCode == ECALL_PULSE_CONNECT_TIMEOUT) {
     // No timer is armed: the call state decides what comes next.
     timers().stopEcallTimeoutTimer();
     scope.sendFormattedError("PSAP ecall timeout, sending failed so retry strategy can kick in\n");
     emitEcall(true, type, ecallMain::CALL_FAILED);
+    if (testCallInHand) {
+      // A test line that does not answer is hung up: a failed attempt.
+      processor.hangUpCall();
+      armRetry();
+      state = ECALL_SM_MAKE_CALL;
+    }
   } else if (callStateIs("CALL_STATE_ACTIVE")) {
     timers().stopEcallTimeoutTimer();
     // Connected: a restart from here on does not dial again.
-    processor.mJournal.placed();
-    psapPrompt = mode == ecallMain::CALL_ACN ? TTS_PROMPT_ACN_PSAP1 : TTS_PROMPT_ECALL_PSAP1;
+    if (!testCallInHand) processor.mJournal.placed();
+    psapPrompt = testCallInHand              ? TTS_PROMPT_TEST_PSAP1
+                 : mode == ecallMain::CALL_ACN ? TTS_PROMPT_ACN_PSAP1
+                                               : TTS_PROMPT_ECALL_PSAP1;
     scope.sendFormattedMessage("Call active, delay %d ms for PSAP TTS", static_cast<int>(psapPromptDelayMs));
     processor.addFormattedEntryToEmergencyLog("Call Active.  Delay %d ms for PSAP TTS\n",
                                                  static_cast<int>(psapPromptDelayMs));
@@ -332,7 +374,7 @@ void ecallStateMachine::stepWaitForPsapTts() {
   {
     std::lock_guard<std::mutex> lock(processor.promptSequenceMutex);
     processor.firstPsapTtsCount = 2;
-    if (processor.activeTts == TTS_PROMPT_DIALING) {
+    if (processor.activeTts == TTS_PROMPT_DIALING || processor.activeTts == TTS_PROMPT_TEST_CALLING) {
       // The dialling prompt is still speaking: the completion handler starts
       // the centre's prompt when it ends.
       scope.sendFormattedMessage("ECALL_SM_CALL_ACTIVE_WAIT_FOR_PSAP_TTS, active tts is still ECAll dialing???? No way!!!");
@@ -344,7 +386,10 @@ void ecallStateMachine::stepWaitForPsapTts() {
     }
     processor.activeTts = psapPrompt;
   }
-  if (playNow) extServHandle.playTtsMsg(psapPrompt);
+  if (playNow) {
+    processor.markCallStage(callTimings::ANNOUNCEMENT_STARTED);
+    extServHandle.playTtsMsg(psapPrompt);
+  }
   timers().startEcallStateMachineTimer(1);
   state = ECALL_SM_CALL_ACTIVE;
 }
@@ -362,7 +407,11 @@ void ecallStateMachine::stepCallActive() {
 
 void ecallStateMachine::stepWaitForEndFromHmi() {
   CQVTraceScope scope(stateMachineTraceScope, __func__);
-  if (startCall || delayStart) {
+  if (type == ecallMain::TEST_CALL) {
+    // A test call asked for as a resumed call-back period began: the period
+    // is an emergency's, and a test never dials in it.
+    processor.dropTestCall("the call-back period of an emergency is on");
+  } else if (startCall || delayStart) {
     // A new emergency while the emergency mode is still on: dial at once.
     emitEcall(true, type, ecallMain::CALL_REDIAL_DURING_END);
     extServHandle.abortCurrentTtsMsg();
@@ -400,7 +449,8 @@ void ecallStateMachine::endEmergencyMode() {
   emitEcall(false, type, mode);
   canIpcEmergencyHandler.setLedStatus(LED_OFF);
   processor.addEntryToEmergencyLog("End emergency mode\n");
-  processor.mJournal.periodOver();
+  if (!testCallInHand) processor.mJournal.periodOver();
+  testCallInHand = testCallLeaving = false;
   dialAllowed = true;
   callFailedLogged = false;
   state = ECALL_SM_IDLE;
@@ -459,7 +509,9 @@ void ecallStateMachine::stepAnswer() {
     extServHandle.abortCurrentTtsMsg();
     processor.logPsapEndedIncomingCallAndClearCall();
   } else if (pulseCode == ECALL_PULSE_RUN_STATE_MACHINE) {
-    if (!processor.acceptEmergencyCallback()) processor.acceptEmergencyCallback();
+    const int64_t answerSentMs = platform::monotonicMs();
+    if (processor.acceptEmergencyCallback() || processor.acceptEmergencyCallback())
+      processor.mStageClock.mark(callTimings::CALLBACK_ANSWERED, answerSentMs);
     processor.addEntryToEmergencyLog("Incoming Call - answer phone cmd sent to embedded phone\n");
     timers().startEcallTimeoutTimer();
     state = ECALL_SM_INCOMING_CALL_WAIT_FOR_CALL_ACTIVE;

@@ -16,8 +16,10 @@
 #include <string>
 #include <vector>
 
+#include "callTimings/callTimings.h"
 #include "common/ecallTypes.h"
 #include "common/jsonText.h"
+#include "msd/msd.h"
 #include "platform/serviceBus.h"
 
 namespace {
@@ -41,7 +43,10 @@ const char* const usageText =
     "  log TEXT...     append TEXT as one entry to the emergency log (no reply is awaited)\n"
     "  export-log      move the emergency log to the USB stick\n"
     "  reset-gps       reset the cellular module (GPS receiver included)\n"
+    "  test            place a test call to the vehicle's test number (never an emergency number)\n"
+    "  timings         when each stage of the last call happened, in ms after its trigger\n"
     "  monitor         print the \"ecall\" and \"ecallProgress\" signals as they come, until interrupted\n"
+    "  msd --decode HEX  print the MSD given in hex field by field (no bus)\n"
     "options:\n"
     "  --bus BUS       session (default, as the service), system, or a D-Bus address\n"
     "  --timeout SEC   how long to wait for a reply (default 25)\n"
@@ -51,7 +56,7 @@ const char* const usageText =
     "            4 no reply in time\n";
 
 // How a reply is shown in readable form.
-enum class replyKind { result, yesNo, text };
+enum class replyKind { result, yesNo, text, timings };
 
 struct command {
   const char* name;
@@ -72,6 +77,8 @@ const command commands[] = {
     {"log", "logStringToEcallLog", -1, replyKind::result, nullptr, nullptr},
     {"export-log", "saveEmergencyLogToUSBAndRemoveLocalLog", 0, replyKind::result, "result", nullptr},
     {"reset-gps", "hardResetGPS", 0, replyKind::result, "result", nullptr},
+    {"test", "startTestEcall", 0, replyKind::result, "result", nullptr},
+    {"timings", "getLastCallTimings", 0, replyKind::timings, "stages", nullptr},
 };
 
 struct options {
@@ -221,13 +228,56 @@ int printReply(const command& cmd, const std::string& reply, bool json) {
             !reply.empty() && reply.back() == '\n' ? "" : "\n");
     return EXIT_FAILED;
   }
-  if (!json) {
+  const Json::Value* reason = value.find("reason", "reason" + strlen("reason"));
+  if (!json && reason != nullptr && reason->isString()) {
+    // A refusal says why, for the person at the shell.
+    fprintf(stderr, "ecallctl: %s %s: %s\n", cmd.name, member->asString() == "REFUSED" ? "refused" : "failed",
+            reason->asString().c_str());
+  } else if (!json) {
     if (cmd.kind == replyKind::yesNo)
       printf("%s: %s\n", cmd.label, member->asBool() ? "yes" : "no");
     else
       printf("%s\n", member->asString().c_str());
   }
   return cmd.kind == replyKind::result && member->asString() != "OK" ? EXIT_FAILED : EXIT_OK;
+}
+
+// The last call's stages as a table in the order they happened: the time
+// after the trigger and since the stage before. A reply of another shape
+// is a failure.
+int printTimings(const std::string& reply, bool json) {
+  Json::Value parsed;
+  const bool isObject = jsonParse(reply.c_str(), parsed) && parsed.isObject();
+  const Json::Value& value = parsed;
+  const bool noCall = isObject && value.empty();
+  const Json::Value& stages = isObject ? value["stages"] : Json::Value::nullSingleton();
+  if (json) fputs(reply.c_str(), stdout);
+  if (!noCall && !(stages.isObject() && value["trigger"].isIntegral() && value["dials"].isIntegral())) {
+    fprintf(stderr, "ecallctl: unexpected reply from ecallService: %s%s", reply.c_str(),
+            !reply.empty() && reply.back() == '\n' ? "" : "\n");
+    return EXIT_FAILED;
+  }
+  if (json) return EXIT_OK;
+  if (noCall) {
+    printf("no call since ecallService started\n");
+    return EXIT_OK;
+  }
+  struct row {
+    const char* label;
+    long long ms;
+  };
+  std::vector<row> rows = {{"trigger", 0}};
+  for (const callTimings::stageName& stage : callTimings::stageNames)
+    if (stages[stage.member].isIntegral()) rows.push_back({stage.label, stages[stage.member].asInt64()});
+  // Stages of the same millisecond keep the order a call goes through them.
+  std::stable_sort(rows.begin(), rows.end(), [](const row& a, const row& b) { return a.ms < b.ms; });
+  printf("%-22s %17s %18s\n", "stage", "ms after trigger", "ms since previous");
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const std::string since = i == 0 ? "-" : std::to_string(rows[i].ms - rows[i - 1].ms);
+    printf("%-22s %17lld %18s\n", rows[i].label, rows[i].ms, since.c_str());
+  }
+  printf("dial attempts: %u\n", value["dials"].asUInt());
+  return EXIT_OK;
 }
 
 int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) {
@@ -246,6 +296,7 @@ int runMethod(SVCIPC_tConnection conn, const command& cmd, const options& opts) 
   if (rc != SVCIPC_ERROR_NONE) return reportFailure(rc, opts);
   const std::string reply = response->result;
   SVCIPC_freeResponse(response);
+  if (cmd.kind == replyKind::timings) return printTimings(reply, opts.json);
   return printReply(cmd, reply, opts.json);
 }
 
@@ -342,10 +393,25 @@ int runMonitor(SVCIPC_tConnection conn, const options& opts, const sigset_t& end
   return EXIT_OK;
 }
 
+// An MSD in hex, decoded without the bus (for tools and the modem
+// emulator): field by field, or the reason it does not decode.
+int decodeMsd(const std::string& hex) {
+  const auto octets = msd::fromHex(hex);
+  const msd::Decoded decoded = octets ? msd::decode(*octets) : msd::Decoded{{}, "not hex text"};
+  if (!decoded.error.empty()) {
+    fprintf(stderr, "ecallctl: the MSD does not decode: %s\n", decoded.error.c_str());
+    return EXIT_FAILED;
+  }
+  fputs(msd::render(decoded.content).c_str(), stdout);
+  return EXIT_OK;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const options opts = parseCommandLine(argc, argv);
+  if (opts.command == "msd" && opts.arguments.size() == 2 && opts.arguments[0] == "--decode")
+    return decodeMsd(opts.arguments[1]);
   const command* cmd = findCommand(opts.command);
   if (cmd == nullptr && opts.command != "monitor") usageError("unknown command " + opts.command);
 

@@ -47,14 +47,23 @@ std::string antennaQuery() {
   return jsonWrite(params);
 }
 
+SVCIPC_tError dialAs(const char* callType, const std::string& number, SVCIPC_tResultCallback onReply,
+                     void* context) {
+  Json::Value params(Json::objectValue);
+  params["address"] = number;
+  params["callType"] = callType;
+  params["vehicleType"] = vehicleType;
+  return extServ::invokeAsync(embeddedPhoneService, "ecallDial", jsonWrite(params), onReply, context);
+}
+
 }  // namespace
 
 SVCIPC_tError dial(const std::string& number, SVCIPC_tResultCallback onReply, void* context) {
-  Json::Value params(Json::objectValue);
-  params["address"] = number;
-  params["callType"] = "MVA";
-  params["vehicleType"] = vehicleType;
-  return extServ::invokeAsync(embeddedPhoneService, "ecallDial", jsonWrite(params), onReply, context);
+  return dialAs("MVA", number, onReply, context);
+}
+
+SVCIPC_tError dialTestCall(const std::string& number, SVCIPC_tResultCallback onReply, void* context) {
+  return dialAs("TEST", number, onReply, context);
 }
 
 SVCIPC_tError hangUp() { return extServ::invokeAsync(embeddedPhoneService, "endActiveCall", "", "endActiveCall"); }
@@ -123,6 +132,17 @@ emergencyNumbers parseEmergencyNumbers(const char* reply) {
     break;
   }
   return parsed;
+}
+
+bool parseEmergencyNumberList(const char* reply, std::vector<std::string>& numbers) {
+  if (parseEmergencyNumbers(reply).result == emergencyNumbers::ERROR_REPLY) return false;
+  Json::Value value;
+  jsonParse(reply, value);
+  const Json::Value list = value.get("numberList", Json::Value());
+  if (!list.isArray()) return true;
+  for (const Json::Value& entry : list)
+    if (entry.isString()) numbers.push_back(entry.asString());
+  return true;
 }
 
 bool parseStatus(const char* text, bool acceptBare, bool& on) {

@@ -21,6 +21,9 @@ namespace embeddedPhone {
 
 // Dials the emergency number as an emergency call; context "dial".
 SVCIPC_tError dial(const std::string& number, SVCIPC_tResultCallback onReply, void* context);
+// Dials the test number as a test call (call type "TEST", not an emergency
+// call); replies as dial.
+SVCIPC_tError dialTestCall(const std::string& number, SVCIPC_tResultCallback onReply, void* context);
 // Ends the active call; context "endActiveCall".
 SVCIPC_tError hangUp();
 // Answers the emergency centre's call; context "acceptIncomingCall".
@@ -64,6 +67,8 @@ struct emergencyNumbers {
   std::string number;
 };
 emergencyNumbers parseEmergencyNumbers(const char* reply);
+// Every number of the list, in order; false for an error reply.
+bool parseEmergencyNumberList(const char* reply, std::vector<std::string>& numbers);
 
 // The phone's status out of the status answer ({"embeddedPhoneStatus":
 // {"status":b}}) or, when acceptBare (the signal), also {"status":b}. False

@@ -20,6 +20,8 @@ inline const CQVTraceScopeDef externalServiceHandlingTraceScope("ecallService_ex
 class processorInputs;
 
 // Spoken prompt codes; 1-7 are spoken to the occupants, 8-12 into the call.
+// A test call has prompts of its own (13 and 14 to the occupants, 15 and 16
+// into the call), so that nobody takes it for an emergency.
 enum eECallTtsPrompt : int32_t {
   TTS_PROMPT_NONE = 0,
   TTS_PROMPT_INITIATE = 1,
@@ -34,7 +36,11 @@ enum eECallTtsPrompt : int32_t {
   TTS_PROMPT_ACN_PSAP1 = 10,
   TTS_PROMPT_ACN_PSAP2 = 11,
   TTS_PROMPT_GPS_COORDINATES = 12,
-  TTS_PROMPT_COUNT = 13
+  TTS_PROMPT_TEST_CALLING = 13,
+  TTS_PROMPT_TEST_ENDED = 14,
+  TTS_PROMPT_TEST_PSAP1 = 15,
+  TTS_PROMPT_TEST_PSAP2 = 16,
+  TTS_PROMPT_COUNT = 17
 };
 
 constexpr int TTS_LANGUAGE_COUNT = 3;  // 0 English, 1 French, 2 Spanish
@@ -99,6 +105,9 @@ class externalServiceHandling {
   int currentLanguage() const;
   void getCurrentLanguage();
   void logSystemSWInfo();
+  // The vehicle's test number for a test call into number; "" when it was
+  // read, else why there is none (in words for the one who asked).
+  std::string getTestNumber(std::string& number);
 
   // ---- Bluetooth (bluetooth.cpp) ----
   void disableBluetooth();

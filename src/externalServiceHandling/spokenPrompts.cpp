@@ -11,9 +11,10 @@
 #include "externalServiceHandling/serviceRequests.h"
 #include "platform/slog.h"
 
-// Language-major: the text of code c in language l is entry l * 13 + c. The
-// operator announcements (8 to 12) stay English in every row: the emergency
-// centre always hears English, whatever the occupants' language.
+// Language-major: the text of code c in language l is entry l * 17 + c. The
+// operator announcements (8 to 12, and the test call's 15 and 16) stay
+// English in every row: the emergency centre always hears English, whatever
+// the occupants' language.
 // clang-format off
 const char* const strECallTtsPrompts[TTS_LANGUAGE_COUNT * TTS_PROMPT_COUNT] = {
     // English
@@ -30,6 +31,10 @@ const char* const strECallTtsPrompts[TTS_LANGUAGE_COUNT * TTS_PROMPT_COUNT] = {
     "A crash has occurred in a ",
     "A crash has occurred in a ",
     "",
+    "Starting a test call. This is not a 9-1-1 call.",
+    "Test call ended.",
+    "This is a test call, not an emergency. Test call from a ",
+    "This is a test call, not an emergency. Test call from a ",
     // French
     "",
     "Appel du 9-1-1. Pour annuler, appuyez sur le bouton 9-1-1 sur le retroviseur.",
@@ -44,6 +49,10 @@ const char* const strECallTtsPrompts[TTS_LANGUAGE_COUNT * TTS_PROMPT_COUNT] = {
     "A crash has occurred in a ",
     "A crash has occurred in a ",
     "",
+    "Debut d'un appel de test. Ce n'est pas un appel au 9-1-1.",
+    "Fin de l'appel de test.",
+    "This is a test call, not an emergency. Test call from a ",
+    "This is a test call, not an emergency. Test call from a ",
     // Spanish
     "",
     "Comenzando llamada 9-1-1. Para cancelar, presione el boton 9-1-1 en el espejo.",
@@ -58,6 +67,10 @@ const char* const strECallTtsPrompts[TTS_LANGUAGE_COUNT * TTS_PROMPT_COUNT] = {
     "A crash has occurred in a ",
     "A crash has occurred in a ",
     "",
+    "Iniciando una llamada de prueba. No es una llamada al 9-1-1.",
+    "La llamada de prueba finalizo.",
+    "This is a test call, not an emergency. Test call from a ",
+    "This is a test call, not an emergency. Test call from a ",
 };
 // clang-format on
 
@@ -75,8 +88,11 @@ const char* const kLocationUnavailable = "Vehicle location currently not availab
 // Longer position texts are spoken but kept out of the emergency log.
 constexpr size_t kGpsOnlyLogLimit = 180;
 
-bool isPromptSpoken(int prompt) { return prompt >= TTS_PROMPT_INITIATE && prompt <= TTS_PROMPT_GPS_COORDINATES; }
-bool isOccupantPrompt(int prompt) { return prompt >= TTS_PROMPT_INITIATE && prompt <= TTS_PROMPT_DIALING; }
+bool isPromptSpoken(int prompt) { return prompt >= TTS_PROMPT_INITIATE && prompt < TTS_PROMPT_COUNT; }
+bool isOccupantPrompt(int prompt) {
+  return (prompt >= TTS_PROMPT_INITIATE && prompt <= TTS_PROMPT_DIALING) || prompt == TTS_PROMPT_TEST_CALLING ||
+         prompt == TTS_PROMPT_TEST_ENDED;
+}
 
 // A coordinate in millionths of a degree as degrees with five decimals, the
 // sixth cut rather than rounded. The sign is written apart from the digits;
@@ -105,12 +121,14 @@ std::string externalServiceHandling::composeTtsText(eECallTtsPrompt prompt) {
   switch (prompt) {
     case TTS_PROMPT_ECALL_PSAP1:
     case TTS_PROMPT_ACN_PSAP1:
+    case TTS_PROMPT_TEST_PSAP1:
       text += brand;
       text += " vehicle: At any time press '1' for location information. ";
       text += "Press '0' to speak with the vehicle occupants.";
       break;
     case TTS_PROMPT_ECALL_PSAP2:
     case TTS_PROMPT_ACN_PSAP2:
+    case TTS_PROMPT_TEST_PSAP2:
       text += brand;
       text += " vehicle: " + getGPSResponseString();
       text += "At any time press '1' for location information. ";

@@ -173,3 +173,27 @@ void externalServiceHandling::logSystemSWInfo() {
   const std::string version = jsonGetString(root, "app_version", kNotPresent);
   mProcessor.addFormattedEntryToEmergencyLog("System Software Version: %s\n", version.c_str());
 }
+
+// The number a test call dials is the vehicle's, configured per market and
+// car line; the service has no default, so that a car without one never
+// dials anything for a test.
+std::string externalServiceHandling::getTestNumber(std::string& number) {
+  CQVTraceScope scope(externalServiceHandlingTraceScope, __func__);
+  std::string reply;
+  SVCIPC_tError rc =
+      extServ::invokeSync(extServ::vehicleConfigService, "getProperties", extServ::propertyQuery("testNumber"), &reply);
+  if (rc < 0) {
+    scope.sendFormattedError("Unable to get the test number, rc %d\n", rc);
+    sendtoSlog(_SLOG_WARNING, "Unable to get the test number, rc 0x%0X\n", rc);
+    return "the vehicle configuration did not give the test number";
+  }
+  Json::Value root;
+  jsonParse(reply.c_str(), root);
+  const Json::Value value = extServ::member(root, "testNumber");
+  if (value.isNull()) return "no test number is configured in the vehicle configuration";
+  if (!value.isString()) return "the test number of the vehicle configuration is not a text";
+  number = value.asString();
+  if (number.empty()) return "the test number of the vehicle configuration is empty";
+  scope.sendFormattedMessage("Test number received, %s\n", number.c_str());
+  return "";
+}

@@ -1,8 +1,9 @@
 // The car's panel in Debian's chromium, driven by playwright-core: bad input
 // to the HTTP endpoint changes nothing; then a 9-1-1 call made by holding
 // the mirror button, answered and hung up from the emergency centre's
-// buttons, watched on the LED, the service's state and the timeline.
-//   node panel.cjs URL OUTDIR    (OUTDIR gets panel-call.png and panel-end.png)
+// buttons, watched on the LED, the service's state, the timeline and the
+// call's chart with the service's stage times.
+//   node panel.cjs URL OUTDIR    (OUTDIR gets panel-call.png, panel-end.png and call-chart.png)
 // Every wait is for something the page shows, with a deadline.
 'use strict';
 const { chromium } = require('playwright-core');
@@ -96,6 +97,38 @@ async function callFromThePanel(page) {
   await waitFor(() => document.getElementById('mode').textContent === 'no' &&
                       document.getElementById('led').dataset.led === 'off');
   await page.screenshot({ path: path.join(outDir, 'panel-end.png'), fullPage: true });
+  await callChart(page, waitFor);
+}
+
+// The chart: the call's arrows in order, and once it has ended the service's
+// stage times in order in place of what the car saw.
+async function callChart(page, waitFor) {
+  await waitFor(() => document.querySelector('#chart .mark.service[data-stage="end"]'));
+  const chart = await page.evaluate(() => ({
+    arrows: [...document.querySelectorAll('#chart .arrow')]
+      .map((a) => [a.dataset.label, +a.querySelector('line').getAttribute('y1')]),
+    marks: [...document.querySelectorAll('#chart .mark')]
+      .map((m) => [m.dataset.stage, +m.dataset.ms, +m.dataset.y, m.classList.contains('seen')]),
+  }));
+  let at = 0;
+  for (const part of ['E_CALL_BtnStat::1', 'ecallDial', 'calls the centre', 'callState ALERTING', 'callState ACTIVE',
+    'ttsReadout', 'callState TERMINATED', 'ecall off none']) {
+    at = chart.arrows.findIndex(([label], i) => i >= at && label.includes(part));
+    check(at >= 0, `no arrow "${part}" in its place: ${JSON.stringify(chart.arrows.map(([l]) => l))}`);
+  }
+  check(chart.arrows.every(([, y], i) => i === 0 || y >= chart.arrows[i - 1][1]), 'arrows out of order');
+  const stages = ['trigger', 'numberRead', 'dialSent', 'dialling', 'alerting', 'active', 'end'];
+  const marks = chart.marks.filter((m) => stages.includes(m[0]));
+  check(!chart.marks.some((m) => m[3]), 'the car\'s own marks stayed beside the service\'s');
+  check(JSON.stringify(marks.map((m) => m[0])) === JSON.stringify(stages), `marks: ${JSON.stringify(chart.marks)}`);
+  check(marks.every((m, i) => i === 0 || (m[1] >= marks[i - 1][1] && m[2] >= marks[i - 1][2])), 'marks out of order');
+  await page.evaluate(([top, bottom]) => {
+    const box = document.getElementById('chart-box');
+    const scale = box.clientWidth / 1300;
+    box.style.maxHeight = `${(bottom - top + 60) * scale}px`;
+    box.scrollTop = (top - 30) * scale;
+  }, [marks[0][2], marks[marks.length - 1][2]]);
+  await page.locator('#chart-section').screenshot({ path: path.join(outDir, 'call-chart.png') });
 }
 
 async function main() {

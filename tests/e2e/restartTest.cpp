@@ -121,6 +121,9 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   ASSERT_TRUE(waitForStarted(s));
   s.sim("wait 5000");
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
+  // Killed in its call-back period, the run before left the emergency mode's
+  // marker; with nothing resumed the mode is off, and so is the marker.
+  EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
 }
 
 // Killed at random moments of many emergencies (seeded; ECALL_KILL_SEED

@@ -2,19 +2,29 @@
 """A cellular modem for ofonod's phonesim plugin: speaks 3GPP TS 27.007 AT
 commands on a TCP port and plays the network and the emergency centre.
 
-Usage: modem.py [STATE]: ready (the default), off (its port refuses
-connections; first state only), silent (answers only once it leaves the
-state), pin, nosim or limited (not registered). It prints "port N" once it
-has its port, then one line "at CMD" per command the modem receives. Lines
-on standard input drive it and the network, each acknowledged "ok WORD":
+Usage: modem.py [STATE] [ECALLCTL]: STATE is ready (the default), off (its
+port refuses connections; first state only), silent (answers only once it
+leaves the state), pin, nosim or limited (not registered). It prints "port
+N" and "ecall port M" once it has its ports, then one line "at CMD" per
+command the modem receives ("ecall at CMD" on the eCall port). Lines on
+standard input drive it and the network, each acknowledged "ok WORD":
   state STATE    the modem goes into STATE
   answer         the called party answers (the call becomes active)
   hangup         the far end hangs up (NO CARRIER)
   ring NUMBER    an incoming call from NUMBER (RING, +CLIP)
   drop           the modem's line to ofonod breaks
+  msdrequest     the emergency centre asks for a fresh MSD (+MSDREQ)
+  ecalloff       the eCall port breaks and refuses connections from then on
+The eCall port is the modem's second AT channel: a command carrying a hex
+MSD loads it (printed as "msd HEX" and "msd| FIELD: VALUE" lines by ECALLCTL
+msd --decode; one that does not decode is refused), AT+CECALL=<3|2|0> places
+the call, which shows in +CLCC on the first port after a RING (on which
+oFono reads the call list: see the README).
 """
+import re
 import selectors
 import socket
+import subprocess
 import sys
 
 # 27.007 +CLCC call states
@@ -43,12 +53,14 @@ STATES = {"ready": {}, "off": {}, "silent": {}, "pin": {"AT+CPIN?": "+CPIN: SIM 
 
 
 class Modem:
-    def __init__(self, state):
+    def __init__(self, state, ecallctl):
         self.calls = {}  # index -> [direction, state, number]
         self.conn = None
         self.buf = b""
         self.state = state
         self.held = []  # commands taken while silent
+        self.ecallctl = ecallctl
+        self.ecall = None  # the eCall port's connection
 
     def send(self, text):
         if self.conn:
@@ -86,6 +98,27 @@ class Modem:
         if not lines or "ERROR" not in lines[-1]:
             self.send("OK")
 
+    def ecall_command(self, cmd):
+        print("ecall at " + cmd, flush=True)
+        answer = "OK"
+        msd = re.search(r"[0-9A-Fa-f]{40,}", cmd)
+        placed = re.fullmatch(r"AT\+CECALL=([023])", cmd.upper())
+        if msd:
+            decoded = subprocess.run([self.ecallctl, "msd", "--decode", msd.group(0)], capture_output=True,
+                                     text=True, timeout=20)
+            print("msd " + msd.group(0), flush=True)
+            for line in (decoded.stdout + decoded.stderr).splitlines():
+                print("msd| " + line, flush=True)
+            answer = "OK" if decoded.returncode == 0 else "+CME ERROR: 50"
+        elif placed:
+            # A test call goes to the test number the modem's SIM holds.
+            self.calls[1] = [0, DIALING, "5550100" if placed.group(1) == "0" else "112"]
+        elif cmd.upper().startswith("AT+CECALL"):
+            answer = "ERROR"
+        self.ecall.sendall(("\r\n" + answer + "\r\n").encode())
+        if placed:
+            self.send("RING")
+
     def network(self, words):
         if words[0] == "state" and len(words) > 1 and words[1] in STATES:
             self.state = words[1]
@@ -103,26 +136,34 @@ class Modem:
             self.calls[1] = [1, INCOMING, number]
             self.send("RING")
             self.send(f'+CLIP: "{number}",129')
+        elif words[0] == "msdrequest" and self.ecall:
+            self.ecall.sendall(b"\r\n+MSDREQ\r\n")
         print("ok " + words[0], flush=True)
 
-    def data(self, chunk):
-        self.buf += chunk
-        while True:
-            end = min((i for i in (self.buf.find(b"\r"), self.buf.find(b"\n")) if i >= 0), default=-1)
-            if end < 0:
-                return
-            line, self.buf = self.buf[:end].decode(errors="replace").strip(), self.buf[end + 1:]
-            if line:
-                self.command(line)
+def lines(buf, chunk, take):
+    """Takes each whole line of buf + chunk; returns what is left."""
+    buf += chunk
+    while True:
+        end = min((i for i in (buf.find(b"\r"), buf.find(b"\n")) if i >= 0), default=-1)
+        if end < 0:
+            return buf
+        line, buf = buf[:end].decode(errors="replace").strip(), buf[end + 1:]
+        if line:
+            take(line)
 
 
 def main():
-    modem = Modem(sys.argv[1] if len(sys.argv) > 1 else "ready")
+    modem = Modem(sys.argv[1] if len(sys.argv) > 1 else "ready", sys.argv[2] if len(sys.argv) > 2 else "ecallctl")
     # Bound but not listening, the port refuses connections.
     server = socket.socket()
     server.bind(("127.0.0.1", 0))
+    ecall_server = socket.socket()
+    ecall_server.bind(("127.0.0.1", 0))
+    ecall_server.listen()
+    ecall_buf = b""
     sel = selectors.DefaultSelector()
     sel.register(sys.stdin, selectors.EVENT_READ, "stdin")
+    sel.register(ecall_server, selectors.EVENT_READ, "ecall accept")
 
     def listen():
         if modem.state != "off" and server not in sel.get_map():
@@ -131,9 +172,30 @@ def main():
 
     listen()
     print(f"port {server.getsockname()[1]}", flush=True)
+    print(f"ecall port {ecall_server.getsockname()[1]}", flush=True)
+
+    def ecall_close():
+        sel.unregister(modem.ecall)
+        modem.ecall.close()
+        modem.ecall = None
+
     while True:
         for key, _ in sel.select():
-            if key.data == "accept":
+            if key.data == "ecall accept":
+                if modem.ecall:
+                    ecall_close()
+                modem.ecall, _ = ecall_server.accept()
+                ecall_buf = b""
+                sel.register(modem.ecall, selectors.EVENT_READ, "ecall")
+            elif key.data == "ecall":
+                try:
+                    chunk = modem.ecall.recv(4096)
+                    ecall_buf = lines(ecall_buf, chunk, modem.ecall_command)
+                except OSError:
+                    chunk = b""
+                if not chunk:
+                    ecall_close()
+            elif key.data == "accept":
                 if modem.conn:
                     sel.unregister(modem.conn)
                     modem.conn.close()
@@ -150,13 +212,18 @@ def main():
                     sel.unregister(modem.conn)
                     modem.conn.close()
                     modem.conn = None
+                if words and words[0] == "ecalloff":
+                    if modem.ecall:
+                        ecall_close()
+                    sel.unregister(ecall_server)
+                    ecall_server.close()
                 if words:
                     modem.network(words)
                     listen()
             else:
                 try:
                     chunk = modem.conn.recv(4096)
-                    modem.data(chunk)
+                    modem.buf = lines(modem.buf, chunk, modem.command)
                 except OSError:  # ofonod ended without reading all it was sent
                     chunk = b""
                 if not chunk:

@@ -37,16 +37,17 @@ std::string freePort() {
 
 }  // namespace
 
-RealHeadUnit::RealHeadUnit(const std::string& modemState)
+RealHeadUnit::RealHeadUnit(const Setup& setup)
     : harnessPtr(std::make_unique<testSupport::E2eHarness>(vehicleOnly())), harness(*harnessPtr) {
   char folder[] = "/tmp/ecall-headunit-XXXXXX";
   dir = mkdtemp(folder);
   const std::string systemBus = "DBUS_SYSTEM_BUS_ADDRESS=" + harness.busAddress();
 
-  modem = std::make_unique<testSupport::Child>(std::vector<std::string>{PYTHON3, MODEM_EMULATOR, modemState},
-                                               std::vector<std::string>{}, true);
+  const std::string& modemState = setup.modemState;
+  modem = std::make_unique<testSupport::Child>(
+      std::vector<std::string>{PYTHON3, MODEM_EMULATOR, modemState, ECALLCTL_BIN}, std::vector<std::string>{}, true);
   const std::string& said = modem->out();
-  if (!modem->waitForOutput([&] { return said.find('\n') != std::string::npos; }, ms(10000)))
+  if (!waitForModem("ecall port ", 0, ms(10000)))
     throw std::runtime_error("the modem emulator did not start: " + modem->err());
   testSupport::writeFile(dir + "/phonesim.conf",
                          "[phonesim]\nAddress=127.0.0.1\nPort=" + said.substr(5, said.find('\n') - 5) + "\n");
@@ -60,8 +61,16 @@ RealHeadUnit::RealHeadUnit(const std::string& modemState)
       UNSHARE, "--pid", "--fork", "--kill-child", GPSFAKE, "-q", "-c", "0.1", "-P", gpsPort, DRIVE_NMEA},
       // gpsd's control socket is named after gpsfake's process number, 1 here.
       std::vector<std::string>{"TMPDIR=" + dir});
-  testSupport::writeFile(dir + "/ecall-headunit.conf",
-                         "brand = 9\nlanguage = en_US\nemergencyNumber = 911\ngpsd = 127.0.0.1:" + gpsPort + "\n");
+  std::string config = "brand = 9\nlanguage = en_US\ntestNumber = 5550100\ngpsd = 127.0.0.1:" + gpsPort + "\n";
+  if (setup.europe) {
+    const size_t port = said.find("ecall port ") + 11;
+    config += "market = EU\nvin = NRD1ECALL0T000042\nvehicleCategory = M1\npropulsion = gasoline, electric\n"
+              "seatBelts = 2\nmsdRequestCode = +MSDREQ\nmsdLoadCommand = AT+MSDLOAD=\"%s\"\n"
+              "ecallChannel = 127.0.0.1:" + said.substr(port, said.find('\n', port) - port) + "\n";
+  } else {
+    config += "emergencyNumber = 911\n";
+  }
+  testSupport::writeFile(dir + "/ecall-headunit.conf", config);
 
   // The bridge takes oFono's modem whether oFono comes before it or after.
   bridge = std::make_unique<testSupport::Child>(
@@ -71,6 +80,7 @@ RealHeadUnit::RealHeadUnit(const std::string& modemState)
   if (!waitForBridge(modemState == "off" ? "ecall-headunit: ready" : "\"embeddedPhoneStatus\":{\"status\":true}") ||
       !waitForBridge("NDR: position fixed"))
     throw std::runtime_error("the head unit did not come up; it said:\n" + bridge->out() + bridge->err());
+  if (!setup.service) return;
   harness.startService();
   if (!harness.waitForChannelConnected()) throw std::runtime_error("ecallService did not start");
 }

@@ -11,6 +11,8 @@
 //   car.network("answer");
 // RealHeadUnit car("pin"): the modem starts in another state (modem.py);
 // with "off" the service starts without waiting for the phone.
+// RealHeadUnit car({.europe = true}): a car of the EU market whose bridge
+// places the call on the emulator's eCall port.
 #pragma once
 
 #include <chrono>
@@ -22,7 +24,13 @@
 class RealHeadUnit {
  public:
   using ms = std::chrono::milliseconds;
-  explicit RealHeadUnit(const std::string& modemState = "ready");
+  struct Setup {
+    std::string modemState = "ready";
+    bool europe = false;
+    bool service = true;  // false: the test calls the bridge itself
+  };
+  explicit RealHeadUnit(const Setup& setup);
+  RealHeadUnit(const char* modemState = "ready") : RealHeadUnit(Setup{modemState}) {}
   ~RealHeadUnit();
 
   // The modem emulator has printed a line holding part since mark (an

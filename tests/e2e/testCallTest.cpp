@@ -1,0 +1,146 @@
+// The test call end to end: the whole call to the vehicle's test number,
+// never to an emergency number, marked as a test wherever it shows; refused
+// without a usable test number and while an emergency is in hand; ended at
+// once by a crash; given up after three attempts; forgotten by a restart.
+#include <gtest/gtest.h>
+
+#include "carScene.h"
+
+using namespace carScene;
+
+namespace {
+
+const std::string kTestSignal =
+    activeSignal("testCall", "TEST_CALL", "Test call to the vehicle's test number", "5550100");
+const std::string kTestDial =
+    "ecallDial {\"address\":\"5550100\",\"callType\":\"TEST\",\"vehicleType\":\"Corvane\"}\n";
+const std::string kTestAnnouncement = "ECALL: This is a test call, not an emergency. Test call from a ";
+const std::string kJournal = "/fs/etfs/usr/var/ecall/ecall_journal";
+
+std::string refused(const std::string& reason) { return "{\"reason\":\"" + reason + "\",\"result\":\"REFUSED\"}\n"; }
+testSupport::Outcome ctlTest(E2eHarness& car) {
+  return testSupport::run({ECALLCTL_BIN, "--bus", car.busAddress(), "test"});
+}
+const std::string kCrashDial = "ecallDial {\"address\":\"911\",\"callType\":\"MVA\",\"vehicleType\":\"Corvane\"}\n";
+Json::Value phoneSays(Scene& s, const std::string& part) {
+  return s.waitForRecord([&](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", part); });
+}
+
+}  // namespace
+
+// Asked for with ecallctl, the test call runs as an emergency call does,
+// without the cancel window: its own prompts, the dial to the test number
+// as a test, the operator's announcement saying it is a test, the end
+// period. The signal and the log say "test"; no emergency number is dialled
+// and the journal is never written.
+TEST(TestCall, WholeCallToTheTestNumberMarkedAsATestAndNeverJournaled) {
+  Scene s(carOptions(kScale, {"set brand 9", "set gps 12345678 -98765432", "set pace 2000"}));
+  const testSupport::Outcome started = ctlTest(s.car);
+  EXPECT_EQ(started.exitCode, 0) << started.err;
+  ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull()) << "the announcement was not spoken";
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForIdle());
+
+  EXPECT_SOON_EQ(s.signals(), (Strings{kTestSignal, endedSignal(true), endedSignal(false)}));
+  EXPECT_SOON_EQ(s.requests("EmbeddedPhone"), (Strings{"getEmergencyNumbers {\"maxCount\":10}\n", "endActiveCall ",
+                                                       kTestDial, "debugAT {\"atString\":\"at+wsos=0\\r\"}\n"}));
+  const std::string vetta = kTestAnnouncement + "Vetta vehicle: ";
+  EXPECT_SOON_EQ(s.spoken(), (Strings{"PMSG: Starting a test call. This is not a 9-1-1 call.", vetta + kOperatorKeys,
+                                      vetta + "Latitude... 12.34567. Longitude... -98.76543. " + kOperatorKeys,
+                                      "PMSG: Test call ended."}));
+  EXPECT_TRUE(containsInOrder(s.log(), {"Test call requested, test number 5550100", "Test call started",
+                                        "Test call: calling 5550100", kCallActive, "Call ended", "Test call ended"}));
+  for (const std::string& entry : s.log()) EXPECT_EQ(entry.find("911"), std::string::npos) << entry;
+  EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
+}
+
+// No call without a test number the car may dial (missing, empty, not a
+// number, one every phone takes for an emergency, one of this phone's
+// emergency numbers), nor while an emergency waits for the phone, is in
+// progress or in its call-back period.
+TEST(TestCall, RefusedWithoutAUsableTestNumberAndWhileAnEmergencyIsInHand) {
+  Scene s(carOptions(kScale, {"set number 911 5550123"}));
+  const std::pair<std::string, std::string> numbers[] = {
+      {"none", "no test number is configured in the vehicle configuration"},
+      {"empty", "the test number of the vehicle configuration is empty"},
+      {"112", "the test number 112 is an emergency number"},
+      {"5550123", "the test number 5550123 is an emergency number"},
+  };
+  for (const auto& [number, reason] : numbers) {
+    s.sim("set testnumber " + number);
+    EXPECT_EQ(s.car.call("startTestEcall"), refused(reason)) << number;
+  }
+  const testSupport::Outcome outcome = ctlTest(s.car);
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_EQ(outcome.err, "ecallctl: test refused: the test number 5550123 is an emergency number\n");
+
+  s.sim("set testnumber 5550100");
+  s.simUntilTraced("phone off", "start Phone not present timer");
+  s.sim("crash B can");
+  ASSERT_TRUE(s.car.waitForTrace("embedded phone not available"));
+  EXPECT_EQ(s.car.call("startTestEcall"), refused("an emergency is requested or in progress"));
+  s.sim("phone on");
+  ASSERT_FALSE(phoneSays(s, "ACTIVE").isNull());
+  EXPECT_EQ(s.car.call("startTestEcall"), refused("an emergency is requested or in progress"));
+  ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
+  s.sim("psap hangup");
+  ASSERT_FALSE(s.waitForSignal([](const Json::Value& m) { return !m["ecall"].asBool(); }).isNull());
+  EXPECT_EQ(s.car.call("startTestEcall"), refused("the emergency mode is on (a call or its call-back period)"));
+  ASSERT_TRUE(s.waitForIdle());
+  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), Strings{kCrashDial});
+}
+
+// A crash while the operator hears the test announcement: the test call is
+// hung up and the crash dialled to 911 as soon as the phone (slow to let a
+// call go, as a real one) has let it go, well within the shortest wait a
+// test call or a press could put before it (10 s). The crash call then runs
+// its own course.
+TEST(TestCall, ACrashEndsTheTestCallAtOnceAndIsDialledWithoutDelay) {
+  constexpr double scale = 0.1;
+  Scene s(carOptions(scale, {"set hangup 1000"}));
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
+  const std::string announcement = kTestAnnouncement + "Corvane vehicle: " + kOperatorKeys;
+  ASSERT_FALSE(s.waitForRecord([&](const Json::Value& r) { return isReadout(r, announcement); }).isNull());
+  const size_t beforeCrash = s.car.recordMark();
+  s.sim("crash B can");
+  const Json::Value dial = s.car.waitForRequestSince(beforeCrash, "EmbeddedPhone", "ecallDial", kLong);
+  ASSERT_EQ(testSupport::requestTexts({dial}), Strings{kCrashDial});
+  const double crashAt = at(s.waitForRecord([](const Json::Value& r) { return r["event"] == "impact"; }));
+  printf("crash during a test call to its dial: %.0f ms\n", (at(dial) - crashAt) * 1000);
+  EXPECT_LT(at(dial) - crashAt, atMost(1000, scale));
+  EXPECT_LT(at(phoneSays(s, "TERMINATED\",\"callType\":1,\"number\":\"5550100")), at(dial));
+  ASSERT_FALSE(s.waitForRecord([](const Json::Value& r) {
+                  return isReadout(r, "ECALL: A crash has occurred in a Corvane vehicle: " + kOperatorKeys);
+                }).isNull());
+  EXPECT_TRUE(containsInOrder(s.signals(), {kTestSignal, kCrashB}));
+  EXPECT_TRUE(containsInOrder(s.log(), {"Test call: calling 5550100", "Test call ended: CAN_IMPACT_B takes over",
+                                        "ACR triggered on CAN - More severe rear event", "Calling 911"}));
+}
+
+// A test line that cannot be reached is tried three times, then the test
+// call ends, saying so. A test call killed with the service is forgotten:
+// after the restart a new test call is taken and its dial is the first.
+TEST(TestCall, GivesUpAfterThreeAttemptsAndIsForgottenByARestart) {
+  Scene s(carOptions(kScale, {"set dial fail"}));
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
+  ASSERT_TRUE(s.waitForIdle());
+  const std::string failed = activeSignal("failed", "TEST_CALL", "Test call to the vehicle's test number", "5550100");
+  EXPECT_SOON_EQ(s.signals(), (Strings{kTestSignal, failed, failed, failed, endedSignal(true), endedSignal(false)}));
+  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), (Strings{kTestDial, kTestDial, kTestDial}));
+  EXPECT_TRUE(containsInOrder(s.log(), {"Test call failed after 3 attempts", "Test call ended"}));
+
+  s.sim("set dial ok");
+  s.sim("set answer manual");
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
+  ASSERT_FALSE(phoneSays(s, "ALERTING").isNull());
+  s.car.stopService();
+  s.sim("psap hangup");
+  s.markNow();
+  s.car.startService();
+  ASSERT_TRUE(s.waitForRequest("AudioMixerManager", "getProperties"));  // the last of its start
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk) << "something was resumed";
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
+  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").front(), kTestDial);
+  for (const std::string& entry : s.car.emergencyLogMessages()) EXPECT_EQ(entry.find("resumed"), std::string::npos);
+  EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
+}
