@@ -97,6 +97,10 @@ bool durableFile::writeAt(uint64_t offset, const void* data, size_t size) {
 
 bool durableFile::syncInBackground() { return mSyncer.running() || (mFd >= 0 && mSyncer.start(mPath)); }
 
+bool durableFile::waitDurable(std::chrono::milliseconds deadline) {
+  return !mSyncer.running() || mSyncer.waitSynced(deadline);
+}
+
 bool durableFile::setAside(const std::string& asideServicePath) {
   if (mFd >= 0) ::close(mFd);
   mFd = -1;

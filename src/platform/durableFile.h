@@ -5,6 +5,7 @@
 // the service's own absolute paths, resolved under the root (--root).
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -38,6 +39,9 @@ class durableFile {
   // fdatasync for all writes made before it began. False when that thread
   // cannot start: each write then waits for its own fdatasync.
   bool syncInBackground();
+  // Waits until every write made so far is on the medium; false at the
+  // deadline. True at once where each write waits for its own sync.
+  bool waitDurable(std::chrono::milliseconds deadline);
   // Renames the file to asideServicePath (replacing an older one there) and
   // opens a new, empty file under the old name.
   bool setAside(const std::string& asideServicePath);
