@@ -1,16 +1,19 @@
 // A busy head unit: crash to "ecallDial" and the 9-1-1 button to the first
 // "ecall" signal while stress-ng runs a CPU hog and a disk writer per core
 // (on the disk of the services' roots), all at normal priority, beside the same two
-// paths on the same machine unloaded, in the same run. The service runs with
-// the priorities and limits its systemd unit gives it (read from the unit
-// file); the simulated head unit and its bus daemon run at normal priority
-// like the rest of the head unit. Unloaded and loaded take turns in rounds,
-// so that other work on the machine weighs on both alike. Each sample is a
-// fresh service at time scale 1.
+// paths on the same machine unloaded, in the same run. Two settings take
+// turns: the service alone with the priorities and limits its systemd unit
+// gives it, the simulated head unit and its bus daemon at normal priority;
+// and the path as installed, where the simulated head unit also runs with
+// those of ecall-headunit's unit and the bus daemon with those of the
+// drop-in installed for it. Each is read from the file that is installed,
+// and applied the way systemd applies it. Unloaded and loaded take turns in
+// rounds, so that other work on the machine weighs on both alike. Each
+// sample is a fresh service at time scale 1.
 //
 // Usage: bench_busyHeadUnit [RUNS] [--no-priorities] [--service PATH] [--unit FILE]
 //                           [--cpu-hogs N] [--disk-writers N] [--disk-options OPTS]
-//   RUNS             samples of each path in each condition (default 100)
+//   RUNS             samples of each path in each setting and condition (default 100)
 //   --no-priorities  run the service as an ordinary process, for a before
 //   --service PATH   another build's ecallService, for a before
 //   --unit FILE      the priorities of another unit file, to try them out
@@ -29,6 +32,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -108,6 +112,14 @@ struct Samples {
   std::vector<double> minorFaults, majorFaults;  // of the service between crash and dial
 };
 
+// How the processes of the path run in one setting (no directives:
+// ordinary), and what they measured.
+struct Setting {
+  std::string name;
+  bench::UnitPriorities service, sim, bus;
+  Samples unloaded, loaded;
+};
+
 // The page faults of a process so far: minor (the page was in memory) and
 // major (it was read from the disk).
 std::pair<long, long> pageFaults(pid_t pid) {
@@ -124,22 +136,30 @@ std::pair<long, long> pageFaults(pid_t pid) {
   return {minor, major};
 }
 
-testSupport::E2eOptions serviceOptions(const Settings& s, const bench::UnitPriorities& unit) {
+// Runs in a new process before its program: the directives, or nothing.
+std::function<void()> applying(const bench::UnitPriorities& p) {
+  if (p.text.empty()) return {};
+  return [&p] {
+    if (!bench::applyUnitPriorities(p)) _exit(126);
+  };
+}
+
+testSupport::E2eOptions carOptions(const Settings& s, const Setting& setting) {
   testSupport::E2eOptions options;
   options.timeScale = 1.0;
   // As in the car: a trace is written line by line to a file, and those
   // writes would wait for the disk too.
   options.trace = false;
   options.serviceBinary = s.service;
-  if (s.priorities) options.beforeServiceExec = [&unit] {
-    if (!bench::applyUnitPriorities(unit)) _exit(126);
-  };
+  options.beforeServiceExec = applying(setting.service);
+  options.beforeSimExec = applying(setting.sim);
+  options.beforeBusExec = applying(setting.bus);
   return options;
 }
 
-void sampleOnce(const Settings& s, const bench::UnitPriorities& unit, Samples& out) {
+void sampleOnce(const Settings& s, const Setting& setting, Samples& out) {
   {
-    testSupport::E2eHarness car(serviceOptions(s, unit));
+    testSupport::E2eHarness car(carOptions(s, setting));
     bench::CrashToDial run;
     const bool started = car.waitForServiceStarted(ms(30000));
     const auto faultsBefore = pageFaults(car.servicePid());
@@ -151,7 +171,7 @@ void sampleOnce(const Settings& s, const bench::UnitPriorities& unit, Samples& o
     } else
       fprintf(stderr, "a crash sample failed\n");
   }
-  testSupport::E2eHarness car(serviceOptions(s, unit));
+  testSupport::E2eHarness car(carOptions(s, setting));
   bench::ButtonToSignal run;
   if (car.waitForServiceStarted(ms(30000)) && bench::buttonToSignal(car, run))
     out.button.push_back((run.signalAt - run.pressAt) * 1000);
@@ -191,36 +211,77 @@ bool parse(int argc, char** argv, Settings& s) {
   return true;
 }
 
+
+// The directives of a unit file, or the reason they cannot be read.
+bool readPriorities(const std::string& file, bench::UnitPriorities& into) {
+  into = bench::readUnitPriorities(file);
+  if (!into.error.empty()) fprintf(stderr, "%s", into.error.c_str());
+  return into.error.empty();
+}
+
+void printDirectives(const char* who, const bench::UnitPriorities& p) {
+  printf("     %s:%s\n", who, p.text.empty() ? " ordinary" : "");
+  for (const std::string& line : testSupport::splitLines(p.text)) printf("       %s\n", line.c_str());
+}
+
+void printResults(const Setting& setting) {
+  printf("\n%s\n", setting.name.c_str());
+  bench::printStats("crash to ecallDial, unloaded", setting.unloaded.crash);
+  bench::printStats("crash to ecallDial, loaded", setting.loaded.crash);
+  bench::printStats("button to \"ecall\" signal, unloaded", setting.unloaded.button);
+  bench::printStats("button to \"ecall\" signal, loaded", setting.loaded.button);
+  const Samples &u = setting.unloaded, &l = setting.loaded;
+  printf("%-44s minor p50 %.0f (max %.0f), major max %.0f unloaded; minor p50 %.0f (max %.0f), major max %.0f loaded\n",
+         "page faults of the service, crash to dial", bench::stats(u.minorFaults).p50, bench::stats(u.minorFaults).max,
+         bench::stats(u.majorFaults).max, bench::stats(l.minorFaults).p50, bench::stats(l.minorFaults).max,
+         bench::stats(l.majorFaults).max);
+  auto ratio = [](const std::vector<double>& loaded, const std::vector<double>& unloaded) {
+    return bench::stats(loaded).p99 / std::max(1e-9, bench::stats(unloaded).p99);
+  };
+  printf("%-44s crash %.2f x, button %.2f x (goal: at most 3 x)\n", "p99 loaded / p99 unloaded",
+         ratio(l.crash, u.crash), ratio(l.button, u.button));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Settings s;
   if (!parse(argc, argv, s)) return 2;
-  const bench::UnitPriorities unit = bench::readUnitPriorities(s.unitFile);
-  if (!unit.error.empty()) {
-    fprintf(stderr, "%s", unit.error.c_str());
+  std::vector<Setting> settings(2);
+  settings[0].name = s.priorities ? "the service alone with its unit's priorities, the rest ordinary"
+                                  : "the service and the rest ordinary";
+  settings[1].name = "the path as installed: the service, the head unit's services and the bus daemon";
+  for (Setting& setting : settings)
+    if (s.priorities && !readPriorities(s.unitFile, setting.service)) return 1;
+  if (!readPriorities(bench::headUnitUnitFile(), settings[1].sim) ||
+      !readPriorities(bench::busDaemonDropInFile(), settings[1].bus))
     return 1;
-  }
   char folder[] = "/tmp/ecall-busy-XXXXXX";  // the disk of the services' roots
   if (mkdtemp(folder) == nullptr) return 1;
   s.diskFolder = folder;
 
   bench::printMachine("busy head unit, time scale 1, " + std::to_string(s.runs) +
-                      " crashes and presses unloaded and as many loaded, fresh service each");
+                      " crashes and presses per setting unloaded and as many loaded, fresh service each");
   printf("   load: stress-ng --cpu %d --hdd %d%s%s (normal priority), %d rounds of each\n", s.cpuHogs, s.diskWriters,
          s.diskOptions.empty() ? "" : " --hdd-opts ", s.diskOptions.c_str(), kRounds);
-  printf("   service: %s, %s\n", s.service.empty() ? "this build" : s.service.c_str(),
-         s.priorities ? ("with the priorities of " + s.unitFile + ":").c_str() : "without priorities (an ordinary process)");
-  if (s.priorities && unit.text.empty()) printf("     (the unit sets none)\n");
-  if (s.priorities)
-    for (const std::string& line : testSupport::splitLines(unit.text)) printf("     %s\n", line.c_str());
+  printf("   service: %s\n", s.service.empty() ? "this build" : s.service.c_str());
+  for (const Setting& setting : settings) {
+    printf("   %s\n", setting.name.c_str());
+    printDirectives("ecallService", setting.service);
+    printDirectives("vehicle-sim (as ecall-headunit)", setting.sim);
+    printDirectives("dbus-daemon", setting.bus);
+  }
   fflush(stdout);
 
-  Samples unloaded, loaded;
+  // The settings take turns sample by sample.
+  auto sampleAll = [&](bool loaded, int count) {
+    for (int i = 0; i < count; ++i)
+      for (Setting& setting : settings) sampleOnce(s, setting, loaded ? setting.loaded : setting.unloaded);
+  };
   const int perRound = (s.runs + kRounds - 1) / kRounds;
   for (int round = 0; round < kRounds; ++round) {
     printLoad("unloaded round");
-    for (int i = 0; i < perRound; ++i) sampleOnce(s, unit, unloaded);
+    sampleAll(false, perRound);
     Load load(s);
     std::this_thread::sleep_for(kLoadWarmUp);
     if (!load.running()) {
@@ -228,28 +289,16 @@ int main(int argc, char** argv) {
       return 1;
     }
     printLoad("loaded round");
-    for (int i = 0; i < perRound; ++i) sampleOnce(s, unit, loaded);
+    sampleAll(true, perRound);
     printLoad("end of loaded round");
   }
   rmdir(folder);
 
-  printf("\n");
-  bench::printStats("crash to ecallDial, unloaded", unloaded.crash);
-  bench::printStats("crash to ecallDial, loaded", loaded.crash);
-  bench::printStats("button to \"ecall\" signal, unloaded", unloaded.button);
-  bench::printStats("button to \"ecall\" signal, loaded", loaded.button);
-  printf("%-44s minor p50 %.0f (max %.0f), major max %.0f unloaded; minor p50 %.0f (max %.0f), major max %.0f loaded\n",
-         "page faults of the service, crash to dial", bench::stats(unloaded.minorFaults).p50,
-         bench::stats(unloaded.minorFaults).max, bench::stats(unloaded.majorFaults).max,
-         bench::stats(loaded.minorFaults).p50, bench::stats(loaded.minorFaults).max,
-         bench::stats(loaded.majorFaults).max);
-  auto ratio = [](const std::vector<double>& l, const std::vector<double>& u) {
-    return bench::stats(l).p99 / std::max(1e-9, bench::stats(u).p99);
-  };
-  printf("%-44s crash %.2f x, button %.2f x (goal: at most 3 x)\n", "p99 loaded / p99 unloaded",
-         ratio(loaded.crash, unloaded.crash), ratio(loaded.button, unloaded.button));
+  for (const Setting& setting : settings) printResults(setting);
   double load[3] = {0, 0, 0};
   getloadavg(load, 3);
-  printf("%-44s %.2f %.2f %.2f\n", "load at the end", load[0], load[1], load[2]);
-  return unloaded.crash.empty() || loaded.crash.empty() ? 1 : 0;
+  printf("\n%-44s %.2f %.2f %.2f\n", "load at the end", load[0], load[1], load[2]);
+  for (const Setting& setting : settings)
+    if (setting.unloaded.crash.empty() || setting.loaded.crash.empty()) return 1;
+  return 0;
 }

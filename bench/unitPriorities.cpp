@@ -96,6 +96,8 @@ bool readDirective(UnitPriorities& p, const std::string& key, const std::string&
 }  // namespace
 
 std::string serviceUnitFile() { return std::string(ECALL_SOURCE_DIR) + "/data/systemd/ecallService.service.in"; }
+std::string headUnitUnitFile() { return std::string(ECALL_SOURCE_DIR) + "/data/headunit/ecall-headunit.service.in"; }
+std::string busDaemonDropInFile() { return std::string(ECALL_SOURCE_DIR) + "/data/systemd/emergency-path.conf"; }
 
 UnitPriorities readUnitPriorities(const std::string& unitFile) {
   UnitPriorities p;

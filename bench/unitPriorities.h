@@ -1,6 +1,6 @@
-// The CPU and disk priorities and the limits that the service's systemd unit
-// gives it, read from the unit file itself so that a benchmark runs the
-// service exactly as the unit would, and applied the way the service manager
+// The CPU and disk priorities and the limits that a systemd unit or drop-in
+// gives a process, read from the file itself so that a benchmark runs the
+// process exactly as the unit would, and applied the way the service manager
 // applies them: in the new process, before its program starts.
 #pragma once
 
@@ -31,6 +31,10 @@ struct UnitPriorities {
 
 // The unit file of the source tree (data/systemd/ecallService.service.in).
 std::string serviceUnitFile();
+// ecall-headunit's unit (data/headunit/ecall-headunit.service.in).
+std::string headUnitUnitFile();
+// The drop-in installed for the system bus daemon (data/systemd/emergency-path.conf).
+std::string busDaemonDropInFile();
 // Reads Nice=, CPUSchedulingPolicy=, CPUSchedulingPriority=,
 // CPUSchedulingResetOnFork=, IOSchedulingClass=, IOSchedulingPriority=,
 // LimitRTTIME= and LimitMEMLOCK=; error is set for a value it cannot read.

@@ -1,6 +1,8 @@
 #include "textToSpeech.h"
 
 #include <espeak-ng/espeak_ng.h>
+#include <pthread.h>
+#include <sched.h>
 
 #include <cstdio>
 #include <cstring>
@@ -38,6 +40,11 @@ int TextToSpeech::onSamples(short* samples, int count, void*) {
 }
 
 void TextToSpeech::run() {
+  // A prompt is synthesized in one go, for as long as it takes: ordinary
+  // work, whatever class the bridge's unit gives the threads that answer
+  // requests (it would also end a real-time thread that runs that long).
+  const sched_param ordinary{};
+  pthread_setschedparam(pthread_self(), SCHED_OTHER, &ordinary);
   espeak_ng_InitializePath(nullptr);
   espeak_ng_STATUS status = espeak_ng_Initialize(nullptr);
   if (status == ENS_OK) {

@@ -226,7 +226,8 @@ ecallProcessor::requestNotices ecallProcessor::decideEmergency(eEmergencyType ne
   if (curECallType == ecallMain::NONE) mStageClock.begin(platform::monotonicMs());
   curECallType = newType;
   curCallModeType = newMode;
-  // Written before the state machine is woken: one synchronous write.
+  // Written before the state machine is woken (into the kernel; made
+  // durable by the journal's own thread).
   if (isDialled(newType)) mJournal.requested(newType, newMode);
   scope.sendFormattedMessage("Emergency happened. type %d. mode %s.\n", newType,
                              ecallMain::eCallModeTypeString[newMode].c_str());

@@ -1,5 +1,6 @@
 #include "emergencyJournal/emergencyJournal.h"
 
+#include <chrono>
 #include <cstring>
 
 #include "platform/slog.h"
@@ -10,6 +11,9 @@ using journal::journalKind;
 namespace {
 
 const CQVTraceScopeDef journalTraceScope("ecallService_emergencyJournal", "all");
+// How long a cancel waits for the medium at most (a disk under load takes
+// tens of milliseconds).
+constexpr std::chrono::milliseconds kCancelSyncBound(2000);
 
 }  // namespace
 
@@ -32,6 +36,10 @@ emergencyJournal::startUp emergencyJournal::open(const std::string& path, const 
     found.load.problem = std::string("cannot be read: ") + strerror(mFile.lastError());
     return found;
   }
+  // A change must not wait for the medium on its way to the dial: it is in
+  // the file when written, and on the medium a sync later.
+  if (!mFile.syncInBackground())
+    scope.sendFormattedWarning("Emergency journal syncer not started, every change waits for its sync\n");
   found.load = journal::decodeJournal(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   if (found.load.status == journal::loadStatus::unreadable) {
     found.setAside = true;
@@ -129,20 +137,29 @@ void emergencyJournal::callbackPeriod(int64_t periodMs) {
 }
 
 void emergencyJournal::closed() {
-  std::lock_guard<std::mutex> lock(mMutex);
-  journal::journalRecord record = mCurrent;
-  switch (mCurrent.kind) {
-    case journalKind::requested:
-      record.kind = journalKind::cancelled;
-      break;
-    case journalKind::placed:
-    case journalKind::callbackPeriod:
-      record.kind = journalKind::ended;
-      break;
-    default:
-      return;  // nothing in hand: nothing changes
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    journal::journalRecord record = mCurrent;
+    switch (mCurrent.kind) {
+      case journalKind::requested:
+        record.kind = journalKind::cancelled;
+        break;
+      case journalKind::placed:
+      case journalKind::callbackPeriod:
+        record.kind = journalKind::ended;
+        break;
+      default:
+        return;  // nothing in hand: nothing changes
+    }
+    write(record);
+    if (record.kind != journalKind::cancelled) return;
   }
-  write(record);
+  // A cancel lost to a power cut would be dialled after it: it takes effect
+  // once on the medium. Waited for outside the lock, so that a new request
+  // meanwhile does not wait for the medium.
+  if (!mFile.waitDurable(kCancelSyncBound))
+    slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "ecallService: Emergency journal: cancel not on flash after %lld ms\n",
+          static_cast<long long>(kCancelSyncBound.count()));
 }
 
 void emergencyJournal::periodOver() {

@@ -1,7 +1,10 @@
 // The emergency journal: the few facts about the emergency in hand that the
 // service must not forget when it is killed, or the head unit loses power,
-// in the middle of it. Each change is written the moment it happens, with
-// one synchronous write; at start-up the journal says what to resume.
+// in the middle of it. Each change is written the moment it happens, into
+// the file where no end of the process loses it, and made durable at once
+// after by the file's own thread, so that no request waits for the medium
+// on its way to the dial; a cancel returns only once it is durable. At
+// start-up the journal says what to resume.
 //
 // It knows emergencies only as their type and mode numbers, and nothing of
 // who calls it. Safe to call from any thread: the changes are written one at
@@ -44,6 +47,7 @@ class emergencyJournal {
   // new emergency requested meanwhile wins: it is kept.
   void callbackPeriod(int64_t periodMs);
   // The emergency is over: cancelled if it was only requested, else ended.
+  // A cancel returns once it is on the medium (or after a bound, logged).
   void closed();
   // The call-back period is over.
   void periodOver();

@@ -88,7 +88,17 @@ bool durableFile::writeAt(uint64_t offset, const void* data, size_t size) {
     mError = ENOSPC;
     return false;
   }
+  if (mSyncer.running()) {
+    mSyncer.requestSync();
+    return true;
+  }
   return fdatasync(mFd) == 0 || fail();
+}
+
+bool durableFile::syncInBackground() { return mSyncer.running() || (mFd >= 0 && mSyncer.start(mPath)); }
+
+bool durableFile::waitDurable(std::chrono::milliseconds deadline) {
+  return !mSyncer.running() || mSyncer.waitSynced(deadline);
 }
 
 bool durableFile::setAside(const std::string& asideServicePath) {

@@ -346,9 +346,16 @@ SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, con
   // only believed from the owner of that service's name, so no other client
   // can end an emergency call or turn the phone off by a forged state.
   const std::string path = objPath;
-  if (path.rfind(SERVICE_PATH_PREFIX, 0) == 0)
-    rule += ",sender=" + matchValue((SERVICE_NAME_PREFIX + path.substr(strlen(SERVICE_PATH_PREFIX))).c_str());
-  return subscribeWith(conn, subscription, rule, subHnd);
+  std::string service;
+  if (path.rfind(SERVICE_PATH_PREFIX, 0) == 0) {
+    service = SERVICE_NAME_PREFIX + path.substr(strlen(SERVICE_PATH_PREFIX));
+    rule += ",sender=" + matchValue(service.c_str());
+  }
+  const SVCIPC_tError rc = subscribeWith(conn, subscription, rule, subHnd);
+  // A service whose signals are awaited is asked for sooner or later: its
+  // owner is followed from now on, so that no request waits to learn it.
+  if (rc == SVCIPC_ERROR_NONE && !service.empty()) subscription->connection->followOwner(service.c_str());
+  return rc;
 }
 
 SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection conn, const char* busName,

@@ -146,7 +146,11 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const 
 
 // Asynchronous invoke. The result (or the failure) reaches onResult on the bus
 // thread with context. A negative return means the request was not sent and
-// onResult will not be called. With noReplyExpected set no result comes.
+// onResult will not be called; a busName without an owner is refused so
+// (domain 1, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN), from the owner changes the
+// connection follows for every name it calls or whose service's signals it
+// subscribed to, asking the bus only about a name not followed yet. With
+// noReplyExpected set no result comes.
 SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection conn, const char* busName, const char* objPath, const char* method,
                                  const char* params, int noReplyExpected, int timeoutMsec,
                                  SVCIPC_tResultCallback onResult, void* context);

@@ -7,6 +7,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -68,6 +69,33 @@ int onOwnerSignal(sd_bus_message* signal, void* userdata, sd_bus_error*) {
   auto* subscription = static_cast<SvcIpcSubscription*>(userdata);
   subscription->connection->queueSignal(*subscription, signal, true);
   return 0;
+}
+
+int onOwnerMatchInstalled(sd_bus_message* reply, void* userdata, sd_bus_error*) {
+  auto* owner = static_cast<svcipc::PeerOwner*>(userdata);
+  owner->connection->ownerMatchInstalled(*owner, reply);
+  return 0;  // a refused match is handled there: the connection stays
+}
+
+int onOwnerAnswer(sd_bus_message* reply, void* userdata, sd_bus_error*) {
+  auto* owner = static_cast<svcipc::PeerOwner*>(userdata);
+  owner->connection->ownerAnswered(*owner, reply);
+  return 1;
+}
+
+int onFollowedOwnerChanged(sd_bus_message* signal, void* userdata, sd_bus_error*) {
+  auto* owner = static_cast<svcipc::PeerOwner*>(userdata);
+  owner->connection->ownerChanged(*owner, signal);
+  return 0;  // the caller's own owner subscriptions get it too
+}
+
+// Bus names only (well-known or unique): anything else is never put into a
+// match rule, and is left to the daemon to refuse.
+bool isBusName(const char* name) {
+  if (*name == '\0' || strlen(name) > 255) return false;
+  for (const char* c = name; *c != '\0'; ++c)
+    if (!isalnum(static_cast<unsigned char>(*c)) && strchr("_-.:", *c) == nullptr) return false;
+  return true;
 }
 
 int onAsyncReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
@@ -411,6 +439,7 @@ void SvcIpcConnection::queueSignal(SvcIpcSubscription& subscription, sd_bus_mess
 
 SVCIPC_tError SvcIpcConnection::invoke(const char* busName, const char* objPath, const char* method,
                                        const char* params, int timeoutMsec, SVCIPC_tResponse** response) {
+  followOwner(busName);  // for the asynchronous requests that may follow
   SVCIPC_tError rc = SVCIPC_ERROR_NONE;
   sd_bus* bus = leaseCallBus(&rc);
   if (bus == nullptr) return rc;
@@ -471,32 +500,52 @@ SVCIPC_tError SvcIpcConnection::invokeAsync(const char* busName, const char* obj
                                             SVCIPC_tResultCallback onResult, void* context) {
   // A peer that is not on the bus is refused here, on the caller's thread,
   // so that the caller sees the negative status and no callback follows.
+  // Its owner is known from the daemon's owner changes; only a name the
+  // connection has not heard of yet is asked about, once.
+  const uint64_t timeoutUsec = svcipc::replyTimeoutUsec(timeoutMsec);
+  bool unknown = false;
+  SVCIPC_tError rc = withBus([&](sd_bus* bus) -> SVCIPC_tError {
+    bool sent = false;
+    const int owned = knownOwner(busName, &sent);
+    if (owned < 0) {
+      unknown = true;
+      return SVCIPC_ERROR_NONE;
+    }
+    if (owned == 0) return SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
+    return sendInvoke(bus, busName, objPath, method, params, noReplyExpected, timeoutUsec, onResult, context);
+  });
+  if (!unknown) return rc;
+
   int owned = 0;
-  SVCIPC_tError rc = nameHasOwner(busName, &owned);
+  rc = nameHasOwner(busName, &owned);
   if (rc != SVCIPC_ERROR_NONE) return rc;
   if (!owned) return SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
-
-  const uint64_t timeoutUsec = svcipc::replyTimeoutUsec(timeoutMsec);
   return withBus([&](sd_bus* bus) -> SVCIPC_tError {
-    sd_bus_message* call = nullptr;
-    int r = newInvoke(bus, busName, objPath, method, params, &call);
-    if (r < 0) return svcipc::errnoError(r);
-    if (noReplyExpected || onResult == nullptr) {
-      if (noReplyExpected) r = sd_bus_message_set_expect_reply(call, 0);
-      if (r >= 0) r = sd_bus_send(bus, call, nullptr);
-    } else {
-      PendingCall& pending = mPending.emplace_back();
-      pending.connection = this;
-      pending.onResult = onResult;
-      pending.context = context;
-      pending.deadlineUsec = svcipc::monotonicUsec() + timeoutUsec;
-      pending.self = std::prev(mPending.end());
-      r = sd_bus_call_async(bus, &pending.slot, call, onAsyncReply, &pending, timeoutUsec);
-      if (r < 0) mPending.erase(pending.self);
-    }
-    sd_bus_message_unref(call);
-    return r < 0 ? svcipc::errnoError(r) : SVCIPC_ERROR_NONE;
+    return sendInvoke(bus, busName, objPath, method, params, noReplyExpected, timeoutUsec, onResult, context);
   });
+}
+
+SVCIPC_tError SvcIpcConnection::sendInvoke(sd_bus* bus, const char* busName, const char* objPath, const char* method,
+                                           const char* params, bool noReplyExpected, uint64_t timeoutUsec,
+                                           SVCIPC_tResultCallback onResult, void* context) {
+  sd_bus_message* call = nullptr;
+  int r = newInvoke(bus, busName, objPath, method, params, &call);
+  if (r < 0) return svcipc::errnoError(r);
+  if (noReplyExpected || onResult == nullptr) {
+    if (noReplyExpected) r = sd_bus_message_set_expect_reply(call, 0);
+    if (r >= 0) r = sd_bus_send(bus, call, nullptr);
+  } else {
+    PendingCall& pending = mPending.emplace_back();
+    pending.connection = this;
+    pending.onResult = onResult;
+    pending.context = context;
+    pending.deadlineUsec = svcipc::monotonicUsec() + timeoutUsec;
+    pending.self = std::prev(mPending.end());
+    r = sd_bus_call_async(bus, &pending.slot, call, onAsyncReply, &pending, timeoutUsec);
+    if (r < 0) mPending.erase(pending.self);
+  }
+  sd_bus_message_unref(call);
+  return r < 0 ? svcipc::errnoError(r) : SVCIPC_ERROR_NONE;
 }
 
 void SvcIpcConnection::queueReply(PendingCall& call, sd_bus_message* reply) {
@@ -515,6 +564,98 @@ void SvcIpcConnection::queueReply(PendingCall& call, sd_bus_message* reply) {
   // The slot is still in use by sd-bus while this callback runs.
   mAnsweredCalls.push_back(call.slot);
   mPending.erase(call.self);
+}
+
+// ---- the owners of the peers' names ---------------------------------------
+
+void SvcIpcConnection::followOwner(const char* busName) {
+  bool sent = false;
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mStopping || mBroken || mBus == nullptr) return;
+    knownOwner(busName, &sent);
+  }
+  // The match and the question go out on the loop, which must also time
+  // the question.
+  if (sent && mThreadId.load() != std::this_thread::get_id()) wake();
+}
+
+int SvcIpcConnection::knownOwner(const char* busName, bool* sent) {
+  using State = svcipc::PeerOwner::State;
+  if (!isBusName(busName)) return -1;
+  svcipc::PeerOwner& owner = mOwners[busName];
+  if (owner.state == State::Owned) return 1;
+  if (owner.state == State::Absent) return 0;
+  if (owner.state == State::Asking || owner.state == State::Unfollowed) return -1;
+  // Not followed yet, or the last attempt failed: the match first, then the
+  // question, so that no change falls between the two.
+  owner.connection = this;
+  owner.name = busName;
+  if (owner.match == nullptr) {
+    const std::string rule =
+        "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+        "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
+        owner.name + "'";
+    if (sd_bus_add_match_async(mBus, &owner.match, rule.c_str(), onFollowedOwnerChanged, onOwnerMatchInstalled,
+                               &owner) < 0) {
+      owner.match = nullptr;
+      return -1;
+    }
+    *sent = true;
+  }
+  if (sd_bus_call_method_async(mBus, &owner.query, kDbusName, kDbusPath, kDbusName, "GetNameOwner", onOwnerAnswer,
+                               &owner, "s", busName) < 0) {
+    owner.query = nullptr;
+    return -1;
+  }
+  *sent = true;
+  owner.state = State::Asking;
+  return -1;
+}
+
+void SvcIpcConnection::ownerMatchInstalled(svcipc::PeerOwner& owner, sd_bus_message* reply) {
+  if (!sd_bus_message_is_method_error(reply, nullptr)) return;
+  // Refused (the daemon's limit of matches): the name is asked about on
+  // every request, as before it was followed.
+  slogf(ECALL_SLOG_OPCODE, _SLOG_WARNING, "service bus: cannot follow the owner of %s: %s", owner.name.c_str(),
+        sd_bus_message_get_error(reply)->name);
+  mAnsweredCalls.push_back(owner.match);
+  owner.match = nullptr;
+  owner.state = svcipc::PeerOwner::State::Unfollowed;
+}
+
+void SvcIpcConnection::ownerAnswered(svcipc::PeerOwner& owner, sd_bus_message* reply) {
+  using State = svcipc::PeerOwner::State;
+  mAnsweredCalls.push_back(owner.query);
+  owner.query = nullptr;
+  if (owner.match == nullptr) {
+    owner.state = State::Unfollowed;  // no match: nothing would keep the answer true
+  } else if (!sd_bus_message_is_method_error(reply, nullptr)) {
+    owner.state = State::Owned;
+  } else if (sd_bus_error_has_name(sd_bus_message_get_error(reply), "org.freedesktop.DBus.Error.NameHasNoOwner")) {
+    owner.state = State::Absent;
+  } else {
+    owner.state = State::Unknown;  // asked again on the next request
+  }
+}
+
+void SvcIpcConnection::ownerChanged(svcipc::PeerOwner& owner, sd_bus_message* signal) {
+  // While the question waits, its answer tells the owner after this change.
+  using State = svcipc::PeerOwner::State;
+  if (owner.state == State::Asking || owner.state == State::Unfollowed) return;
+  const char *name = nullptr, *oldOwner = nullptr, *newOwner = nullptr;
+  if (sd_bus_message_rewind(signal, 1) < 0 || sd_bus_message_read(signal, "sss", &name, &oldOwner, &newOwner) <= 0)
+    return;
+  owner.state = *newOwner != '\0' ? State::Owned : State::Absent;
+}
+
+// Under the lock, before the connection closes.
+void SvcIpcConnection::forgetOwners() {
+  for (auto& [name, owner] : mOwners) {
+    owner.match = sd_bus_slot_unref(owner.match);
+    owner.query = sd_bus_slot_unref(owner.query);
+  }
+  mOwners.clear();
 }
 
 // ---- the pool of connections for synchronous calls ------------------------
@@ -717,6 +858,7 @@ void SvcIpcConnection::flushAndClose() {
   }
   for (sd_bus_slot* slot : mAnsweredCalls) sd_bus_slot_unref(slot);
   mAnsweredCalls.clear();
+  forgetOwners();
   collectEmitted();
   for (const auto& [onStatus, context] : mEmitted) {
     Delivery delivery;

@@ -9,9 +9,15 @@
 // in ppoll and while the user's callbacks run, and other threads wake it
 // through an eventfd after they queued work.
 //
-// Synchronous calls (and the has-owner check) do not use the loop connection:
-// they lease a connection of their own from a small pool, so a synchronous
-// invoke made from inside a callback never needs the dispatch thread.
+// Synchronous calls (and the has-owner question) do not use the loop
+// connection: they lease a connection of their own from a small pool, so a
+// synchronous invoke made from inside a callback never needs the dispatch
+// thread.
+//
+// The loop connection also follows the owner of every name it talks to
+// (calls, asynchronous calls, signal subscriptions of a service), through the
+// daemon's NameOwnerChanged, so that an asynchronous request to an absent
+// peer is refused at once without asking the daemon first.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -20,6 +26,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -67,6 +74,22 @@ struct PendingCall {
   void* context = nullptr;
   uint64_t deadlineUsec = 0;
   std::list<PendingCall>::iterator self;
+};
+
+// The owner of a peer's name as the loop connection last heard of it: asked
+// once (GetNameOwner) after a match on its NameOwnerChanged was sent, then
+// kept by those signals. Both go out on the loop connection, so the daemon
+// answers the question after it installed the match, and the dispatch thread
+// sees the answer before any change that came later.
+struct PeerOwner {
+  // Unknown: not asked yet, or the question failed (asked again);
+  // Unfollowed: the daemon refused the match (asked on every request).
+  enum class State { Unknown, Asking, Owned, Absent, Unfollowed };
+  SvcIpcConnection* connection = nullptr;
+  std::string name;
+  State state = State::Unknown;
+  sd_bus_slot* match = nullptr;  // the NameOwnerChanged match, while it stands
+  sd_bus_slot* query = nullptr;  // the GetNameOwner call, while it waits
 };
 
 }  // namespace svcipc
@@ -129,6 +152,13 @@ struct SvcIpcConnection : std::enable_shared_from_this<SvcIpcConnection> {
   SVCIPC_tError invokeAsync(const char* busName, const char* objPath, const char* method, const char* params,
                             bool noReplyExpected, int timeoutMsec, SVCIPC_tResultCallback onResult, void* context);
   SVCIPC_tError nameHasOwner(const char* busName, int* hasOwner);
+  // Starts following the owner of busName, unless it is followed already.
+  void followOwner(const char* busName);
+
+  // sd-bus callbacks of the owners followed (on the dispatch thread).
+  void ownerMatchInstalled(svcipc::PeerOwner& owner, sd_bus_message* reply);
+  void ownerAnswered(svcipc::PeerOwner& owner, sd_bus_message* reply);
+  void ownerChanged(svcipc::PeerOwner& owner, sd_bus_message* signal);
 
   // sd-bus callbacks (they run inside sd_bus_process on the dispatch thread).
   void queueRequest(SvcIpcRegistration& registration, sd_bus_message* call);
@@ -139,6 +169,13 @@ struct SvcIpcConnection : std::enable_shared_from_this<SvcIpcConnection> {
   template <class Operation>
   SVCIPC_tError withBus(Operation&& operation);
   void wake();
+  // Under the lock: 1 owned, 0 absent, -1 not known (yet); starts following
+  // the name. *sent: messages were queued for the dispatch thread.
+  int knownOwner(const char* busName, bool* sent);
+  SVCIPC_tError sendInvoke(sd_bus* bus, const char* busName, const char* objPath, const char* method,
+                           const char* params, bool noReplyExpected, uint64_t timeoutUsec,
+                           SVCIPC_tResultCallback onResult, void* context);
+  void forgetOwners();
 
   void run();
   bool dispatchIncoming();
@@ -165,6 +202,7 @@ struct SvcIpcConnection : std::enable_shared_from_this<SvcIpcConnection> {
   std::vector<svcipc::Delivery> mReady;
   std::vector<std::pair<SVCIPC_tResultCallback, void*>> mEmitted;
   std::vector<sd_bus_slot*> mAnsweredCalls;  // released once sd_bus_process has returned
+  std::map<std::string, svcipc::PeerOwner> mOwners;  // guarded by mMutex too
 
   int mWakeFd = -1;
   std::thread mThread;

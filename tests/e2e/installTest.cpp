@@ -50,6 +50,14 @@ std::string findProgram(const std::string& name) {
   return "";
 }
 
+// systemd-analyze verify passes unit and says nothing of file (unknown keys
+// and bad values are only warnings, and name the file).
+void expectAccepted(const std::string& analyze, const std::string& unit, const std::string& file) {
+  const Outcome verify = testSupport::run({analyze, "verify", unit});
+  EXPECT_EQ(verify.exitCode, 0) << unit << "\n" << verify.out << verify.err;
+  EXPECT_EQ((verify.out + verify.err).find(file), std::string::npos) << verify.out << verify.err;
+}
+
 }  // namespace
 
 TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
@@ -83,9 +91,10 @@ TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
     EXPECT_EQ(entry.path().string().rfind(usr, 0), 0u) << entry.path();
 }
 
-// Installed to a folder of its own (so the unit's binary exists), the unit
-// passes systemd's checks, and the boot-time entry makes the log folder.
-TEST(Install, SystemdAcceptsTheUnitAndMakesTheLogFolder) {
+// Installed to a folder of its own (so the units' binaries exist), the units
+// and the drop-ins for the daemons the call waits on pass systemd's checks,
+// and the boot-time entry makes the log folder.
+TEST(Install, SystemdAcceptsTheUnitsAndDropInsAndMakesTheLogFolder) {
   const std::string analyze = findProgram("systemd-analyze");
   const std::string tmpfiles = findProgram("systemd-tmpfiles");
   if (analyze.empty() || tmpfiles.empty()) GTEST_SKIP() << "systemd's tools are not installed (package systemd)";
@@ -93,11 +102,23 @@ TEST(Install, SystemdAcceptsTheUnitAndMakesTheLogFolder) {
   const Outcome installed = install(stage.dir(), "");
   ASSERT_EQ(installed.exitCode, 0) << installed.out << installed.err;
 
-  const std::string unit = stage.dir() + "/lib/systemd/system/ecallService.service";
-  const Outcome verify = testSupport::run({analyze, "verify", unit});
-  EXPECT_EQ(verify.exitCode, 0) << verify.out << verify.err;
-  // Unknown keys and bad values are only warnings: any line on the unit fails.
-  EXPECT_EQ((verify.out + verify.err).find("ecallService.service"), std::string::npos) << verify.out << verify.err;
+  const std::string units = stage.dir() + "/lib/systemd/system/";
+  expectAccepted(analyze, units + "ecallService.service", "ecallService.service");
+  std::vector<std::string> dropIns = {"dbus.service.d/ecallService.conf"};
+  if (isExecutable(stage.dir() + "/bin/ecall-headunit")) {
+    expectAccepted(analyze, units + "ecall-headunit.service", "ecall-headunit.service");
+    dropIns.push_back("ofono.service.d/ecall-headunit.conf");
+  }
+  // Each drop-in beside a stand-in for the daemon's own unit.
+  for (const std::string& dropIn : dropIns) {
+    ASSERT_TRUE(fs::is_regular_file(units + dropIn)) << dropIn << " is not installed";
+    const std::string copy = stage.dir() + "/standIns/" + dropIn;
+    fs::create_directories(fs::path(copy).parent_path());
+    fs::copy_file(units + dropIn, copy);
+    const std::string standIn = fs::path(copy).parent_path().replace_extension().string();
+    testSupport::writeFile(standIn, "[Service]\nExecStart=/bin/true\n");
+    expectAccepted(analyze, standIn, copy);
+  }
 
   const std::string root = stage.dir() + "/root";
   fs::create_directories(root);

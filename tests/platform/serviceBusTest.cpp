@@ -198,6 +198,41 @@ TEST_F(ServiceBusTest, SynchronousInvokeWorksInsideCallbacks) {
   EXPECT_EQ(asker.answers.items()[0], "{\"s\":1}");
 }
 
+// An asynchronous request to a name without an owner is refused at once, on
+// the caller's thread and with no callback after, also once the name's owner
+// left after an earlier request; a new owner of the name gets the requests.
+TEST_F(ServiceBusTest, AsyncRequestsFollowTheOwnerOfThePeersName) {
+  SVCIPC_tConnection client = connect();
+  Inbox<std::string>& owners = make<Inbox<std::string>>();
+  auto onOwner = [](const char*, const char*, const char* newOwner, void* context) {
+    static_cast<Inbox<std::string>*>(context)->push(newOwner);
+  };
+  SVCIPC_tSigSubHnd sub = nullptr;
+  ASSERT_EQ(SVCIPC_subscribeOwnerChanged(client, busName("Echo").c_str(), onOwner, &owners, &sub), 0);
+  Inbox<Result>& results = make<Inbox<Result>>();
+  auto request = [&] {
+    return SVCIPC_asyncInvoke(client, busName("Echo").c_str(), objectPath("Echo").c_str(), "echo", "{}", 0, -1,
+                              onResult, &results);
+  };
+  const SVCIPC_tError absent = SVCIPC_MAKE_ERROR(SVCIPC_DOMAIN_DBUS, SVCIPC_DBUS_ERR_SERVICE_UNKNOWN);
+  EXPECT_EQ(request(), absent);
+  EXPECT_EQ(request(), absent);
+  TestService& service = make<TestService>();
+  for (size_t round = 0; round < 2; ++round) {
+    SVCIPC_tConnection owner = connect();
+    serve(owner, "Echo", service);
+    // The owner change reaches the test's callback after the bus layer.
+    ASSERT_TRUE(owners.waitFor(2 * round + 1));
+    ASSERT_EQ(request(), SVCIPC_ERROR_NONE);
+    ASSERT_TRUE(results.waitFor(round + 1));
+    EXPECT_EQ(results.items()[round].rc, SVCIPC_ERROR_NONE);
+    ASSERT_EQ(SVCIPC_closeConnection(owner), SVCIPC_ERROR_NONE);
+    ASSERT_TRUE(owners.waitFor(2 * round + 2));
+    EXPECT_EQ(request(), absent) << "round " << round;
+  }
+  EXPECT_EQ(results.items().size(), 2u);
+}
+
 // A second owner of a taken name, a bus that is not there, and a peer that
 // speaks plain D-Bus (other members, wrong arguments).
 TEST_F(ServiceBusTest, RefusesWhatItCannotDoAndForeignCallsDoNoHarm) {

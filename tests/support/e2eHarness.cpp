@@ -93,12 +93,13 @@ bool contains(const std::string& text, const std::string& part) { return text.fi
 
 }  // namespace
 
-Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, bool input) {
+Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, bool input,
+             const std::function<void()>& beforeExec) {
   int in[2] = {-1, -1}, out[2], err[2];
   if ((input ? pipe2(in, O_CLOEXEC) : (in[0] = open("/dev/null", O_RDONLY | O_CLOEXEC))) < 0 ||
       pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
     return;
-  mPid = spawn(argv, in[0], out[1], err[1], env);
+  mPid = spawn(argv, in[0], out[1], err[1], env, beforeExec);
   close(in[0]);
   mIn = in[1];
   close(out[1]);
@@ -247,7 +248,7 @@ E2eHarness::~E2eHarness() {
 }
 
 void E2eHarness::startBus() {
-  mBus = std::make_unique<PrivateBus>(mOptions.busPolicy);
+  mBus = std::make_unique<PrivateBus>(mOptions.busPolicy, std::chrono::seconds(10), mOptions.beforeBusExec);
   mBusAddress = mBus->address();
   ASSERT_FALSE(mBusAddress.empty()) << "the private bus did not start";
   ASSERT_FALSE(SVCIPC_IS_ERROR(SVCIPC_initialize()));
@@ -273,7 +274,7 @@ void E2eHarness::startSim() {
                                "--regid=" + std::to_string(user->pw_gid), "--clear-groups", "--"});
   }
   args.insert(args.end(), mOptions.simArgs.begin(), mOptions.simArgs.end());
-  mSim = std::make_unique<Child>(args, std::vector<std::string>{}, true);
+  mSim = std::make_unique<Child>(args, std::vector<std::string>{}, true, mOptions.beforeSimExec);
   // The console answers only once every simulated service is on the bus.
   std::string reply = sim("status", mOptions.startDeadline);
   ASSERT_EQ(reply.rfind("ok", 0), 0u) << "vehicle-sim did not come up: " << reply << "\n" << mSim->err();

@@ -60,9 +60,12 @@ struct E2eOptions {
   // "NAME=VALUE" entries of the service's environment, in place of the
   // test's own of the same name.
   std::vector<std::string> serviceEnv;
-  // Runs in the service's process between fork and exec (system calls only),
-  // as a service manager sets up a unit's process: priorities and limits.
+  // Run in the service's, the simulator's and the bus daemon's process
+  // between fork and exec (system calls only), as a service manager sets up
+  // a unit's process: priorities and limits.
   std::function<void()> beforeServiceExec;
+  std::function<void()> beforeSimExec;
+  std::function<void()> beforeBusExec;
 };
 
 // The text of an "ecall" signal exactly as the service emits it (members in
@@ -93,8 +96,10 @@ class Child {
  public:
   // argv[0] is the program's path; env entries "NAME=VALUE" are added to
   // the test's environment. Its standard input is a pipe when input is true
-  // (see send), or else empty.
-  explicit Child(const std::vector<std::string>& argv, const std::vector<std::string>& env = {}, bool input = false);
+  // (see send), or else empty. beforeExec runs in the child before its
+  // program starts (system calls only).
+  explicit Child(const std::vector<std::string>& argv, const std::vector<std::string>& env = {}, bool input = false,
+                 const std::function<void()>& beforeExec = {});
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;

@@ -50,7 +50,9 @@ std::string configText(const std::string& dir, const std::string& policy) {
 
 }  // namespace
 
-PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds startDeadline) : mPolicy(policy) {
+PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds startDeadline,
+                       const std::function<void()>& beforeExec)
+    : mPolicy(policy) {
   char folder[] = "/tmp/ecall-bus-XXXXXX";  // short: a socket path has at most 107 bytes
   if (mkdtemp(folder) == nullptr) throw std::runtime_error(std::string("PrivateBus: mkdtemp: ") + strerror(errno));
   mDir = folder;
@@ -58,7 +60,7 @@ PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds star
     // With a policy of its own, other users reach the socket through the folder.
     if (!policy.empty() && chmod(mDir.c_str(), 0755) != 0)
       throw std::runtime_error(std::string("PrivateBus: chmod: ") + strerror(errno));
-    start(startDeadline);
+    start(startDeadline, beforeExec);
   } catch (...) {
     stop();
     throw;
@@ -67,11 +69,12 @@ PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds star
 
 PrivateBus::~PrivateBus() { stop(); }
 
-void PrivateBus::start(std::chrono::milliseconds startDeadline) {
+void PrivateBus::start(std::chrono::milliseconds startDeadline, const std::function<void()>& beforeExec) {
   const std::string config = mDir + "/bus.conf";
   writeFile(config, configText(mDir, mPolicy));
   mDaemon = std::make_unique<Child>(std::vector<std::string>{findDaemon(), "--config-file=" + config,
-                                                             "--print-address", "--nofork", "--nopidfile", "--nosyslog"});
+                                                             "--print-address", "--nofork", "--nopidfile", "--nosyslog"},
+                                     std::vector<std::string>{}, false, beforeExec);
   const std::string& out = mDaemon->out();
   if (!mDaemon->waitForOutput([&] { return out.find('\n') != std::string::npos; }, startDeadline))
     throw std::runtime_error("PrivateBus: dbus-daemon gave no address; its errors: " + mDaemon->err());

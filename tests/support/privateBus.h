@@ -6,6 +6,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -19,9 +20,11 @@ class PrivateBus {
   // A policy of its own replaces the session-like one: the XML that follows
   // <listen> and <auth> inside <busconfig> (policy blocks, includes). Its
   // folder is then open to every user, so that processes running under other
-  // accounts can connect.
+  // accounts can connect. beforeExec runs in the daemon's process before
+  // its program starts (system calls only).
   explicit PrivateBus(const std::string& policy = "",
-                      std::chrono::milliseconds startDeadline = std::chrono::seconds(10));
+                      std::chrono::milliseconds startDeadline = std::chrono::seconds(10),
+                      const std::function<void()>& beforeExec = {});
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
@@ -30,7 +33,7 @@ class PrivateBus {
   const std::string& address() const { return mAddress; }
 
  private:
-  void start(std::chrono::milliseconds startDeadline);
+  void start(std::chrono::milliseconds startDeadline, const std::function<void()>& beforeExec);
   void stop();
 
   std::string mDir;
