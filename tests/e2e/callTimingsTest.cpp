@@ -2,8 +2,6 @@
 // timings` and the emergency log's line agree, each stage falls between what
 // the car saw (on the same monotonic clock), and one that did not happen is
 // absent.
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <regex>
 

@@ -1,12 +1,9 @@
 // ecallctl against the real service and the simulated car on a private bus:
 // every subcommand, the monitor through a whole call, and the exit codes a
 // script relies on.
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "carScene.h"
 

@@ -2,8 +2,6 @@
 // never to an emergency number, marked as a test wherever it shows; refused
 // without a usable test number and while an emergency is in hand; ended at
 // once by a crash; given up after three attempts; forgotten by a restart.
-#include <gtest/gtest.h>
-
 #include "carScene.h"
 
 using namespace carScene;
