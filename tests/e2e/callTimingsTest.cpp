@@ -63,9 +63,8 @@ Json::Value checkCall(Scene& s, const Strings& happened, unsigned dials, const s
   for (size_t i = 0; i < rows.size(); ++i)
     table += rows[i].second + " " + std::to_string(rows[i].first) + " " +
              (i == 0 ? "-" : std::to_string(rows[i].first - rows[i - 1].first)) + "\n";
-  const testSupport::Outcome ctl = testSupport::run({ECALLCTL_BIN, "--bus", s.car.busAddress(), "timings"});
   table += "dial attempts: " + std::to_string(dials) + "\n";
-  EXPECT_EQ(std::regex_replace(ctl.out, std::regex(" +"), " "), table);
+  EXPECT_EQ(std::regex_replace(ctl(s.car, {"timings"}).out, std::regex(" +"), " "), table);
 
   for (const bound& b : bounds) {
     const Json::Value record = s.waitForRecord(b.record, ms(0));

@@ -126,6 +126,18 @@ inline bool logThrough(E2eHarness& car, const std::string& text, const std::stri
          car.waitForEmergencyLog((seen.empty() ? text : seen) + "\n", kLong);
 }
 
+#ifdef ECALLCTL_BIN
+// ecallctl's command line on the car's bus, and ecallctl run to its end.
+inline Strings ctlArgs(const E2eHarness& car, const Strings& args) {
+  Strings argv = {ECALLCTL_BIN, "--bus", car.busAddress()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+inline testSupport::Outcome ctl(const E2eHarness& car, const Strings& args) {
+  return testSupport::run(ctlArgs(car, args));
+}
+#endif
+
 // The service still places a call: a request from the head unit reaches the
 // phone as a dial.
 inline void expectStartEcallDials(E2eHarness& car) {

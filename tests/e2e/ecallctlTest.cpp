@@ -13,14 +13,6 @@ using testSupport::Outcome;
 
 namespace {
 
-std::vector<std::string> ctlArgs(const E2eHarness& car, const Strings& args) {
-  std::vector<std::string> argv = {ECALLCTL_BIN, "--bus", car.busAddress()};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return argv;
-}
-
-Outcome ctl(const E2eHarness& car, const Strings& args) { return testSupport::run(ctlArgs(car, args)); }
-
 // Runs a command that must succeed and returns what it printed.
 std::string ctlOk(const E2eHarness& car, const Strings& args) {
   Outcome outcome = ctl(car, args);

@@ -1,12 +1,7 @@
-// The emergency call end to end: the real ecallService on a private bus with
-// the simulated car, from the head unit's request to the return to idle.
-// Each test checks what the head unit sees ("ecall" signals), what the car's
-// services were asked (in order, with their JSON) and the emergency log.
-//
-// The car runs at 1/20 of real time: the 10 s delay takes 0.5 s, the 60 s
-// retry 3 s, and a spoken prompt a few hundred milliseconds, which keeps the
-// ordering of the call robust on a loaded machine. Durations the service
-// must wait are checked as lower bounds on the simulator's clock only.
+// The emergency call end to end, from the head unit's request to the return
+// to idle: the "ecall" signals, what the car's services were asked (in order,
+// with their JSON) and the emergency log. The car runs at 1/20 of real time
+// (the 10 s delay takes 0.5 s); durations are lower bounds on its clock.
 #include "carScene.h"
 
 using namespace carScene;

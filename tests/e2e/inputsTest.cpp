@@ -1,10 +1,6 @@
 // The emergency inputs end to end: the airbag controller's channel, the
-// mirror buttons, the mirror LED and the Assist application, on the real
-// ecallService in the simulated car.
-//
-// The car runs at 1/20 of real time (the 10 s delay takes 0.5 s, the 5 s
-// blink 0.25 s); tests whose next step must come within one of the service's
-// own periods run slower, so that a loaded machine keeps the order.
+// mirror buttons, the mirror LED and the Assist application. Tests whose next
+// step must come within one of the service's periods run the car slower.
 #include <unistd.h>
 
 #include "carScene.h"

@@ -1,9 +1,5 @@
 // The vehicle around the service end to end: its variant, brand and
-// language, the cellular module's resets and USB ports, and Bluetooth, on the
-// real ecallService in the simulated car.
-//
-// The car runs at 1/20 of real time, except where the service's five-minute
-// module delays are waited for in full.
+// language, the cellular module's resets and USB ports, and Bluetooth.
 #include "carScene.h"
 
 using namespace carScene;
