@@ -3,12 +3,8 @@
 // The simulated car runs under an account of its own, as the head unit's
 // other services do; a second account belongs to the group "ecall".
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <pwd.h>
 #include <unistd.h>
-
-#include <string>
-#include <vector>
 
 #include "carScene.h"
 

@@ -2,8 +2,6 @@
 // timings` and the emergency log's line agree, each stage falls between what
 // the car saw (on the same monotonic clock), and one that did not happen is
 // absent.
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <regex>
 
@@ -65,9 +63,8 @@ Json::Value checkCall(Scene& s, const Strings& happened, unsigned dials, const s
   for (size_t i = 0; i < rows.size(); ++i)
     table += rows[i].second + " " + std::to_string(rows[i].first) + " " +
              (i == 0 ? "-" : std::to_string(rows[i].first - rows[i - 1].first)) + "\n";
-  const testSupport::Outcome ctl = testSupport::run({ECALLCTL_BIN, "--bus", s.car.busAddress(), "timings"});
   table += "dial attempts: " + std::to_string(dials) + "\n";
-  EXPECT_EQ(std::regex_replace(ctl.out, std::regex(" +"), " "), table);
+  EXPECT_EQ(std::regex_replace(ctl(s.car, {"timings"}).out, std::regex(" +"), " "), table);
 
   for (const bound& b : bounds) {
     const Json::Value record = s.waitForRecord(b.record, ms(0));

@@ -119,6 +119,25 @@ inline std::string exportedLog(const E2eHarness& car) {
   return "";
 }
 
+// An entry logged through the bus, and seen in the emergency log: its text,
+// or seen (what the line holds up to its end).
+inline bool logThrough(E2eHarness& car, const std::string& text, const std::string& seen = "") {
+  return car.notify("logStringToEcallLog", "{\"message\":\"" + text + "\\n\"}") &&
+         car.waitForEmergencyLog((seen.empty() ? text : seen) + "\n", kLong);
+}
+
+#ifdef ECALLCTL_BIN
+// ecallctl's command line on the car's bus, and ecallctl run to its end.
+inline Strings ctlArgs(const E2eHarness& car, const Strings& args) {
+  Strings argv = {ECALLCTL_BIN, "--bus", car.busAddress()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+inline testSupport::Outcome ctl(const E2eHarness& car, const Strings& args) {
+  return testSupport::run(ctlArgs(car, args));
+}
+#endif
+
 // The service still places a call: a request from the head unit reaches the
 // phone as a dial.
 inline void expectStartEcallDials(E2eHarness& car) {
@@ -138,13 +157,21 @@ inline void expectStartEcallDials(E2eHarness& car) {
 
 struct Scene {
   // buttonsRead: also wait until the mirror button reader has logged its
-  // first read (a car whose variant has the embedded phone).
+  // first read (a car whose variant has the embedded phone). A car whose
+  // options do not start the service waits for nothing.
   explicit Scene(E2eOptions options, bool buttonsRead = true) : car(std::move(options)) {
+    if (car.servicePid() <= 0) return;
     EXPECT_TRUE(car.waitForServiceStarted()) << "the service did not finish starting";
     if (buttonsRead) {
       EXPECT_TRUE(car.waitForEmergencyLog("ecallBtn = 0\n")) << "the mirror buttons were not read";
     }
     markNow();
+  }
+  // The service killed and started again; the marks from the new start.
+  void restart() {
+    car.stopService();
+    markNow();
+    car.startService();
   }
 
   // From here on, the "...Since" views look only at what happens next.

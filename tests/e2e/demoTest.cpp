@@ -2,15 +2,12 @@
 // the binaries already built): it plays the crash scene to its end, prints
 // its timeline and the emergency log, leaves the timeline page, and nothing
 // else behind.
-#include <gtest/gtest.h>
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "support/e2eHarness.h"
-#include "support/testSupport.h"
 
 namespace {
 

@@ -1,12 +1,9 @@
 // ecallctl against the real service and the simulated car on a private bus:
 // every subcommand, the monitor through a whole call, and the exit codes a
 // script relies on.
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "carScene.h"
 
@@ -15,14 +12,6 @@ using testSupport::Child;
 using testSupport::Outcome;
 
 namespace {
-
-std::vector<std::string> ctlArgs(const E2eHarness& car, const Strings& args) {
-  std::vector<std::string> argv = {ECALLCTL_BIN, "--bus", car.busAddress()};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return argv;
-}
-
-Outcome ctl(const E2eHarness& car, const Strings& args) { return testSupport::run(ctlArgs(car, args)); }
 
 // Runs a command that must succeed and returns what it printed.
 std::string ctlOk(const E2eHarness& car, const Strings& args) {

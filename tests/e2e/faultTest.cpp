@@ -2,9 +2,7 @@
 // folder that cannot be written, a file size limit, a missing USB stick; the
 // vehicle status object replaced, removed and recreated. After each fault the
 // service still places an emergency call when asked.
-#include <gtest/gtest.h>
 #include <sched.h>
-#include <stdio.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -13,8 +11,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "carScene.h"
 
@@ -35,6 +31,7 @@ struct SmallFileSystem {
   SmallFileSystem(const std::string& folder, unsigned long flags, const char* options) : dir(folder) {
     testSupport::makeDirs(dir);
     mounted = mount("tmpfs", dir.c_str(), "tmpfs", flags, options) == 0;
+    EXPECT_TRUE(mounted) << strerror(errno);
   }
   ~SmallFileSystem() {
     if (mounted) umount2(dir.c_str(), MNT_DETACH);
@@ -50,15 +47,16 @@ struct SmallFileSystem {
 // the variant falls back to a vehicle with the phone, and once the car's
 // services arrive, a request is called.
 TEST(Faults, EveryPeerAbsentAtStartUp) {
-  E2eHarness car(carOptions(kScale, {}, false));
-  for (const auto& service : kCarServices) EXPECT_EQ(car.sim("peer " + service + " gone").rfind("ok", 0), 0u);
+  Scene s(carOptions(kScale, {}, false));
+  E2eHarness& car = s.car;
+  for (const auto& service : kCarServices) s.sim("peer " + service + " gone");
   car.startService();
   ASSERT_TRUE(car.waitForTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", kLong));
   ASSERT_TRUE(car.waitForTrace("register embeddedPhoneSvc, avail 0", kLong));
   ASSERT_TRUE(car.waitForChannelConnected(kLong));
   EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":false}\n");
 
-  for (const auto& service : kCarServices) EXPECT_EQ(car.sim("peer " + service + " back").rfind("ok", 0), 0u);
+  for (const auto& service : kCarServices) s.sim("peer " + service + " back");
   ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 1", kLong));
   expectStartEcallDials(car);
 }
@@ -96,16 +94,14 @@ TEST(Faults, FileSizeLimitOnTheLog) {
   tight.rlim_cur = before.size() + 150;
   ASSERT_EQ(prlimit(car.servicePid(), RLIMIT_FSIZE, &tight, nullptr), 0) << strerror(errno);
 
-  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"fits\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("fits\n", kLong));
+  ASSERT_TRUE(logThrough(car, "fits"));
   expectStartEcallDials(car);
   const std::string full = car.emergencyLog();
   EXPECT_EQ(full.rfind(before, 0), 0u) << "the entries before the limit changed";
   EXPECT_LE(full.size(), tight.rlim_cur);
 
   ASSERT_EQ(prlimit(car.servicePid(), RLIMIT_FSIZE, &old, nullptr), 0);
-  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"room again\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("room again\n", kLong));
+  ASSERT_TRUE(logThrough(car, "room again"));
   // Whole entries only: an entry cut at the limit would run into the next.
   for (const auto& line : testSupport::splitLines(car.emergencyLog().substr(before.size())))
     EXPECT_EQ(countOf(line, " GMT:"), 1u) << "not one entry: " << line;
@@ -117,7 +113,7 @@ TEST(Faults, LogFolderNotWritable) {
   E2eHarness car(carOptions(kScale, {}, false));
   if (!privateMounts()) GTEST_SKIP() << "mounting needs root (CAP_SYS_ADMIN): " << strerror(errno);
   SmallFileSystem folder(car.path(kLogFolder), MS_RDONLY, "size=64k");
-  ASSERT_TRUE(folder.mounted) << strerror(errno);
+  ASSERT_TRUE(folder.mounted);
   car.startService();
   ASSERT_TRUE(car.waitForServiceStarted());
   ASSERT_TRUE(car.waitForTrace("Failed to open internal logfile, errno 30", kLong));
@@ -125,8 +121,7 @@ TEST(Faults, LogFolderNotWritable) {
   EXPECT_FALSE(testSupport::fileExists(car.path(std::string(kLogFolder) + "/ecall_log.txt")));
 
   ASSERT_TRUE(folder.remount(0)) << strerror(errno);
-  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"writable again\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("writable again\n", kLong));
+  ASSERT_TRUE(logThrough(car, "writable again"));
   EXPECT_EQ(car.emergencyLog().rfind("Ecall Log File\n", 0), 0u);
 }
 
@@ -136,7 +131,7 @@ TEST(Faults, LogFileSystemFull) {
   E2eHarness car(carOptions(kScale, {}, false));
   if (!privateMounts()) GTEST_SKIP() << "mounting needs root (CAP_SYS_ADMIN): " << strerror(errno);
   SmallFileSystem folder(car.path(kLogFolder), 0, "size=8k");
-  ASSERT_TRUE(folder.mounted) << strerror(errno);
+  ASSERT_TRUE(folder.mounted);
   car.startService();
   ASSERT_TRUE(car.waitForServiceStarted());
   ASSERT_TRUE(car.waitForEmergencyLog("ecallBtn = 0\n", kLong));
@@ -170,8 +165,7 @@ TEST(Faults, LogFileSystemFull) {
     struct statvfs room {};
     return statvfs(folder.dir.c_str(), &room) == 0 && room.f_bfree > 0;
   }, kLong));
-  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"after the export\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("after the export\n", kLong));
+  ASSERT_TRUE(logThrough(car, "after the export"));
   EXPECT_EQ(car.emergencyLog().rfind("Ecall Log File\n", 0), 0u);
 }
 
@@ -182,8 +176,7 @@ TEST(Faults, UsbFolderMissing) {
   E2eHarness& car = s.car;
   std::error_code ec;
   std::filesystem::remove_all(car.path("/fs/usb0"), ec);
-  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"before the export\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("before the export\n", kLong));
+  ASSERT_TRUE(logThrough(car, "before the export"));
   const std::string before = car.emergencyLog();
   EXPECT_EQ(car.call("saveEmergencyLogToUSBAndRemoveLocalLog"), kOk);
   ASSERT_TRUE(car.waitForTrace("Failed open USB logfile to write, errno 2", kLong));
@@ -203,12 +196,10 @@ TEST(Faults, VehicleObjectReplacedRemovedAndRecreated) {
   Scene s(carOptions(kScale));
   E2eHarness& car = s.car;
   replaceVehicleObject(car, "@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::4200\nSPEED::0\n");
-  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"replaced\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("0000420:replaced\n", kLong));
+  ASSERT_TRUE(logThrough(car, "replaced", "0000420:replaced"));
 
   ASSERT_EQ(unlink(car.path("/pps/can/vehstat").c_str()), 0);
-  ASSERT_TRUE(car.notify("logStringToEcallLog", "{\"message\":\"removed\\n\"}"));
-  ASSERT_TRUE(car.waitForEmergencyLog("ODO N/A:removed\n", kLong));
+  ASSERT_TRUE(logThrough(car, "removed", "ODO N/A:removed"));
   s.button("ecall", true);  // the simulator writes the object anew
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
   s.button("ecall", false);

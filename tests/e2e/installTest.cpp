@@ -1,18 +1,12 @@
 // Deployment: what cmake --install puts where, whether systemd accepts the
 // unit and the boot-time folder, and the readiness the unit waits for.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/e2eHarness.h"
-#include "support/testSupport.h"
 
 namespace fs = std::filesystem;
 using testSupport::Outcome;
@@ -133,41 +127,23 @@ TEST(Install, SystemdAcceptsTheUnitsAndDropInsAndMakesTheLogFolder) {
 TEST(Install, ServiceIsReadyOnlyOnceItsNameIsOnTheBus) {
   testSupport::E2eOptions options;
   options.startService = false;
-  testSupport::E2eHarness car(options);
-
   Stage stage;
-  const std::string socketPath = stage.dir() + "/notify";
-  const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ASSERT_GE(manager, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
-  ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  const timeval limit{20, 0};
-  setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-
+  options.serviceEnv = {"NOTIFY_SOCKET=" + stage.dir() + "/notify"};
+  testSupport::E2eHarness car(options);
+  testSupport::NotifySocket manager(stage.dir() + "/notify");
   SVCIPC_tConnection conn = nullptr;
-  ASSERT_EQ(SVCIPC_initialize(), SVCIPC_ERROR_NONE);
   ASSERT_EQ(SVCIPC_getConnectionByAddress(car.busAddress().c_str(), &conn), SVCIPC_ERROR_NONE);
 
   // Plays systemd: takes the first notification and looks at the bus at once.
   std::string message;
   int ownedWhenReady = -1;
   std::thread reader([&] {
-    char text[256] = {};
-    if (recv(manager, text, sizeof text - 1, 0) <= 0) return;
+    message = manager.next(std::chrono::seconds(20));
     SVCIPC_nameHasOwner(conn, kBusName.c_str(), &ownedWhenReady);
-    message = text;
   });
-
-  // Only the service is started with the manager's socket.
-  setenv("NOTIFY_SOCKET", socketPath.c_str(), 1);
   car.startService();
-  unsetenv("NOTIFY_SOCKET");
   reader.join();
-  close(manager);
   SVCIPC_closeConnection(conn);
-
   EXPECT_EQ(message, "READY=1");
   EXPECT_EQ(ownedWhenReady, 1) << "ready before the service was on the bus";
   EXPECT_TRUE(car.serviceRunning());

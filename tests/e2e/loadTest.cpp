@@ -1,11 +1,8 @@
 // Eight head-unit clients ask "IsECallInProgess" as fast as they can while
 // the airbag controller reports a crash: the crash still reaches the phone
 // and every query is answered rightly (bench/busMethods gives the figures).
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
-#include <vector>
 
 #include "carScene.h"
 

@@ -2,13 +2,9 @@
 // out-of-memory killer, or the service manager's watchdog) and started
 // again on the same root, the service resumes from its journal what it had
 // in hand, and a hung thread stops the watchdog's feeding.
-#include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <random>
 #include <thread>
 
@@ -18,23 +14,9 @@ using namespace carScene;
 
 namespace {
 
-// The service killed and started again; marks from the new start.
-void restart(Scene& s) {
-  s.car.stopService();
-  s.markNow();
-  s.car.startService();
-}
-
 Json::Value waitForDial(Scene& s) { return s.car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong); }
 std::string firstCallType(Scene& s) {
   return s.waitForSignal([](const Json::Value& m) { return m["ecall"].asBool(); })["type"].asString();
-}
-
-// Started again: the journal read, the phone's status asked, the channel open.
-bool waitForStarted(Scene& s) {
-  auto connected = [](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "connected"; };
-  return !s.car.waitForRequestSince(s.mark, "AudioMixerManager", "getProperties", kLong).isNull() &&
-         !s.waitForRecord(connected).isNull();
 }
 
 // The first log entry since the mark that starts with prefix ("" for none).
@@ -47,30 +29,6 @@ std::string waitForLogStarting(Scene& s, const std::string& prefix) {
   });
   return found;
 }
-
-// The service manager's end of NOTIFY_SOCKET.
-struct ManagerSocket {
-  explicit ManagerSocket(const std::string& path) : fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{AF_UNIX, {}};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  }
-  ~ManagerSocket() { close(fd); }
-  // The next message, or "" when none comes within the time.
-  std::string next(ms within) {
-    timeval limit{static_cast<time_t>(within.count() / 1000), static_cast<suseconds_t>(within.count() % 1000 * 1000)};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    char text[256];
-    const ssize_t n = recv(fd, text, sizeof text, 0);
-    return n > 0 ? std::string(text, static_cast<size_t>(n)) : "";
-  }
-  // What is queued already (a full socket would hold the service's feeding).
-  void drain() {
-    while (!next(ms(1)).empty()) {
-    }
-  }
-  int fd;
-};
 
 }  // namespace
 
@@ -86,7 +44,7 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   E2eHarness& car = s.car;
   s.sim("crash B can");
   ASSERT_FALSE(waitForDial(s).isNull());
-  restart(s);
+  s.restart();
   EXPECT_NE(waitForLogStarting(s, "Emergency resumed after a restart: CAN_IMPACT_B, mode acn, requested "), "");
   ASSERT_FALSE(waitForDial(s).isNull()) << "the crash was not dialled after the restart";
   EXPECT_EQ(firstCallType(s), "acn");
@@ -95,7 +53,7 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
 
   s.sim("psap answer");
   ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
-  restart(s);
+  s.restart();
   ASSERT_TRUE(s.waitForLogCount("Call-back period resumed after a restart: CAN_IMPACT_B, 30000 ms left", 1))
       << testing::PrintToString(s.log());
   EXPECT_TRUE(s.waitForIdle()) << "the resumed call-back period did not end";
@@ -106,19 +64,18 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   ASSERT_TRUE(s.waitForSignalType("ecallDelay"));
   ASSERT_EQ(car.call("exitEcall"), kOk);
   ASSERT_FALSE(s.waitForSignal([](const Json::Value& m) { return !m["ecall"].asBool(); }).isNull());
-  restart(s);
+  s.restart();
   const std::string resumed = waitForLogStarting(s, "Call-back period resumed after a restart: E_CALL_BtnStat, ");
   const long long left = atoll(resumed.c_str() + std::min(resumed.size(), resumed.find(", ") + 2));
   EXPECT_TRUE(left > 0 && left < 30000) << resumed;
 
   car.stopService();
   testSupport::writeFile(car.path("/fs/etfs/usr/var/ecall/ecall_journal"), "not a journal");
-  s.markNow();
-  car.startService();
+  s.restart();
   EXPECT_TRUE(s.waitForLogCount("Emergency journal is torn or corrupt: set aside as "
                                 "/fs/etfs/usr/var/ecall/ecall_journal.bad, nothing resumed from it", 1));
   EXPECT_EQ(testSupport::readFile(car.path("/fs/etfs/usr/var/ecall/ecall_journal.bad")), "not a journal");
-  ASSERT_TRUE(waitForStarted(s));
+  ASSERT_TRUE(s.car.waitForServiceStarted(kLong, s.mark));
   s.sim("wait 5000");
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
   // Killed in its call-back period, the run before left the emergency mode's
@@ -163,11 +120,11 @@ TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
     }
     // The moment of the kill is the test's input, not a wait for an event.
     std::this_thread::sleep_for(killAfter);
-    restart(s);
+    s.restart();
     // The phone may come back while the restarted service still asks for
     // its status: the phone's report must win over the older answer.
     if (kind == kPhoneAway) s.sim("phone on");
-    ASSERT_TRUE(waitForStarted(s));  // the next crash needs the channel
+    ASSERT_TRUE(s.car.waitForServiceStarted(kLong, s.mark));  // the next crash needs the channel
     if (kind == kCancelled) {
       s.sim("wait 61000");
       ASSERT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty()) << "a cancelled emergency was dialled";
@@ -189,7 +146,7 @@ TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
 // started again, as the manager then does, the service resumes its crash.
 TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   const std::string socketPath = "/tmp/ecall-watchdog-" + std::to_string(getpid());
-  ManagerSocket manager(socketPath);
+  testSupport::NotifySocket manager(socketPath);
   E2eOptions options = carOptions(kScale, {"set answer manual"});
   options.serviceEnv = {"NOTIFY_SOCKET=" + socketPath, "WATCHDOG_USEC=400000"};
   Scene s(options);
@@ -214,8 +171,7 @@ TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
 
   car.stopService();
   replaceVehicleObject(car, healthy);
-  s.markNow();
-  car.startService();
+  s.restart();
   ASSERT_FALSE(waitForDial(s).isNull()) << "the crash was lost to the watchdog's restart";
   EXPECT_EQ(firstCallType(s), "acn");
   unlink(socketPath.c_str());

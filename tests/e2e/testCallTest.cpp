@@ -2,8 +2,6 @@
 // never to an emergency number, marked as a test wherever it shows; refused
 // without a usable test number and while an emergency is in hand; ended at
 // once by a crash; given up after three attempts; forgotten by a restart.
-#include <gtest/gtest.h>
-
 #include "carScene.h"
 
 using namespace carScene;
@@ -18,9 +16,6 @@ const std::string kTestAnnouncement = "ECALL: This is a test call, not an emerge
 const std::string kJournal = "/fs/etfs/usr/var/ecall/ecall_journal";
 
 std::string refused(const std::string& reason) { return "{\"reason\":\"" + reason + "\",\"result\":\"REFUSED\"}\n"; }
-testSupport::Outcome ctlTest(E2eHarness& car) {
-  return testSupport::run({ECALLCTL_BIN, "--bus", car.busAddress(), "test"});
-}
 const std::string kCrashDial = "ecallDial {\"address\":\"911\",\"callType\":\"MVA\",\"vehicleType\":\"Corvane\"}\n";
 Json::Value phoneSays(Scene& s, const std::string& part) {
   return s.waitForRecord([&](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", part); });
@@ -35,7 +30,7 @@ Json::Value phoneSays(Scene& s, const std::string& part) {
 // and the journal is never written.
 TEST(TestCall, WholeCallToTheTestNumberMarkedAsATestAndNeverJournaled) {
   Scene s(carOptions(kScale, {"set brand 9", "set gps 12345678 -98765432", "set pace 2000"}));
-  const testSupport::Outcome started = ctlTest(s.car);
+  const testSupport::Outcome started = ctl(s.car, {"test"});
   EXPECT_EQ(started.exitCode, 0) << started.err;
   ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull()) << "the announcement was not spoken";
   s.sim("psap hangup");
@@ -70,7 +65,7 @@ TEST(TestCall, RefusedWithoutAUsableTestNumberAndWhileAnEmergencyIsInHand) {
     s.sim("set testnumber " + number);
     EXPECT_EQ(s.car.call("startTestEcall"), refused(reason)) << number;
   }
-  const testSupport::Outcome outcome = ctlTest(s.car);
+  const testSupport::Outcome outcome = ctl(s.car, {"test"});
   EXPECT_EQ(outcome.exitCode, 1);
   EXPECT_EQ(outcome.err, "ecallctl: test refused: the test number 5550123 is an emergency number\n");
 

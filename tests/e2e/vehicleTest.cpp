@@ -1,15 +1,5 @@
 // The vehicle around the service end to end: its variant, brand and
-// language, the cellular module's resets and USB ports, and Bluetooth, on the
-// real ecallService in the simulated car.
-//
-// The car runs at 1/20 of real time, except where the service's five-minute
-// module delays are waited for in full.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
-#include <vector>
-
+// language, the cellular module's resets and USB ports, and Bluetooth.
 #include "carScene.h"
 
 using namespace carScene;
@@ -61,7 +51,8 @@ TEST(Variant, WithoutEmbeddedPhoneNoEmergencyIsActedOn) {
 
 // The occupants hear the prompts in the head unit's language, the operator
 // always hears English with the vehicle's brand; an unknown brand or
-// language keeps the last good one.
+// language keeps the last good one. An airbag impact is a crash call: no
+// delay to cancel, the dialling prompt at once, the crash announcements.
 TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInEnglish) {
   Scene s(carOptions(kScale, {"set brand 7", "set language fr_CA"}));
   const std::string dialling = "PMSG: Appel du 9-1-1.";
@@ -84,9 +75,16 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull());
   EXPECT_EQ(s.spoken(), (Strings{dialling, "ECALL: A crash has occurred in a Roadmast vehicle: " + kOperatorKeys,
                                  "ECALL: A crash has occurred in a Roadmast vehicle: " + kCarPosition + kOperatorKeys}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Speaker TTS language French",
-                                        "Vehicle brand received invalid, using current brand Roadmast", "TTS rqst 7"}))
+  EXPECT_EQ(s.signals(), Strings{kCrashB});
+  EXPECT_TRUE(containsInOrder(s.log(), {"Rx ORC CAN 0x0200", "Speaker TTS language French",
+                                        "Vehicle brand received invalid, using current brand Roadmast",
+                                        "ACR triggered on CAN - More severe rear event", "TTS rqst 7", "Calling 911",
+                                        kCallActive, "TTS rqst 10", "TTS rqst 11", "Request unmute mic inputs"}))
       << testing::PrintToString(s.log());
+  EXPECT_EQ(s.countInLog("Ecall delay 10 before calling"), 0u);
+  const std::string out = s.car.serviceStdout();
+  EXPECT_NE(out.find("Ecall - IPC /dev/ipc/ch12 Read Impact: 00 01 02 00 00 00 00\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("Ecall - CAN Emergency CAN_IMPACT_B\n"), std::string::npos) << out;
 }
 
 // A phone that stays away: after the phone-not-present time the module is

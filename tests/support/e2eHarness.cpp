@@ -6,7 +6,9 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -161,6 +163,27 @@ bool Child::readSome(int timeoutMs) {
   drain(fds[0], mOut, mOutText);
   drain(fds[1], mErr, mErrText);
   return true;
+}
+
+NotifySocket::NotifySocket(const std::string& path) : mFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_un address{AF_UNIX, {}};
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  EXPECT_EQ(bind(mFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
+}
+
+NotifySocket::~NotifySocket() { close(mFd); }
+
+std::string NotifySocket::next(std::chrono::milliseconds within) {
+  timeval limit{static_cast<time_t>(within.count() / 1000), static_cast<suseconds_t>(within.count() % 1000 * 1000)};
+  setsockopt(mFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  char text[256];
+  const ssize_t n = recv(mFd, text, sizeof text, 0);
+  return n > 0 ? std::string(text, static_cast<size_t>(n)) : "";
+}
+
+void NotifySocket::drain() {
+  while (!next(std::chrono::milliseconds(1)).empty()) {
+  }
 }
 
 Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
@@ -463,13 +486,14 @@ bool E2eHarness::waitForChannelMessage(const std::vector<int>& bytes, ms deadlin
       deadline);
 }
 
-bool E2eHarness::waitForChannelConnected(ms deadline) {
+bool E2eHarness::waitForChannelConnected(ms deadline, size_t mark) {
   auto connected = [](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "connected"; };
-  return !waitForRecord(connected, deadline).isNull();
+  return !waitForRecordSince(mark, connected, deadline).isNull();
 }
 
-bool E2eHarness::waitForServiceStarted(ms deadline) {
-  return !waitForRequest("AudioMixerManager", "getProperties", deadline).isNull() && waitForChannelConnected(deadline);
+bool E2eHarness::waitForServiceStarted(ms deadline, size_t mark) {
+  return !waitForRequestSince(mark, "AudioMixerManager", "getProperties", deadline).isNull() &&
+         waitForChannelConnected(deadline, mark);
 }
 
 std::string E2eHarness::emergencyLog() const { return readFile(path("/fs/etfs/usr/var/ecall/ecall_log.txt")); }

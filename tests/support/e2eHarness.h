@@ -33,32 +33,23 @@ inline bool isNoReply(SVCIPC_tError rc) {
 }
 
 struct E2eOptions {
-  // --time-scale of both processes: 0.01 runs a 10 s delay of the service in 0.1 s
-  // (the sanitizer builds run the car at half that pace, see tests/CMakeLists.txt).
+  // --time-scale of both processes: 0.01 runs a 10 s delay in 0.1 s (the
+  // sanitizer builds run the car at half that pace, see tests/CMakeLists.txt).
   double timeScale = 0.01;
-  // Start ecallService in the constructor (false: the simulator alone).
-  bool startService = true;
-  // Run ecallService with its trace on, into the file trace() reads (false:
-  // as the car runs it, for figures of its own cost).
-  bool trace = true;
-  // Console commands given to the simulator before the service starts (the
-  // car the service wakes up in), e.g. "set variant NO", "phone off".
+  bool startService = true;  // in the constructor (false: the simulator alone)
+  bool trace = true;         // the service's trace into the file trace() reads
+  // Console commands given to the simulator before the service starts, e.g.
+  // "set variant NO", "phone off"; extra command-line options of vehicle-sim.
   std::vector<std::string> simCommands;
-  // Extra command-line options of vehicle-sim.
   std::vector<std::string> simArgs;
-  // How long the start of each process may take.
-  std::chrono::milliseconds startDeadline = kWaitDeadline;
-  // The bus's policy (see PrivateBus); empty: the session-like bus on which
-  // anyone may own and call anything.
+  std::chrono::milliseconds startDeadline = kWaitDeadline;  // of each process
+  // The bus's policy (see PrivateBus); empty: anyone may own and call anything.
   std::string busPolicy;
-  // Run vehicle-sim under this account (a user name; needs root), as the
-  // rest of the head unit runs under accounts of its own. Empty: as the test.
+  // vehicle-sim's account (needs root), as the head unit's other services run.
   std::string simUser;
-  // The service's program (empty: the one of this build), to compare another
-  // build's service on the same car.
+  // The service's program (empty: the one of this build).
   std::string serviceBinary;
-  // "NAME=VALUE" entries of the service's environment, in place of the
-  // test's own of the same name.
+  // "NAME=VALUE" entries of the service's environment, in place of the test's.
   std::vector<std::string> serviceEnv;
   // Run in the service's, the simulator's and the bus daemon's process
   // between fork and exec (system calls only), as a service manager sets up
@@ -118,6 +109,20 @@ class Child {
   pid_t mPid = -1;
   int mIn = -1, mOut = -1, mErr = -1, mExit = -1;
   std::string mOutText, mErrText;
+};
+
+// The service manager's end of NOTIFY_SOCKET, bound at path.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& path);
+  ~NotifySocket();
+  // The next message, or "" when none comes within the time.
+  std::string next(std::chrono::milliseconds within);
+  // Reads what is queued already (a full socket would hold the service's feeding).
+  void drain();
+
+ private:
+  int mFd;
 };
 
 struct Outcome {
@@ -189,11 +194,12 @@ class E2eHarness {
   // Messages the service wrote on the restraint controller channel.
   std::vector<std::vector<int>> channelMessages(size_t mark = 0);
   bool waitForChannelMessage(const std::vector<int>& bytes, ms deadline = kWaitDeadline);
-  // The service has connected to the restraint controller channel.
-  bool waitForChannelConnected(ms deadline = kWaitDeadline);
-  // The service has finished starting: its processor has made its start-up
-  // queries (the last is the audio mixer's volumes) and it reads the channel.
-  bool waitForServiceStarted(ms deadline = kWaitDeadline);
+  // The service has connected to the restraint controller channel (since mark).
+  bool waitForChannelConnected(ms deadline = kWaitDeadline, size_t mark = 0);
+  // The service has finished starting (since mark, for a restart): its
+  // processor has made its start-up queries (the last is the audio mixer's
+  // volumes) and it reads the channel.
+  bool waitForServiceStarted(ms deadline = kWaitDeadline, size_t mark = 0);
 
   // --- files and logs
   std::string emergencyLog() const;
