@@ -7,14 +7,18 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
+#include <utility>
 
 #include "ecallMain/ecallMain.h"
 #include "ecallMain/processObjects.h"
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "fake/fakeBus.h"
+#include "fake/memoryFiles.h"
 #include "fake/processProbe.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/files.h"
 #include "platform/runtime.h"
 
 namespace fuzzSupport {
@@ -31,13 +35,48 @@ const char* const kUsbFolder = "/fs/usb0";
 
 std::string gRoot;
 
+// The threads the service started during an input, run after it.
+std::mutex gDeferredMutex;
+std::vector<std::pair<platform::threadBody, void*>> gDeferred;
+
+int deferThread(pthread_t* thread, platform::threadBody body, void* arg) {
+  *thread = pthread_t{};
+  std::lock_guard<std::mutex> lock(gDeferredMutex);
+  gDeferred.emplace_back(body, arg);
+  return 0;
+}
+
+// In start order, those they start included; each ends before the next runs.
+void runDeferredThreads() {
+  for (size_t i = 0;; ++i) {
+    std::pair<platform::threadBody, void*> next;
+    {
+      std::lock_guard<std::mutex> lock(gDeferredMutex);
+      if (i == gDeferred.size()) {
+        gDeferred.clear();
+        return;
+      }
+      next = gDeferred[i];
+    }
+    next.first(next.second);
+    fakeBus::drain();
+  }
+}
+
+void makeFolders(const std::string& path) {
+  for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
+    platform::makeFolder(path.substr(0, slash).c_str(), 0755);
+    if (slash == std::string::npos) return;
+  }
+}
+
 void removeRoot() {
   std::error_code ec;
   if (!gRoot.empty()) std::filesystem::remove_all(gRoot, ec);
 }
 
-// A folder in memory when there is one: the emergency log is written with
-// synchronous writes, which would make every input wait for a disk.
+// The root on disk, for the objects that delta readers watch (the other
+// files are in memory): in memory too where there is such a folder.
 std::string makeRoot() {
   std::string base = "/dev/shm";
   if (access(base.c_str(), W_OK) != 0) {
@@ -52,35 +91,16 @@ std::string makeRoot() {
   return pattern;
 }
 
-void setUpProcess() {
-  gRoot = makeRoot();
-  atexit(removeRoot);
-  platform::setRoot(gRoot);
-  platform::setTimeScale(kTimeScale);
-  writeServiceFile(vehicleStatusPPSPath, kVehicleStatus);
-  std::filesystem::create_directories(gRoot + "/tmp");
-  std::filesystem::create_directories(gRoot + kUsbFolder);
-
-  createProcessObjects();
-  SVCIPC_tConnection connection = nullptr;
-  SVCIPC_tSvcRegHnd registration = nullptr;
-  if (SVCIPC_getConnection(SVCIPC_CONNECTION_DEFAULT, 0, &connection) < 0 ||
-      SVCIPC_registerService(connection, ECALL_SERVICE_NAME, ECALL_SERVICE_PATH, 0, onECallRequest, &ecallFrame(),
-                             &registration) < 0) {
-    fprintf(stderr, "ecall fuzz: the fake bus refused the service\n");
-    abort();
-  }
-  ecallFrame().setBus(connection, registration);
-}
-
-// The healthy car every input starts in.
-void resetState() {
-  fakeBus::reset();
+// The peers of the healthy car.
+void answerAsHealthyPeers() {
   fakeBus::Reply silent;
   silent.noAnswer = true;
   fakeBus::setReply(TTS_SERVICE, "ttsReadout", silent);
   answer(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers", kEcallNumberReply);
+}
 
+// The healthy car every input starts in.
+void resetState() {
   processProbe::mEmbeddedPhoneEnabled() = true;
   processProbe::mVariantInfoKnown() = true;
   processProbe::mTtsLanguage() = 0;
@@ -112,34 +132,65 @@ void resetState() {
   processProbe::defaultPhoneVol() = 15;
   processProbe::defaultPromptVol() = 15;
 
-  if (canIpcEmergencyHandler.getLastLedSetStatus() != LED_OFF) canIpcEmergencyHandler.setLedStatus(LED_OFF);
+  processProbe::mLastLedSetStatus() = LED_OFF;
   canIpcEmergencyHandler.resetV850ResetPhCounter();
 }
 
-// Exports to the stick are named by the second; they are removed so that a
-// long run does not fill the memory folder.
-void emptyUsbFolder() {
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator(gRoot + kUsbFolder, ec))
-    std::filesystem::remove(entry.path(), ec);
+void setUpProcess() {
+  gRoot = makeRoot();
+  atexit(removeRoot);
+  platform::setRoot(gRoot);
+  platform::setTimeScale(kTimeScale);
+  // One thread, no system call and no pause for an input.
+  memoryFiles::install();
+  fakeBus::deliverInWaitingThread();
+  platform::skipWaits(true);
+  platform::setThreadStarter(deferThread);
+  writeServiceFile(vehicleStatusPPSPath, kVehicleStatus);
+  makeFolders(platform::rootPath("/tmp"));
+  makeFolders(platform::rootPath(kUsbFolder));
+
+  createProcessObjects();
+  SVCIPC_tConnection connection = nullptr;
+  SVCIPC_tSvcRegHnd registration = nullptr;
+  if (SVCIPC_getConnection(SVCIPC_CONNECTION_DEFAULT, 0, &connection) < 0 ||
+      SVCIPC_registerService(connection, ECALL_SERVICE_NAME, ECALL_SERVICE_PATH, 0, onECallRequest, &ecallFrame(),
+                             &registration) < 0) {
+    fprintf(stderr, "ecall fuzz: the fake bus refused the service\n");
+    abort();
+  }
+  ecallFrame().setBus(connection, registration);
+  resetState();
 }
+
+// Exports to the stick are named by the second; they are removed so that a
+// long run does not fill the memory.
+void emptyUsbFolder() { memoryFiles::removeFilesIn(platform::rootPath(kUsbFolder)); }
 
 }  // namespace
 
 void beginInput() {
   static const bool ready = (setUpProcess(), true);
   (void)ready;
+  answerAsHealthyPeers();
+}
+
+// What an input made is released in the input: a run that allocates more
+// than it frees is taken for a leak, and checked at a hundred times the cost.
+void endInput() {
+  fakeBus::drain();
+  runDeferredThreads();
+  emptyUsbFolder();
+  fakeBus::reset();
   resetState();
 }
 
-void endInput() {
-  fakeBus::drain();
-  emptyUsbFolder();
+void writeServiceFile(const std::string& absolutePath, const std::string& content) {
+  memoryFiles::put(platform::rootPath(absolutePath), content);
 }
 
-const std::string& rootDir() { return gRoot; }
-
-void writeServiceFile(const std::string& absolutePath, const std::string& content) {
+void writeWatchedObject(const std::string& absolutePath, const std::string& content) {
+  writeServiceFile(absolutePath, content);
   const std::string path = platform::rootPath(absolutePath);
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   std::ofstream out(path, std::ios::binary | std::ios::trunc);

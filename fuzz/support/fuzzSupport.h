@@ -1,11 +1,15 @@
 // Common ground of the fuzz targets: the service's modules on the fake bus,
-// in a temporary root folder, with the process objects made once per
-// process and the processor's state put back before every input, so that
-// an input does the same whether it runs first or after a million others.
+// their files in memory, with the process objects made once per process and
+// the processor's state put back before every input, so that an input does
+// the same whether it runs first or after a million others.
 //
-// The state machine thread and the command thread are not started: the
-// targets feed one input to one handler and look at what that handler does;
-// the pulses the handler sends have no receiver and are dropped.
+// An input runs in one thread and never waits: the fake bus delivers in the
+// thread that waits for its deliveries, the threads the service starts
+// (the LED's blink timer) run after the input, and pauses and timers take
+// no time. The state machine thread and the command thread are not
+// started: the targets feed one input to one handler and look at what that
+// handler does; the pulses the handler sends have no receiver and are
+// dropped.
 #pragma once
 
 #include <cstddef>
@@ -15,21 +19,20 @@
 
 namespace fuzzSupport {
 
-// Sets up the process once (later calls only check it), then puts the
-// state back: the phone present and ON, no emergency, no failure, the LED
-// off, the vehicle variant with embedded phone, no recorded bus calls. Every
-// target calls it first.
+// Sets up the process once (later calls only check it) and the peers'
+// answers. The state is that of a healthy car: the phone present and ON,
+// no emergency, no failure, the LED off, the vehicle variant with embedded
+// phone, no recorded bus calls. Every target calls it first.
 void beginInput();
 
-// Lets every asynchronous result the input caused run on the fake bus thread
-// before the next input starts.
+// Runs every asynchronous result the input caused, and the threads it
+// started, then puts the state back. Every target calls it last.
 void endInput();
-
-// The temporary root folder (every path of the service lies under it).
-const std::string& rootDir();
 
 // Writes a file of the service ("/pps/can/vehstat", ...) under the root.
 void writeServiceFile(const std::string& absolutePath, const std::string& content);
+// Also on disk, where a PPS delta descriptor watches it.
+void writeWatchedObject(const std::string& absolutePath, const std::string& content);
 
 // Splits data into at most count fields at NUL bytes; the last field takes
 // the rest (NULs included). Seeds keep the fields of one input apart so.

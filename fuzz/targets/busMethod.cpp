@@ -1,6 +1,6 @@
 // A call of one of the service's bus methods, as any client on the bus can
-// make it, through the fake bus's own thread. The first byte picks the
-// method (low bits; 9 and up: a name taken from the input), whether the
+// make it, through the fake bus. The first byte picks the method (low
+// bits; 11 and up: a name taken from the input), whether the
 // caller expects no reply (0x10) and whether the parameters are missing
 // (0x20); the rest is the parameter text (after the name and a NUL for a
 // name from the input).
@@ -25,11 +25,14 @@ const char* const kMethods[] = {
     "saveEmergencyLogToUSBAndRemoveLocalLog",
     "getEmergencyCallLanguage",
     "hardResetGPS",
+    "startTestEcall",
+    "getLastCallTimings",
 };
 constexpr size_t kMethodCount = sizeof kMethods / sizeof kMethods[0];
-const char* const kAlwaysAnswered[] = {"IsECallInProgess", "IsECallModeActive", "getEmergencyCallLanguage"};
+const char* const kAlwaysAnswered[] = {"IsECallInProgess", "IsECallModeActive", "getEmergencyCallLanguage",
+                                       "getLastCallTimings"};
 const char* const kAnsweredOnRequest[] = {"exitEcall", "startEcall", "setEcallRetryHmiState",
-                                          "saveEmergencyLogToUSBAndRemoveLocalLog", "hardResetGPS"};
+                                          "saveEmergencyLogToUSBAndRemoveLocalLog", "hardResetGPS", "startTestEcall"};
 
 bool isOneOf(const std::string& name, const char* const* names, size_t count) {
   for (size_t i = 0; i < count; ++i)
@@ -62,8 +65,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       fakeBus::callMethod(method, paramsMissing ? nullptr : params.c_str(), noReplyExpected);
   fuzzSupport::expect(result.handled, "the method handler did not run");
   fuzzSupport::expect(result.contextFreed, "a request context left unreleased");
-  const bool mustAnswer = isOneOf(method, kAlwaysAnswered, 3) ||
-                          (!noReplyExpected && isOneOf(method, kAnsweredOnRequest, 5));
+  const bool mustAnswer = isOneOf(method, kAlwaysAnswered, 4) ||
+                          (!noReplyExpected && isOneOf(method, kAnsweredOnRequest, 6));
   fuzzSupport::expect(result.replied == mustAnswer, "a reply where none is due, or none where one is");
   fuzzSupport::endInput();
   return 0;

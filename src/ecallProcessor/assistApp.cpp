@@ -14,6 +14,7 @@
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "externalServiceHandling/serviceRequests.h"
 #include "orcImpact/CANImpactECallHandler.h"
+#include "platform/files.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
 
@@ -84,7 +85,7 @@ void ecallProcessor::getAssistAppUUID() {
   const std::string path = platform::rootPath(appMngrConfigPath);
   FILE* cfg = nullptr;
   for (int attempt = 0; attempt < APP_MNGR_CFG_OPEN_ATTEMPTS; ++attempt) {
-    cfg = fopen(path.c_str(), "r");
+    cfg = platform::fileOpenStream(path.c_str(), "r");
     if (cfg != nullptr || errno != EINTR) break;
   }
 

@@ -24,6 +24,7 @@
 
 #include "ecallMain/ecallMain.h"
 #include "ecallProcessor/ecallProcessor.h"
+#include "platform/files.h"
 #include "platform/pps.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
@@ -106,7 +107,7 @@ std::string formatUtcNow(const char* format) {
 
 bool writeWhole(int fd, const std::string& text) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  return platform::fileWrite(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 // Makes the folders above a path that a fresh root lacks (not the last
@@ -114,7 +115,7 @@ bool writeWhole(int fd, const std::string& text) {
 void makeParentFolders(const std::string& folder) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   for (size_t slash = folder.find('/', 1); slash != std::string::npos; slash = folder.find('/', slash + 1))
-    mkdir(folder.substr(0, slash).c_str(), 0777);
+    platform::makeFolder(folder.substr(0, slash).c_str(), 0777);
 }
 
 // Deletes a log that has grown too big. False (and the entry is dropped)
@@ -123,8 +124,8 @@ bool resetLogFile(int fd, const std::string& path) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   scope.sendFormattedError(
       "Too many errors for real vehicle operation have occurred, resetting the log and flagging the error\n");
-  close(fd);
-  if (remove(path.c_str()) != 0) {
+  platform::fileClose(fd);
+  if (platform::fileUnlink(path.c_str()) != 0) {
     const int err = errno;
     scope.sendFormattedError("Failed to remove internal log file, errno %d (%s)\n", err, strerror(err));
     return false;
@@ -140,31 +141,31 @@ int openLogForAppend(bool synchronous) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const std::string path = platform::rootPath(emergencyLogPath);
   const int flags = LOG_OPEN_FLAGS | (synchronous ? O_DSYNC : 0);
-  int fd = open(path.c_str(), flags);
+  int fd = platform::fileOpen(path.c_str(), flags);
   bool wasReset = false;
   if (fd >= 0) {
-    struct stat info {};
-    if (fstat(fd, &info) != 0) {
+    const off_t size = platform::fileSize(fd);
+    if (size < 0) {
       scope.sendFormattedError(
           "Failed to get the size of the internal log file.  Not updating log to prevent the file from becoming too big\n");
-      close(fd);
+      platform::fileClose(fd);
       return -1;
     }
-    scope.sendFormattedMessage("Current size of log file: %d\n", static_cast<int>(info.st_size));
-    if (info.st_size + EMERGENCY_LOG_ENTRY_SIZE < EMERGENCY_LOG_SIZE_LIMIT) return fd;
+    scope.sendFormattedMessage("Current size of log file: %d\n", static_cast<int>(size));
+    if (size + EMERGENCY_LOG_ENTRY_SIZE < EMERGENCY_LOG_SIZE_LIMIT) return fd;
     if (!resetLogFile(fd, path)) return -1;
     wasReset = true;
   }
 
   const std::string folder = platform::rootPath(emergencyLogDir);
   makeParentFolders(folder);
-  if (mkdir(folder.c_str(), LOG_DIR_MODE) != 0 && errno != EEXIST) {
+  if (platform::makeFolder(folder.c_str(), LOG_DIR_MODE) != 0 && errno != EEXIST) {
     const int err = errno;
     scope.sendFormattedError("Failed to create the directory for the internal log file, errno %d (%s)\n", err,
                              strerror(err));
     return -1;
   }
-  fd = open(path.c_str(), flags | O_CREAT, LOG_FILE_MODE);
+  fd = platform::fileOpen(path.c_str(), flags | O_CREAT, LOG_FILE_MODE);
   if (fd < 0) {
     const int err = errno;
     scope.sendFormattedError("Failed to open internal logfile, errno %d (%s)\n", err, strerror(err));
@@ -242,7 +243,7 @@ bool copyToUsb(const usbExport& file, int localFd, int usbFd, const char* usbNam
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   char chunk[USB_COPY_CHUNK];
   for (;;) {
-    const ssize_t got = read(localFd, chunk, sizeof chunk);
+    const ssize_t got = platform::fileRead(localFd, chunk, sizeof chunk);
     if (got == 0) return true;
     if (got < 0) {
       if (errno == EINTR) continue;
@@ -250,7 +251,7 @@ bool copyToUsb(const usbExport& file, int localFd, int usbFd, const char* usbNam
       scope.sendFormattedError("Error reading %s, errno %d (%s)\n", file.localPath.c_str(), err, strerror(err));
       return false;
     }
-    if (write(usbFd, chunk, static_cast<size_t>(got)) < got) {
+    if (platform::fileWrite(usbFd, chunk, static_cast<size_t>(got)) < got) {
       scope.sendFormattedError(file.writeFailed, usbName);
       return false;
     }
@@ -262,7 +263,7 @@ bool copyToUsb(const usbExport& file, int localFd, int usbFd, const char* usbNam
 void exportToUsb(const usbExport& file) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   const std::string localPath = platform::rootPath(file.localPath);
-  const int localFd = open(localPath.c_str(), O_RDONLY);
+  const int localFd = platform::fileOpen(localPath.c_str(), O_RDONLY);
   if (localFd < 0) {
     const int err = errno;
     scope.sendFormattedError(file.openLocalFailed, err, strerror(err));
@@ -271,19 +272,19 @@ void exportToUsb(const usbExport& file) {
   char usbName[USB_NAME_SIZE];
   snprintf(usbName, sizeof usbName, "%s%llu.txt", file.usbPrefix, static_cast<unsigned long long>(time(nullptr)));
   scope.sendFormattedMessage("USB log file name %s", usbName);
-  const int usbFd =
-      open(platform::rootPath(usbName).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_DSYNC, USB_FILE_MODE);
+  const int usbFd = platform::fileOpen(platform::rootPath(usbName).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_DSYNC,
+                                       USB_FILE_MODE);
   if (usbFd < 0) {
     const int err = errno;
     scope.sendFormattedError(file.openUsbFailed, err, strerror(err));
-    close(localFd);
+    platform::fileClose(localFd);
     return;
   }
   scope.sendFormattedMessage("%s", file.transferring);
   const bool complete = copyToUsb(file, localFd, usbFd, usbName);
-  close(localFd);
-  close(usbFd);
-  if (complete && remove(localPath.c_str()) != 0) {
+  platform::fileClose(localFd);
+  platform::fileClose(usbFd);
+  if (complete && platform::fileUnlink(localPath.c_str()) != 0) {
     const int err = errno;
     scope.sendFormattedError(file.removeFailed, err, strerror(err));
   }
@@ -293,8 +294,8 @@ void exportToUsb(const usbExport& file) {
 // the part is taken back, so that later entries start on a line of their own.
 void takeBackPartialEntry(int fd, ssize_t written) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
-  const off_t end = lseek(fd, 0, SEEK_END);
-  if (end < written || ftruncate(fd, end - written) != 0)
+  const off_t end = platform::fileSize(fd);
+  if (end < written || platform::fileTruncate(fd, end - written) != 0)
     scope.sendFormattedError("Failed to take back a partly written entry, errno %d (%s)\n", errno, strerror(errno));
 }
 
@@ -303,7 +304,7 @@ int openNewFlagFile(const std::string& file) {
   CQVTraceScope scope(ecallProcessorTraceScope, __func__);
   int fd;
   do {
-    fd = open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_DSYNC, FLAG_FILE_MODE);
+    fd = platform::fileOpen(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_DSYNC, FLAG_FILE_MODE);
   } while (fd < 0 && errno == EINTR);
   return fd;
 }
@@ -329,7 +330,7 @@ void ecallProcessor::addEntryToEmergencyLog(const char* text) {
   // An entry cut to the buffer still ends its line, so that the next event
   // never shares it. A caller's own text without a line end is kept as given.
   if (length >= static_cast<int>(sizeof line)) line[size - 1] = '\n';
-  const ssize_t written = write(fd, line, size);
+  const ssize_t written = platform::fileWrite(fd, line, size);
   if (written != static_cast<ssize_t>(size)) {
     const int err = written < 0 ? errno : ENOSPC;
     if (written > 0) takeBackPartialEntry(fd, written);
@@ -337,7 +338,7 @@ void ecallProcessor::addEntryToEmergencyLog(const char* text) {
   } else {
     scope.sendFormattedMessage("Internal log file write success.\n");
   }
-  close(fd);
+  platform::fileClose(fd);
   if (synced) logSyncer.requestSync();
 }
 
@@ -381,17 +382,17 @@ void ecallProcessor::createFlagInTmp(bool create, std::string path) {
     }
     if (fd >= 0) {
       scope.sendFormattedMessage("successfully created flag file in %s", path.c_str());
-      close(fd);
+      platform::fileClose(fd);
     } else if (errno != EEXIST) {
       scope.sendFormattedMessage("failed to created flag file %s, errno %s", path.c_str(), strerror(errno));
     }
     return;
   }
   // A busy file is tried again, with a short pause, for at most a second.
-  int rc = unlink(file.c_str());
+  int rc = platform::fileUnlink(file.c_str());
   for (int attempt = 1; rc != 0 && errno == EBUSY && attempt < FLAG_REMOVE_ATTEMPTS; ++attempt) {
     platform::sleepMs(FLAG_REMOVE_PAUSE_MS);
-    rc = unlink(file.c_str());
+    rc = platform::fileUnlink(file.c_str());
   }
   if (rc == 0) {
     scope.sendFormattedMessage("Successfully removed flag file %s ", path.c_str());

@@ -12,6 +12,14 @@ namespace {
 constexpr char FORMAT_TAG[4] = {'E', 'C', 'J', '1'};
 constexpr size_t CHECKED_SIZE = SLOT_SIZE - 4;
 
+// later - earlier, held at the int64 limits: the times come from the disk
+// and the clocks, and a difference past the limits is only "very old".
+int64_t differenceMs(int64_t later, int64_t earlier) {
+  int64_t difference = 0;
+  if (__builtin_sub_overflow(later, earlier, &difference)) return later < earlier ? INT64_MIN : INT64_MAX;
+  return difference;
+}
+
 uint32_t crc32(const uint8_t* data, size_t size) {
   uint32_t crc = 0xFFFFFFFFu;
   for (size_t i = 0; i < size; ++i) {
@@ -155,7 +163,8 @@ journalResume decideResume(const journalRecord& record, const journalClock& now,
   switch (record.kind) {
     case journalKind::requested:
     case journalKind::placed: {
-      resume.ageMs = exact ? now.bootMs - record.sinceBootMs : now.wallMs - record.sinceWallMs;
+      resume.ageMs =
+          exact ? differenceMs(now.bootMs, record.sinceBootMs) : differenceMs(now.wallMs, record.sinceWallMs);
       // An age below zero is a clock set back: within the limit it is taken
       // as young, beyond it the time cannot be trusted.
       if (resume.ageMs >= maxAgeMs || resume.ageMs <= -maxAgeMs) {
@@ -169,7 +178,8 @@ journalResume decideResume(const journalRecord& record, const journalClock& now,
       break;
     }
     case journalKind::callbackPeriod: {
-      const int64_t left = exact ? record.untilBootMs - now.bootMs : record.untilWallMs - now.wallMs;
+      const int64_t left =
+          exact ? differenceMs(record.untilBootMs, now.bootMs) : differenceMs(record.untilWallMs, now.wallMs);
       if (left > 0) {
         resume.action = resumeAction::callbackPeriod;
         // A clock set back must not stretch the period.

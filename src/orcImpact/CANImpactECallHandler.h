@@ -118,6 +118,7 @@ class CANImpactECallHandler {
   int getPpsFd() const { return mPpsFd.load(); }
 
  private:
+  friend struct processProbe;  // the unit tests' view
   // The last LED status (where the variant has the LED) and the Assist
   // status, sent again without a log entry: they are not new states.
   void resendControllerState();

@@ -146,12 +146,9 @@ void CANImpactECallHandler::resendControllerState() {
 
 void CANImpactECallHandler::startBlinkTimer() {
   CQVTraceScope scope(orcImpactTraceScope, __func__);
-  pthread_attr_t attr;
-  pthread_attr_init(&attr);
-  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-  pthread_t thread;
+  pthread_t thread{};
   blinkTimerStarts();
-  if (pthread_create(&thread, &attr, BlinkTimerThreadFunc, this) != 0) {
+  if (platform::startDetachedThread(&thread, BlinkTimerThreadFunc, this) != 0) {
     blinkTimerEnds();
     printf("Failed to create blink timer thread!\n");
     fflush(stdout);
@@ -159,7 +156,6 @@ void CANImpactECallHandler::startBlinkTimer() {
     std::lock_guard<std::mutex> lock(mBlinkThreadMutex);
     mBlinkThread = thread;
   }
-  pthread_attr_destroy(&attr);
 }
 
 // One blink timer (arg is the handler): after 5 seconds the LED returns to the steady state of the

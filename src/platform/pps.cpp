@@ -1,10 +1,11 @@
 // PPS objects on an ordinary folder.
 //
-// A plain open is an open(2) of the object's file. An open with options
-// ("?wait,delta,f=A+B") returns an inotify descriptor watching the object's
-// folder; reads on it block in read(2) of that descriptor until the object's
-// file is closed after writing, renamed into place, created or removed, and
-// then report the named attributes whose values changed since the last read.
+// A plain open is an open of the object's file (platform/files.h). An open
+// with options ("?wait,delta,f=A+B") returns an inotify descriptor watching
+// the object's folder; reads on it block in read(2) of that descriptor until
+// the object's file is closed after writing, renamed into place, created or
+// removed, and then report the named attributes whose values changed since
+// the last read.
 //
 // Choices made where the target's behaviour has no Linux counterpart:
 // - The object's folder must exist when it is opened (ENOENT otherwise); the
@@ -44,6 +45,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/files.h"
 #include "platform/runtime.h"
 
 namespace platform {
@@ -450,13 +452,13 @@ int ppsOpen(const char* path, int flags) {
   }
   const std::string full(path);
   const size_t question = full.find('?');
-  if (question == std::string::npos) return ::open(rootPath(full).c_str(), flags | O_CLOEXEC);
+  if (question == std::string::npos) return fileOpen(rootPath(full).c_str(), flags | O_CLOEXEC);
   return openDelta(full.substr(0, question), full.substr(question + 1));
 }
 
 ssize_t ppsRead(int fd, void* buf, size_t count) {
   std::shared_ptr<DeltaObject> object = findDelta(fd);
-  if (!object) return ::read(fd, buf, count);
+  if (!object) return fileRead(fd, buf, count);
   if (buf == nullptr) {
     errno = EFAULT;
     return -1;
@@ -474,7 +476,7 @@ int ppsClose(int fd) {
       gDeltaObjects.erase(it);
     }
   }
-  if (!object) return ::close(fd);
+  if (!object) return fileClose(fd);
   // Removing the watch queues an event that wakes a reader blocked on the
   // descriptor; the descriptor is closed once that reader has left.
   object->closing.store(true);

@@ -6,7 +6,8 @@
 // arrive in the order sent. A timer fires once; re-arming replaces the pending
 // expiry; disarming does not recall a pulse already queued; timer_gettime
 // reports the time left (zero once fired or disarmed). Durations handed to
-// timer_settime are multiplied by the time scale (--time-scale).
+// timer_settime are multiplied by the time scale (--time-scale); where waits
+// are skipped (platform::skipWaits), a timer expires as it is armed.
 //
 // Nothing here polls: MsgReceive sleeps until a pulse is queued.
 #pragma once

@@ -27,6 +27,8 @@ const std::string gDefaultRoot = "/";
 std::atomic<const std::string*> gRoot{&gDefaultRoot};
 
 std::atomic<double> gTimeScale{1.0};
+std::atomic<bool> gSkipWaits{false};
+std::atomic<threadStarter> gThreadStarter{nullptr};
 
 constexpr int64_t kNsPerMs = 1000000;
 
@@ -52,7 +54,7 @@ int64_t scaled(int64_t count, int64_t unitNs) {
 }
 
 void sleepForNs(int64_t ns) {
-  if (ns <= 0) return;
+  if (ns <= 0 || waitsSkipped()) return;
   struct timespec left;
   left.tv_sec = static_cast<time_t>(ns / 1000000000);
   left.tv_nsec = static_cast<long>(ns % 1000000000);
@@ -96,6 +98,22 @@ int64_t unscaledMs(int64_t realMs) { return std::llround(static_cast<double>(rea
 void sleepMs(int64_t ms) { sleepForNs(scaledMs(ms) * kNsPerMs); }
 
 void sleepNs(int64_t ns) { sleepForNs(scaledNs(ns)); }
+
+void skipWaits(bool on) { gSkipWaits.store(on, std::memory_order_relaxed); }
+
+bool waitsSkipped() { return gSkipWaits.load(std::memory_order_relaxed); }
+
+int startDetachedThread(pthread_t* thread, threadBody body, void* arg) {
+  if (const threadStarter starter = gThreadStarter.load(std::memory_order_acquire)) return starter(thread, body, arg);
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  const int rc = pthread_create(thread, &attr, body, arg);
+  pthread_attr_destroy(&attr);
+  return rc;
+}
+
+void setThreadStarter(threadStarter starter) { gThreadStarter.store(starter, std::memory_order_release); }
 
 sigset_t blockTerminationSignals() {
   sigset_t mask;

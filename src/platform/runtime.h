@@ -3,6 +3,7 @@
 // scale that shortens every wait for simulation (--time-scale).
 #pragma once
 
+#include <pthread.h>
 #include <signal.h>
 
 #include <cstdint>
@@ -29,6 +30,21 @@ int64_t unscaledMs(int64_t realMs);
 // nanosleep for a scaled duration (retried on EINTR).
 void sleepMs(int64_t ms);
 void sleepNs(int64_t ns);
+
+// For a program that never waits for the world outside it (the fuzz
+// targets): pauses (sleepMs, sleepNs) return at once and timers expire as
+// they are armed. Off unless set; the service never sets it.
+void skipWaits(bool on);
+bool waitsSkipped();
+
+// Starts body(arg) on a detached thread, as pthread_create does (0, or an
+// error number). A program may run such threads its own way instead
+// (setThreadStarter; null: real threads again): the fuzz targets run them
+// in their own thread after each input.
+using threadBody = void* (*)(void*);
+using threadStarter = int (*)(pthread_t* thread, threadBody body, void* arg);
+int startDetachedThread(pthread_t* thread, threadBody body, void* arg);
+void setThreadStarter(threadStarter starter);
 
 // For a program whose one thread waits for its end: blocks SIGINT and SIGTERM
 // in the calling thread, and so in every thread it starts afterwards, and

@@ -30,11 +30,15 @@ struct State {
   SvcIpcSubscription subscription{};
   SvcIpcRegistration* registration = nullptr;
   SvcIpcConnection connection{};
-  // The bus thread: jobs run in order, outside the lock.
+  // The bus thread: jobs run in order, outside the lock. The queue keeps
+  // its storage when it empties, so that a steady run allocates nothing.
   std::condition_variable changed;
-  std::deque<std::function<void()>> queue;
+  std::vector<std::function<void()>> queue;
+  size_t next = 0;  // the first job not taken
   uint64_t posted = 0, done = 0;
   std::thread::id busThreadId;
+  bool inWaitingThread = false;  // no bus thread: the waiter runs the jobs
+  bool delivering = false;       // a waiter runs them now
 };
 
 State& state() {
@@ -42,13 +46,21 @@ State& state() {
   return *s;
 }
 
+std::function<void()> takeJob(State& s) {
+  std::function<void()> job = std::move(s.queue[s.next++]);
+  if (s.next == s.queue.size()) {
+    s.queue.clear();
+    s.next = 0;
+  }
+  return job;
+}
+
 void busThreadBody() {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
   for (;;) {
-    s.changed.wait(lock, [&] { return !s.queue.empty(); });
-    std::function<void()> job = std::move(s.queue.front());
-    s.queue.pop_front();
+    s.changed.wait(lock, [&] { return s.next < s.queue.size(); });
+    std::function<void()> job = takeJob(s);
     lock.unlock();
     job();
     lock.lock();
@@ -61,7 +73,7 @@ void busThreadBody() {
 uint64_t post(std::function<void()> job) {
   State& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
-  if (s.posted == 0) {
+  if (s.posted == 0 && !s.inWaitingThread) {
     std::thread t(busThreadBody);
     s.busThreadId = t.get_id();
     t.detach();
@@ -71,9 +83,24 @@ uint64_t post(std::function<void()> job) {
   return ++s.posted;
 }
 
+// Runs the queued jobs in the calling thread, those they queue included.
+void deliverQueued(State& s, std::unique_lock<std::mutex>& lock) {
+  if (s.delivering) return;  // called from a callback: its own waiter goes on
+  s.delivering = true;
+  while (s.next < s.queue.size()) {
+    std::function<void()> job = takeJob(s);
+    lock.unlock();
+    job();
+    lock.lock();
+    ++s.done;
+  }
+  s.delivering = false;
+}
+
 void waitDone(uint64_t seq) {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
+  if (s.inWaitingThread) return deliverQueued(s, lock);
   if (std::this_thread::get_id() == s.busThreadId) return;  // called from a callback: cannot wait for ourselves
   s.changed.wait(lock, [&] { return s.done >= seq; });
 }
@@ -213,7 +240,7 @@ void setReplies(const std::string& busName, const std::string& method, const std
 }
 
 void setReply(const std::string& busName, const std::string& method, const Reply& reply) {
-  setReplies(busName, method, {reply});
+  setResponder(busName, method, [reply](const std::string&) { return reply; });
 }
 
 std::vector<Call> requests(const std::string& busName, const std::string& method) {
@@ -245,5 +272,10 @@ MethodResult callMethod(const std::string& method, const char* params, int noRep
 }
 
 void drain() { waitDone(post([] {})); }
+
+void deliverInWaitingThread() {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().inWaitingThread = true;
+}
 
 }  // namespace fakeBus

@@ -58,4 +58,10 @@ MethodResult callMethod(const std::string& method, const char* params, int noRep
 // Waits until every queued delivery (async results) has run.
 void drain();
 
+// Deliveries run in the thread that waits for them (drain, callMethod,
+// reset) instead of on the bus thread: still after the call that caused
+// them has returned, but without a thread. For programs that drive the
+// service from one thread, the fuzz targets.
+void deliverInWaitingThread();
+
 }  // namespace fakeBus

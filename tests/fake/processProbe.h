@@ -54,6 +54,8 @@ struct processProbe {
   PROCESS_PROBE_MEMBER(extServHandle, mEmbeddedPhoneEnabled)
   PROCESS_PROBE_MEMBER(extServHandle, mVariantInfoKnown)
   PROCESS_PROBE_MEMBER(extServHandle, mPlatformAvailable)
+
+  PROCESS_PROBE_MEMBER(canIpcEmergencyHandler, mLastLedSetStatus)
 };
 
 #undef PROCESS_PROBE_MEMBER
