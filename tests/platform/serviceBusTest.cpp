@@ -4,7 +4,6 @@
 #include <systemd/sd-bus.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,6 +12,7 @@
 #include "platform/runtime.h"
 #include "platform/serviceBus.h"
 #include "support/privateBus.h"
+#include "support/testSupport.h"
 
 namespace {
 
@@ -20,25 +20,17 @@ using namespace std::chrono_literals;
 
 // What callbacks saw, collected across threads, with a bounded wait.
 template <class T>
-class Inbox {
- public:
+struct Inbox {
   void push(T item) {
     std::lock_guard<std::mutex> lock(mMutex);
     mItems.push_back(std::move(item));
-    mCond.notify_all();
   }
-  bool waitFor(size_t count) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mCond.wait_for(lock, 10s, [&] { return mItems.size() >= count; });
-  }
+  bool waitFor(size_t count) { return testSupport::waitUntil([&] { return items().size() >= count; }); }
   std::vector<T> items() const {
     std::lock_guard<std::mutex> lock(mMutex);
     return mItems;
   }
-
- private:
   mutable std::mutex mMutex;
-  std::condition_variable mCond;
   std::vector<T> mItems;
 };
 
