@@ -103,10 +103,9 @@ TEST_F(Pps, ObjectThatComesLateLosesAttributesAndIsRecreated) {
   EXPECT_EQ("@vehstat\nE_CALL_BtnStat::1\n", nextAfter("E_CALL_BtnStat::1\n"));
 }
 
-// Presses and releases written by the object's writer before the reader
-// reads reach it in order, whether the reader has not read yet at all (a
-// press while the service starts) or is busy: a thousand of them, across the
-// renewal of the writer's journal.
+// Presses and releases written before the reader reads reach it in order,
+// before its first read (a press while the service starts) or while it is
+// busy: a thousand of them, across the renewal of the writer's journal.
 TEST_F(Pps, ChangesUndoneBeforeTheReadStillReachTheReaderInOrder) {
   auto write = [](int pressed) {
     const std::string text = "@vehstat\nE_CALL_BtnStat::" + std::to_string(pressed) + "\nU_CALL_BtnStat::0\n";

@@ -1,6 +1,5 @@
-// vehicle-sim alone, on a private bus, driven through its console and asked
-// through a test-side bus client, as the service would. What the service
-// makes of the simulated car is checked end to end; here the car itself.
+// vehicle-sim alone on a private bus, driven through its console and asked
+// over the bus as the service would: the car itself.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -35,9 +34,8 @@ bool ok(const std::string& reply) { return reply.rfind("ok", 0) == 0; }
 
 }  // namespace
 
-// The answers of a healthy car, a failing dial and the walk to an active
-// call are what every end-to-end call hears; a dropped call and a second
-// dial during a call are the simulated phone's own.
+// A dropped call and a second dial during a call, the simulated phone's own
+// (what every end-to-end call hears is checked there).
 TEST(VehicleSim, DialCanDropOrBeRefusedDuringACall) {
   E2eHarness car(simOnly());
   const std::string dial = "{\"address\":\"911\",\"callType\":\"MVA\",\"vehicleType\":\"Corvane\"}";
