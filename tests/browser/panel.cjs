@@ -1,10 +1,9 @@
 // The car's panel in Debian's chromium, driven by playwright-core: bad input
-// to the HTTP endpoint changes nothing; then a 9-1-1 call made by holding
-// the mirror button, answered and hung up from the emergency centre's
-// buttons, watched on the LED, the service's state, the timeline and the
-// call's chart with the service's stage times.
+// to the HTTP endpoint changes nothing; a 9-1-1 call held on the mirror
+// button, answered and hung up from the centre's buttons, is watched on the
+// LED, the service's state, the timeline and the call's chart. Every wait is
+// for something the page shows, with a deadline.
 //   node panel.cjs URL OUTDIR    (OUTDIR gets panel-call.png, panel-end.png and call-chart.png)
-// Every wait is for something the page shows, with a deadline.
 'use strict';
 const { chromium } = require('playwright-core');
 const fs = require('fs');

@@ -1,7 +1,5 @@
-// The car's panel in a real browser (tests/browser/panel.cjs): the service
-// and the car run as in the end-to-end tests, the car with --panel on a free
-// port; the browser holds the 9-1-1 button, answers and hangs up. Here: what
-// the browser did reached the car through the console's commands.
+// The car's panel in a real browser (panel.cjs) beside the service: what the
+// browser did reached the car as the console's commands.
 #include <gtest/gtest.h>
 
 #include "support/e2eHarness.h"

@@ -118,11 +118,6 @@ SVCIPC_tError record(const fakeBus::Call& call, fakeBus::Reply* reply = nullptr)
   return reply->rc < 0 ? reply->rc : SVCIPC_ERROR_NONE;
 }
 
-SVCIPC_tError subscribed(SVCIPC_tSigSubHnd* subHnd) {
-  if (subHnd) *subHnd = &state().subscription;
-  return SVCIPC_ERROR_NONE;
-}
-
 }  // namespace
 
 // ---- The bus functions the service calls ----
@@ -195,12 +190,14 @@ SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection, const char* busName, const 
 
 SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection, const char*, const char*, SVCIPC_tSignalCallback, void*,
                                SVCIPC_tSigSubHnd* subHnd) {
-  return subscribed(subHnd);
+  if (subHnd) *subHnd = &state().subscription;
+  return SVCIPC_ERROR_NONE;
 }
 
 SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection, const char*, SVCIPC_tNameOwnerChangedCallback, void*,
                                            SVCIPC_tSigSubHnd* subHnd) {
-  return subscribed(subHnd);
+  if (subHnd) *subHnd = &state().subscription;
+  return SVCIPC_ERROR_NONE;
 }
 
 SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection, const char*, int* hasOwnerOut) {

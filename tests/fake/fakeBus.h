@@ -1,10 +1,8 @@
-// A fake service bus for the unit tests and the fuzz targets. It implements
-// the SVCIPC_* functions of platform/serviceBus.h in-process: every request
-// and emitted signal is recorded; peers answer as the test tells them;
-// asynchronous results and method calls are delivered on a "bus thread" of
-// the fake, like the real library does, and the functions that deliver
-// them wait until the callback has returned. Every name has an owner;
-// subscriptions are accepted and never fed.
+// A fake service bus for the unit tests and the fuzz targets: the SVCIPC_*
+// functions in-process. Requests and signals are recorded, peers answer as
+// the test says, results and method calls come on a bus thread of its own
+// (the delivering functions wait for the callback). Every name has an
+// owner; subscriptions are never fed.
 #pragma once
 
 #include <functional>
@@ -32,9 +30,8 @@ struct Reply {
 // Forgets every call and reply.
 void reset();
 
-// Answers of a peer's method: computed from the parameters (under the
-// fake's lock: a responder must not call the fake), or given in turn, the
-// last one for good. Unset methods answer rc 0 with "{}".
+// Answers of a peer's method: computed from the parameters (under the fake's
+// lock), or given in turn, the last for good. Unset: rc 0 with "{}".
 using Responder = std::function<Reply(const std::string& params)>;
 void setResponder(const std::string& busName, const std::string& method, Responder responder);
 void setReplies(const std::string& busName, const std::string& method, const std::vector<Reply>& replies);
@@ -45,8 +42,7 @@ std::vector<Call> requests(const std::string& busName, const std::string& method
 // The data of every emitted sigName signal.
 std::vector<std::string> emittedData(const std::string& sigName);
 
-// Calls a method of the registered service on the bus thread and waits for
-// the handler to return.
+// Calls a method of the registered service on the bus thread; waits for it.
 struct MethodResult {
   bool handled = false;     // a handler was registered and ran
   bool replied = false;     // SVCIPC_asyncReturnResult was called

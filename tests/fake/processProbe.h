@@ -1,6 +1,5 @@
-// The unit tests' and fuzz targets' view into the three process objects:
-// each function returns the member of that name, to set a state up or read
-// it back. Declared a friend by the classes; nothing in the service uses it.
+// The unit tests' and fuzz targets' view into the process objects: each
+// function returns the member of that name (a friend of the classes).
 #pragma once
 
 #include "ecallMain/processObjects.h"
@@ -37,16 +36,12 @@ struct processProbe {
   PROCESS_PROBE_MEMBER(ecallHandler, defaultPhoneVol)
   PROCESS_PROBE_MEMBER(ecallHandler, defaultPromptVol)
   PROCESS_PROBE_MEMBER(ecallHandler, uselogWriteMutex)
-  PROCESS_PROBE_MEMBER(ecallHandler, useGeneralEcallProcessorMutex)
-  PROCESS_PROBE_MEMBER(ecallHandler, mStateMachine)
   static processorTimers& timers() { return ecallHandler.timers(); }
   static std::atomic<int>& stateMachineSendChannel() { return ecallHandler.mStateMachine.mSendChannelId; }
   static qnx::timer_t timerId(processorTimers& timers, processorTimers::timerKind kind) {
     return timers.mTimers[kind].timerId;
   }
-  static void sendStateMachinePulse(int code) { ecallHandler.sendStateMachinePulse(code); }
 
-  PROCESS_PROBE_MEMBER(extServHandle, mCmdConnectionId)
   PROCESS_PROBE_MEMBER(extServHandle, mCurrentTtsPrompt)
   PROCESS_PROBE_MEMBER(extServHandle, mReadoutType)
   PROCESS_PROBE_MEMBER(extServHandle, mTtsLanguage)

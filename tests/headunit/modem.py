@@ -1,25 +1,19 @@
 #!/usr/bin/env python3
-"""A cellular modem for ofonod's phonesim plugin: speaks 3GPP TS 27.007 AT
-commands on a TCP port and plays the network and the emergency centre.
+"""A cellular modem for ofonod's phonesim plugin: speaks 27.007 AT commands on a
+TCP port and plays the network and the emergency centre.
 
-Usage: modem.py [STATE] [ECALLCTL]: STATE is ready (the default), off (its
-port refuses connections; first state only), silent (answers only once it
-leaves the state), pin, nosim or limited (not registered). It prints "port
-N" and "ecall port M" once it has its ports, then one line "at CMD" per
-command the modem receives ("ecall at CMD" on the eCall port). Lines on
-standard input drive it and the network, each acknowledged "ok WORD":
-  state STATE    the modem goes into STATE
-  answer         the called party answers (the call becomes active)
-  hangup         the far end hangs up (NO CARRIER)
-  ring NUMBER    an incoming call from NUMBER (RING, +CLIP)
-  drop           the modem's line to ofonod breaks
-  msdrequest     the emergency centre asks for a fresh MSD (+MSDREQ)
-  ecalloff       the eCall port breaks and refuses connections from then on
-The eCall port is the modem's second AT channel: a command carrying a hex
-MSD loads it (printed as "msd HEX" and "msd| FIELD: VALUE" lines by ECALLCTL
-msd --decode; one that does not decode is refused), AT+CECALL=<3|2|0> places
-the call, which shows in +CLCC on the first port after a RING (on which
-oFono reads the call list: see the README).
+Usage: modem.py [STATE] [ECALLCTL]. STATE: ready (default), off (the port refuses
+connections; first state only), silent (answers once it leaves the state), pin,
+nosim or limited (not registered). Prints "port N" and "ecall port M", then "at CMD"
+per command received ("ecall at CMD" on the eCall port). Standard input drives it,
+each line acknowledged "ok WORD": state STATE; answer (the call becomes active);
+hangup (NO CARRIER); ring NUMBER (RING, +CLIP); drop (the line to ofonod breaks);
+msdrequest (the centre asks for a fresh MSD: +MSDREQ); ecalloff (the eCall port
+breaks and refuses connections from then on).
+The eCall port is a second AT channel: a command carrying a hex MSD loads it
+(printed "msd HEX", then "msd| FIELD: VALUE" lines by ECALLCTL msd --decode; one
+that does not decode is refused); AT+CECALL=<3|2|0> places the call, shown in +CLCC
+on the first port after a RING (oFono reads the call list on it: see the README).
 """
 import re
 import selectors
@@ -56,7 +50,6 @@ class Modem:
     def __init__(self, state, ecallctl):
         self.calls = {}  # index -> [direction, state, number]
         self.conn = None
-        self.buf = b""
         self.state = state
         self.held = []  # commands taken while silent
         self.ecallctl = ecallctl
@@ -71,7 +64,7 @@ class Modem:
 
     def command(self, cmd, held=False):
         if not held:
-            print("at " + cmd, flush=True)
+            print("at " + cmd)
         if self.state == "silent":
             self.held.append(cmd)
             return
@@ -99,16 +92,16 @@ class Modem:
             self.send("OK")
 
     def ecall_command(self, cmd):
-        print("ecall at " + cmd, flush=True)
+        print("ecall at " + cmd)
         answer = "OK"
         msd = re.search(r"[0-9A-Fa-f]{40,}", cmd)
         placed = re.fullmatch(r"AT\+CECALL=([023])", cmd.upper())
         if msd:
             decoded = subprocess.run([self.ecallctl, "msd", "--decode", msd.group(0)], capture_output=True,
                                      text=True, timeout=20)
-            print("msd " + msd.group(0), flush=True)
+            print("msd " + msd.group(0))
             for line in (decoded.stdout + decoded.stderr).splitlines():
-                print("msd| " + line, flush=True)
+                print("msd| " + line)
             answer = "OK" if decoded.returncode == 0 else "+CME ERROR: 50"
         elif placed:
             # A test call goes to the test number the modem's SIM holds.
@@ -138,7 +131,7 @@ class Modem:
             self.send(f'+CLIP: "{number}",129')
         elif words[0] == "msdrequest" and self.ecall:
             self.ecall.sendall(b"\r\n+MSDREQ\r\n")
-        print("ok " + words[0], flush=True)
+        print("ok " + words[0])
 
 def lines(buf, chunk, take):
     """Takes each whole line of buf + chunk; returns what is left."""
@@ -153,83 +146,75 @@ def lines(buf, chunk, take):
 
 
 def main():
+    sys.stdout.reconfigure(line_buffering=True)
     modem = Modem(sys.argv[1] if len(sys.argv) > 1 else "ready", sys.argv[2] if len(sys.argv) > 2 else "ecallctl")
-    # Bound but not listening, the port refuses connections.
-    server = socket.socket()
-    server.bind(("127.0.0.1", 0))
-    ecall_server = socket.socket()
-    ecall_server.bind(("127.0.0.1", 0))
-    ecall_server.listen()
-    ecall_buf = b""
     sel = selectors.DefaultSelector()
+    buffers = {}
+
+    def bound(name):
+        server = socket.socket()
+        server.bind(("127.0.0.1", 0))
+        print(f"{name} {server.getsockname()[1]}")
+        return server
+
+    def drop(port):  # port: "conn" (the AT port) or "ecall"
+        if getattr(modem, port):
+            sel.unregister(getattr(modem, port))
+            getattr(modem, port).close()
+            setattr(modem, port, None)
+
+    def accept(server, port):
+        drop(port)
+        setattr(modem, port, server.accept()[0])
+        buffers[port] = b""
+        if port == "conn":  # a modem powered again starts afresh
+            modem.calls, modem.held = {}, []
+        sel.register(getattr(modem, port), selectors.EVENT_READ, port)
+
+    def read(port, take):
+        try:
+            chunk = getattr(modem, port).recv(4096)
+        except OSError:  # ofonod ended without reading all it was sent
+            chunk = b""
+        if chunk:
+            buffers[port] = lines(buffers[port], chunk, take)
+        else:
+            drop(port)
+
+    # Bound but not listening, the AT port refuses connections.
+    server, ecall_server = bound("port"), bound("ecall port")
+    ecall_server.listen()
     sel.register(sys.stdin, selectors.EVENT_READ, "stdin")
-    sel.register(ecall_server, selectors.EVENT_READ, "ecall accept")
+    sel.register(ecall_server, selectors.EVENT_READ, "ecall server")
 
     def listen():
         if modem.state != "off" and server not in sel.get_map():
             server.listen()
-            sel.register(server, selectors.EVENT_READ, "accept")
+            sel.register(server, selectors.EVENT_READ, "server")
 
     listen()
-    print(f"port {server.getsockname()[1]}", flush=True)
-    print(f"ecall port {ecall_server.getsockname()[1]}", flush=True)
-
-    def ecall_close():
-        sel.unregister(modem.ecall)
-        modem.ecall.close()
-        modem.ecall = None
-
     while True:
         for key, _ in sel.select():
-            if key.data == "ecall accept":
-                if modem.ecall:
-                    ecall_close()
-                modem.ecall, _ = ecall_server.accept()
-                ecall_buf = b""
-                sel.register(modem.ecall, selectors.EVENT_READ, "ecall")
-            elif key.data == "ecall":
-                try:
-                    chunk = modem.ecall.recv(4096)
-                    ecall_buf = lines(ecall_buf, chunk, modem.ecall_command)
-                except OSError:
-                    chunk = b""
-                if not chunk:
-                    ecall_close()
-            elif key.data == "accept":
-                if modem.conn:
-                    sel.unregister(modem.conn)
-                    modem.conn.close()
-                modem.conn, _ = server.accept()
-                # A modem powered again starts afresh.
-                modem.buf, modem.calls, modem.held = b"", {}, []
-                sel.register(modem.conn, selectors.EVENT_READ, "modem")
-            elif key.data == "stdin":
+            if key.data == "server":
+                accept(server, "conn")
+            elif key.data == "ecall server":
+                accept(ecall_server, "ecall")
+            elif key.data in ("conn", "ecall"):
+                read(key.data, modem.command if key.data == "conn" else modem.ecall_command)
+            else:
                 line = sys.stdin.readline()
                 if not line:
                     return
                 words = line.split()
-                if words and words[0] == "drop" and modem.conn:
-                    sel.unregister(modem.conn)
-                    modem.conn.close()
-                    modem.conn = None
-                if words and words[0] == "ecalloff":
-                    if modem.ecall:
-                        ecall_close()
+                if words[:1] == ["drop"]:
+                    drop("conn")
+                if words[:1] == ["ecalloff"]:
+                    drop("ecall")
                     sel.unregister(ecall_server)
                     ecall_server.close()
                 if words:
                     modem.network(words)
                     listen()
-            else:
-                try:
-                    chunk = modem.conn.recv(4096)
-                    modem.buf = lines(modem.buf, chunk, modem.command)
-                except OSError:  # ofonod ended without reading all it was sent
-                    chunk = b""
-                if not chunk:
-                    sel.unregister(modem.conn)
-                    modem.conn.close()
-                    modem.conn = None
 
 
 if __name__ == "__main__":

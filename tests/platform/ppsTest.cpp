@@ -103,10 +103,9 @@ TEST_F(Pps, ObjectThatComesLateLosesAttributesAndIsRecreated) {
   EXPECT_EQ("@vehstat\nE_CALL_BtnStat::1\n", nextAfter("E_CALL_BtnStat::1\n"));
 }
 
-// Presses and releases written by the object's writer before the reader
-// reads reach it in order, whether the reader has not read yet at all (a
-// press while the service starts) or is busy: a thousand of them, across the
-// renewal of the writer's journal.
+// Presses and releases written before the reader reads reach it in order,
+// before its first read (a press while the service starts) or while it is
+// busy: a thousand of them, across the renewal of the writer's journal.
 TEST_F(Pps, ChangesUndoneBeforeTheReadStillReachTheReaderInOrder) {
   auto write = [](int pressed) {
     const std::string text = "@vehstat\nE_CALL_BtnStat::" + std::to_string(pressed) + "\nU_CALL_BtnStat::0\n";
@@ -137,20 +136,14 @@ TEST_F(Pps, ChangesUndoneBeforeTheReadStillReachTheReaderInOrder) {
   EXPECT_EQ(expected, all);
 }
 
-TEST_F(Pps, ShortBuffersGetWholeLines) {
+// A line longer than the reader's whole buffer comes cut, still a line; a
+// close ends a read that waits (the service's stop).
+TEST_F(Pps, ShortBuffersGetWholeLinesAndClosingEndsABlockedRead) {
   publish("A::" + std::string(40, 'a') + "\nB::2\nC::3\n");
   fd = platform::ppsOpen("/pps/can/vehstat?wait,delta,f=A+B+C", O_RDONLY);
   ASSERT_GE(fd, 0);
-  // A's line is longer than the whole buffer: it comes cut, still a line.
   EXPECT_EQ("@vehstat\nA::" + std::string(17, 'a') + "\n", readNow(30));
   EXPECT_EQ("@vehstat\nB::2\nC::3\n", readNow(30));
-}
-
-TEST_F(Pps, ClosingEndsABlockedRead) {
-  publish("E_CALL_BtnStat::0\n");
-  fd = platform::ppsOpen(kButtons, O_RDONLY);
-  ASSERT_GE(fd, 0);
-  readNow();
   auto next = readAsync();
   EXPECT_EQ(std::future_status::timeout, next.wait_for(kStaysBlocked));
   EXPECT_EQ(0, platform::ppsClose(fd));
@@ -159,7 +152,10 @@ TEST_F(Pps, ClosingEndsABlockedRead) {
   EXPECT_EQ(0u, next.get().find("error"));
 }
 
-TEST(PpsParse, LineKindsInPlace) {
+// Every line kind in place, and odd fragments at the very end of a buffer:
+// a parse stops at the terminator (the address checker build reports any
+// read past it).
+TEST(PpsParse, LineKindsInPlaceAndNeverPastTheTextEnd) {
   char text[] =
       "@vehstat\n\nODO::1234567\nPOS:json:{\"a\":1}\r\n-U_CALL_BtnStat\n#@other\n"
       "no separator\none:colon\nE_CALL_BtnStat::1";  // the last line has no line end
@@ -195,19 +191,14 @@ TEST(PpsParse, LineKindsInPlace) {
     }
   }
   EXPECT_EQ(text + sizeof text - 1, cursor);
-}
 
-TEST(PpsParse, NeverReadsPastTheTextEnd) {
-  // Odd fragments at the very end of a buffer: each parse must stop at the
-  // terminator (the address checker build reports any read past it).
   for (const char* fragment : {"", "\n", "@", "-", "#@", ":", "a:", "a::", "-@", "\r", "x\r\n\n"}) {
     const size_t n = std::strlen(fragment);
-    std::unique_ptr<char[]> text(new char[n + 1]);
-    std::memcpy(text.get(), fragment, n + 1);
-    char* cursor = text.get();
-    pps_attrib_t info{};
+    std::unique_ptr<char[]> copy(new char[n + 1]);  // exactly as long as the fragment
+    std::memcpy(copy.get(), fragment, n + 1);
+    char* at = copy.get();
     int lines = 0;
-    while (ppsparse(&cursor, nullptr, nullptr, &info, 0) != PPS_END) ASSERT_LT(++lines, 5) << fragment;
-    EXPECT_EQ(text.get() + n, cursor) << fragment;
+    while (ppsparse(&at, nullptr, nullptr, &info, 0) != PPS_END) ASSERT_LT(++lines, 5) << fragment;
+    EXPECT_EQ(copy.get() + n, at) << fragment;
   }
 }

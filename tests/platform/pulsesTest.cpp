@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <future>
-#include <optional>
 #include <thread>
 #include <vector>
 
@@ -16,26 +14,14 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kWakeCode = 99;  // sent by the test itself to end a receive
+using Channel = testSupport::PulseChannel;
 
-struct Channel {
-  int chid = qnx::ChannelCreate(0);
-  int coid = qnx::ConnectAttach(0, 0, chid, qnx::_NTO_SIDE_CHANNEL, 0);
-};
-
-// The code of the next pulse, or nothing if none comes within the deadline
-// (the blocked receive is then ended by a pulse of the test's own).
-std::optional<int> receiveWithin(const Channel& ch, std::chrono::milliseconds deadline = testSupport::kWaitDeadline) {
-  auto pending = std::async(std::launch::async, [&ch] {
-    qnx::_pulse pulse{};
-    EXPECT_EQ(0, qnx::MsgReceive(ch.chid, &pulse, sizeof pulse, nullptr));
-    EXPECT_EQ(7, pulse.value);
-    return int{pulse.code};
-  });
-  if (pending.wait_for(deadline) == std::future_status::ready) return pending.get();
-  qnx::MsgSendPulse(ch.coid, 10, kWakeCode, 7);
-  pending.get();
-  return std::nullopt;
+// The code of the next pulse, which carries the value its timers are given.
+int receiveWithin(Channel& ch) {
+  int value = 0;
+  const int code = ch.next(testSupport::kWaitDeadline, &value);
+  EXPECT_TRUE(code < 0 || value == 7) << "pulse " << code << " carries " << value;
+  return code;
 }
 
 qnx::timer_t makeTimer(const Channel& ch, int code) {
@@ -60,10 +46,6 @@ int64_t leftMs(qnx::timer_t id) {
 // A timer replaced or disarmed before its expiry; one that a slow machine
 // let fire first has queued its pulse, which is then expected too.
 bool wasPending(const struct itimerspec& old) { return old.it_value.tv_sec != 0 || old.it_value.tv_nsec != 0; }
-
-int64_t msSince(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
 
 }  // namespace
 
@@ -137,7 +119,7 @@ TEST(Timers, TimeScaleShortensWaitsButTimeLeftReadsUnscaled) {
   EXPECT_GT(left, 1'000);
   EXPECT_LE(left, 10'000);
   EXPECT_EQ(6, receiveWithin(ch));
-  EXPECT_LT(msSince(start), 9'000);
+  EXPECT_LT(Clock::now() - start, 9s);
   EXPECT_EQ(0, leftMs(timer));
 
   // A non-zero wait is never scaled to nothing; a scale outside (0, 1] is refused.

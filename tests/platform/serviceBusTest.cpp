@@ -4,7 +4,6 @@
 #include <systemd/sd-bus.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -12,33 +11,27 @@
 
 #include "platform/runtime.h"
 #include "platform/serviceBus.h"
-#include "support/privateBus.h"
+#include "support/e2eHarness.h"
+#include "support/testSupport.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using testSupport::invokeOn;
 
 // What callbacks saw, collected across threads, with a bounded wait.
 template <class T>
-class Inbox {
- public:
+struct Inbox {
   void push(T item) {
     std::lock_guard<std::mutex> lock(mMutex);
     mItems.push_back(std::move(item));
-    mCond.notify_all();
   }
-  bool waitFor(size_t count) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mCond.wait_for(lock, 10s, [&] { return mItems.size() >= count; });
-  }
+  bool waitFor(size_t count) { return testSupport::waitUntil([&] { return items().size() >= count; }); }
   std::vector<T> items() const {
     std::lock_guard<std::mutex> lock(mMutex);
     return mItems;
   }
-
- private:
   mutable std::mutex mMutex;
-  std::condition_variable mCond;
   std::vector<T> mItems;
 };
 
@@ -54,19 +47,9 @@ bool isStatus(SVCIPC_tError rc, uint32_t domain, uint32_t code) {
 std::string busName(const std::string& name) { return "com.nordak.service." + name; }
 std::string objectPath(const std::string& name) { return "/com/nordak/service/" + name; }
 
-// A synchronous "echo" of the test service "Helper", as the service asks a
-// peer from inside one of its own callbacks.
-SVCIPC_tError askHelper(SVCIPC_tConnection via, const char* params, std::string* answer) {
-  SVCIPC_tResponse* response = nullptr;
-  const SVCIPC_tError rc = SVCIPC_invoke(via, "com.nordak.service.Helper", "/com/nordak/service/Helper", "echo",
-                                         params, 5000, &response);
-  *answer = rc == SVCIPC_ERROR_NONE ? response->result : "failed";
-  SVCIPC_freeResponse(response);
-  return rc;
-}
-
-// A service for the tests. "echo" answers its parameters, "ask" answers what
-// askHelper returns via askVia, anything else is freed unanswered.
+// A service for the tests. "echo" answers its parameters, "ask" what the
+// service "Helper" echoes to a request made via askVia (a synchronous request
+// from inside a callback), anything else is freed unanswered.
 struct TestService {
   Inbox<std::string> requests;
   SVCIPC_tConnection askVia = nullptr;
@@ -76,7 +59,7 @@ struct TestService {
     auto* self = static_cast<TestService*>(token);
     const std::string name = method;
     std::string answer = params;
-    if (name == "ask") askHelper(self->askVia, params, &answer);
+    if (name == "ask") invokeOn(self->askVia, "Helper", "echo", params, 5000, &answer);
     if (name == "echo" || name == "ask") SVCIPC_asyncReturnResult(context, answer.c_str(), 0, token);
     self->requests.push(name);
     SVCIPC_freeReqContext(context);
@@ -110,16 +93,6 @@ class ServiceBusTest : public ::testing::Test {
     else EXPECT_EQ(got, SVCIPC_ERROR_NONE);
     return reg;
   }
-  SVCIPC_tError invoke(SVCIPC_tConnection conn, const std::string& name, const char* method, const std::string& params,
-                       int timeoutMsec, std::string* result) {
-    SVCIPC_tResponse* response = nullptr;
-    const SVCIPC_tError rc = SVCIPC_invoke(conn, busName(name).c_str(), objectPath(name).c_str(), method,
-                                           params.c_str(), timeoutMsec, &response);
-    EXPECT_EQ(rc == SVCIPC_ERROR_NONE, response != nullptr);
-    if (response) *result = response->result;
-    SVCIPC_freeResponse(response);
-    return rc;
-  }
 
   // Objects the callbacks write to, kept beyond TearDown, which closes the
   // connections that call into them.
@@ -134,10 +107,8 @@ class ServiceBusTest : public ::testing::Test {
   std::vector<std::shared_ptr<void>> mKept;
 };
 
-// The handler frees the request without answering: the caller hears nothing
-// until its own time limit, which the time scale shortens, or until it
-// closes the connection (short limits are met end to end by ecallctl and by
-// the service's calls to a hung phone).
+// A request freed unanswered ends in the caller's own time limit, which the
+// time scale shortens, or when the caller closes its connection.
 TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeoutOrOnClosing) {
   TestService& service = make<TestService>();
   serve(connect(), "Mute", service);
@@ -147,7 +118,7 @@ TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeoutOrOnClosing) {
   platform::setTimeScale(0.002);
   const auto start = std::chrono::steady_clock::now();
   std::string result;
-  EXPECT_TRUE(isStatus(invoke(client, "Mute", "x", "{}", SVCIPC_TIMEOUT_DEFAULT, &result), SVCIPC_DOMAIN_IPC_LIB,
+  EXPECT_TRUE(isStatus(invokeOn(client, "Mute", "x", "{}", SVCIPC_TIMEOUT_DEFAULT, &result), SVCIPC_DOMAIN_IPC_LIB,
                        SVCIPC_ERR_TIMEOUT));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
 
@@ -176,7 +147,7 @@ TEST_F(ServiceBusTest, SynchronousInvokeWorksInsideCallbacks) {
   serve(frontConn, "Front", front);
 
   std::string result;
-  EXPECT_EQ(invoke(connect(), "Front", "ask", "{\"q\":7}", 5000, &result), SVCIPC_ERROR_NONE);
+  EXPECT_EQ(invokeOn(connect(), "Front", "ask", "{\"q\":7}", 5000, &result), SVCIPC_ERROR_NONE);
   EXPECT_EQ(result, "{\"q\":7}");
 
   struct Asker {
@@ -188,7 +159,7 @@ TEST_F(ServiceBusTest, SynchronousInvokeWorksInsideCallbacks) {
   auto onStatus = [](const char*, const char* data, void* context) {
     auto* self = static_cast<Asker*>(context);
     std::string answer;
-    askHelper(self->conn, data, &answer);
+    invokeOn(self->conn, "Helper", "echo", data, 5000, &answer);
     self->answers.push(answer);
   };
   SVCIPC_tSigSubHnd sub = nullptr;

@@ -1,6 +1,5 @@
-// vehicle-sim alone, on a private bus, driven through its console and asked
-// through a test-side bus client, as the service would. What the service
-// makes of the simulated car is checked end to end; here the car itself.
+// vehicle-sim alone on a private bus, driven through its console and asked
+// over the bus as the service would: the car itself.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -35,9 +34,8 @@ bool ok(const std::string& reply) { return reply.rfind("ok", 0) == 0; }
 
 }  // namespace
 
-// The answers of a healthy car, a failing dial and the walk to an active
-// call are what every end-to-end call hears; a dropped call and a second
-// dial during a call are the simulated phone's own.
+// A dropped call and a second dial during a call, the simulated phone's own
+// (what every end-to-end call hears is checked there).
 TEST(VehicleSim, DialCanDropOrBeRefusedDuringACall) {
   E2eHarness car(simOnly());
   const std::string dial = "{\"address\":\"911\",\"callType\":\"MVA\",\"vehicleType\":\"Corvane\"}";
@@ -105,35 +103,27 @@ TEST(VehicleSim, ChannelCarriesExactImpactBytesAndRecordsWhatTheServiceWrites) {
   close(fd);
 }
 
-TEST(VehicleSim, ButtonsReplaceTheStatusObjectWhole) {
-  E2eHarness car(simOnly());
+// A script runs before the console; a button replaces the vehicle status
+// object whole, so a reader that watches it never sees half a file.
+TEST(VehicleSim, ScriptRunsFirstAndButtonsReplaceTheStatusObjectWhole) {
+  testSupport::TempRoot dir;
+  testSupport::writeFile(dir.path("/script"), "# a car with a tired phone\nset brand 9\n\nphone off\n");
+  E2eOptions options = simOnly();
+  options.simArgs = {"--script", dir.path("/script")};
+  E2eHarness car(options);
+  const std::string status = car.sim("status");
+  EXPECT_NE(status.find("brand=9"), std::string::npos) << status;
+  EXPECT_NE(status.find("phone=off"), std::string::npos) << status;
+
   const std::string object = car.path("/pps/can/vehstat");
   EXPECT_EQ(testSupport::readFile(object), "@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::1234567\n");
   struct stat before, after;
   ASSERT_EQ(stat(object.c_str(), &before), 0);
-
   ASSERT_TRUE(ok(car.sim("button ecall press")));
   EXPECT_EQ(testSupport::readFile(object), "@vehstat\nE_CALL_BtnStat::1\nU_CALL_BtnStat::0\nODO::1234567\n");
   ASSERT_EQ(stat(object.c_str(), &after), 0);
-  // A reader that watches for changes sees a new object, never half a file.
   EXPECT_NE(before.st_ino, after.st_ino) << "the object must be replaced, not rewritten in place";
-
   ASSERT_TRUE(ok(car.sim("button assist press")));
   ASSERT_TRUE(ok(car.sim("button ecall release")));
   EXPECT_EQ(testSupport::readFile(object), "@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::1\nODO::1234567\n");
-}
-
-TEST(VehicleSim, ScriptRunsBeforeTheConsole) {
-  char path[] = "/tmp/ecall-sim-script-XXXXXX";
-  int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  testSupport::writeFile(path, "# a car with a tired phone\nset brand 9\n\nphone off\n");
-  E2eOptions options = simOnly();
-  options.simArgs = {"--script", path};
-  E2eHarness car(options);
-  std::string status = car.sim("status");
-  unlink(path);
-  EXPECT_NE(status.find("brand=9"), std::string::npos) << status;
-  EXPECT_NE(status.find("phone=off"), std::string::npos) << status;
 }

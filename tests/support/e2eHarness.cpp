@@ -20,7 +20,6 @@
 #include <regex>
 
 #include "common/jsonText.h"
-#include "support/testSupport.h"
 
 extern char** environ;
 
@@ -41,11 +40,9 @@ std::string fixed(double value) {
   return text;
 }
 
-// Starts a program with its standard streams on the given descriptors, env
-// added to the test's environment. The child is killed when the test process
-// dies (a crash, a time-out kill), so that no service or car outlives its
-// test; the creating thread must live as long as the child (the test's own
-// thread does). An entry of env replaces the test's own of the same name.
+// Starts a program on the given standard streams, env's entries replacing
+// the test's own. The child dies with the creating thread (a crash, a
+// time-out kill), so that no service or car outlives its test.
 pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, const std::vector<std::string>& env = {},
             const std::function<void()>& beforeExec = {}) {
   std::vector<std::string> environment(env);
@@ -286,8 +283,7 @@ void E2eHarness::startSim() {
   std::vector<std::string> args = {VEHICLE_SIM_BIN, "--root", mRoot, "--bus", mBusAddress,
                                    "--record", mRecordFile, "--time-scale", fixed(carScale(mOptions.timeScale))};
   if (struct passwd* user = mOptions.simUser.empty() ? nullptr : getpwnam(mOptions.simUser.c_str())) {
-    // The build folder need not be open to other accounts: the simulator
-    // runs from a copy in the work folder.
+    // The simulator runs from a copy: the build folder may be closed to others.
     args[0] = mWorkDir + "/vehicle-sim";
     std::error_code ec;
     std::filesystem::copy_file(VEHICLE_SIM_BIN, args[0], ec);
@@ -305,8 +301,7 @@ void E2eHarness::startSim() {
 }
 
 std::string E2eHarness::sim(const std::string& command, ms deadline) {
-  // One command at a time: the reply is the next "ok"/"error" line (the
-  // simulator prints nothing else unless asked to show what it does).
+  // One command at a time: the reply is the next "ok"/"error" line.
   if (!mSim || !mSim->send(command + "\n")) return "error vehicle-sim does not take commands";
   std::string reply;
   auto replied = [&] {

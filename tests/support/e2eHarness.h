@@ -1,11 +1,9 @@
-// End-to-end harness: a private bus, the vehicle simulator and the real
-// ecallService, as separate processes in a temporary root folder. The
-// simulator records everything it receives and sends (one JSON object a
-// line, see sim/); the harness reads that record, the service's trace, its
-// standard error (the system log) and the emergency log as they grow. Every
-// wait has a deadline. At the end everything is killed (SIGKILL) and reaped;
-// when the test failed, the tails of the logs and of the record are printed
-// and the folder is kept.
+// End-to-end harness: a private bus, vehicle-sim and the real ecallService as
+// processes in a temporary root folder. It reads the simulator's record (a
+// JSON object a line), the service's trace, standard error (its system log)
+// and emergency log as they grow; every wait has a deadline. At the end all
+// is killed and reaped; after a failure the logs' tails are printed and the
+// folder is kept.
 #pragma once
 
 #include <json/json.h>
@@ -38,22 +36,18 @@ struct E2eOptions {
   double timeScale = 0.01;
   bool startService = true;  // in the constructor (false: the simulator alone)
   bool trace = true;         // the service's trace into the file trace() reads
-  // Console commands given to the simulator before the service starts, e.g.
-  // "set variant NO", "phone off"; extra command-line options of vehicle-sim.
+  // Console commands for the simulator before the service starts ("phone
+  // off"); extra command-line options of vehicle-sim.
   std::vector<std::string> simCommands;
   std::vector<std::string> simArgs;
   std::chrono::milliseconds startDeadline = kWaitDeadline;  // of each process
-  // The bus's policy (see PrivateBus); empty: anyone may own and call anything.
-  std::string busPolicy;
-  // vehicle-sim's account (needs root), as the head unit's other services run.
-  std::string simUser;
-  // The service's program (empty: the one of this build).
-  std::string serviceBinary;
+  std::string busPolicy;      // see PrivateBus; empty: anyone owns and calls anything
+  std::string simUser;        // vehicle-sim's account (needs root)
+  std::string serviceBinary;  // empty: the one of this build
   // "NAME=VALUE" entries of the service's environment, in place of the test's.
   std::vector<std::string> serviceEnv;
   // Run in the service's, the simulator's and the bus daemon's process
-  // between fork and exec (system calls only), as a service manager sets up
-  // a unit's process: priorities and limits.
+  // between fork and exec (system calls only): priorities and limits.
   std::function<void()> beforeServiceExec;
   std::function<void()> beforeSimExec;
   std::function<void()> beforeBusExec;
@@ -71,24 +65,21 @@ std::vector<std::string> spokenTexts(const std::vector<Json::Value>& requests);
 // wanted appears in all in this order (other entries may come between).
 bool containsInOrder(const std::vector<std::string>& all, const std::vector<std::string>& wanted);
 
-// The messages of the emergency log entries in text, without their time
-// stamp and odometer field.
+// The messages of the emergency log entries in text (no stamp, no odometer).
 std::vector<std::string> logEntryMessages(const std::string& text);
-// Invokes a method of a service ("ecallService", "EmbeddedPhone", ...) by
-// its short name on a connection; the status word, and *reply gets the
-// result text (empty without one).
+// Invokes a method of a service ("EmbeddedPhone", ...) by its short name on
+// a connection; the status word, and *reply gets the result text.
 SVCIPC_tError invokeOn(SVCIPC_tConnection connection, const std::string& service, const std::string& method,
                        const std::string& params, int timeoutMs, std::string* reply);
 
 // A program run by a test with its output captured: to completion (run), or
-// kept running while the test reads what it prints (Child). Every wait has a
-// deadline; a child still running at the end is killed and reaped.
+// kept running while the test reads what it prints (Child). A child still
+// running at the end is killed and reaped.
 class Child {
  public:
-  // argv[0] is the program's path; env entries "NAME=VALUE" are added to
-  // the test's environment. Its standard input is a pipe when input is true
-  // (see send), or else empty. beforeExec runs in the child before its
-  // program starts (system calls only).
+  // argv[0] is the program's path; env entries "NAME=VALUE" are added to the
+  // test's environment; standard input is a pipe (send) when input is true.
+  // beforeExec runs in the child before its program (system calls only).
   explicit Child(const std::vector<std::string>& argv, const std::vector<std::string>& env = {}, bool input = false,
                  const std::function<void()>& beforeExec = {});
   ~Child();
@@ -100,8 +91,8 @@ class Child {
   bool send(const std::string& text);
   // Reads output until pred holds or the deadline passes; pred's last value.
   bool waitForOutput(const std::function<bool()>& pred, std::chrono::milliseconds deadline);
-  // Reads everything until the program ends; its exit code, or -1 when it
-  // was killed by a signal or still ran at the deadline (then it is killed).
+  // Reads everything until the program ends; its exit code, or -1 when a
+  // signal ended it or it still ran at the deadline (then it is killed).
   int wait(std::chrono::milliseconds deadline = kWaitDeadline);
 
  private:
@@ -143,7 +134,6 @@ class E2eHarness {
   E2eHarness(const E2eHarness&) = delete;
   E2eHarness& operator=(const E2eHarness&) = delete;
 
-  // --- where things are
   // A path of the service ("/fs/...") under the root.
   std::string path(const std::string& absolutePath) const { return mRoot + absolutePath; }
   const std::string& busAddress() const { return mBusAddress; }
@@ -151,27 +141,23 @@ class E2eHarness {
   // --- the simulator's console: one command, its "ok ..." / "error ..." line.
   std::string sim(const std::string& command, ms deadline = kWaitDeadline);
 
-  // --- the service
   void startService();
-  // Kills the service (SIGKILL) and reaps it.
-  void stopService();
+  void stopService();  // SIGKILL, and reaped
   bool serviceRunning();
   pid_t servicePid() const { return mServicePid; }
   // Invokes a method of ecallService; the reply text, or kNoReply.
   std::string call(const std::string& method, const std::string& params = "{}", int timeoutMs = 5000);
-  // Invokes a method of ecallService as a caller that expects no reply (the
-  // bus does not wait for one); false when the request was not sent.
+  // Invokes a method of ecallService expecting no reply; false when not sent.
   bool notify(const std::string& method, const std::string& params = "{}");
-  // Invokes a method of any service ("EmbeddedPhone", ...) by its short name.
-  // Returns the status word; *reply gets the result text on success.
+  // Invokes a method of any service by its short name (see invokeOn).
   SVCIPC_tError invoke(const std::string& service, const std::string& method, const std::string& params,
                        int timeoutMs, std::string* reply) {
     return invokeOn(mConnection, service, method, params, timeoutMs, reply);
   }
 
-  // --- the record of the simulator. A mark is the number of records so far
-  // (recordMark); the "...Since" calls look only at what was recorded after
-  // it, the others at everything. A wait returns null when nothing came.
+  // The simulator's record. A mark is the number of records so far; the
+  // "...Since" calls look only at what came after it. A wait returns null
+  // when nothing came.
   using Pred = std::function<bool(const Json::Value&)>;
   size_t recordMark();
   // Records of a kind ("" for all), in order.
@@ -196,15 +182,12 @@ class E2eHarness {
   bool waitForChannelMessage(const std::vector<int>& bytes, ms deadline = kWaitDeadline);
   // The service has connected to the restraint controller channel (since mark).
   bool waitForChannelConnected(ms deadline = kWaitDeadline, size_t mark = 0);
-  // The service has finished starting (since mark, for a restart): its
-  // processor has made its start-up queries (the last is the audio mixer's
-  // volumes) and it reads the channel.
+  // The service has started (since mark): it made its last start-up query
+  // (the audio mixer's volumes) and reads the channel.
   bool waitForServiceStarted(ms deadline = kWaitDeadline, size_t mark = 0);
 
-  // --- files and logs
   std::string emergencyLog() const;
-  // The emergency log's entries without their time stamp and odometer field,
-  // in order (the entry text as the service gave it, line end removed).
+  // The emergency log's entries in order, as logEntryMessages gives them.
   std::vector<std::string> emergencyLogMessages() const { return logEntryMessages(emergencyLog()); }
   bool waitForEmergencyLog(const std::string& part, ms deadline = kWaitDeadline) const;
   std::string trace() const;
@@ -229,8 +212,6 @@ class E2eHarness {
   pid_t mServicePid = -1;
   std::unique_ptr<Child> mSim;
   size_t mSimReplied = 0;  // how much of the simulator's output has been read as replies
-
-
   std::mutex mRecordMutex;
   std::vector<Json::Value> mRecords;
   long long mRecordOffset = 0;

@@ -51,42 +51,32 @@ std::string configText(const std::string& dir, const std::string& policy) {
 }  // namespace
 
 PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds startDeadline,
-                       const std::function<void()>& beforeExec)
-    : mPolicy(policy) {
+                       const std::function<void()>& beforeExec) {
   char folder[] = "/tmp/ecall-bus-XXXXXX";  // short: a socket path has at most 107 bytes
   if (mkdtemp(folder) == nullptr) throw std::runtime_error(std::string("PrivateBus: mkdtemp: ") + strerror(errno));
   mDir = folder;
-  try {
-    // With a policy of its own, other users reach the socket through the folder.
-    if (!policy.empty() && chmod(mDir.c_str(), 0755) != 0)
-      throw std::runtime_error(std::string("PrivateBus: chmod: ") + strerror(errno));
-    start(startDeadline, beforeExec);
-  } catch (...) {
-    stop();
-    throw;
-  }
-}
-
-PrivateBus::~PrivateBus() { stop(); }
-
-void PrivateBus::start(std::chrono::milliseconds startDeadline, const std::function<void()>& beforeExec) {
+  // With a policy of its own, other users reach the socket through the folder.
+  const bool opened = policy.empty() || chmod(mDir.c_str(), 0755) == 0;
   const std::string config = mDir + "/bus.conf";
-  writeFile(config, configText(mDir, mPolicy));
+  writeFile(config, configText(mDir, policy));
   mDaemon = std::make_unique<Child>(std::vector<std::string>{findDaemon(), "--config-file=" + config,
                                                              "--print-address", "--nofork", "--nopidfile", "--nosyslog"},
                                      std::vector<std::string>{}, false, beforeExec);
   const std::string& out = mDaemon->out();
-  if (!mDaemon->waitForOutput([&] { return out.find('\n') != std::string::npos; }, startDeadline))
-    throw std::runtime_error("PrivateBus: dbus-daemon gave no address; its errors: " + mDaemon->err());
+  if (!opened || !mDaemon->waitForOutput([&] { return out.find('\n') != std::string::npos; }, startDeadline)) {
+    const std::string error = "PrivateBus: no bus (its folder not opened, or no address); dbus-daemon said: " + mDaemon->err();
+    stop();
+    throw std::runtime_error(error);
+  }
   mAddress = out.substr(0, out.find('\n'));
 }
 
+PrivateBus::~PrivateBus() { stop(); }
+
 void PrivateBus::stop() {
   mDaemon.reset();  // killed and reaped
-  if (!mDir.empty()) {
-    std::error_code ignored;
-    std::filesystem::remove_all(mDir, ignored);
-  }
+  std::error_code ignored;
+  std::filesystem::remove_all(mDir, ignored);
 }
 
 }  // namespace testSupport

@@ -1,8 +1,6 @@
-// A private dbus-daemon for tests, listening in a fresh temporary folder,
-// with a session-like policy unless given one. The destructor kills and
-// reaps the daemon and removes the folder; the daemon also dies with the
-// thread that created the object (PR_SET_PDEATHSIG): create it on the test's
-// own thread.
+// A private dbus-daemon in a fresh temporary folder, with a session-like
+// policy unless given one. It dies with the object and with the thread that
+// created it: create it on the test's own thread.
 #pragma once
 
 #include <chrono>
@@ -16,12 +14,10 @@ class Child;
 
 class PrivateBus {
  public:
-  // Starts the daemon and waits (at most startDeadline) for its address.
-  // A policy of its own replaces the session-like one: the XML that follows
-  // <listen> and <auth> inside <busconfig> (policy blocks, includes). Its
-  // folder is then open to every user, so that processes running under other
-  // accounts can connect. beforeExec runs in the daemon's process before
-  // its program starts (system calls only).
+  // Starts the daemon and waits for its address. A policy replaces the
+  // session-like one: the XML after <listen> and <auth> in <busconfig>; the
+  // folder is then open to other accounts. beforeExec runs in the daemon's
+  // process before its program (system calls only).
   explicit PrivateBus(const std::string& policy = "",
                       std::chrono::milliseconds startDeadline = std::chrono::seconds(10),
                       const std::function<void()>& beforeExec = {});
@@ -33,12 +29,9 @@ class PrivateBus {
   const std::string& address() const { return mAddress; }
 
  private:
-  void start(std::chrono::milliseconds startDeadline, const std::function<void()>& beforeExec);
   void stop();
 
-  std::string mDir;
-  std::string mAddress;
-  std::string mPolicy;  // empty: the session-like policy
+  std::string mDir, mAddress;
   std::unique_ptr<Child> mDaemon;
 };
 

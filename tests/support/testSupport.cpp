@@ -3,12 +3,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <iterator>
 #include <sstream>
 #include <thread>
 
+#include "platform/pulses.h"
 #include "platform/runtime.h"
 #include "platform/slog.h"
 
@@ -43,38 +47,18 @@ LogCapture::~LogCapture() {
   platform::setSlogSink(nullptr);
 }
 
-std::vector<LogCapture::Entry> LogCapture::entries() const {
-  std::lock_guard<std::mutex> lock(mMutex);
-  return mEntries;
-}
-
-std::vector<std::string> LogCapture::traces() const {
-  std::vector<std::string> out;
-  for (auto& e : entries())
-    if (e.scope != "slog") out.push_back(e.text);
-  return out;
-}
-
 std::vector<LogCapture::Entry> LogCapture::slogEntries() const {
+  std::lock_guard<std::mutex> lock(mMutex);
   std::vector<Entry> out;
-  for (auto& e : entries())
-    if (e.scope == "slog") out.push_back(e);
+  std::copy_if(mEntries.begin(), mEntries.end(), std::back_inserter(out), [](const Entry& e) { return e.scope == "slog"; });
   return out;
 }
 
-bool LogCapture::hasTrace(const std::string& part) const { return countTrace(part) > 0; }
-
-bool LogCapture::hasSlog(const std::string& part) const {
-  for (auto& e : slogEntries())
-    if (e.text.find(part) != std::string::npos) return true;
-  return false;
-}
-
-size_t LogCapture::countTrace(const std::string& part) const {
-  size_t n = 0;
-  for (auto& t : traces())
-    if (t.find(part) != std::string::npos) ++n;
-  return n;
+size_t LogCapture::count(const std::string& part, bool slog) const {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return std::count_if(mEntries.begin(), mEntries.end(), [&](const Entry& e) {
+    return (e.scope == "slog") == slog && e.text.find(part) != std::string::npos;
+  });
 }
 
 void LogCapture::clear() {
@@ -120,6 +104,26 @@ bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds dead
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return pred();
+}
+
+constexpr int kWakeCode = 98, kSentinelCode = 99;
+
+PulseChannel::PulseChannel() : chid(qnx::ChannelCreate(0)), coid(qnx::ConnectAttach(0, 0, chid, qnx::_NTO_SIDE_CHANNEL, 0)) {}
+
+int PulseChannel::next(std::chrono::milliseconds deadline, int* value) {
+  auto received = std::async(std::launch::async, [this] {
+    qnx::_pulse pulse{};
+    return qnx::MsgReceive(chid, &pulse, sizeof pulse, nullptr) == 0 ? pulse : qnx::_pulse{0, 0, -1, {}, 0, 0};
+  });
+  if (received.wait_for(deadline) == std::future_status::timeout) qnx::MsgSendPulse(coid, qnx::getprio(0), kWakeCode, 0);
+  const qnx::_pulse pulse = received.get();
+  if (value) *value = pulse.value;
+  return pulse.code == kWakeCode ? -1 : pulse.code;
+}
+
+bool PulseChannel::nothingQueued() {
+  qnx::MsgSendPulse(coid, qnx::getprio(0), kSentinelCode, 0);
+  return next() == kSentinelCode;
 }
 
 }  // namespace testSupport

@@ -1,5 +1,5 @@
-// Helpers shared by the tests: a temporary root folder, capture of the trace
-// and of the system log, and small file helpers.
+// Helpers shared by the tests: a temporary root, the logs captured, files,
+// waits, pulses.
 #pragma once
 
 #include <chrono>
@@ -12,8 +12,7 @@
 
 namespace testSupport {
 
-// A fresh folder that becomes the platform's root for the life of the
-// object; removed with its contents afterwards.
+// A fresh folder, the platform's root while the object lives.
 class TempRoot {
  public:
   TempRoot();
@@ -36,16 +35,15 @@ class LogCapture {
   };
   LogCapture();
   ~LogCapture();
-  std::vector<Entry> entries() const;
-  std::vector<std::string> traces() const;  // trace texts only
   std::vector<Entry> slogEntries() const;
-  // True when some trace (or slog) text contains part.
-  bool hasTrace(const std::string& part) const;
-  bool hasSlog(const std::string& part) const;
-  size_t countTrace(const std::string& part) const;
+  // How many trace (or slog) texts contain part.
+  size_t countTrace(const std::string& part) const { return count(part, false); }
+  bool hasTrace(const std::string& part) const { return count(part, false) > 0; }
+  bool hasSlog(const std::string& part) const { return count(part, true) > 0; }
   void clear();
 
  private:
+  size_t count(const std::string& part, bool slog) const;
   mutable std::mutex mMutex;
   std::vector<Entry> mEntries;
 };
@@ -56,11 +54,21 @@ void writeFile(const std::string& path, const std::string& content);  // creates
 void makeDirs(const std::string& path);
 std::vector<std::string> splitLines(const std::string& text);
 // The deadline of every wait for an event: what a loaded machine running the
-// sanitizer builds may need, far beyond any scaled duration of the service.
-// A wait ends as soon as its event comes, so only a failure takes this long.
+// sanitizer builds may need. Only a failure waits this long.
 inline constexpr std::chrono::milliseconds kWaitDeadline{30000};
-// Waits (by re-checking on a short period) until pred holds or the deadline
-// passes; returns pred's last value.
+// Re-checks pred on a short period until it holds or the deadline passes;
+// pred's last value.
 bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds deadline = kWaitDeadline);
+
+// A channel of the test and a connection to it, for timers and pulse senders.
+struct PulseChannel {
+  PulseChannel();
+  // The code of the next pulse (its value into *value), or -1 when none came
+  // within the deadline (a pulse of the test's own then ends the receive).
+  int next(std::chrono::milliseconds deadline = kWaitDeadline, int* value = nullptr);
+  // True when nothing but a pulse of the test's own, sent now, is queued.
+  bool nothingQueued();
+  const int chid, coid;
+};
 
 }  // namespace testSupport

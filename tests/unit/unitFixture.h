@@ -1,13 +1,10 @@
-// Common ground of the unit tests: a temporary root, every trace and system
-// log line captured, the process objects on the fake bus with short timers,
-// a vehicle with a healthy embedded phone, and readers for what the service
-// wrote and asked.
+// Common ground of the unit tests: a temporary root, the logs captured, the
+// process objects on the fake bus with short timers and a healthy phone.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <future>
 #include <string>
 #include <vector>
 
@@ -56,32 +53,8 @@ class UnitFixture : public ::testing::Test {
 // A channel of the test in place of the state machine's: the timers and the
 // pulse senders deliver to it, so a test sees which pulse a request produces
 // without a state machine reacting.
-class PulseProbe {
- public:
-  PulseProbe() : PulseProbe(processProbe::timers()) { processProbe::stateMachineSendChannel() = mConnection; }
+struct PulseProbe : testSupport::PulseChannel {
+  PulseProbe() : PulseProbe(processProbe::timers()) { processProbe::stateMachineSendChannel() = coid; }
   // Only the given timers deliver to the probe (no process objects needed).
-  explicit PulseProbe(processorTimers& timers)
-      : mChannel(qnx::ChannelCreate(0)), mConnection(qnx::ConnectAttach(0, 0, mChannel, qnx::_NTO_SIDE_CHANNEL, 0)) {
-    timers.create(mChannel);
-  }
-  // The code of the next pulse, or -1 when none came within the deadline
-  // (the channel is then destroyed to free the receiver).
-  int next(std::chrono::milliseconds deadline = std::chrono::seconds(5)) {
-    auto received = std::async(std::launch::async, [this] {
-      qnx::_pulse pulse{};
-      return qnx::MsgReceive(mChannel, &pulse, sizeof pulse, nullptr) == 0 ? pulse.code : -1;
-    });
-    if (received.wait_for(deadline) == std::future_status::timeout) qnx::ChannelDestroy(mChannel);
-    return received.get();
-  }
-  // True when nothing but a pulse of the test's own, sent now, is queued.
-  bool nothingQueued() {
-    qnx::MsgSendPulse(mConnection, qnx::getprio(0), kSentinel, 0);
-    return next() == kSentinel;
-  }
-
- private:
-  static constexpr int kSentinel = 99;
-  int mChannel;
-  int mConnection;
+  explicit PulseProbe(processorTimers& timers) { timers.create(chid); }
 };

@@ -1,5 +1,4 @@
-// The service frame: the mode its "ecall" signal shows, the system log
-// line's cut, and the fatal exit.
+// The service frame: its signal's mode, its system log lines, its fatal exit.
 #include "common/jsonText.h"
 #include "platform/slog.h"
 #include "unit/unitFixture.h"

@@ -1,5 +1,4 @@
-// The emergency log file: its entries, its size limit, entries from many
-// threads, and its export to a USB stick.
+// The emergency log file.
 #include <pthread.h>
 
 #include <filesystem>

@@ -6,9 +6,8 @@ namespace {
 
 using EmergencyRequests = UnitFixture;
 
-// A crash while the phone's return is taken (its status answered ON, the
-// number still being read) is placed as a crash, not dropped as an emergency
-// already in hand.
+// A crash while the phone's return is taken (ON, the number being read) is
+// placed as a crash, not dropped as an emergency already in hand.
 TEST_F(EmergencyRequests, CrashWhileTheWaitingPressIsHandedOverIsPlacedAsACrash) {
   PulseProbe probe;
   processProbe::emdPhOn() = 0;

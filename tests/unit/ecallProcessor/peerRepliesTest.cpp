@@ -1,8 +1,5 @@
-// What the processor reads from its peers' replies and signals: the
-// emergency number, the module's USB ports, the phone's call states and end
-// reasons, the antenna, the Assist identifier, the Bluetooth call state and
-// the default volumes. Every form here is one a peer may send; what the
-// state machine makes of the result is proved end to end.
+// What the processor reads from every form of its peers' replies and signals;
+// what the state machine makes of it is proved end to end.
 #include "unit/unitFixture.h"
 
 namespace {

@@ -22,7 +22,6 @@ TEST(ProcessorTimers, MillisecondsZeroDisarmsAndStopAfterExpiryKeepsThePulse) {
 
   platform::setTimeScale(0.001);
   ASSERT_EQ(timers.startDelayEcallStartTimer(), 0);
-  // Fired:
   ASSERT_TRUE(testSupport::waitUntil([&] { return !timers.isTimerActive(processorTimers::timerDelayEcallStart); }));
   EXPECT_EQ(timers.stopDelayEcallRequest(), 0);
   EXPECT_EQ(probe.next(), ECALL_PULSE_START_CALL);

@@ -1,7 +1,5 @@
-// The emergency journal: a change cut at any byte leaves the change before
-// it, no bytes but a whole checked record ever raise an emergency, the
-// clocks decide an emergency's age and a period's rest as a restarted head
-// unit must, and an emergency keeps its start across restarts.
+// The emergency journal: torn and bad bytes, the clocks of a restart, and
+// an emergency's start across restarts.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,6 +1,4 @@
-// What the external services make of their peers' answers: the spoken
-// prompts with brand, language and position, the variant, the brand and
-// language themselves, and which hands-free scenario is foreign.
+// What the external services make of their peers' answers.
 #include <climits>
 
 #include "unit/unitFixture.h"

@@ -1,5 +1,5 @@
-// What the restraint controller and the vehicle status object send: impact
-// and link-loss messages, button texts; and the mirror LED's blink timers.
+// What the restraint controller and the vehicle status object send, and the
+// mirror LED's blink timers.
 #include <algorithm>
 
 #include "unit/unitFixture.h"
