@@ -1,7 +1,5 @@
-// The service's system bus policy, on a private bus that denies by default
-// as the system bus does and includes the policy file the service installs.
-// The simulated car runs under an account of its own, as the head unit's
-// other services do; a second account belongs to the group "ecall".
+// The installed bus policy on a private bus that denies by default, as the
+// system bus does; the car runs under an account of its own.
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -19,8 +17,7 @@ const char* const kCallerGroup = "ecall";
 const std::string kPolicyFile = std::string(ECALL_SOURCE_DIR) + "/data/dbus/com.nordak.service.ecallService.conf";
 Outcome run(const std::string& command) { return testSupport::run({"/bin/sh", "-c", command + " 2>&1"}); }
 
-// The accounts of the test, made when missing and removed at the end when
-// made here.
+// The test's accounts, made when missing and then removed at the end.
 class Accounts {
  public:
   Accounts() {
@@ -50,10 +47,8 @@ class Accounts {
   bool mMadeGroup = false, mMadeCar = false, mMadeMember = false;
 };
 
-// A system-bus-like policy: connecting is free, owning names and method calls
-// are denied unless a policy allows them, signals and replies pass. The car's
-// services may be owned by the car's account and called by anyone, as their
-// own policy files would say; the service's policy is the installed file.
+// Owning and calling denied unless allowed, signals and replies pass; the
+// car's account owns the car's services, which anyone may call.
 std::string systemLikePolicy() {
   std::string own, call;
   for (const auto& service : kCarServices) {
@@ -131,7 +126,6 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   options.simUser = kCarUser;
   Scene s(options);
   E2eHarness& car = s.car;
-  // The service, running as root, owns its name on this bus.
   ASSERT_TRUE(car.serviceRunning());
 
   const Client outsider(car.busAddress(), kCarUser);
@@ -145,17 +139,13 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   Outcome outcome = member.call("IsECallInProgess");
   EXPECT_EQ(outcome.exitCode, 0) << outcome.out;
   EXPECT_NE(outcome.out.find("{\"ecallInProgress\":false}"), std::string::npos) << outcome.out;
-  // Root may queue for the name the service holds.
   outcome = root.own();
   EXPECT_EQ(outcome.exitCode, 0) << outcome.out;
   EXPECT_NE(outcome.out.find("uint32 "), std::string::npos) << outcome.out;
   EXPECT_TRUE(s.signals().empty()) << "a refused call started an emergency";
 
-  // Only the service's account sends from its path: the member's forgery is
-  // dropped by the bus, root's passes it (a monitor, which hears whatever
-  // the bus lets through, shows that a forgery would be seen). The car does
-  // not believe root's either: it hears the service's signals only from the
-  // owner of the service's name.
+  // The bus drops the member's forgery and passes root's (the monitor shows
+  // it), which the car ignores: it believes the name's owner only.
   testSupport::Child monitor({"/usr/bin/dbus-monitor", "--address", car.busAddress(),
                               "type='signal',path='/com/nordak/service/ecallService'"});
   const auto monitorSaw = [&](const char* text) { return monitor.out().find(text) != std::string::npos; };
@@ -168,7 +158,6 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   EXPECT_TRUE(s.signals().empty()) << "the car believed a forged signal";
   s.markNow();
 
-  // The car's account hears both signals of the emergency root starts.
   EXPECT_EQ(car.call("startEcall"), kOk);
   EXPECT_TRUE(s.waitForEmergency());
   EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));

@@ -1,6 +1,5 @@
-// ecallctl against the real service and the simulated car on a private bus:
-// every subcommand, the monitor through a whole call, and the exit codes a
-// script relies on.
+// ecallctl against the real service and the simulated car: every subcommand,
+// the monitor through a whole call, and the exit codes scripts rely on.
 #include <signal.h>
 
 #include <regex>
@@ -29,9 +28,10 @@ void waitUntilMonitoring(Child& monitor) {
 
 }  // namespace
 
-// The answers have fixed member names; the operator's language is English
-// whatever the head unit speaks; a method the service does not know gets no
-// reply; a logged string is one entry, stamped in UTC with the odometer in tens.
+// Fixed answers; the operator's language is English whatever the head unit
+// speaks; an unknown method gets no reply; a logged string is one entry in
+// UTC with the odometer in tens; the GPS reset resets the module, three times
+// at most.
 TEST(Ecallctl, QueriesAndRequestsReachTheService) {
   Scene s(carOptions(0.01, {"set language fr_CA", "odo 7654321"}));
   E2eHarness& car = s.car;
@@ -42,12 +42,10 @@ TEST(Ecallctl, QueriesAndRequestsReachTheService) {
   EXPECT_EQ(ctlOk(car, {"--json", "status"}), "{\"ecallInProgress\":false}\n");
   EXPECT_EQ(ctlOk(car, {"--json", "mode"}), "{\"eCallModeActive\":false}\n");
 
-  // State 1 asks for prompt 6, "retry with cancel".
   EXPECT_EQ(ctlOk(car, {"retry-state", "1"}), "OK\n");
   EXPECT_TRUE(s.waitForLogCount("TTS rqst 6", 1));
 
-  // The service never answers "log": a client that waited would run into
-  // its 2 s limit and fail; the words become one entry of their own.
+  // "log" is never answered: a client that waited would fail at its limit.
   Outcome logged = ctl(car, {"--timeout", "2", "log", "driver", "reports", "smoke"});
   EXPECT_EQ(logged.exitCode, 0) << logged.err;
   EXPECT_TRUE(s.waitForLogCount("driver reports smoke", 1));
@@ -58,22 +56,26 @@ TEST(Ecallctl, QueriesAndRequestsReachTheService) {
   const SVCIPC_tError rc = car.invoke("ecallService", "startecall", "{}", 500, &reply);
   EXPECT_TRUE(testSupport::isNoReply(rc)) << "the caller runs into its own time-out, rc 0x" << std::hex << rc;
   EXPECT_TRUE(car.waitForTrace("ecallRequest: startecall, params: {}"));
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(ctlOk(car, {"reset-gps"}), "OK\n");
+  // Requests are served in order: this entry follows the fourth reset.
   EXPECT_EQ(ctlOk(car, {"log", "a second entry"}), "");
-  EXPECT_TRUE(s.waitForLogCount("a second entry", 1));
-
-  EXPECT_EQ(ctlOk(car, {"reset-gps"}), "OK\n");
-  EXPECT_TRUE(car.waitForEmergencyLog("Calling v850ResetSierra from an external dbus call"));
+  EXPECT_TRUE(car.waitForEmergencyLog("a second entry"));
+  EXPECT_TRUE(s.waitForChannel({{3}, {3}, {3}})) << testing::PrintToString(s.channel());
+  const std::string log = car.emergencyLog();
+  EXPECT_EQ(countOf(log, "Calling v850ResetSierra from an external dbus call"), 4u);
+  for (const char* nth : {"1th", "2th", "3th"})
+    EXPECT_EQ(countOf(log, std::string("Sent IPC message to V850 to reset Sierra ") + nth + " time\n"), 1u) << nth;
+  EXPECT_EQ(countOf(log, "Sent IPC message to V850"), 3u);
+  EXPECT_TRUE(testSupport::fileExists(car.path("/tmp/resetSierraInprogress")));
 
   EXPECT_EQ(ctlOk(car, {"--json", "export-log"}), kOk);
   EXPECT_TRUE(testSupport::waitUntil([&] { return !exportedLog(car).empty(); }, kLong)) << "no log was exported to the stick";
   EXPECT_TRUE(s.signals().empty());
 }
 
-// Two monitors, one readable and one for scripts, follow a call that ecallctl
-// starts, from the button delay to the end of the call-back period.
+// Both monitors, readable and for scripts, follow a whole call.
 TEST(Ecallctl, MonitorSeesAWholeCall) {
-  // A call's steps need more room than the plain queries: 10 s of the car in 0.5 s.
-  Scene s(carOptions(0.05));
+  Scene s(carOptions(kScale));
   E2eHarness& car = s.car;
   Child readable(ctlArgs(car, {"monitor"}));
   Child json(ctlArgs(car, {"--json", "monitor"}));
@@ -84,12 +86,10 @@ TEST(Ecallctl, MonitorSeesAWholeCall) {
   ASSERT_TRUE(s.waitForEmergency());
   EXPECT_EQ(ctlOk(car, {"status"}), "emergency in progress: yes\n");
   ASSERT_TRUE(s.waitForLogCount("Call Active.  Delay 6000 ms for PSAP TTS", 1));
-  // The microphones open again once the emergency centre has heard the car.
   ASSERT_TRUE(s.waitForLogCount("Request unmute mic inputs", 1));
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
 
-  // What the car heard, in order, is what the script monitor must print.
   std::string expected;
   for (const auto& r : car.recordsSince(s.mark)) {
     const std::string kind = r["kind"].asString();

@@ -1,7 +1,6 @@
-// Faults end to end: peers that are absent, leave, or never answer; a log
-// folder that cannot be written, a file size limit, a missing USB stick; the
-// vehicle status object replaced, removed and recreated. After each fault the
-// service still places an emergency call when asked.
+// Faults end to end: a peer leaving, the log's file system refusing writes,
+// no USB stick, the vehicle status object replaced and removed. After each
+// fault the service still places an emergency call when asked.
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -20,8 +19,7 @@ namespace {
 
 const char* const kLogFolder = "/fs/etfs/usr/var/ecall";
 
-// Mounts made by a test live in a mount namespace of the test's thread and
-// the processes it starts from now on; they vanish with them.
+// Mounts of a test live in a namespace of its thread and the processes it starts.
 bool privateMounts() {
   return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
@@ -43,27 +41,8 @@ struct SmallFileSystem {
 
 }  // namespace
 
-// The service starts while no other service of the head unit is on the bus:
-// the variant falls back to a vehicle with the phone, and once the car's
-// services arrive, a request is called.
-TEST(Faults, EveryPeerAbsentAtStartUp) {
-  Scene s(carOptions(kScale, {}, false));
-  E2eHarness& car = s.car;
-  for (const auto& service : kCarServices) s.sim("peer " + service + " gone");
-  car.startService();
-  ASSERT_TRUE(car.waitForTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", kLong));
-  ASSERT_TRUE(car.waitForTrace("register embeddedPhoneSvc, avail 0", kLong));
-  ASSERT_TRUE(car.waitForChannelConnected(kLong));
-  EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":false}\n");
-
-  for (const auto& service : kCarServices) s.sim("peer " + service + " back");
-  ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 1", kLong));
-  expectStartEcallDials(car);
-}
-
-// The phone service leaves the bus during an active call and comes back:
-// the call goes on, the operator's hang-up ends it as usual, and the next
-// request is called.
+// The phone service leaving the bus during a call and coming back does not
+// end the call; the hang-up does, and the next request is called.
 TEST(Faults, PhoneServiceLeavesDuringACallAndComesBack) {
   Scene s(carOptions(kScale));
   E2eHarness& car = s.car;
@@ -81,9 +60,8 @@ TEST(Faults, PhoneServiceLeavesDuringACallAndComesBack) {
   expectStartEcallDials(car);
 }
 
-// With a file size limit below what the log needs, entries past it are lost
-// without harm to the service (no signal ends it); once there is room, the
-// log goes on.
+// Past a file size limit log entries are lost whole, the service unharmed
+// (no signal ends it); with room again the log goes on.
 TEST(Faults, FileSizeLimitOnTheLog) {
   Scene s(carOptions(kScale));
   E2eHarness& car = s.car;
@@ -102,13 +80,12 @@ TEST(Faults, FileSizeLimitOnTheLog) {
 
   ASSERT_EQ(prlimit(car.servicePid(), RLIMIT_FSIZE, &old, nullptr), 0);
   ASSERT_TRUE(logThrough(car, "room again"));
-  // Whole entries only: an entry cut at the limit would run into the next.
   for (const auto& line : testSupport::splitLines(car.emergencyLog().substr(before.size())))
     EXPECT_EQ(countOf(line, " GMT:"), 1u) << "not one entry: " << line;
 }
 
-// The log's folder is read-only: nothing can be logged, the call is placed
-// all the same, and once the folder is writable the log starts afresh.
+// A read-only log folder: the call is placed all the same, and once the
+// folder is writable the log starts afresh.
 TEST(Faults, LogFolderNotWritable) {
   E2eHarness car(carOptions(kScale, {}, false));
   if (!privateMounts()) GTEST_SKIP() << "mounting needs root (CAP_SYS_ADMIN): " << strerror(errno);
@@ -125,8 +102,8 @@ TEST(Faults, LogFolderNotWritable) {
   EXPECT_EQ(car.emergencyLog().rfind("Ecall Log File\n", 0), 0u);
 }
 
-// The log's flash is full: entries that do not fit are lost whole, the call
-// is placed, and the export to USB makes room for a new log.
+// A full log flash: entries that do not fit are lost whole, the call is
+// placed, and the export to USB makes room for a new log.
 TEST(Faults, LogFileSystemFull) {
   E2eHarness car(carOptions(kScale, {}, false));
   if (!privateMounts()) GTEST_SKIP() << "mounting needs root (CAP_SYS_ADMIN): " << strerror(errno);
@@ -142,8 +119,7 @@ TEST(Faults, LogFileSystemFull) {
   ASSERT_TRUE(car.waitForTrace("to internal logfile, errno 28", kLong));
   expectStartEcallDials(car);
 
-  // The emergency goes on logging: an entry that does not fit is written in
-  // part and then taken back, so the log may end in part for a moment.
+  // An entry that does not fit is written in part, then taken back.
   std::string full;
   EXPECT_TRUE(testSupport::waitUntil(
       [&] { return !(full = car.emergencyLog()).empty() && full.back() == '\n'; }, kLong))
@@ -152,9 +128,8 @@ TEST(Faults, LogFileSystemFull) {
   for (const auto& line : testSupport::splitLines(full))
     EXPECT_LE(countOf(line, " GMT:"), 1u) << "not one entry: " << line;
 
-  // The emergency ends before the export, so that no entry of the call
-  // races the export for the room it makes; the kernel counts that room
-  // free a moment after the log's removal, which is waited for.
+  // The emergency ends first, so that none of its entries races the export
+  // for the room it makes; the kernel frees that room a moment later.
   const size_t beforeExit = car.recordMark();
   ASSERT_EQ(car.call("exitEcall"), kOk);
   ASSERT_FALSE(car.waitForEcallSignalSince(beforeExit, [](const Json::Value& sig) {
@@ -169,8 +144,8 @@ TEST(Faults, LogFileSystemFull) {
   EXPECT_EQ(car.emergencyLog().rfind("Ecall Log File\n", 0), 0u);
 }
 
-// No USB stick: the export fails, the local log stays whole and goes on; with
-// the stick the export takes it all.
+// No USB stick: the export fails and the local log stays whole; with the
+// stick the export takes it all.
 TEST(Faults, UsbFolderMissing) {
   Scene s(carOptions(kScale));
   E2eHarness& car = s.car;
@@ -189,9 +164,8 @@ TEST(Faults, UsbFolderMissing) {
   EXPECT_EQ(exportedLog(car).rfind(before, 0), 0u) << "the export lacks entries of the kept log";
 }
 
-// The vehicle status object is replaced by its writer, removed, recreated,
-// and its folder removed and recreated: the odometer follows, and a press in
-// the recreated object still calls.
+// The vehicle status object replaced, removed and recreated, its folder too:
+// the odometer follows, and a press in the recreated object still calls.
 TEST(Faults, VehicleObjectReplacedRemovedAndRecreated) {
   Scene s(carOptions(kScale));
   E2eHarness& car = s.car;

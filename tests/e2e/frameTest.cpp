@@ -1,18 +1,14 @@
-// The service frame end to end: how the real ecallService starts in the
-// simulated car, and how it takes the signals that ask a process to end.
+// How the service starts in the car, and takes the signals that ask it to end.
 #include <signal.h>
 
 #include "carScene.h"
 
 using namespace carScene;
 
-// The start-up as the car sees it: the service is on the bus before it asks
-// anything, then the software version, the variant, the phone's status and
-// the volumes, and only then it reads the airbag channel. A variant answer
-// without the phone's entry, or a refused query, is asked again after a
-// pause, five times in all; then the phone counts as present. The answer is
-// never asked again. A request to end (SIGTERM, SIGINT) is noted, not
-// obeyed: the service still places the crash that follows.
+// On the bus first, then the start-up queries in order, then the airbag
+// channel; a variant without the phone's entry, or refused, is asked five
+// times with pauses, then the phone counts as present. SIGTERM and SIGINT
+// do not stop the crash that follows.
 TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
   const struct {
     const char* command;
@@ -34,8 +30,7 @@ TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
     for (const auto& r : car.records()) {
       const std::string kind = r["kind"].asString();
       if (kind == "peer" && r["service"] == "ecallService") steps.push_back("on the bus");
-      // Stamped when it happened: a request's record may be written after
-      // what followed its answer.
+      // Stamped when it happened: a request may be recorded after its answer's effects.
       if (kind == "vehicle" && r["event"] == "connected" && channelOpened < 0) channelOpened = at(r);
       if (kind != "request") continue;
       steps.push_back(r["service"].asString() + " " + r["method"].asString());

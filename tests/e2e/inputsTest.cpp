@@ -1,15 +1,13 @@
 // The emergency inputs end to end: the airbag controller's channel, the
-// mirror buttons, the mirror LED and the Assist application. Tests whose next
-// step must come within one of the service's periods run the car slower.
+// mirror buttons, the mirror LED and the Assist application.
 #include <unistd.h>
 
 #include "carScene.h"
 
 using namespace carScene;
 
-// Only some impact kinds call, one message starts one emergency at most, and
-// the serial path is believed before the CAN path; a message too short for
-// its kind is dropped unseen.
+// Only some impact kinds call, one message starts one emergency at most, the
+// serial path wins over CAN, and a message too short is dropped unseen.
 TEST(ImpactChannel, SerialTriggerWinsAndOtherKindsAreOnlyLogged) {
   Scene s(carOptions(kScale));
   s.sim("impact 00 01 00 02 00 00");     // six bytes: CAN kind I, but too short
@@ -31,9 +29,8 @@ TEST(ImpactChannel, SerialTriggerWinsAndOtherKindsAreOnlyLogged) {
   EXPECT_EQ(out.find("Ecall - CAN Emergency"), std::string::npos) << out;
 }
 
-// Each link-loss message states all three links. The LED turns red with the
-// first failure, stays red while any link is lost, and goes off with the
-// last; the user is told of the system error once.
+// Each link-loss message states all three links; the LED is red while any
+// is lost, and the user is told of the system error once.
 TEST(ImpactChannel, LinkLossSetsAndClearsItsThreeSourcesAndTheLedFollows) {
   Scene s(carOptions(kScale));
   s.sim("loc 1 0 0");
@@ -55,10 +52,9 @@ TEST(ImpactChannel, LinkLossSetsAndClearsItsThreeSourcesAndTheLedFollows) {
   EXPECT_NE(s.car.serviceStdout().find("Ecall - IPC /dev/ipc/ch12 Read LOC: 01 01 00 00\n"), std::string::npos);
 }
 
-// Assist outside an emergency: the button lights the LED; the application's
-// reports keep the marker file, the controller's Assist status and the LED
-// in step, and its end gives Bluetooth back. During an emergency Assist is
-// stopped as soon as it runs, and the LED blinks, then is green again.
+// Outside an emergency the Assist application's reports drive the marker,
+// the Assist status and the LED, and its end gives Bluetooth back; in an
+// emergency it is stopped as soon as it runs.
 TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   Scene s(carOptions(kScale));
   const std::string marker = s.car.path("/tmp/embeddedCallActive");
@@ -68,12 +64,10 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   s.button("assist", false);
 
   s.sim("appmgr start");
-  // Button; "initializing"; "appStarted".
   ASSERT_TRUE(s.waitForChannel({{1, 1}, {2, 1}, {1, 1}, {2, 1}, {1, 1}})) << testing::PrintToString(s.channel());
   EXPECT_TRUE(testSupport::fileExists(marker));
   s.sim("appmgr stop");
   ASSERT_TRUE(s.waitForRequestCount("BluetoothService", "setBluetoothStatus", 2));
-  // Then "stopped" and "appStopped".
   EXPECT_TRUE(s.waitForChannel({{1, 1}, {2, 1}, {1, 1}, {2, 1}, {1, 1}, {2, 0}, {1, 0}, {2, 0}, {1, 0}}))
       << testing::PrintToString(s.channel());
   EXPECT_FALSE(testSupport::fileExists(marker));
@@ -81,14 +75,12 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
             Strings(2, "setBluetoothStatus {\"enable\":true}\n"));
   EXPECT_TRUE(s.requests("AppManager").empty());
 
-  // The emergency stops Assist once when it starts; the rest is Assist's own.
   s.markNow();
   s.sim("crash B can");
   ASSERT_TRUE(s.waitForEmergency());
   ASSERT_TRUE(s.waitForRequestCount("AppManager", "stopApp", 1));
   s.sim("appmgr start");
   ASSERT_FALSE(s.waitForRecord([](const Json::Value& r) { return isSignal(r, "AppManager", "appStopped"); }).isNull());
-  // Blinking from "initializing", green again when the blink time is over.
   EXPECT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
   EXPECT_SOON_EQ(s.channel(2), (std::vector<Bytes>{{2, 1}, {2, 1}, {2, 0}, {2, 0}}));
   // The application manager may report the stop before it records the request.
@@ -97,12 +89,9 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   EXPECT_EQ(s.signals(), Strings{kCrashB});
 }
 
-// The blink timer ends a blink with the LED the moment asks for: green while
-// the emergency mode is on, off once it has ended, and red instead of off
-// while a system error stands (a red request during a call is refused).
-// The emergency is ended by hand ("exitEcall") at moments when no run of the
-// state machine is pending, and its callback period is cut short the same
-// way, within one blink; the car runs slower to keep that order.
+// A blink ends green while the emergency mode is on, off once it has ended,
+// red instead of off while a system error stands. The emergency is ended
+// ("exitEcall") when no run of the state machine is pending, within a blink.
 TEST(MirrorLed, BlinkEndsGreenInAnEmergencyAndOffOrRedOutsideIt) {
   Scene s(carOptions(0.1));
   auto endedWithModeActive = [&] {
@@ -129,8 +118,7 @@ TEST(MirrorLed, BlinkEndsGreenInAnEmergencyAndOffOrRedOutsideIt) {
   s.button("assist", true);
   ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
   s.button("assist", false);
-  // The second announcement is played by the command thread: the state
-  // machine has nothing pending.
+  // Played by the command thread: the state machine has nothing pending.
   ASSERT_TRUE(s.car.waitForEmergencyLog("TTS rqst 11\n", kLong));
   ASSERT_EQ(s.car.call("exitEcall"), kOk);
   ASSERT_TRUE(endedWithModeActive());
@@ -143,9 +131,8 @@ TEST(MirrorLed, BlinkEndsGreenInAnEmergencyAndOffOrRedOutsideIt) {
   EXPECT_EQ(s.countInLog("Assist button pressed. ECall in progress. Blink LED green"), 2u);
 }
 
-// The Assist button lights the LED for an application that is to start;
-// if it never becomes active, the LED goes off after the Assist time-out.
-// Pressed in an emergency, the LED blinks for the blink time, then is green.
+// The LED lit for an Assist application that never runs goes off after the
+// Assist time-out; a press in an emergency blinks for the blink time.
 TEST(MirrorLed, AssistThatNeverRunsTimesOutAndABlinkLastsItsTime) {
   Scene s(carOptions(kScale));
   auto ledAt = [&](const Bytes& message, size_t nth) {
@@ -168,10 +155,8 @@ TEST(MirrorLed, AssistThatNeverRunsTimesOutAndABlinkLastsItsTime) {
   EXPECT_LT(blink, atMost(5000)) << "the blink time";
 }
 
-// Without the airbag controller's channel the service still starts, the
-// mirror buttons still work (a button held at the start is a press: the first
-// read reports the values the object holds) and the service stays up; once
-// the micro is up, the channel is opened.
+// Without the airbag controller's channel the mirror buttons still work (one
+// held at the start is a press); the channel is opened once the micro is up.
 TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorkingUntilTheMicroIsUp) {
   Scene s(carOptions(kScale, {"button ecall press"}, false));
   E2eHarness& car = s.car;
@@ -191,11 +176,9 @@ TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorkingUntilTheMicroIsUp) {
   EXPECT_TRUE(car.waitForEmergencyLog("ORC IPC channel /dev/ipc/ch12 is open again\n", kLong));
 }
 
-// The vehicle micro restarts and stays away a while: the service opens the
-// channel again, gives the micro back the LED and Assist states it lost,
-// and hears the next messages; the emergency's LED goes on the new
-// connection. The loss and the return are logged once each, also when the
-// micro then takes every connection and drops it at once.
+// A restarted micro gets the channel opened again, the LED and Assist
+// states back, and the next messages heard; a loss and a return are logged
+// once each, also when the micro drops every connection at once.
 TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   Scene s(carOptions(kScale));
   s.sim("loc 0 0 1");
@@ -218,8 +201,6 @@ TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   EXPECT_EQ(countOf(log, "ORC IPC channel /dev/ipc/ch12 lost."), 1u) << log;
   EXPECT_EQ(countOf(log, "ORC IPC channel /dev/ipc/ch12 is open again"), 1u) << log;
 
-  // A micro that takes each connection and drops it at once is one loss and
-  // one return too, however many times the channel opens meanwhile.
   s.markNow();
   s.sim("micro drop");
   ASSERT_TRUE(testSupport::waitUntil([&] {
@@ -231,8 +212,7 @@ TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   EXPECT_EQ(countOf(s.car.emergencyLog(), "ORC IPC channel /dev/ipc/ch12 lost."), 2u);
 }
 
-// A micro that stops reading what it is sent never stops the impacts: the
-// messages it cannot take are lost, the crash is read.
+// A micro that stops reading never stops the impacts.
 TEST(ImpactChannel, MicroThatStopsReadingDoesNotStopTheImpacts) {
   Scene s(carOptions(kScale));
   s.sim("micro deaf");

@@ -1,7 +1,5 @@
-// The emergency survives the service: killed (as by a crash, the kernel's
-// out-of-memory killer, or the service manager's watchdog) and started
-// again on the same root, the service resumes from its journal what it had
-// in hand, and a hung thread stops the watchdog's feeding.
+// The emergency survives the service: killed and started again on the same
+// root, it resumes from its journal what it had in hand.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,14 +30,10 @@ std::string waitForLogStarting(Scene& s, const std::string& prefix) {
 
 }  // namespace
 
-// Killed with a crash ringing, the service raises it again as a crash call,
-// says so, and ends the call left on the phone before it dials; killed once
-// the call was connected, it does not dial but keeps the emergency mode for
-// the call-back period; a cancelled emergency killed in its call-back period
-// resumes the period's rest; an unreadable journal is set aside, logged, and
-// calls nobody.
+// A ringing crash is raised again as a crash after hanging up the old call;
+// a connected one resumes its call-back period, a cancelled one the rest of
+// it; an unreadable journal is set aside and calls nobody.
 TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
-  // 1/5 of real time: a restart takes a small part of the 30 s call-back period.
   Scene s(carOptions(0.2, {"set answer manual"}));
   E2eHarness& car = s.car;
   s.sim("crash B can");
@@ -78,22 +72,17 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   ASSERT_TRUE(s.car.waitForServiceStarted(kLong, s.mark));
   s.sim("wait 5000");
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
-  // Killed in its call-back period, the run before left the emergency mode's
-  // marker; with nothing resumed the mode is off, and so is the marker.
+  // The marker left by the run killed in its call-back period is gone.
   EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
 }
 
-// Killed at random moments of many emergencies (seeded; ECALL_KILL_SEED
-// replays a run), and started again on the same root each time: every
-// emergency that was not cancelled is dialled once the service is back (a
-// crash as a crash call, a press after a new delay), and a cancelled one
-// never is. The phone takes each dial and never answers.
+// Killed at random moments (ECALL_KILL_SEED replays a run), every emergency
+// not cancelled is dialled once the service is back, a cancelled one never.
 TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
   const char* replay = getenv("ECALL_KILL_SEED");
   const unsigned long long seed = replay != nullptr ? strtoull(replay, nullptr, 10) : std::random_device{}();
   printf("kill test seed %llu (ECALL_KILL_SEED=%llu replays it)\n", seed, seed);
   std::mt19937_64 random(seed);
-  // 1/100 of real time: the delay takes 100 ms, the retry period 600 ms.
   Scene s(carOptions(0.01, {"set answer manual"}));
   const std::pair<const char*, int> crashes[] = {{"crash B can", 3}, {"crash C serial", 17}, {"crash X can", 14}};
   enum Kind { kCrash, kPress, kCancelled, kPhoneAway, kKinds };
@@ -121,8 +110,7 @@ TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
     // The moment of the kill is the test's input, not a wait for an event.
     std::this_thread::sleep_for(killAfter);
     s.restart();
-    // The phone may come back while the restarted service still asks for
-    // its status: the phone's report must win over the older answer.
+    // The phone's report must win over an older status answer.
     if (kind == kPhoneAway) s.sim("phone on");
     ASSERT_TRUE(s.car.waitForServiceStarted(kLong, s.mark));  // the next crash needs the channel
     if (kind == kCancelled) {
@@ -139,11 +127,9 @@ TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), dialled, kills - dialled);
 }
 
-// Under a service manager's watchdog the service is fed while its threads
-// show progress. When the vehicle status object's server hangs (a FIFO
-// nobody writes), every odometer read for a log entry blocks, and the
-// restraint controller's reader hangs in one: the feeding stops. Killed and
-// started again, as the manager then does, the service resumes its crash.
+// The watchdog is fed only while the threads progress: a reader hung on the
+// vehicle status object (a FIFO nobody writes) stops it, and the restart
+// resumes the crash.
 TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   const std::string socketPath = "/tmp/ecall-watchdog-" + std::to_string(getpid());
   testSupport::NotifySocket manager(socketPath);
@@ -165,7 +151,6 @@ TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
     manager.drain();
     return countOf(car.serviceStderr(), "Watchdog: no progress of the restraint controller reader") > 0;
   }));
-  // What was sent before the service said so is queued already.
   manager.drain();
   EXPECT_EQ(manager.next(ms(1000)), "") << "fed while a thread hangs";
 

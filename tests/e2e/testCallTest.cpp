@@ -1,7 +1,5 @@
-// The test call end to end: the whole call to the vehicle's test number,
-// never to an emergency number, marked as a test wherever it shows; refused
-// without a usable test number and while an emergency is in hand; ended at
-// once by a crash; given up after three attempts; forgotten by a restart.
+// The test call end to end: to the vehicle's test number only, marked as a
+// test wherever it shows, never journaled.
 #include "carScene.h"
 
 using namespace carScene;
@@ -23,11 +21,8 @@ Json::Value phoneSays(Scene& s, const std::string& part) {
 
 }  // namespace
 
-// Asked for with ecallctl, the test call runs as an emergency call does,
-// without the cancel window: its own prompts, the dial to the test number
-// as a test, the operator's announcement saying it is a test, the end
-// period. The signal and the log say "test"; no emergency number is dialled
-// and the journal is never written.
+// The test call runs as an emergency call without the cancel window, with
+// its own prompts and announcement, marked "test", and is never journaled.
 TEST(TestCall, WholeCallToTheTestNumberMarkedAsATestAndNeverJournaled) {
   Scene s(carOptions(kScale, {"set brand 9", "set gps 12345678 -98765432", "set pace 2000"}));
   const testSupport::Outcome started = ctl(s.car, {"test"});
@@ -49,10 +44,8 @@ TEST(TestCall, WholeCallToTheTestNumberMarkedAsATestAndNeverJournaled) {
   EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
 }
 
-// No call without a test number the car may dial (missing, empty, not a
-// number, one every phone takes for an emergency, one of this phone's
-// emergency numbers), nor while an emergency waits for the phone, is in
-// progress or in its call-back period.
+// Refused without a test number the car may dial, and while an emergency
+// waits, is in progress or in its call-back period.
 TEST(TestCall, RefusedWithoutAUsableTestNumberAndWhileAnEmergencyIsInHand) {
   Scene s(carOptions(kScale, {"set number 911 5550123"}));
   const std::pair<std::string, std::string> numbers[] = {
@@ -85,11 +78,8 @@ TEST(TestCall, RefusedWithoutAUsableTestNumberAndWhileAnEmergencyIsInHand) {
   EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), Strings{kCrashDial});
 }
 
-// A crash while the operator hears the test announcement: the test call is
-// hung up and the crash dialled to 911 as soon as the phone (slow to let a
-// call go, as a real one) has let it go, well within the shortest wait a
-// test call or a press could put before it (10 s). The crash call then runs
-// its own course.
+// A crash hangs up the test call and is dialled as soon as the phone (slow
+// to let go, as a real one) has let it go, well within the 10 s delay.
 TEST(TestCall, ACrashEndsTheTestCallAtOnceAndIsDialledWithoutDelay) {
   constexpr double scale = 0.1;
   Scene s(carOptions(scale, {"set hangup 1000"}));
@@ -112,9 +102,8 @@ TEST(TestCall, ACrashEndsTheTestCallAtOnceAndIsDialledWithoutDelay) {
                                         "ACR triggered on CAN - More severe rear event", "Calling 911"}));
 }
 
-// A test line that cannot be reached is tried three times, then the test
-// call ends, saying so. A test call killed with the service is forgotten:
-// after the restart a new test call is taken and its dial is the first.
+// An unreachable test line is tried three times; a test call killed with
+// the service is forgotten.
 TEST(TestCall, GivesUpAfterThreeAttemptsAndIsForgottenByARestart) {
   Scene s(carOptions(kScale, {"set dial fail"}));
   ASSERT_EQ(s.car.call("startTestEcall"), kOk);
