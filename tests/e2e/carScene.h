@@ -200,6 +200,13 @@ struct Scene {
     ASSERT_FALSE(waitForRecord([](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", "ACTIVE"); })
                      .isNull());
   }
+  // The centre has heard the car (the microphones open) and hangs up; the
+  // emergency mode ends.
+  bool hangUpOnceHeard() {
+    if (waitForRecord(isMicrophoneOpened).isNull()) return false;
+    sim("psap hangup");
+    return waitForIdle();
+  }
   // Ends the emergency once the call is active and no run of the state
   // machine is queued: a leftover run would cut the callback period short.
   void exitWhenActive() {
@@ -224,6 +231,12 @@ struct Scene {
   Strings log() {
     Strings all = car.emergencyLogMessages();
     return Strings(all.begin() + static_cast<long>(std::min(logMark, all.size())), all.end());
+  }
+  // The log since the mark holds parts in this order; if not, it is shown.
+  testing::AssertionResult logInOrder(const Strings& parts) {
+    const Strings all = log();
+    if (containsInOrder(all, parts)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << testing::PrintToString(all);
   }
   size_t countInLog(const std::string& message) {
     Strings all = log();

@@ -91,9 +91,7 @@ TEST(EmergencyCall, StartEcallRunsTheWholeCallAndGivesEverythingBack) {
   EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
   EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
 
-  ASSERT_TRUE(waitForMicrophone(s));
-  s.sim("psap hangup");
-  ASSERT_TRUE(s.waitForIdle());
+  ASSERT_TRUE(s.hangUpOnceHeard());
 
   EXPECT_SOON_EQ(s.signals(), (Strings{buttonSignal("ecallDelay"), endedSignal(true), endedSignal(false)}));
   EXPECT_SOON_EQ(s.requests("EmbeddedPhone"),
@@ -156,10 +154,8 @@ TEST(EmergencyCall, SecondStartDuringTheDelayCancelsWithoutDialling) {
   if (endedAlone < 0 || endedAlone > cancelled) {
     EXPECT_TRUE(abortedAfter(s, 0, request("ttsAbort", "{\"readoutType\":\"PMSG\"}")));
   }
-  EXPECT_TRUE(containsInOrder(s.log(), {"Ecall delay 10 before calling", "TTS rqst 1",
-                                        "User cancelled mode during Ecall delay", "send LED status 0", "TTS rqst 3",
-                                        "End emergency mode"}))
-      << testing::PrintToString(s.log());
+  EXPECT_TRUE(s.logInOrder({"Ecall delay 10 before calling", "TTS rqst 1", "User cancelled mode during Ecall delay",
+                            "send LED status 0", "TTS rqst 3", "End emergency mode"}));
   EXPECT_EQ(s.countInLog("ecallBtn = 1"), 1u);
   EXPECT_EQ(s.countInLog("Ecall delay 10 before calling"), 1u);
   EXPECT_SOON_EQ(s.led(), kLedOnOff);
@@ -206,7 +202,7 @@ TEST(EmergencyCall, UnansweredCallTimesOutAndIsRedialledAfterItEnds) {
   ASSERT_EQ(dials.size(), 2u) << "the two ends of one call were redialled twice";
   EXPECT_GE(at(dials[1]) - at(phoneReport(s, "TERMINATED")), atLeast(60000)) << "the retry period";
   EXPECT_SOON_EQ(s.signals(), (Strings{buttonSignal("ecallDelay"), buttonSignal("failed"), buttonSignal("failed")}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Calling 911", "Error Call Failed", "Calling 911"}));
+  EXPECT_TRUE(s.logInOrder({"Calling 911", "Error Call Failed", "Calling 911"}));
 }
 
 // Key 0 during the second announcement stops it and opens the microphones;
@@ -221,9 +217,7 @@ TEST(EmergencyCall, OperatorKeysStopTheAnnouncementAndEndReasonSeventeenEndsTheC
   ASSERT_TRUE(waitForSpoken(s, kPsap2));
   s.sim("dtmf 0");
   ASSERT_TRUE(s.car.waitForEmergencyLog("Rx DTMF: 0\n", kLong));
-  ASSERT_TRUE(waitForMicrophone(s));
-  s.sim("psap hangup");
-  ASSERT_TRUE(s.waitForIdle());
+  ASSERT_TRUE(s.hangUpOnceHeard());
 
   EXPECT_EQ(s.spoken(), (Strings{kInitiate, kDialing, kPsap1, kPsap2, kEnded}));
   EXPECT_TRUE(abortedAfter(s, 3, kAbortAnnouncement));
@@ -238,9 +232,8 @@ TEST(EmergencyCall, OperatorKeysStopTheAnnouncementAndEndReasonSeventeenEndsTheC
   ASSERT_TRUE(waitForSpoken(s, kGps));
   ASSERT_TRUE(waitForMicrophone(s));
   EXPECT_TRUE(abortedAfter(s, 2, kAbortAnnouncement)) << testing::PrintToString(s.requests("TextToSpeechService"));
-  EXPECT_TRUE(containsInOrder(s.log(), {"TTS rqst 8", "Rx DTMF: 1", "Request unmute mic inputs", "TTS rqst 12",
-                                        "GPS only TTS: " + kPosition}))
-      << testing::PrintToString(s.log());
+  EXPECT_TRUE(s.logInOrder(
+      {"TTS rqst 8", "Rx DTMF: 1", "Request unmute mic inputs", "TTS rqst 12", "GPS only TTS: " + kPosition}));
   s.sim("wend 16");
   ASSERT_TRUE(s.car.waitForTrace("wendReason service number = 16"));
   EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
@@ -250,7 +243,7 @@ TEST(EmergencyCall, OperatorKeysStopTheAnnouncementAndEndReasonSeventeenEndsTheC
   ASSERT_TRUE(s.waitForIdle());
   EXPECT_TRUE(s.car.waitForTrace("Ecall mode CALL END due to wend service number = 17"));
   EXPECT_SOON_EQ(s.signals(), (Strings{buttonSignal("ecallDelay"), endedSignal(true), endedSignal(false)}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Call ended", "TTS rqst 3", "End emergency mode"}));
+  EXPECT_TRUE(s.logInOrder({"Call ended", "TTS rqst 3", "End emergency mode"}));
   std::string lastState;
   for (const auto& r : s.car.recordsSince(s.mark, "signal"))
     if (isSignal(r, "EmbeddedPhone", "callState")) lastState = r["data"].asString();
@@ -405,11 +398,10 @@ TEST(PhoneStatus, AntennaFaultBecomesASystemErrorOnlyIfItLasts) {
   ASSERT_FALSE(report.isNull());
   EXPECT_GE(at(raised) - at(report), atLeast(10000)) << "raised before the fault lasted the antenna fault time";
   ASSERT_TRUE(car.waitForEmergencyLog("System error handling set LED to 3\n"));
-  EXPECT_TRUE(containsInOrder(s.log(), {"System error antenna fault CLEARED", "System error antenna fault OCCURRED",
-                                        "First System error message generated due to antenna fault, current "
-                                        "SystemError = 64",
-                                        "send LED status 3", "System error handling set LED to 3"}))
-      << testing::PrintToString(s.log());
+  EXPECT_TRUE(s.logInOrder({"System error antenna fault CLEARED", "System error antenna fault OCCURRED",
+                            "First System error message generated due to antenna fault, current "
+                            "SystemError = 64",
+                            "send LED status 3", "System error handling set LED to 3"}));
 
   s.sim("set antenna normal");
   EXPECT_TRUE(s.waitForLed({{1, 3}, {1, 0}}));
@@ -431,19 +423,17 @@ TEST(PhoneStatus, PhoneServiceLeavingTheBusAndComingBack) {
       [](const Json::Value& r) { return r["kind"].asString() == "peer" && r["state"].asString() == "gone"; }, ms(0));
   EXPECT_GE(at(told) - at(left), atLeast(30000)) << "the phone-not-present time";
   ASSERT_TRUE(s.waitForChannel({{1, 3}, {3}})) << testing::PrintToString(s.channel());
-  EXPECT_TRUE(containsInOrder(s.log(), {"System error embedded phone service not running OCCURRED",
-                                        "First System error message generated due to embedded phone service not "
-                                        "running, current SystemError = 4",
-                                        "Sent IPC message to V850 to reset Sierra 1th time"}))
-      << testing::PrintToString(s.log());
+  EXPECT_TRUE(s.logInOrder({"System error embedded phone service not running OCCURRED",
+                            "First System error message generated due to embedded phone service not "
+                            "running, current SystemError = 4",
+                            "Sent IPC message to V850 to reset Sierra 1th time"}));
 
   s.sim("peer EmbeddedPhone back");
   ASSERT_TRUE(s.waitForLed({{1, 3}, {1, 0}}));
   EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/resetSierraInprogress")));
   ASSERT_TRUE(s.waitForLogCount("send LED status 0", 1));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Got Phone Status: ON. Stop delay System Error popup timer. Roll back reset "
-                                        "counter. System err 4",
-                                        "System error embedded phone service not running CLEARED", "send LED status 0"}))
-      << testing::PrintToString(s.log());
+  EXPECT_TRUE(s.logInOrder({"Got Phone Status: ON. Stop delay System Error popup timer. Roll back reset counter. "
+                            "System err 4",
+                            "System error embedded phone service not running CLEARED", "send LED status 0"}));
   EXPECT_SOON_EQ(s.signals().size(), 1u);
 }

@@ -133,10 +133,8 @@ TEST(NeverLost, EmergencyWithoutNumberIsPlacedOnceANumberComes) {
   s.sim("phone on");  // the phone's report, whose number read brings it
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the kept emergency was not placed";
   EXPECT_TRUE(s.waitForSignalType("acn"));
-  EXPECT_TRUE(containsInOrder(s.log(), {"System error no ecall number programmed OCCURRED",
-                                        "Error failed to obtain PSAP number",
-                                        "System error no ecall number programmed CLEARED", "Calling 911"}))
-      << testing::PrintToString(s.log());
+  EXPECT_TRUE(s.logInOrder({"System error no ecall number programmed OCCURRED", "Error failed to obtain PSAP number",
+                            "System error no ecall number programmed CLEARED", "Calling 911"}));
   ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
   cancelAndWaitForIdle(s);
 

@@ -38,8 +38,8 @@ TEST(TestCall, WholeCallToTheTestNumberMarkedAsATestAndNeverJournaled) {
   EXPECT_SOON_EQ(s.spoken(), (Strings{"PMSG: Starting a test call. This is not a 9-1-1 call.", vetta + kOperatorKeys,
                                       vetta + "Latitude... 12.34567. Longitude... -98.76543. " + kOperatorKeys,
                                       "PMSG: Test call ended."}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Test call requested, test number 5550100", "Test call started",
-                                        "Test call: calling 5550100", kCallActive, "Call ended", "Test call ended"}));
+  EXPECT_TRUE(s.logInOrder({"Test call requested, test number 5550100", "Test call started",
+                            "Test call: calling 5550100", kCallActive, "Call ended", "Test call ended"}));
   for (const std::string& entry : s.log()) EXPECT_EQ(entry.find("911"), std::string::npos) << entry;
   EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
 }
@@ -98,8 +98,8 @@ TEST(TestCall, ACrashEndsTheTestCallAtOnceAndIsDialledWithoutDelay) {
                   return isReadout(r, "ECALL: A crash has occurred in a Corvane vehicle: " + kOperatorKeys);
                 }).isNull());
   EXPECT_TRUE(containsInOrder(s.signals(), {kTestSignal, kCrashB}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Test call: calling 5550100", "Test call ended: CAN_IMPACT_B takes over",
-                                        "ACR triggered on CAN - More severe rear event", "Calling 911"}));
+  EXPECT_TRUE(s.logInOrder({"Test call: calling 5550100", "Test call ended: CAN_IMPACT_B takes over",
+                            "ACR triggered on CAN - More severe rear event", "Calling 911"}));
 }
 
 // An unreachable test line is tried three times; a test call killed with
@@ -111,7 +111,7 @@ TEST(TestCall, GivesUpAfterThreeAttemptsAndIsForgottenByARestart) {
   const std::string failed = activeSignal("failed", "TEST_CALL", "Test call to the vehicle's test number", "5550100");
   EXPECT_SOON_EQ(s.signals(), (Strings{kTestSignal, failed, failed, failed, endedSignal(true), endedSignal(false)}));
   EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), (Strings{kTestDial, kTestDial, kTestDial}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Test call failed after 3 attempts", "Test call ended"}));
+  EXPECT_TRUE(s.logInOrder({"Test call failed after 3 attempts", "Test call ended"}));
 
   s.sim("set dial ok");
   s.sim("set answer manual");

@@ -54,16 +54,13 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   Scene s(carOptions(kScale, {"set brand 7", "set language fr_CA"}));
   const std::string dialling = "PMSG: Appel du 9-1-1.";
   ASSERT_EQ(s.car.call("startEcall"), kOk);
-  ASSERT_FALSE(s.waitForRecord(isMicrophoneOpened).isNull());
-  s.sim("psap hangup");
-  ASSERT_TRUE(s.waitForIdle());
+  ASSERT_TRUE(s.hangUpOnceHeard());
   EXPECT_SOON_EQ(s.spoken(),
                  (Strings{"PMSG: Appel du 9-1-1. Pour annuler, appuyez sur le bouton 9-1-1 sur le retroviseur.", dialling,
                           "ECALL: Emergency call from a Roadmast vehicle: " + kOperatorKeys,
                           "ECALL: Emergency call from a Roadmast vehicle: " + kCarPosition + kOperatorKeys,
                           "PMSG: Fin de l'appel au 9-1-1. Pour rappeler, appuyez sur le bouton 9-1-1 sur le retroviseur."}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Speaker TTS language French", "Vehicle brand Roadmast", "TTS rqst 1"}))
-      << testing::PrintToString(s.log());
+  EXPECT_TRUE(s.logInOrder({"Speaker TTS language French", "Vehicle brand Roadmast", "TTS rqst 1"}));
 
   s.markNow();
   s.sim("set brand 13");
@@ -73,11 +70,10 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   EXPECT_EQ(s.spoken(), (Strings{dialling, "ECALL: A crash has occurred in a Roadmast vehicle: " + kOperatorKeys,
                                  "ECALL: A crash has occurred in a Roadmast vehicle: " + kCarPosition + kOperatorKeys}));
   EXPECT_EQ(s.signals(), Strings{kCrashB});
-  EXPECT_TRUE(containsInOrder(s.log(), {"Rx ORC CAN 0x0200", "Speaker TTS language French",
-                                        "Vehicle brand received invalid, using current brand Roadmast",
-                                        "ACR triggered on CAN - More severe rear event", "TTS rqst 7", "Calling 911",
-                                        kCallActive, "TTS rqst 10", "TTS rqst 11", "Request unmute mic inputs"}))
-      << testing::PrintToString(s.log());
+  EXPECT_TRUE(s.logInOrder({"Rx ORC CAN 0x0200", "Speaker TTS language French",
+                            "Vehicle brand received invalid, using current brand Roadmast",
+                            "ACR triggered on CAN - More severe rear event", "TTS rqst 7", "Calling 911", kCallActive,
+                            "TTS rqst 10", "TTS rqst 11", "Request unmute mic inputs"}));
   EXPECT_EQ(s.countInLog("Ecall delay 10 before calling"), 0u);
   const std::string out = s.car.serviceStdout();
   EXPECT_NE(out.find("Ecall - IPC /dev/ipc/ch12 Read Impact: 00 01 02 00 00 00 00\n"), std::string::npos) << out;
