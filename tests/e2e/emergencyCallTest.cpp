@@ -409,11 +409,23 @@ TEST(PhoneStatus, AntennaFaultBecomesASystemErrorOnlyIfItLasts) {
   EXPECT_SOON_EQ(s.signals().size(), 1u) << "the user is told of a system error once";
 }
 
-// The phone service off the bus past the phone-not-present time is a system
-// error and a module reset; its return clears both.
+// The phone service leaving the bus during a call does not end it. Off the
+// bus past the phone-not-present time it is a system error and a module
+// reset; its return clears both, and the next request is called.
 TEST(PhoneStatus, PhoneServiceLeavingTheBusAndComingBack) {
   Scene s(callCar());
   E2eHarness& car = s.car;
+  ASSERT_NO_FATAL_FAILURE(s.startCallUntilActive());
+  s.sim("peer EmbeddedPhone gone");
+  ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 0", kLong));
+  s.sim("peer EmbeddedPhone back");
+  ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 1", kLong));
+  EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForIdle());
+  EXPECT_TRUE(s.waitForLogCount("TTS rqst 3", 1)) << "the end of the call was not announced";
+  ASSERT_TRUE(s.waitForLed(kLedOnOff));
+
   s.markNow();
   s.sim("peer EmbeddedPhone gone");
   Json::Value told = s.waitForRecord([](const Json::Value& r) { return r["kind"].asString() == "ecall"; });
@@ -436,4 +448,5 @@ TEST(PhoneStatus, PhoneServiceLeavingTheBusAndComingBack) {
                             "System err 4",
                             "System error embedded phone service not running CLEARED", "send LED status 0"}));
   EXPECT_SOON_EQ(s.signals().size(), 1u);
+  expectStartEcallDials(car);
 }
