@@ -125,12 +125,11 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   options.busPolicy = systemLikePolicy();
   options.simUser = kCarUser;
   Scene s(options);
-  E2eHarness& car = s.car;
-  ASSERT_TRUE(car.serviceRunning());
+  ASSERT_TRUE(s.car.serviceRunning());
 
-  const Client outsider(car.busAddress(), kCarUser);
-  const Client member(car.busAddress(), kMemberUser);
-  const Client root(car.busAddress(), nullptr);
+  const Client outsider(s.car.busAddress(), kCarUser);
+  const Client member(s.car.busAddress(), kMemberUser);
+  const Client root(s.car.busAddress(), nullptr);
 
   for (const Outcome& refused :
        {outsider.call("startEcall"), outsider.call("IsECallInProgess"), outsider.own(), member.own()})
@@ -145,8 +144,8 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   EXPECT_TRUE(s.signals().empty()) << "a refused call started an emergency";
 
   // The bus drops the member's forgery and passes root's (the monitor shows
-  // it), which the car ignores: it believes the name's owner only.
-  testSupport::Child monitor({"/usr/bin/dbus-monitor", "--address", car.busAddress(),
+  // it), which the s.car ignores: it believes the name's owner only.
+  testSupport::Child monitor({"/usr/bin/dbus-monitor", "--address", s.car.busAddress(),
                               "type='signal',path='/com/nordak/service/ecallService'"});
   const auto monitorSaw = [&](const char* text) { return monitor.out().find(text) != std::string::npos; };
   ASSERT_TRUE(monitor.waitForOutput([&] { return monitorSaw("NameAcquired"); }, kLong))
@@ -155,13 +154,13 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   EXPECT_EQ(root.forgeEcallSignal("{\"forgedBy\":\"root\"}").exitCode, 0);
   ASSERT_TRUE(monitor.waitForOutput([&] { return monitorSaw("forgedBy\":\"root"); }, kLong));
   EXPECT_FALSE(monitorSaw("forgedBy\":\"member")) << "the bus let the member's forgery through";
-  EXPECT_TRUE(s.signals().empty()) << "the car believed a forged signal";
+  EXPECT_TRUE(s.signals().empty()) << "the s.car believed a forged signal";
   s.markNow();
 
-  EXPECT_EQ(car.call("startEcall"), kOk);
+  EXPECT_EQ(s.car.call("startEcall"), kOk);
   EXPECT_TRUE(s.waitForEmergency());
   EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
   EXPECT_FALSE(s.waitForRecord([](const Json::Value& r) { return r["kind"] == "ecallProgress"; }).isNull());
-  for (const Json::Value& record : car.recordsSince(0))
-    EXPECT_EQ(record["data"].asString().find("forgedBy"), std::string::npos) << "the car believed a forged signal";
+  for (const Json::Value& record : s.car.recordsSince(0))
+    EXPECT_EQ(record["data"].asString().find("forgedBy"), std::string::npos) << "the s.car believed a forged signal";
 }

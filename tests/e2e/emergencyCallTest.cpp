@@ -85,11 +85,10 @@ bool abortedAfter(Scene& s, size_t index, const std::string& abort) {
 // the centre's hang-up and the call-back period, then everything given back.
 TEST(EmergencyCall, StartEcallRunsTheWholeCallAndGivesEverythingBack) {
   Scene s(callCar());
-  E2eHarness& car = s.car;
   ASSERT_NO_FATAL_FAILURE(s.startCallUntilActive());
-  EXPECT_TRUE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
-  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
-  EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
+  EXPECT_TRUE(testSupport::fileExists(s.car.path("/tmp/embeddedCallActive")));
+  EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
+  EXPECT_EQ(s.car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
 
   ASSERT_TRUE(s.hangUpOnceHeard());
 
@@ -103,7 +102,7 @@ TEST(EmergencyCall, StartEcallRunsTheWholeCallAndGivesEverythingBack) {
   EXPECT_SOON_EQ(s.requests("AudioCtrlSvc"),
                  (Strings{mic("OFF", "mic1_mux1"), mic("OFF", "mic2_mux1"), mic("MIC1", "mic1_mux1"),
                           mic("MIC2", "mic2_mux1"), mic("MIC1", "mic1_mux1"), mic("MIC2", "mic2_mux1")}));
-  EXPECT_SOON_EQ(car.ecallSignalTextsSince(s.mark, "ecallProgress"),
+  EXPECT_SOON_EQ(s.car.ecallSignalTextsSince(s.mark, "ecallProgress"),
                  (Strings{"{\"progress\":55936}\n", "{\"progress\":55915}\n", "{\"progress\":55915}\n"}));
   EXPECT_SOON_EQ(s.led(), kLedOnOff);
   EXPECT_SOON_EQ(logShape(s),
@@ -127,13 +126,13 @@ TEST(EmergencyCall, StartEcallRunsTheWholeCallAndGivesEverythingBack) {
       timeOf(s, [](const Json::Value& r) { return isRequest(r, "AudioMixerManager", phoneMute(false)); });
   ASSERT_GE(secondPsap, 0);
   bool endedBefore = false;
-  for (const auto& r : car.recordsSince(s.mark))
+  for (const auto& r : s.car.recordsSince(s.mark))
     endedBefore = endedBefore || (isPromptEnd(r) && at(r) > secondPsap && at(r) < unmuted);
   EXPECT_TRUE(endedBefore) << "microphones opened before the announcement ended";
 
-  EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
-  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
-  EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":false}\n");
+  EXPECT_FALSE(testSupport::fileExists(s.car.path("/tmp/embeddedCallActive")));
+  EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
+  EXPECT_EQ(s.car.call("IsECallInProgess"), "{\"ecallInProgress\":false}\n");
 }
 
 // A press during the delay cancels: no dial, the prompt stops, and the
@@ -165,22 +164,21 @@ TEST(EmergencyCall, SecondStartDuringTheDelayCancelsWithoutDialling) {
 // again a retry period later.
 TEST(EmergencyCall, RefusedDialIsReportedAndRetriedAfterTheRetryPeriod) {
   Scene s(callCar({}, kSlowScale));
-  E2eHarness& car = s.car;
-  ASSERT_EQ(car.call("startEcall"), kOk);
+  ASSERT_EQ(s.car.call("startEcall"), kOk);
   ASSERT_TRUE(s.waitForEmergency());
   s.sim("peer EmbeddedPhone gone");
   ASSERT_TRUE(s.waitForSignalType("failed"));
   EXPECT_SOON_EQ(s.signals(), (Strings{buttonSignal("ecallDelay"), buttonSignal("failed")}));
-  EXPECT_TRUE(car.waitForEmergencyLog("Error dial PSAP number failed\n"));
-  EXPECT_TRUE(car.waitForSlog("Failed to dial emergency number, rc 0x"));
-  EXPECT_TRUE(car.waitForTrace("Failed dial emergency number, rc -"));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("Error dial PSAP number failed\n"));
+  EXPECT_TRUE(s.car.waitForSlog("Failed to dial emergency number, rc 0x"));
+  EXPECT_TRUE(s.car.waitForTrace("Failed dial emergency number, rc -"));
 
   s.sim("peer EmbeddedPhone back");
-  Json::Value redial = car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong);
+  Json::Value redial = s.car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong);
   ASSERT_FALSE(redial.isNull());
   EXPECT_EQ(requestTexts({redial}), Strings{kDial});
   EXPECT_GE(at(redial) - at(numberRead(s)), atLeast(10000 + 60000, kSlowScale)) << "the delay, then the retry period";
-  EXPECT_TRUE(car.waitForEmergencyLog(kCallActive, kLong));
+  EXPECT_TRUE(s.car.waitForEmergencyLog(kCallActive, kLong));
   EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").size(), 1u);
 }
 
@@ -188,17 +186,16 @@ TEST(EmergencyCall, RefusedDialIsReportedAndRetriedAfterTheRetryPeriod) {
 // reported twice, is redialled once after the retry period.
 TEST(EmergencyCall, UnansweredCallTimesOutAndIsRedialledAfterItEnds) {
   Scene s(callCar({"set answer manual"}));
-  E2eHarness& car = s.car;
-  ASSERT_EQ(car.call("startEcall"), kOk);
+  ASSERT_EQ(s.car.call("startEcall"), kOk);
   ASSERT_TRUE(s.waitForSignalType("failed"));
-  EXPECT_TRUE(car.waitForTrace("PSAP ecall timeout, sending failed so retry strategy can kick in"));
+  EXPECT_TRUE(s.car.waitForTrace("PSAP ecall timeout, sending failed so retry strategy can kick in"));
   EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").size(), 1u);
 
   s.sim("set answer auto");
   s.sim("wend 3");
   s.sim("psap hangup");
-  ASSERT_TRUE(car.waitForEmergencyLog(kCallActive, kLong));
-  std::vector<Json::Value> dials = car.requestsSince(s.mark, "EmbeddedPhone", "ecallDial");
+  ASSERT_TRUE(s.car.waitForEmergencyLog(kCallActive, kLong));
+  std::vector<Json::Value> dials = s.car.requestsSince(s.mark, "EmbeddedPhone", "ecallDial");
   ASSERT_EQ(dials.size(), 2u) << "the two ends of one call were redialled twice";
   EXPECT_GE(at(dials[1]) - at(phoneReport(s, "TERMINATED")), atLeast(60000)) << "the retry period";
   EXPECT_SOON_EQ(s.signals(), (Strings{buttonSignal("ecallDelay"), buttonSignal("failed"), buttonSignal("failed")}));
@@ -257,7 +254,6 @@ TEST(EmergencyCall, OperatorKeysStopTheAnnouncementAndEndReasonSeventeenEndsTheC
 // answered; one while idle opens the emergency mode and may give up unanswered.
 TEST(EmergencyCallback, AnsweredInTheCallbackPeriodAndGivenUpWhenItComesWhileIdle) {
   Scene s(callCar());
-  E2eHarness& car = s.car;
   ASSERT_NO_FATAL_FAILURE(s.startCallUntilActive());
   ASSERT_TRUE(waitForMicrophone(s));
   s.sim("psap hangup");
@@ -265,7 +261,7 @@ TEST(EmergencyCallback, AnsweredInTheCallbackPeriodAndGivenUpWhenItComesWhileIdl
   ASSERT_TRUE(waitForSpoken(s, kEnded));
   s.markNow();
   s.sim("psap callback");
-  ASSERT_TRUE(car.waitForEmergencyLog("Incoming Call - Active\n", kLong));
+  ASSERT_TRUE(s.car.waitForEmergencyLog("Incoming Call - Active\n", kLong));
   EXPECT_SOON_EQ(s.signals(), Strings{kCallback});
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
@@ -280,9 +276,9 @@ TEST(EmergencyCallback, AnsweredInTheCallbackPeriodAndGivenUpWhenItComesWhileIdl
                  (Strings{request("adjustVolume", "{\"source\":\"PHONE\",\"step\":11,\"user\":\"driver\"}"),
                           request("adjustVolume", "{\"source\":\"PHONE\",\"step\":18,\"user\":\"driver\"}")}));
   EXPECT_SOON_EQ(s.spoken(), (Strings{kIncoming, kEnded}));
-  std::vector<Json::Value> accepted = car.requestsSince(s.mark, "EmbeddedPhone", "acceptIncomingCall");
+  std::vector<Json::Value> accepted = s.car.requestsSince(s.mark, "EmbeddedPhone", "acceptIncomingCall");
   ASSERT_EQ(accepted.size(), 1u);
-  std::vector<Json::Value> scenario = car.requestsSince(s.mark, "psseControlService", "setSHF_Scenario");
+  std::vector<Json::Value> scenario = s.car.requestsSince(s.mark, "psseControlService", "setSHF_Scenario");
   ASSERT_EQ(scenario.size(), 2u);
   EXPECT_GE(at(scenario[1]) - at(scenario[0]), atLeast(8000)) << "the ring time";
   Json::Value prompt = s.waitForRecord([](const Json::Value& r) { return isReadout(r, kIncoming); }, ms(0));
@@ -306,7 +302,7 @@ TEST(EmergencyCallback, AnsweredInTheCallbackPeriodAndGivenUpWhenItComesWhileIdl
   s.markNow();
   s.sim("psap callback 5551234");
   ASSERT_TRUE(s.waitForLogCount("Incoming Call - opening audio for 2 rings", 1));
-  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
+  EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
 
@@ -320,7 +316,7 @@ TEST(EmergencyCallback, AnsweredInTheCallbackPeriodAndGivenUpWhenItComesWhileIdl
                           "Request unmute mic inputs", "Incoming Call", "Incoming Call - opening audio for 2 rings",
                           "Incoming Call - PSAP ended call before it was answered", "send LED status 0", "TTS rqst 3",
                           "Call timings", "Request unmute mic inputs", "send LED status 0", "End emergency mode"}));
-  EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
+  EXPECT_FALSE(testSupport::fileExists(s.car.path("/tmp/embeddedCallActive")));
 }
 
 // A request while the phone is OFF waits (the user is told) and is served
@@ -328,24 +324,23 @@ TEST(EmergencyCallback, AnsweredInTheCallbackPeriodAndGivenUpWhenItComesWhileIdl
 // after a waiting press is placed as a crash, once.
 TEST(PhoneStatus, RequestWhileThePhoneIsOffIsServedOnceWhenItComesOn) {
   Scene s(callCar({}, kSlowScale));
-  E2eHarness& car = s.car;
   s.sim("phone off");
-  ASSERT_TRUE(car.waitForTrace("Get Embedded Phone Status: OFF, start Phone not present timer"));
-  ASSERT_EQ(car.call("startEcall"), kOk);
+  ASSERT_TRUE(s.car.waitForTrace("Get Embedded Phone Status: OFF, start Phone not present timer"));
+  ASSERT_EQ(s.car.call("startEcall"), kOk);
   ASSERT_TRUE(s.waitForRequest("HMIGateWay", "displayGlobalPopupByMsgId"));
   EXPECT_EQ(s.requests("HMIGateWay", "displayGlobalPopupByMsgId").front(),
             request("displayGlobalPopupByMsgId", "{\"msgId\":2672,\"showonDisplayoff\":true,\"timeout\":5000}"));
-  EXPECT_TRUE(car.waitForEmergencyLog(
+  EXPECT_TRUE(s.car.waitForEmergencyLog(
       "ECall Button pressed but embedded Phone is OFF. Request HMI to display please wait popup. System error: 0\n"));
   EXPECT_TRUE(s.signals().empty());
-  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
+  EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
 
   s.sim("phone on");
   ASSERT_TRUE(s.waitForEmergency());
-  const size_t again = car.recordMark();
+  const size_t again = s.car.recordMark();
   s.sim("phone on");
-  Json::Value reread = car.waitForRequestSince(again, "EmbeddedPhone", "getEmergencyNumbers", kLong);
-  Json::Value dial = car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong);
+  Json::Value reread = s.car.waitForRequestSince(again, "EmbeddedPhone", "getEmergencyNumbers", kLong);
+  Json::Value dial = s.car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong);
   ASSERT_FALSE(reread.isNull());
   ASSERT_FALSE(dial.isNull());
   EXPECT_LT(at(reread), at(dial)) << "the second report came too late to test anything";
@@ -362,7 +357,7 @@ TEST(PhoneStatus, RequestWhileThePhoneIsOffIsServedOnceWhenItComesOn) {
   s.simUntilTraced("phone off", "embedded phone status signal: change from ON to OFF");
   const std::string pressRecorded = "Emergency happened. type 1. mode";
   const size_t pressed = s.countInTrace(pressRecorded);
-  ASSERT_EQ(car.call("startEcall"), kOk);
+  ASSERT_EQ(s.car.call("startEcall"), kOk);
   ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(pressRecorded) > pressed; }, kLong));
   s.simUntilTraced("crash B can", "Emergency happened. type 3. mode");
   s.sim("phone on");
@@ -379,25 +374,24 @@ TEST(PhoneStatus, RequestWhileThePhoneIsOffIsServedOnceWhenItComesOn) {
 // since its last report; a normal report clears it and the LED.
 TEST(PhoneStatus, AntennaFaultBecomesASystemErrorOnlyIfItLasts) {
   Scene s(callCar());
-  E2eHarness& car = s.car;
   s.sim("set antenna fault");
-  ASSERT_TRUE(car.waitForTrace("Embedded antenna fault, start system fault timer"));
+  ASSERT_TRUE(s.car.waitForTrace("Embedded antenna fault, start system fault timer"));
   s.sim("set antenna normal");
-  ASSERT_TRUE(car.waitForEmergencyLog("System error antenna fault CLEARED\n", kLong));
+  ASSERT_TRUE(s.car.waitForEmergencyLog("System error antenna fault CLEARED\n", kLong));
   // Reports 6 s apart: a fault time not stopped or not restarted runs out early.
   s.sim("wait 6000");
   s.sim("set antenna fault");
   s.sim("wait 6000");
-  const size_t lastFault = car.recordMark();
+  const size_t lastFault = s.car.recordMark();
   s.sim("set antenna fault");
   Json::Value raised = s.waitForRecord([](const Json::Value& r) { return r["kind"].asString() == "ecall"; });
   ASSERT_FALSE(raised.isNull());
   EXPECT_EQ(raised["data"].asString(), systemErrorSignal());
-  Json::Value report = car.waitForRecordSince(
+  Json::Value report = s.car.waitForRecordSince(
       lastFault, [](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "antennaStatus", "OPEN"); }, ms(0));
   ASSERT_FALSE(report.isNull());
   EXPECT_GE(at(raised) - at(report), atLeast(10000)) << "raised before the fault lasted the antenna fault time";
-  ASSERT_TRUE(car.waitForEmergencyLog("System error handling set LED to 3\n"));
+  ASSERT_TRUE(s.car.waitForEmergencyLog("System error handling set LED to 3\n"));
   EXPECT_TRUE(s.logInOrder({"System error antenna fault CLEARED", "System error antenna fault OCCURRED",
                             "First System error message generated due to antenna fault, current "
                             "SystemError = 64",
@@ -414,13 +408,12 @@ TEST(PhoneStatus, AntennaFaultBecomesASystemErrorOnlyIfItLasts) {
 // reset; its return clears both, and the next request is called.
 TEST(PhoneStatus, PhoneServiceLeavingTheBusAndComingBack) {
   Scene s(callCar());
-  E2eHarness& car = s.car;
   ASSERT_NO_FATAL_FAILURE(s.startCallUntilActive());
   s.sim("peer EmbeddedPhone gone");
-  ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 0", kLong));
+  ASSERT_TRUE(s.car.waitForTrace("embeddedPhone owner changed, avail 0", kLong));
   s.sim("peer EmbeddedPhone back");
-  ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 1", kLong));
-  EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
+  ASSERT_TRUE(s.car.waitForTrace("embeddedPhone owner changed, avail 1", kLong));
+  EXPECT_EQ(s.car.call("IsECallInProgess"), "{\"ecallInProgress\":true}\n");
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
   EXPECT_TRUE(s.waitForLogCount("TTS rqst 3", 1)) << "the end of the call was not announced";
@@ -442,11 +435,11 @@ TEST(PhoneStatus, PhoneServiceLeavingTheBusAndComingBack) {
 
   s.sim("peer EmbeddedPhone back");
   ASSERT_TRUE(s.waitForLed({{1, 3}, {1, 0}}));
-  EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/resetSierraInprogress")));
+  EXPECT_FALSE(testSupport::fileExists(s.car.path("/tmp/resetSierraInprogress")));
   ASSERT_TRUE(s.waitForLogCount("send LED status 0", 1));
   EXPECT_TRUE(s.logInOrder({"Got Phone Status: ON. Stop delay System Error popup timer. Roll back reset counter. "
                             "System err 4",
                             "System error embedded phone service not running CLEARED", "send LED status 0"}));
   EXPECT_SOON_EQ(s.signals().size(), 1u);
-  expectStartEcallDials(car);
+  expectStartEcallDials(s.car);
 }

@@ -45,23 +45,22 @@ struct SmallFileSystem {
 // (no signal ends it); with room again the log goes on.
 TEST(Faults, FileSizeLimitOnTheLog) {
   Scene s(carOptions(kScale));
-  E2eHarness& car = s.car;
-  const std::string before = car.emergencyLog();
+  const std::string before = s.car.emergencyLog();
   struct rlimit old {};
-  ASSERT_EQ(prlimit(car.servicePid(), RLIMIT_FSIZE, nullptr, &old), 0);
+  ASSERT_EQ(prlimit(s.car.servicePid(), RLIMIT_FSIZE, nullptr, &old), 0);
   struct rlimit tight = old;
   tight.rlim_cur = before.size() + 150;
-  ASSERT_EQ(prlimit(car.servicePid(), RLIMIT_FSIZE, &tight, nullptr), 0) << strerror(errno);
+  ASSERT_EQ(prlimit(s.car.servicePid(), RLIMIT_FSIZE, &tight, nullptr), 0) << strerror(errno);
 
-  ASSERT_TRUE(logThrough(car, "fits"));
-  expectStartEcallDials(car);
-  const std::string full = car.emergencyLog();
+  ASSERT_TRUE(logThrough(s.car, "fits"));
+  expectStartEcallDials(s.car);
+  const std::string full = s.car.emergencyLog();
   EXPECT_EQ(full.rfind(before, 0), 0u) << "the entries before the limit changed";
   EXPECT_LE(full.size(), tight.rlim_cur);
 
-  ASSERT_EQ(prlimit(car.servicePid(), RLIMIT_FSIZE, &old, nullptr), 0);
-  ASSERT_TRUE(logThrough(car, "room again"));
-  for (const auto& line : testSupport::splitLines(car.emergencyLog().substr(before.size())))
+  ASSERT_EQ(prlimit(s.car.servicePid(), RLIMIT_FSIZE, &old, nullptr), 0);
+  ASSERT_TRUE(logThrough(s.car, "room again"));
+  for (const auto& line : testSupport::splitLines(s.car.emergencyLog().substr(before.size())))
     EXPECT_EQ(countOf(line, " GMT:"), 1u) << "not one entry: " << line;
 }
 
@@ -121,42 +120,40 @@ TEST(Faults, LogFolderNotWritableOrFull) {
 // stick the export takes it all.
 TEST(Faults, UsbFolderMissing) {
   Scene s(carOptions(kScale));
-  E2eHarness& car = s.car;
   std::error_code ec;
-  std::filesystem::remove_all(car.path("/fs/usb0"), ec);
-  ASSERT_TRUE(logThrough(car, "before the export"));
-  const std::string before = car.emergencyLog();
-  EXPECT_EQ(car.call("saveEmergencyLogToUSBAndRemoveLocalLog"), kOk);
-  ASSERT_TRUE(car.waitForTrace("Failed open USB logfile to write, errno 2", kLong));
-  expectStartEcallDials(car);
-  EXPECT_EQ(car.emergencyLog().rfind(before, 0), 0u) << "the local log was not kept";
+  std::filesystem::remove_all(s.car.path("/fs/usb0"), ec);
+  ASSERT_TRUE(logThrough(s.car, "before the export"));
+  const std::string before = s.car.emergencyLog();
+  EXPECT_EQ(s.car.call("saveEmergencyLogToUSBAndRemoveLocalLog"), kOk);
+  ASSERT_TRUE(s.car.waitForTrace("Failed open USB logfile to write, errno 2", kLong));
+  expectStartEcallDials(s.car);
+  EXPECT_EQ(s.car.emergencyLog().rfind(before, 0), 0u) << "the local log was not kept";
 
-  testSupport::makeDirs(car.path("/fs/usb0"));
-  EXPECT_EQ(car.call("saveEmergencyLogToUSBAndRemoveLocalLog"), kOk);
+  testSupport::makeDirs(s.car.path("/fs/usb0"));
+  EXPECT_EQ(s.car.call("saveEmergencyLogToUSBAndRemoveLocalLog"), kOk);
   ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace("End of function for moving log file") == 2; }, kLong));
-  EXPECT_EQ(exportedLog(car).rfind(before, 0), 0u) << "the export lacks entries of the kept log";
+  EXPECT_EQ(exportedLog(s.car).rfind(before, 0), 0u) << "the export lacks entries of the kept log";
 }
 
 // The vehicle status object replaced, removed and recreated, its folder too:
 // the odometer follows, and a press in the recreated object still calls.
 TEST(Faults, VehicleObjectReplacedRemovedAndRecreated) {
   Scene s(carOptions(kScale));
-  E2eHarness& car = s.car;
-  replaceVehicleObject(car, "@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::4200\nSPEED::0\n");
-  ASSERT_TRUE(logThrough(car, "replaced", "0000420:replaced"));
+  replaceVehicleObject(s.car, "@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::4200\nSPEED::0\n");
+  ASSERT_TRUE(logThrough(s.car, "replaced", "0000420:replaced"));
 
-  ASSERT_EQ(unlink(car.path("/pps/can/vehstat").c_str()), 0);
-  ASSERT_TRUE(logThrough(car, "removed", "ODO N/A:removed"));
+  ASSERT_EQ(unlink(s.car.path("/pps/can/vehstat").c_str()), 0);
+  ASSERT_TRUE(logThrough(s.car, "removed", "ODO N/A:removed"));
   s.button("ecall", true);  // the simulator writes the object anew
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
   s.button("ecall", false);
-  ASSERT_EQ(car.call("exitEcall"), kOk);
+  ASSERT_EQ(s.car.call("exitEcall"), kOk);
   ASSERT_TRUE(s.waitForIdle());
 
-  const std::string folder = car.path("/pps/can");
+  const std::string folder = s.car.path("/pps/can");
   std::error_code ec;
   ASSERT_GT(std::filesystem::remove_all(folder, ec), 0u) << ec.message();
-  ASSERT_TRUE(car.waitForSlog("Error reading pps file /pps/can/vehstat", kLong));
+  ASSERT_TRUE(s.car.waitForSlog("Error reading pps file /pps/can/vehstat", kLong));
   testSupport::makeDirs(folder);
   s.markNow();
   s.sim("button ecall press");

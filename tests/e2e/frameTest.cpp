@@ -22,12 +22,11 @@ TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
     Scene s(carOptions(kScale, {c.command}));
-    E2eHarness& car = s.car;
-    EXPECT_TRUE(car.waitForTrace(c.decided));
+    EXPECT_TRUE(s.car.waitForTrace(c.decided));
     Strings steps;
     std::vector<double> variant;
     double phoneAsked = -1, volumesAsked = -1, channelOpened = -1;
-    for (const auto& r : car.records()) {
+    for (const auto& r : s.car.records()) {
       const std::string kind = r["kind"].asString();
       if (kind == "peer" && r["service"] == "ecallService") steps.push_back("on the bus");
       // Stamped when it happened: a request may be recorded after its answer's effects.
@@ -47,11 +46,11 @@ TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
     if (c.pauseAfterLast) {
       EXPECT_GE(phoneAsked - variant.back(), atLeast(1000));
     }
-    ASSERT_EQ(kill(car.servicePid(), SIGTERM), 0);
-    ASSERT_EQ(kill(car.servicePid(), SIGINT), 0);
+    ASSERT_EQ(kill(s.car.servicePid(), SIGTERM), 0);
+    ASSERT_EQ(kill(s.car.servicePid(), SIGINT), 0);
     s.sim("crash B can");
     EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the phone does not count as present";
-    EXPECT_TRUE(car.serviceRunning());
-    EXPECT_EQ(car.requestsSince(0, "platform", "get_variantinfo").size(), 5u);
+    EXPECT_TRUE(s.car.serviceRunning());
+    EXPECT_EQ(s.car.requestsSince(0, "platform", "get_variantinfo").size(), 5u);
   }
 }

@@ -153,21 +153,20 @@ TEST(MirrorLed, AssistTimesOutAndABlinkLastsItsTimeAndEndsGreenOffOrRed) {
 // held at the start is a press); the channel is opened once the micro is up.
 TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorkingUntilTheMicroIsUp) {
   Scene s(carOptions(kScale, {"button ecall press"}, false));
-  E2eHarness& car = s.car;
-  ASSERT_EQ(unlink(car.path("/dev/ipc/ch12").c_str()), 0);
-  car.startService();
-  ASSERT_TRUE(car.waitForSlog("cannot open ORC IPC channel /dev/ipc/ch12"));
-  EXPECT_TRUE(car.waitForTrace("cannot open ORC IPC channel /dev/ipc/ch12"));
-  ASSERT_TRUE(car.waitForEmergencyLog("ecallBtn = 1\n"));
+  ASSERT_EQ(unlink(s.car.path("/dev/ipc/ch12").c_str()), 0);
+  s.car.startService();
+  ASSERT_TRUE(s.car.waitForSlog("cannot open ORC IPC channel /dev/ipc/ch12"));
+  EXPECT_TRUE(s.car.waitForTrace("cannot open ORC IPC channel /dev/ipc/ch12"));
+  ASSERT_TRUE(s.car.waitForEmergencyLog("ecallBtn = 1\n"));
   ASSERT_TRUE(s.waitForEmergency());
   EXPECT_EQ(s.signals(), Strings{buttonSignal("ecallDelay")});
-  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
-  EXPECT_TRUE(car.serviceRunning());
-  EXPECT_FALSE(car.waitForChannelConnected(ms(0)));
+  EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
+  EXPECT_TRUE(s.car.serviceRunning());
+  EXPECT_FALSE(s.car.waitForChannelConnected(ms(0)));
 
   s.sim("micro restart");
-  EXPECT_TRUE(car.waitForChannelConnected(kLong));
-  EXPECT_TRUE(car.waitForEmergencyLog("ORC IPC channel /dev/ipc/ch12 is open again\n", kLong));
+  EXPECT_TRUE(s.car.waitForChannelConnected(kLong));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("ORC IPC channel /dev/ipc/ch12 is open again\n", kLong));
 }
 
 // A restarted micro gets the channel opened again, the LED and Assist

@@ -35,23 +35,22 @@ std::vector<Json::Value> dials(Scene& s) { return s.car.requestsSince(s.mark, "E
 // A cancel drops the waiting emergency.
 TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   Scene s(carOptions(kRetryScale, {}, false));
-  E2eHarness& car = s.car;
   for (const auto& service : kCarServices) s.sim("peer " + service + " gone");
-  car.startService();
-  ASSERT_TRUE(car.waitForTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", kLong));
-  ASSERT_TRUE(car.waitForTrace("register embeddedPhoneSvc, avail 0", kLong));
-  ASSERT_TRUE(car.waitForChannelConnected(kLong));
-  EXPECT_EQ(car.call("IsECallInProgess"), "{\"ecallInProgress\":false}\n");
+  s.car.startService();
+  ASSERT_TRUE(s.car.waitForTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", kLong));
+  ASSERT_TRUE(s.car.waitForTrace("register embeddedPhoneSvc, avail 0", kLong));
+  ASSERT_TRUE(s.car.waitForChannelConnected(kLong));
+  EXPECT_EQ(s.car.call("IsECallInProgess"), "{\"ecallInProgress\":false}\n");
   s.simUntilTraced("crash B can", kCrashRecorded);
   for (const auto& service : kCarServices) s.sim("peer " + service + " back");
-  ASSERT_TRUE(car.waitForTrace("embeddedPhone owner changed, avail 1", kLong));
+  ASSERT_TRUE(s.car.waitForTrace("embeddedPhone owner changed, avail 1", kLong));
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the crash was not placed on the phone's return";
   EXPECT_TRUE(s.waitForSignalType("acn"));
   cancelAndWaitForIdle(s);
 
   s.simUntilTraced("phone off", kPhoneOff);
   s.simUntilTraced("crash B can", kCrashRecorded);
-  EXPECT_EQ(car.call("exitEcall"), kOk);
+  EXPECT_EQ(s.car.call("exitEcall"), kOk);
   s.simUntilTraced("phone on", "Ecall caching status not handled");
   s.sim("wait 61000");
   EXPECT_TRUE(dials(s).empty()) << "a cancelled emergency was placed";
@@ -63,7 +62,6 @@ TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
 // rings, and a call that ends unanswered with only an idle report.
 TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
   Scene s(carOptions(kRetryScale, {"set dial fail"}));
-  E2eHarness& car = s.car;
   s.sim("crash B can");
   ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 5)) << "the redials stopped";
   s.sim("set dial ok");
@@ -88,7 +86,7 @@ TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
   s.sim("set dial ok");
   ASSERT_TRUE(s.waitForLogCount("Error dial PSAP number failed", 2)) << "an unanswered dial is not a failed dial";
   ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 3));
-  EXPECT_TRUE(car.waitForSlog("Async call dial failed"));
+  EXPECT_TRUE(s.car.waitForSlog("Async call dial failed"));
   s.sim("peer EmbeddedPhone normal");
   ASSERT_TRUE(s.waitForLogCount(kCallActive, 1)) << "no call once the phone answers again";
 
@@ -118,14 +116,13 @@ TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
 // period, and the call placed once a number comes; a cancel drops it.
 TEST(NeverLost, EmergencyWithoutNumberIsPlacedOnceANumberComes) {
   Scene s(carOptions(kRetryScale, {"set number none"}));
-  E2eHarness& car = s.car;
   s.sim("crash B can");
-  ASSERT_TRUE(car.waitForEmergencyLog("Error failed to obtain PSAP number\n", kLong));
-  EXPECT_TRUE(car.waitForSlog("PSAP ecall number not set in the embedded phone"));
+  ASSERT_TRUE(s.car.waitForEmergencyLog("Error failed to obtain PSAP number\n", kLong));
+  EXPECT_TRUE(s.car.waitForSlog("PSAP ecall number not set in the embedded phone"));
   EXPECT_TRUE(s.waitForSignalType("systemError"));
   // Three reads of each attempt, and the second attempt after the retry period.
   ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "getEmergencyNumbers", 6));
-  std::vector<Json::Value> reads = car.requestsSince(s.mark, "EmbeddedPhone", "getEmergencyNumbers");
+  std::vector<Json::Value> reads = s.car.requestsSince(s.mark, "EmbeddedPhone", "getEmergencyNumbers");
   EXPECT_GE(at(reads[3]) - at(reads[2]), atLeast(60000, kRetryScale));
   EXPECT_EQ(s.countInLog("Error failed to obtain PSAP number"), 1u) << "the failure is told once per loss";
 
@@ -140,12 +137,12 @@ TEST(NeverLost, EmergencyWithoutNumberIsPlacedOnceANumberComes) {
 
   s.sim("set number none");
   const std::string noNumber = "PSAP ecall number not set in the embedded phone";
-  const size_t told = countOf(car.serviceStderr(), noNumber);
+  const size_t told = countOf(s.car.serviceStderr(), noNumber);
   s.sim("crash B can");
-  ASSERT_TRUE(testSupport::waitUntil([&] { return countOf(car.serviceStderr(), noNumber) > told; }, kLong));
+  ASSERT_TRUE(testSupport::waitUntil([&] { return countOf(s.car.serviceStderr(), noNumber) > told; }, kLong));
   EXPECT_TRUE(s.waitForLogCount("System error message generated again due to no ecall number programmed", 1))
       << "a second loss of the number is not told as a system error again";
-  EXPECT_EQ(car.call("exitEcall"), kOk);
+  EXPECT_EQ(s.car.call("exitEcall"), kOk);
   s.sim("set number 911");
   s.sim("phone on");
   s.sim("wait 61000");
@@ -156,9 +153,8 @@ TEST(NeverLost, EmergencyWithoutNumberIsPlacedOnceANumberComes) {
 // refined (variant, brand, language, position) keeps its last value.
 TEST(NeverLost, HungPeersDoNotHoldTheCall) {
   Scene s(carOptions(kScale, {"peer platform hang", "set brand 9"}));
-  E2eHarness& car = s.car;
-  EXPECT_TRUE(car.waitForTrace("The variant query timed out", kLong));
-  EXPECT_TRUE(car.waitForTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", kLong));
+  EXPECT_TRUE(s.car.waitForTrace("The variant query timed out", kLong));
+  EXPECT_TRUE(s.car.waitForTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", kLong));
   s.sim("crash B can");
   ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
   EXPECT_FALSE(s.waitForRecord(isAnnouncementWithPosition).isNull());
@@ -169,12 +165,12 @@ TEST(NeverLost, HungPeersDoNotHoldTheCall) {
     s.sim(hang);
   s.sim("crash B can");
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "a hung peer held the dial";
-  EXPECT_TRUE(car.waitForSlog("The vehicle brand query timed out after"));
-  EXPECT_TRUE(car.waitForSlog("The language query timed out after"));
+  EXPECT_TRUE(s.car.waitForSlog("The vehicle brand query timed out after"));
+  EXPECT_TRUE(s.car.waitForSlog("The language query timed out after"));
   ASSERT_TRUE(s.waitForLogCount(kCallActive, 1));
   // The announcement still names the brand and the position last known.
   EXPECT_FALSE(s.waitForRecord(isAnnouncementWithPosition).isNull());
-  EXPECT_TRUE(car.waitForSlog("The position query timed out after"));
+  EXPECT_TRUE(s.car.waitForSlog("The position query timed out after"));
 }
 
 // A silent phone service costs the start-up one bounded wait, not the bus's
@@ -182,16 +178,15 @@ TEST(NeverLost, HungPeersDoNotHoldTheCall) {
 TEST(NeverLost, SilentPhoneAtStartUpNeitherDelaysTheInputsNorLosesAPress) {
   constexpr double scale = 0.1;
   Scene s(carOptions(scale, {"peer EmbeddedPhone hang"}, false));
-  E2eHarness& car = s.car;
-  car.startService();
-  const Json::Value query = car.waitForRequest("EmbeddedPhone", "getProperties");
+  s.car.startService();
+  const Json::Value query = s.car.waitForRequest("EmbeddedPhone", "getProperties");
   ASSERT_FALSE(query.isNull());
   s.sim("button ecall tap");
   const Json::Value connected =
-      car.waitForRecord([](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "connected"; });
+      s.car.waitForRecord([](const Json::Value& r) { return r["kind"] == "vehicle" && r["event"] == "connected"; });
   ASSERT_FALSE(connected.isNull());
   EXPECT_LT(at(connected) - at(query), atMost(1000, scale)) << "the inputs waited for the silent phone";
   s.sim("peer EmbeddedPhone normal");
   s.sim("phone on");
-  EXPECT_FALSE(car.waitForRequest("EmbeddedPhone", "ecallDial").isNull()) << "the press during start-up was lost";
+  EXPECT_FALSE(s.car.waitForRequest("EmbeddedPhone", "ecallDial").isNull()) << "the press during start-up was lost";
 }

@@ -35,7 +35,6 @@ std::string waitForLogStarting(Scene& s, const std::string& prefix) {
 // it; an unreadable journal is set aside and calls nobody.
 TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   Scene s(carOptions(0.2, {"set answer manual"}));
-  E2eHarness& car = s.car;
   s.sim("crash B can");
   ASSERT_FALSE(waitForDial(s).isNull());
   s.restart();
@@ -54,26 +53,26 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty()) << "a connected emergency was dialled again";
 
   s.markNow();
-  ASSERT_EQ(car.call("startEcall"), kOk);
+  ASSERT_EQ(s.car.call("startEcall"), kOk);
   ASSERT_TRUE(s.waitForSignalType("ecallDelay"));
-  ASSERT_EQ(car.call("exitEcall"), kOk);
+  ASSERT_EQ(s.car.call("exitEcall"), kOk);
   ASSERT_FALSE(s.waitForSignal([](const Json::Value& m) { return !m["ecall"].asBool(); }).isNull());
   s.restart();
   const std::string resumed = waitForLogStarting(s, "Call-back period resumed after a restart: E_CALL_BtnStat, ");
   const long long left = atoll(resumed.c_str() + std::min(resumed.size(), resumed.find(", ") + 2));
   EXPECT_TRUE(left > 0 && left < 30000) << resumed;
 
-  car.stopService();
-  testSupport::writeFile(car.path("/fs/etfs/usr/var/ecall/ecall_journal"), "not a journal");
+  s.car.stopService();
+  testSupport::writeFile(s.car.path("/fs/etfs/usr/var/ecall/ecall_journal"), "not a journal");
   s.restart();
   EXPECT_TRUE(s.waitForLogCount("Emergency journal is torn or corrupt: set aside as "
                                 "/fs/etfs/usr/var/ecall/ecall_journal.bad, nothing resumed from it", 1));
-  EXPECT_EQ(testSupport::readFile(car.path("/fs/etfs/usr/var/ecall/ecall_journal.bad")), "not a journal");
+  EXPECT_EQ(testSupport::readFile(s.car.path("/fs/etfs/usr/var/ecall/ecall_journal.bad")), "not a journal");
   ASSERT_TRUE(s.car.waitForServiceStarted(kLong, s.mark));
   s.sim("wait 5000");
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
   // The marker left by the run killed in its call-back period is gone.
-  EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
+  EXPECT_FALSE(testSupport::fileExists(s.car.path("/tmp/embeddedCallActive")));
 }
 
 // Killed at random moments (ECALL_KILL_SEED replays a run), every emergency
@@ -136,26 +135,25 @@ TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   E2eOptions options = carOptions(kScale, {"set answer manual"});
   options.serviceEnv = {"NOTIFY_SOCKET=" + socketPath, "WATCHDOG_USEC=400000"};
   Scene s(options);
-  E2eHarness& car = s.car;
   EXPECT_EQ(manager.next(kLong), "READY=1");
   for (int fed = 0; fed < 3; ++fed) ASSERT_EQ(manager.next(kLong), "WATCHDOG=1");
   s.sim("crash B can");
   ASSERT_FALSE(waitForDial(s).isNull());
 
-  const std::string vehicleObject = car.path("/pps/can/vehstat");
+  const std::string vehicleObject = s.car.path("/pps/can/vehstat");
   const std::string healthy = testSupport::readFile(vehicleObject);
   ASSERT_EQ(mkfifo((vehicleObject + ".hung").c_str(), 0644), 0);
   ASSERT_EQ(rename((vehicleObject + ".hung").c_str(), vehicleObject.c_str()), 0);
   s.sim("loc 0 0 0");
   ASSERT_TRUE(testSupport::waitUntil([&] {
     manager.drain();
-    return countOf(car.serviceStderr(), "Watchdog: no progress of the restraint controller reader") > 0;
+    return countOf(s.car.serviceStderr(), "Watchdog: no progress of the restraint controller reader") > 0;
   }));
   manager.drain();
   EXPECT_EQ(manager.next(ms(1000)), "") << "fed while a thread hangs";
 
-  car.stopService();
-  replaceVehicleObject(car, healthy);
+  s.car.stopService();
+  replaceVehicleObject(s.car, healthy);
   s.restart();
   ASSERT_FALSE(waitForDial(s).isNull()) << "the crash was lost to the watchdog's restart";
   EXPECT_EQ(firstCallType(s), "acn");
