@@ -1,6 +1,5 @@
-// Bad input from head-unit clients, the airbag controller and the vehicle
-// status object: answered or ignored, nothing overflows, and the next
-// emergency request still reaches the phone.
+// Bad input from clients, the airbag controller and the vehicle status object:
+// answered or ignored, nothing overflows, and the next request still calls.
 #include <atomic>
 #include <cctype>
 #include <map>
@@ -23,7 +22,6 @@ size_t longestLine(const std::string& text) {
   return longest;
 }
 
-// An entry's time stamp ("HH:MM:SS ") begins at pos.
 bool timeStampAt(const std::string& text, size_t pos) {
   return pos < text.size() && text.size() - pos >= 9 && isdigit(static_cast<unsigned char>(text[pos])) && text[pos + 2] == ':' &&
          text[pos + 5] == ':' && text[pos + 8] == ' ';
@@ -167,7 +165,6 @@ void onAnswer(const SVCIPC_tCallbackStatus*, const char*, void* context) {
   static_cast<std::atomic<bool>*>(context)->store(true);
 }
 
-// Another client sending from a car service's path under a name of its own.
 class SignalForger {
  public:
   explicit SignalForger(const std::string& address) {
@@ -204,9 +201,8 @@ class SignalForger {
 
 }  // namespace
 
-// Every signal the service hears, with payloads huge, too deep, not JSON or
-// without their members, changes nothing; forged by another client, it is
-// not even heard.
+// Signals with payloads huge, too deep, not JSON or without their members
+// change nothing; forged by another client, they are not even heard.
 TEST(BadInput, GarbageSignalsAndForgedStates) {
   Scene s(carOptions(kScale));
   const std::string deep(100000, '[');

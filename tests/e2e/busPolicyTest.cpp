@@ -17,34 +17,30 @@ const char* const kCallerGroup = "ecall";
 const std::string kPolicyFile = std::string(ECALL_SOURCE_DIR) + "/data/dbus/com.nordak.service.ecallService.conf";
 Outcome run(const std::string& command) { return testSupport::run({"/bin/sh", "-c", command + " 2>&1"}); }
 
-// The test's accounts, made when missing and then removed at the end.
+// The test's accounts, each made when missing and then removed at the end.
 class Accounts {
  public:
   Accounts() {
-    if (getgrnam(kCallerGroup) == nullptr) mMadeGroup = make("groupadd --system " + std::string(kCallerGroup));
-    mMadeCar = getpwnam(kCarUser) == nullptr && make(userAdd(kCarUser, ""));
-    mMadeMember = getpwnam(kMemberUser) == nullptr && make(userAdd(kMemberUser, kCallerGroup));
+    make(kCallerGroup, getgrnam(kCallerGroup) != nullptr, "groupadd --system ", "groupdel ");
+    make(kCarUser, getpwnam(kCarUser) != nullptr, kUserAdd, "userdel ");
+    make(kMemberUser, getpwnam(kMemberUser) != nullptr, kUserAdd + "--groups " + kCallerGroup + " ", "userdel ");
   }
   ~Accounts() {
-    if (mMadeMember) run(std::string("userdel ") + kMemberUser);
-    if (mMadeCar) run(std::string("userdel ") + kCarUser);
-    if (mMadeGroup) run(std::string("groupdel ") + kCallerGroup);
+    for (auto removal = mRemovals.rbegin(); removal != mRemovals.rend(); ++removal) run(*removal);
   }
   bool ready() const {
     return getgrnam(kCallerGroup) != nullptr && getpwnam(kCarUser) != nullptr && getpwnam(kMemberUser) != nullptr;
   }
 
  private:
-  static std::string userAdd(const std::string& name, const std::string& groups) {
-    return "useradd --system --no-create-home --shell /usr/sbin/nologin --user-group " +
-           (groups.empty() ? "" : "--groups " + groups + " ") + name;
+  inline static const std::string kUserAdd = "useradd --system --no-create-home --shell /usr/sbin/nologin --user-group ";
+  void make(const std::string& name, bool exists, const std::string& add, const std::string& remove) {
+    if (exists) return;
+    const Outcome outcome = run(add + name);
+    EXPECT_EQ(outcome.exitCode, 0) << add << name << ": " << outcome.out;
+    if (outcome.exitCode == 0) mRemovals.push_back(remove + name);
   }
-  static bool make(const std::string& command) {
-    Outcome outcome = run(command);
-    EXPECT_EQ(outcome.exitCode, 0) << command << ": " << outcome.out;
-    return outcome.exitCode == 0;
-  }
-  bool mMadeGroup = false, mMadeCar = false, mMadeMember = false;
+  std::vector<std::string> mRemovals;
 };
 
 // Owning and calling denied unless allowed, signals and replies pass; the
@@ -78,7 +74,7 @@ std::string systemLikePolicy() {
          kPolicyFile + "</include>\n";
 }
 
-// A D-Bus client run under an account (root when user is empty).
+// A D-Bus client run under an account (root when user is null).
 class Client {
  public:
   Client(const std::string& address, const char* user) : mAddress(address) {
@@ -92,7 +88,6 @@ class Client {
     return send("--dest=com.nordak.service.ecallService /com/nordak/service/ecallService "
                 "com.nordak.ServiceIpc.Invoke string:" + method + " 'string:{}'");
   }
-  // An "ecall" signal sent from the service's object path.
   Outcome forgeEcallSignal(const std::string& data) const {
     return run(mPrefix + "dbus-send --bus='" + mAddress + "' --type=signal /com/nordak/service/ecallService " +
                "com.nordak.ServiceIpc.Emit string:ecall 'string:" + data + "'");

@@ -33,7 +33,6 @@ const Pred kEnded = [](const Json::Value& r) { return r["kind"] == "ecall" && r[
 const Strings kDialled = {"numberRead", "dialSent", "dialling", "alerting", "active", "announcementStarted",
                           "announcementFinished", "end"};
 
-// Checks the next call's timings against the record; returns them.
 Json::Value checkCall(Scene& s, const Strings& happened, unsigned dials, const std::vector<bound>& bounds) {
   EXPECT_TRUE(testSupport::waitUntil([&] { return countOf(testing::PrintToString(s.log()), "Call timings") > 0; },
                                      kLong));

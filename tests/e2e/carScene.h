@@ -1,5 +1,4 @@
-// A simulated car whose service has finished starting, and the marks from
-// which a test looks at the record, the emergency log and the channel.
+// A simulated car whose service has started, and marks to look from.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -93,7 +92,7 @@ inline bool isMicrophoneOpened(const Json::Value& r) {
   return isRequest(r, "AudioCtrlSvc", "setMux {\"gain\":0,\"input\":\"MIC2\",\"name\":\"mic2_mux1\"}\n");
 }
 
-// Replaces the vehicle status object whole, as its writers do.
+// Replaces the vehicle status object whole.
 inline void replaceVehicleObject(E2eHarness& car, const std::string& content) {
   const std::string path = car.path("/pps/can/vehstat");
   testSupport::writeFile(path + ".test-tmp", content);
@@ -152,7 +151,6 @@ struct Scene {
     }
     markNow();
   }
-  // The service killed and started again; the marks from the new start.
   void restart() {
     car.stopService();
     markNow();
@@ -253,7 +251,6 @@ struct Scene {
     simUntilTraced("button " + which + (pressed ? " press" : " release"),
                    std::string(which == "ecall" ? "ecallBtn" : "UcallBtn") + " pps value " + (pressed ? "1" : "0"));
   }
-  // A command to the car, and the service's trace of what it saw of it.
   void simUntilTraced(const std::string& command, const std::string& seen) {
     const size_t before = countInTrace(seen);
     sim(command);

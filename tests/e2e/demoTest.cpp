@@ -11,7 +11,6 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-// True when a process on the machine has text in its command line.
 bool processMentions(const std::string& text) {
   bool found = false;
   if (DIR* proc = opendir("/proc")) {
@@ -24,7 +23,6 @@ bool processMentions(const std::string& text) {
   return found;
 }
 
-// The messages of the emergency log printed after the scene.
 Strings printedLogMessages(const std::string& output) {
   const size_t from = output.find("\ndemo: the emergency log (");
   if (from == std::string::npos) return {};

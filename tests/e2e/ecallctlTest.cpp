@@ -1,5 +1,4 @@
-// ecallctl against the real service and the simulated car: every subcommand,
-// the monitor through a whole call, and the exit codes scripts rely on.
+// ecallctl against the service: every subcommand, the monitor, the exit codes.
 #include <signal.h>
 
 #include <regex>
@@ -12,7 +11,6 @@ using testSupport::Outcome;
 
 namespace {
 
-// Runs a command that must succeed and returns what it printed.
 std::string ctlOk(const E2eHarness& car, const Strings& args) {
   Outcome outcome = ctl(car, args);
   EXPECT_EQ(outcome.exitCode, 0) << args[0] << ": " << outcome.err;
@@ -28,10 +26,8 @@ void waitUntilMonitoring(Child& monitor) {
 
 }  // namespace
 
-// Fixed answers; the operator's language is English whatever the head unit
-// speaks; an unknown method gets no reply; a logged string is one entry in
-// UTC with the odometer in tens; the GPS reset resets the module, three times
-// at most.
+// Fixed answers; the operator's language is English; an unknown method gets no
+// reply; a logged entry in UTC; the GPS reset resets the module three times at most.
 TEST(Ecallctl, QueriesAndRequestsReachTheService) {
   Scene s(carOptions(0.01, {"set language fr_CA", "odo 7654321"}));
 
@@ -114,7 +110,6 @@ TEST(Ecallctl, MonitorSeesAWholeCall) {
   const size_t idle = out.rfind(" ecall emergency=no mode-active=no type=none event=NONE");
   EXPECT_TRUE(started < muted && muted < unmuted && unmuted < idle && idle != std::string::npos) << out;
 
-  // An interrupt ends a monitor cleanly.
   readable.signal(SIGINT);
   json.signal(SIGTERM);
   EXPECT_EQ(readable.wait(), 0);
@@ -132,7 +127,6 @@ TEST(Ecallctl, FailuresHaveExitCodesOfTheirOwn) {
     EXPECT_NE(outcome.err.find("usage: ecallctl"), std::string::npos);
   }
 
-  // A service that hangs (stopped) gives no reply within the limit.
   ASSERT_EQ(kill(s.car.servicePid(), SIGSTOP), 0);
   Outcome silent = ctl(s.car, {"--timeout", "0.3", "mode"});
   kill(s.car.servicePid(), SIGCONT);

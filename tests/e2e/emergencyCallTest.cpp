@@ -65,7 +65,6 @@ Json::Value numberRead(Scene& s) { return s.car.waitForRequestSince(s.mark, "Emb
 bool waitForSpoken(Scene& s, const std::string& spoken) {
   return !s.waitForRecord([&](const Json::Value& r) { return isReadout(r, spoken); }).isNull();
 }
-// The log since the mark, each timings line shortened to "Call timings".
 Strings logShape(Scene& s) {
   Strings log = s.log();
   for (std::string& line : log)
@@ -73,7 +72,7 @@ Strings logShape(Scene& s) {
   return log;
 }
 bool waitForMicrophone(Scene& s) { return !s.waitForRecord(isMicrophoneOpened).isNull(); }
-// The request of the prompt spoken as the index-th readout was aborted after it.
+// The index-th readout was aborted after it.
 bool abortedAfter(Scene& s, size_t index, const std::string& abort) {
   const Strings readouts = s.requests("TextToSpeechService", "ttsReadout");
   return readouts.size() > index && containsInOrder(s.requests("TextToSpeechService"), {readouts[index], abort});
@@ -250,8 +249,8 @@ TEST(EmergencyCall, OperatorKeysStopTheAnnouncementAndEndReasonSeventeenEndsTheC
   EXPECT_SOON_EQ(s.spoken(), (Strings{kInitiate, kDialing, kPsap1, kGps, kEnded}));
 }
 
-// The centre's call back in the call-back period rings, is announced and
-// answered; one while idle opens the emergency mode and may give up unanswered.
+// The centre's call back is rung, announced and answered; one while idle opens
+// the emergency mode and may give up unanswered.
 TEST(EmergencyCallback, AnsweredInTheCallbackPeriodAndGivenUpWhenItComesWhileIdle) {
   Scene s(callCar());
   ASSERT_NO_FATAL_FAILURE(s.startCallUntilActive());

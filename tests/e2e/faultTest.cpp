@@ -24,7 +24,6 @@ bool privateMounts() {
   return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-// A small file system over a folder, unmounted at the end of the test.
 struct SmallFileSystem {
   SmallFileSystem(const std::string& folder, unsigned long flags, const char* options) : dir(folder) {
     testSupport::makeDirs(dir);

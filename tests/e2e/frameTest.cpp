@@ -5,10 +5,9 @@
 
 using namespace carScene;
 
-// On the bus first, then the start-up queries in order, then the airbag
-// channel; a variant without the phone's entry, or refused, is asked five
-// times with pauses, then the phone counts as present. SIGTERM and SIGINT
-// do not stop the crash that follows.
+// On the bus first, the start-up queries in order, then the airbag channel; a
+// variant missing or refused is asked five times with pauses, then the phone
+// counts as present. SIGTERM and SIGINT do not stop the next crash.
 TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
   const struct {
     const char* command;

@@ -52,9 +52,8 @@ TEST(ImpactChannel, LinkLossSetsAndClearsItsThreeSourcesAndTheLedFollows) {
   EXPECT_NE(s.car.serviceStdout().find("Ecall - IPC /dev/ipc/ch12 Read LOC: 01 01 00 00\n"), std::string::npos);
 }
 
-// Outside an emergency the Assist application's reports drive the marker,
-// the Assist status and the LED, and its end gives Bluetooth back; in an
-// emergency it is stopped as soon as it runs.
+// The Assist application's reports drive the marker, the Assist status and the
+// LED, its end gives Bluetooth back; in an emergency it is stopped at once.
 TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   Scene s(carOptions(kScale));
   const std::string marker = s.car.path("/tmp/embeddedCallActive");
@@ -169,9 +168,8 @@ TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorkingUntilTheMicroIsUp) {
   EXPECT_TRUE(s.car.waitForEmergencyLog("ORC IPC channel /dev/ipc/ch12 is open again\n", kLong));
 }
 
-// A restarted micro gets the channel opened again, the LED and Assist
-// states back, and the next messages heard; a loss and a return are logged
-// once each, also when the micro drops every connection at once.
+// A restarted micro gets the channel, the LED and Assist states back; a loss
+// and a return are logged once each, also when it drops every connection.
 TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   Scene s(carOptions(kScale));
   s.sim("loc 0 0 1");

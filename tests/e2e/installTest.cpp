@@ -16,7 +16,6 @@ namespace {
 
 const std::string kBusName = "com.nordak.service.ecallService";
 
-// A scratch folder, removed at the end.
 using Stage = testSupport::TempRoot;
 
 Outcome install(const std::string& prefix, const std::string& destdir) {
@@ -37,7 +36,6 @@ bool hasLine(const std::string& text, const std::string& line) {
   return false;
 }
 
-// The path of a program on the machine, or "" when it is not installed.
 std::string findProgram(const std::string& name) {
   for (const char* dir : {"/usr/bin", "/bin", "/usr/local/bin"})
     if (isExecutable(std::string(dir) + "/" + name)) return std::string(dir) + "/" + name;
@@ -82,8 +80,7 @@ TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
     EXPECT_EQ(entry.path().string().rfind(usr, 0), 0u) << entry.path();
 }
 
-// The units and drop-ins pass systemd's checks; the boot-time entry makes
-// the log folder.
+// The units and drop-ins pass systemd's checks; tmpfiles makes the log folder.
 TEST(Install, SystemdAcceptsTheUnitsAndDropInsAndMakesTheLogFolder) {
   const std::string analyze = findProgram("systemd-analyze");
   const std::string tmpfiles = findProgram("systemd-tmpfiles");

@@ -29,10 +29,8 @@ std::vector<Json::Value> dials(Scene& s) { return s.car.requestsSince(s.mark, "E
 
 }  // namespace
 
-// An emergency recorded while the phone cannot call is placed when the phone
-// is back: every service of the car off the bus at start-up and back (the
-// variant falls back to a car with the phone), or the phone's ON after OFF.
-// A cancel drops the waiting emergency.
+// An emergency waiting for the phone is placed once it is back: every service
+// absent at start-up and back, or the phone ON after OFF; a cancel drops it.
 TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   Scene s(carOptions(kRetryScale, {}, false));
   for (const auto& service : kCarServices) s.sim("peer " + service + " gone");
@@ -56,10 +54,9 @@ TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   EXPECT_TRUE(dials(s).empty()) << "a cancelled emergency was placed";
 }
 
-// Failed dials are dialled again after the retry period, without limit: a
-// dial the phone refuses, one it takes but never moves on, one whose reply
-// never comes (the bus time-out), one whose retry falls while another call
-// rings, and a call that ends unanswered with only an idle report.
+// Failed dials are redialled after the retry period without limit: refused,
+// taken but idle, unanswered on the bus, retried while another call rings, or
+// ended unanswered with only an idle report.
 TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
   Scene s(carOptions(kRetryScale, {"set dial fail"}));
   s.sim("crash B can");

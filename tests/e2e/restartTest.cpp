@@ -17,7 +17,7 @@ std::string firstCallType(Scene& s) {
   return s.waitForSignal([](const Json::Value& m) { return m["ecall"].asBool(); })["type"].asString();
 }
 
-// The first log entry since the mark that starts with prefix ("" for none).
+// The first log entry since the mark starting with prefix ("" for none).
 std::string waitForLogStarting(Scene& s, const std::string& prefix) {
   std::string found;
   testSupport::waitUntil([&] {

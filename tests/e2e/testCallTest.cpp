@@ -22,8 +22,9 @@ Json::Value phoneSays(Scene& s, const std::string& part) {
 }  // namespace
 
 // The test call runs as an emergency call without the cancel window, with
-// its own prompts and announcement, marked "test", and is never journaled.
-TEST(TestCall, WholeCallToTheTestNumberMarkedAsATestAndNeverJournaled) {
+// its own prompts and announcement, marked "test"; an unreachable line is
+// tried three times; it is never journaled, and a restart forgets it.
+TEST(TestCall, WholeCallMarkedAsATestGivenUpAfterThreeAttemptsAndNeverResumed) {
   Scene s(carOptions(kScale, {"set brand 9", "set gps 12345678 -98765432", "set pace 2000"}));
   const testSupport::Outcome started = ctl(s.car, {"test"});
   EXPECT_EQ(started.exitCode, 0) << started.err;
@@ -41,6 +42,30 @@ TEST(TestCall, WholeCallToTheTestNumberMarkedAsATestAndNeverJournaled) {
   EXPECT_TRUE(s.logInOrder({"Test call requested, test number 5550100", "Test call started",
                             "Test call: calling 5550100", kCallActive, "Call ended", "Test call ended"}));
   for (const std::string& entry : s.log()) EXPECT_EQ(entry.find("911"), std::string::npos) << entry;
+  EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
+
+  s.markNow();
+  s.sim("set dial fail");
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
+  ASSERT_TRUE(s.waitForIdle());
+  const std::string failed = activeSignal("failed", "TEST_CALL", "Test call to the vehicle's test number", "5550100");
+  EXPECT_SOON_EQ(s.signals(), (Strings{kTestSignal, failed, failed, failed, endedSignal(true), endedSignal(false)}));
+  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), (Strings{kTestDial, kTestDial, kTestDial}));
+  EXPECT_TRUE(s.logInOrder({"Test call failed after 3 attempts", "Test call ended"}));
+
+  s.sim("set dial ok");
+  s.sim("set answer manual");
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
+  ASSERT_FALSE(phoneSays(s, "ALERTING").isNull());
+  s.car.stopService();
+  s.sim("psap hangup");
+  s.markNow();
+  s.car.startService();
+  ASSERT_TRUE(s.waitForRequest("AudioMixerManager", "getProperties"));  // the last of its start
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk) << "something was resumed";
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
+  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").front(), kTestDial);
+  for (const std::string& entry : s.car.emergencyLogMessages()) EXPECT_EQ(entry.find("resumed"), std::string::npos);
   EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
 }
 
@@ -102,29 +127,3 @@ TEST(TestCall, ACrashEndsTheTestCallAtOnceAndIsDialledWithoutDelay) {
                             "ACR triggered on CAN - More severe rear event", "Calling 911"}));
 }
 
-// An unreachable test line is tried three times; a test call killed with
-// the service is forgotten.
-TEST(TestCall, GivesUpAfterThreeAttemptsAndIsForgottenByARestart) {
-  Scene s(carOptions(kScale, {"set dial fail"}));
-  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
-  ASSERT_TRUE(s.waitForIdle());
-  const std::string failed = activeSignal("failed", "TEST_CALL", "Test call to the vehicle's test number", "5550100");
-  EXPECT_SOON_EQ(s.signals(), (Strings{kTestSignal, failed, failed, failed, endedSignal(true), endedSignal(false)}));
-  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), (Strings{kTestDial, kTestDial, kTestDial}));
-  EXPECT_TRUE(s.logInOrder({"Test call failed after 3 attempts", "Test call ended"}));
-
-  s.sim("set dial ok");
-  s.sim("set answer manual");
-  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
-  ASSERT_FALSE(phoneSays(s, "ALERTING").isNull());
-  s.car.stopService();
-  s.sim("psap hangup");
-  s.markNow();
-  s.car.startService();
-  ASSERT_TRUE(s.waitForRequest("AudioMixerManager", "getProperties"));  // the last of its start
-  ASSERT_EQ(s.car.call("startTestEcall"), kOk) << "something was resumed";
-  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
-  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").front(), kTestDial);
-  for (const std::string& entry : s.car.emergencyLogMessages()) EXPECT_EQ(entry.find("resumed"), std::string::npos);
-  EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
-}

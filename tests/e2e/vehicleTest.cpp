@@ -80,9 +80,8 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   EXPECT_NE(out.find("Ecall - CAN Emergency CAN_IMPACT_B\n"), std::string::npos) << out;
 }
 
-// A silent phone's module is reset after the phone-not-present time, then
-// every five minutes, three times, before the phone counts as not present;
-// its return clears that and makes the resets available again.
+// A silent phone's module is reset three times, five minutes apart, then the
+// phone counts as not present; its return clears that and the resets.
 TEST(ModuleReset, SilentPhoneIsResetThreeTimesThenReportedAndItsReturnStartsAfresh) {
   constexpr double scale = 0.01;
   Scene s(carOptions(scale));
