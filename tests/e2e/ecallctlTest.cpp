@@ -27,8 +27,9 @@ void waitUntilMonitoring(Child& monitor) {
 }  // namespace
 
 // Fixed answers; the operator's language is English; an unknown method gets no
-// reply; a logged entry in UTC; the GPS reset resets the module three times at most.
-TEST(Ecallctl, QueriesAndRequestsReachTheService) {
+// reply; a logged entry in UTC; the GPS reset resets the module three times at
+// most. Scripts tell a bad command line, an absent service and a silent one apart.
+TEST(Ecallctl, QueriesAndRequestsReachTheServiceAndFailuresHaveExitCodesOfTheirOwn) {
   Scene s(carOptions(0.01, {"set language fr_CA", "odo 7654321"}));
 
   EXPECT_EQ(ctlOk(s.car, {"status"}), "emergency in progress: no\n");
@@ -68,6 +69,31 @@ TEST(Ecallctl, QueriesAndRequestsReachTheService) {
   EXPECT_TRUE(testSupport::waitUntil([&] { return !exportedLog(s.car).empty(); }, kLong))
       << "no log was exported to the stick";
   EXPECT_TRUE(s.signals().empty());
+
+  for (const Strings& bad : {Strings{"dial"}, Strings{"retry-state", "one"}, Strings{"retry-state"},
+                             Strings{"status", "extra"}, Strings{"log"}, Strings{"--timeout", "0", "status"}}) {
+    Outcome outcome = ctl(s.car, bad);
+    EXPECT_EQ(outcome.exitCode, 2) << bad[0] << ": " << outcome.err;
+    EXPECT_NE(outcome.err.find("usage: ecallctl"), std::string::npos);
+  }
+
+  ASSERT_EQ(kill(s.car.servicePid(), SIGSTOP), 0);
+  Outcome silent = ctl(s.car, {"--timeout", "0.3", "mode"});
+  kill(s.car.servicePid(), SIGCONT);
+  EXPECT_EQ(silent.exitCode, 4) << silent.err;
+  EXPECT_NE(silent.err.find("no reply within 0.3 s"), std::string::npos) << silent.err;
+
+  Child monitor(ctlArgs(s.car, {"monitor"}));
+  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(monitor));
+  s.car.stopService();
+  EXPECT_TRUE(monitor.waitForOutput([&] { return monitor.out().find("ecallService left the bus") != std::string::npos; },
+                                    kLong));
+  for (const Strings& args : {Strings{"status"}, Strings{"start"}, Strings{"log", "lost"}}) {
+    Outcome absent = ctl(s.car, args);
+    EXPECT_EQ(absent.exitCode, 3) << args[0];
+    EXPECT_NE(absent.err.find("ecallService is not on the bus"), std::string::npos) << absent.err;
+    EXPECT_EQ(absent.out, "");
+  }
 }
 
 // Both monitors, readable and for scripts, follow a whole call.
@@ -114,34 +140,4 @@ TEST(Ecallctl, MonitorSeesAWholeCall) {
   json.signal(SIGTERM);
   EXPECT_EQ(readable.wait(), 0);
   EXPECT_EQ(json.wait(), 0);
-}
-
-// Scripts tell a bad command line, an absent service and a silent one apart.
-TEST(Ecallctl, FailuresHaveExitCodesOfTheirOwn) {
-  Scene s(carOptions(0.01), false);
-
-  for (const Strings& bad : {Strings{"dial"}, Strings{"retry-state", "one"}, Strings{"retry-state"},
-                             Strings{"status", "extra"}, Strings{"log"}, Strings{"--timeout", "0", "status"}}) {
-    Outcome outcome = ctl(s.car, bad);
-    EXPECT_EQ(outcome.exitCode, 2) << bad[0] << ": " << outcome.err;
-    EXPECT_NE(outcome.err.find("usage: ecallctl"), std::string::npos);
-  }
-
-  ASSERT_EQ(kill(s.car.servicePid(), SIGSTOP), 0);
-  Outcome silent = ctl(s.car, {"--timeout", "0.3", "mode"});
-  kill(s.car.servicePid(), SIGCONT);
-  EXPECT_EQ(silent.exitCode, 4) << silent.err;
-  EXPECT_NE(silent.err.find("no reply within 0.3 s"), std::string::npos) << silent.err;
-
-  Child monitor(ctlArgs(s.car, {"monitor"}));
-  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(monitor));
-  s.car.stopService();
-  EXPECT_TRUE(monitor.waitForOutput([&] { return monitor.out().find("ecallService left the bus") != std::string::npos; },
-                                    kLong));
-  for (const Strings& args : {Strings{"status"}, Strings{"start"}, Strings{"log", "lost"}}) {
-    Outcome absent = ctl(s.car, args);
-    EXPECT_EQ(absent.exitCode, 3) << args[0];
-    EXPECT_NE(absent.err.find("ecallService is not on the bus"), std::string::npos) << absent.err;
-    EXPECT_EQ(absent.out, "");
-  }
 }

@@ -88,11 +88,9 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   EXPECT_EQ(s.signals(), Strings{kCrashB});
 }
 
-// The LED lit for an Assist application that never runs goes off after the
-// Assist time-out. A blink lasts the blink time and ends green while the
-// emergency mode is on, off once it has ended, red instead of off while a
-// system error stands. The emergency is ended ("exitEcall") when no run of
-// the state machine is pending, within a blink.
+// An Assist application that never runs turns the LED off after its time-out.
+// A blink lasts its time and ends green in the emergency mode, off after it,
+// red while a system error stands (the mode is ended when no run is pending).
 TEST(MirrorLed, AssistTimesOutAndABlinkLastsItsTimeAndEndsGreenOffOrRed) {
   constexpr double scale = 0.1;
   Scene s(carOptions(scale));
