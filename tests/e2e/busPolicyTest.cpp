@@ -1,7 +1,5 @@
-// The service's system bus policy, on a private bus that denies by default
-// as the system bus does and includes the policy file the service installs.
-// The simulated car runs under an account of its own, as the head unit's
-// other services do; a second account belongs to the group "ecall".
+// The installed bus policy on a private bus that denies by default, as the
+// system bus does; the car runs under an account of its own.
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -19,41 +17,34 @@ const char* const kCallerGroup = "ecall";
 const std::string kPolicyFile = std::string(ECALL_SOURCE_DIR) + "/data/dbus/com.nordak.service.ecallService.conf";
 Outcome run(const std::string& command) { return testSupport::run({"/bin/sh", "-c", command + " 2>&1"}); }
 
-// The accounts of the test, made when missing and removed at the end when
-// made here.
+// The test's accounts, each made when missing and then removed at the end.
 class Accounts {
  public:
   Accounts() {
-    if (getgrnam(kCallerGroup) == nullptr) mMadeGroup = make("groupadd --system " + std::string(kCallerGroup));
-    mMadeCar = getpwnam(kCarUser) == nullptr && make(userAdd(kCarUser, ""));
-    mMadeMember = getpwnam(kMemberUser) == nullptr && make(userAdd(kMemberUser, kCallerGroup));
+    make(kCallerGroup, getgrnam(kCallerGroup) != nullptr, "groupadd --system ", "groupdel ");
+    make(kCarUser, getpwnam(kCarUser) != nullptr, kUserAdd, "userdel ");
+    make(kMemberUser, getpwnam(kMemberUser) != nullptr, kUserAdd + "--groups " + kCallerGroup + " ", "userdel ");
   }
   ~Accounts() {
-    if (mMadeMember) run(std::string("userdel ") + kMemberUser);
-    if (mMadeCar) run(std::string("userdel ") + kCarUser);
-    if (mMadeGroup) run(std::string("groupdel ") + kCallerGroup);
+    for (auto removal = mRemovals.rbegin(); removal != mRemovals.rend(); ++removal) run(*removal);
   }
   bool ready() const {
     return getgrnam(kCallerGroup) != nullptr && getpwnam(kCarUser) != nullptr && getpwnam(kMemberUser) != nullptr;
   }
 
  private:
-  static std::string userAdd(const std::string& name, const std::string& groups) {
-    return "useradd --system --no-create-home --shell /usr/sbin/nologin --user-group " +
-           (groups.empty() ? "" : "--groups " + groups + " ") + name;
+  inline static const std::string kUserAdd = "useradd --system --no-create-home --shell /usr/sbin/nologin --user-group ";
+  void make(const std::string& name, bool exists, const std::string& add, const std::string& remove) {
+    if (exists) return;
+    const Outcome outcome = run(add + name);
+    EXPECT_EQ(outcome.exitCode, 0) << add << name << ": " << outcome.out;
+    if (outcome.exitCode == 0) mRemovals.push_back(remove + name);
   }
-  static bool make(const std::string& command) {
-    Outcome outcome = run(command);
-    EXPECT_EQ(outcome.exitCode, 0) << command << ": " << outcome.out;
-    return outcome.exitCode == 0;
-  }
-  bool mMadeGroup = false, mMadeCar = false, mMadeMember = false;
+  std::vector<std::string> mRemovals;
 };
 
-// A system-bus-like policy: connecting is free, owning names and method calls
-// are denied unless a policy allows them, signals and replies pass. The car's
-// services may be owned by the car's account and called by anyone, as their
-// own policy files would say; the service's policy is the installed file.
+// Owning and calling denied unless allowed, signals and replies pass; the
+// car's account owns the car's services, which anyone may call.
 std::string systemLikePolicy() {
   std::string own, call;
   for (const auto& service : kCarServices) {
@@ -83,7 +74,7 @@ std::string systemLikePolicy() {
          kPolicyFile + "</include>\n";
 }
 
-// A D-Bus client run under an account (root when user is empty).
+// A D-Bus client run under an account (root when user is null).
 class Client {
  public:
   Client(const std::string& address, const char* user) : mAddress(address) {
@@ -97,7 +88,6 @@ class Client {
     return send("--dest=com.nordak.service.ecallService /com/nordak/service/ecallService "
                 "com.nordak.ServiceIpc.Invoke string:" + method + " 'string:{}'");
   }
-  // An "ecall" signal sent from the service's object path.
   Outcome forgeEcallSignal(const std::string& data) const {
     return run(mPrefix + "dbus-send --bus='" + mAddress + "' --type=signal /com/nordak/service/ecallService " +
                "com.nordak.ServiceIpc.Emit string:ecall 'string:" + data + "'");
@@ -130,13 +120,11 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   options.busPolicy = systemLikePolicy();
   options.simUser = kCarUser;
   Scene s(options);
-  E2eHarness& car = s.car;
-  // The service, running as root, owns its name on this bus.
-  ASSERT_TRUE(car.serviceRunning());
+  ASSERT_TRUE(s.car.serviceRunning());
 
-  const Client outsider(car.busAddress(), kCarUser);
-  const Client member(car.busAddress(), kMemberUser);
-  const Client root(car.busAddress(), nullptr);
+  const Client outsider(s.car.busAddress(), kCarUser);
+  const Client member(s.car.busAddress(), kMemberUser);
+  const Client root(s.car.busAddress(), nullptr);
 
   for (const Outcome& refused :
        {outsider.call("startEcall"), outsider.call("IsECallInProgess"), outsider.own(), member.own()})
@@ -145,18 +133,14 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   Outcome outcome = member.call("IsECallInProgess");
   EXPECT_EQ(outcome.exitCode, 0) << outcome.out;
   EXPECT_NE(outcome.out.find("{\"ecallInProgress\":false}"), std::string::npos) << outcome.out;
-  // Root may queue for the name the service holds.
   outcome = root.own();
   EXPECT_EQ(outcome.exitCode, 0) << outcome.out;
   EXPECT_NE(outcome.out.find("uint32 "), std::string::npos) << outcome.out;
   EXPECT_TRUE(s.signals().empty()) << "a refused call started an emergency";
 
-  // Only the service's account sends from its path: the member's forgery is
-  // dropped by the bus, root's passes it (a monitor, which hears whatever
-  // the bus lets through, shows that a forgery would be seen). The car does
-  // not believe root's either: it hears the service's signals only from the
-  // owner of the service's name.
-  testSupport::Child monitor({"/usr/bin/dbus-monitor", "--address", car.busAddress(),
+  // The bus drops the member's forgery and passes root's (the monitor shows
+  // it), which the s.car ignores: it believes the name's owner only.
+  testSupport::Child monitor({"/usr/bin/dbus-monitor", "--address", s.car.busAddress(),
                               "type='signal',path='/com/nordak/service/ecallService'"});
   const auto monitorSaw = [&](const char* text) { return monitor.out().find(text) != std::string::npos; };
   ASSERT_TRUE(monitor.waitForOutput([&] { return monitorSaw("NameAcquired"); }, kLong))
@@ -165,14 +149,13 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   EXPECT_EQ(root.forgeEcallSignal("{\"forgedBy\":\"root\"}").exitCode, 0);
   ASSERT_TRUE(monitor.waitForOutput([&] { return monitorSaw("forgedBy\":\"root"); }, kLong));
   EXPECT_FALSE(monitorSaw("forgedBy\":\"member")) << "the bus let the member's forgery through";
-  EXPECT_TRUE(s.signals().empty()) << "the car believed a forged signal";
+  EXPECT_TRUE(s.signals().empty()) << "the s.car believed a forged signal";
   s.markNow();
 
-  // The car's account hears both signals of the emergency root starts.
-  EXPECT_EQ(car.call("startEcall"), kOk);
+  EXPECT_EQ(s.car.call("startEcall"), kOk);
   EXPECT_TRUE(s.waitForEmergency());
   EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
   EXPECT_FALSE(s.waitForRecord([](const Json::Value& r) { return r["kind"] == "ecallProgress"; }).isNull());
-  for (const Json::Value& record : car.recordsSince(0))
-    EXPECT_EQ(record["data"].asString().find("forgedBy"), std::string::npos) << "the car believed a forged signal";
+  for (const Json::Value& record : s.car.recordsSince(0))
+    EXPECT_EQ(record["data"].asString().find("forgedBy"), std::string::npos) << "the s.car believed a forged signal";
 }

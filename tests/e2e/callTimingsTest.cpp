@@ -1,7 +1,5 @@
-// The timings of a call's stages end to end: "getLastCallTimings", `ecallctl
-// timings` and the emergency log's line agree, each stage falls between what
-// the car saw (on the same monotonic clock), and one that did not happen is
-// absent.
+// A call's stage timings: the bus method, `ecallctl timings` and the log
+// agree, each stage falls between what the car saw, and missing ones are absent.
 #include <cmath>
 #include <regex>
 
@@ -15,8 +13,8 @@ namespace {
 
 using Pred = std::function<bool(const Json::Value&)>;
 
-// A stage ("trigger" too) came no earlier than the first record of a kind,
-// taken before the service could see it, or no later than one made after.
+// A stage came no earlier than a record made before the service saw it, or
+// no later than one made after.
 struct bound {
   const char* stage;
   bool notBefore;
@@ -35,8 +33,6 @@ const Pred kEnded = [](const Json::Value& r) { return r["kind"] == "ecall" && r[
 const Strings kDialled = {"numberRead", "dialSent", "dialling", "alerting", "active", "announcementStarted",
                           "announcementFinished", "end"};
 
-// Checks the call whose timings line comes next against the car's record
-// since the mark; the answer of "getLastCallTimings".
 Json::Value checkCall(Scene& s, const Strings& happened, unsigned dials, const std::vector<bound>& bounds) {
   EXPECT_TRUE(testSupport::waitUntil([&] { return countOf(testing::PrintToString(s.log()), "Call timings") > 0; },
                                      kLong));
@@ -57,7 +53,6 @@ Json::Value checkCall(Scene& s, const Strings& happened, unsigned dials, const s
   EXPECT_EQ(timings["dials"].asUInt(), dials);
   EXPECT_EQ(s.countInLog(line + "; dials " + std::to_string(dials)), 1u) << testing::PrintToString(s.log());
 
-  // Within one millisecond ecallctl keeps the order of the stages.
   std::stable_sort(rows.begin(), rows.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   std::string table = "stage ms after trigger ms since previous\n";
   for (size_t i = 0; i < rows.size(); ++i)
@@ -78,8 +73,7 @@ Json::Value checkCall(Scene& s, const Strings& happened, unsigned dials, const s
 
 }  // namespace
 
-// A crash; the centre's call-back, a call of its own triggered by its
-// ringing, with none of the dial's stages; the button, counted from the press.
+// A crash; the centre's call-back (no dial stages); a button call from the press.
 TEST(CallTimings, CrashCallTheCentresCallBackAndAButtonCall) {
   Scene s(carOptions(kScale));
   EXPECT_EQ(s.car.call("getLastCallTimings"), "{}\n") << "no call yet";

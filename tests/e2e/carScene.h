@@ -1,6 +1,4 @@
-// A simulated car whose service has finished starting, and the marks from
-// which an end-to-end test looks at what happened: the simulator's record,
-// the emergency log and the messages on the airbag controller channel.
+// A simulated car whose service has started, and marks to look from.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -25,11 +23,9 @@ using testSupport::E2eHarness;
 using testSupport::E2eOptions;
 using testSupport::ecallSignalText;
 
-// The usual pace of the car: 1/20 of real time, so that the 10 s delay
-// takes 0.5 s.
+// The usual pace of the car: the 10 s delay takes 0.5 s.
 inline constexpr double kScale = 0.05;
-// Deadline of every wait: far beyond the longest scaled duration, and what
-// a loaded machine under the sanitizers needs.
+// Every wait's deadline, enough for a loaded machine under the sanitizers.
 inline const ms kLong = testSupport::kWaitDeadline;
 inline const std::string kOk = "{\"result\":\"OK\"}\n";
 inline const std::string kAssistApp = "3305261F-B524-4E27-8048-C5778A672389";
@@ -37,7 +33,6 @@ inline const std::string kCallActive = "Call Active.  Delay 6000 ms for PSAP TTS
 inline const std::string kDialing = "PMSG: Calling 9-1-1";
 inline const std::string kOperatorKeys =
     "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
-// Where the healthy car stands, as the operator hears it.
 inline const std::string kCarPosition = "Latitude... 42.33142. Longitude... -83.04575. ";
 inline const Strings kCarServices = {"platform",          "VehicleConfig", "VehicleStatus",      "NDR",
                                      "TextToSpeechService", "AudioMixerManager", "AudioCtrlSvc", "psseControlService",
@@ -52,7 +47,6 @@ inline E2eOptions carOptions(double scale, Strings commands = {}, bool startServ
   return options;
 }
 
-// The "ecall" signal of an emergency in progress, as the service emits it.
 inline std::string activeSignal(const std::string& type, const std::string& event, const std::string& detail,
                                 const std::string& number = "911") {
   return ecallSignalText(true, type, true, number, event, detail);
@@ -60,19 +54,14 @@ inline std::string activeSignal(const std::string& type, const std::string& even
 inline std::string buttonSignal(const std::string& type, const std::string& number = "911") {
   return activeSignal(type, "E_CALL_BtnStat", "ECall button was pressed by the user", number);
 }
-// The signal of the crash the tests report most ("crash B can").
 inline const std::string kCrashB = activeSignal("acn", "CAN_IMPACT_B", "CAN - More severe rear event");
 inline std::string endedSignal(bool modeActive) { return ecallSignalText(false, "none", modeActive); }
 inline std::string systemErrorSignal() { return ecallSignalText(false, "systemError", false); }
 
-// The simulator's clock (seconds) of a record.
 inline double at(const Json::Value& record) { return record["t"].asDouble(); }
-// A duration of the service (ms of its own time) on the simulator's clock at
-// a test's pace, less a margin for the time between arming and what is seen:
-// durations are checked as lower bounds.
+// A service duration (its ms) on the car's clock at a pace, as a lower bound.
 inline double atLeast(double carMs, double scale = kScale) { return 0.8 * carMs * scale / 1000.0; }
-// A bound above for a duration that a stalled thread could not stretch ten
-// times, at the pace the car really runs (slower under the sanitizers).
+// A bound above: ten times the duration at the pace the car really runs.
 inline double atMost(double carMs, double scale = kScale) {
 #ifdef ECALL_E2E_SLOWDOWN
   scale *= ECALL_E2E_SLOWDOWN;
@@ -99,12 +88,11 @@ inline bool isReadout(const Json::Value& r, const std::string& spoken) {
   return r["kind"].asString() == "request" && r["method"].asString() == "ttsReadout" &&
          testSupport::spokenTexts({r}) == Strings{spoken};
 }
-// The second microphone opens once the operator has heard the announcements.
 inline bool isMicrophoneOpened(const Json::Value& r) {
   return isRequest(r, "AudioCtrlSvc", "setMux {\"gain\":0,\"input\":\"MIC2\",\"name\":\"mic2_mux1\"}\n");
 }
 
-// Replaces the vehicle status object whole, as its writers do.
+// Replaces the vehicle status object whole.
 inline void replaceVehicleObject(E2eHarness& car, const std::string& content) {
   const std::string path = car.path("/pps/can/vehstat");
   testSupport::writeFile(path + ".test-tmp", content);
@@ -119,15 +107,13 @@ inline std::string exportedLog(const E2eHarness& car) {
   return "";
 }
 
-// An entry logged through the bus, and seen in the emergency log: its text,
-// or seen (what the line holds up to its end).
+// An entry logged through the bus and seen in the log as seen (or text).
 inline bool logThrough(E2eHarness& car, const std::string& text, const std::string& seen = "") {
   return car.notify("logStringToEcallLog", "{\"message\":\"" + text + "\\n\"}") &&
          car.waitForEmergencyLog((seen.empty() ? text : seen) + "\n", kLong);
 }
 
 #ifdef ECALLCTL_BIN
-// ecallctl's command line on the car's bus, and ecallctl run to its end.
 inline Strings ctlArgs(const E2eHarness& car, const Strings& args) {
   Strings argv = {ECALLCTL_BIN, "--bus", car.busAddress()};
   argv.insert(argv.end(), args.begin(), args.end());
@@ -138,8 +124,7 @@ inline testSupport::Outcome ctl(const E2eHarness& car, const Strings& args) {
 }
 #endif
 
-// The service still places a call: a request from the head unit reaches the
-// phone as a dial.
+// The service still places a call: a request reaches the phone as a dial.
 inline void expectStartEcallDials(E2eHarness& car) {
   const size_t before = car.recordMark();
   EXPECT_EQ(car.call("startEcall"), kOk);
@@ -148,17 +133,16 @@ inline void expectStartEcallDials(E2eHarness& car) {
   EXPECT_TRUE(car.serviceRunning());
 }
 
-// The simulator records what it receives on its own threads, a little after
-// the service sent it: a list is compared once it had the time to be whole.
+// The car records what it receives a little later: a list is compared once
+// it had the time to be whole.
 #define EXPECT_SOON_EQ(actual, expected)                                              \
   if (testSupport::waitUntil([&] { return (actual) == (expected); }, kLong); false) { \
   } else                                                                              \
     EXPECT_EQ(actual, expected)
 
 struct Scene {
-  // buttonsRead: also wait until the mirror button reader has logged its
-  // first read (a car whose variant has the embedded phone). A car whose
-  // options do not start the service waits for nothing.
+  // buttonsRead: also wait for the mirror buttons' first read (a car with
+  // the embedded phone). A car whose service is not started waits for nothing.
   explicit Scene(E2eOptions options, bool buttonsRead = true) : car(std::move(options)) {
     if (car.servicePid() <= 0) return;
     EXPECT_TRUE(car.waitForServiceStarted()) << "the service did not finish starting";
@@ -167,14 +151,12 @@ struct Scene {
     }
     markNow();
   }
-  // The service killed and started again; the marks from the new start.
   void restart() {
     car.stopService();
     markNow();
     car.startService();
   }
 
-  // From here on, the "...Since" views look only at what happens next.
   void markNow() {
     mark = car.recordMark();
     logMark = car.emergencyLogMessages().size();
@@ -201,8 +183,7 @@ struct Scene {
   bool waitForSignalType(const std::string& type) {
     return !waitForSignal([&](const Json::Value& s) { return s["type"].asString() == type; }).isNull();
   }
-  // The "ecall" signal that closes the emergency mode, and the log line
-  // written after it, when the LED has been turned off too.
+  // The signal that closes the emergency mode, and the log line after it.
   bool waitForIdle() {
     auto idle = [](const Json::Value& s) { return !s["ecall"].asBool() && !s["ecallModeActive"].asBool(); };
     if (waitForSignal(idle).isNull()) return false;
@@ -210,25 +191,29 @@ struct Scene {
     return waitForLogCount("End emergency mode", std::count(all.begin(), all.end(), endedSignal(false)));
   }
 
-  // The button request from the bus, up to the moment the phone reports the
-  // emergency call active.
+  // The head unit's request, up to the phone reporting the call active.
   void startCallUntilActive() {
     ASSERT_EQ(car.call("startEcall"), kOk);
     ASSERT_TRUE(waitForRequest("EmbeddedPhone", "ecallDial"));
     ASSERT_FALSE(waitForRecord([](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", "ACTIVE"); })
                      .isNull());
   }
-  // Ends the emergency from the head unit once the call is active, when no
-  // run of the state machine is still queued: the machine takes any run
-  // pulse in the callback period as its end, so one left over from the call
-  // state changes would cut that period short.
+  // The centre has heard the car (the microphones open) and hangs up; the
+  // emergency mode ends.
+  bool hangUpOnceHeard() {
+    if (waitForRecord(isMicrophoneOpened).isNull()) return false;
+    sim("psap hangup");
+    return waitForIdle();
+  }
+  // Ends the emergency once the call is active and no run of the state
+  // machine is queued: a leftover run would cut the callback period short.
   void exitWhenActive() {
     ASSERT_TRUE(waitForLogCount(kCallActive, 1));
     ASSERT_EQ(car.call("exitEcall"), kOk);
   }
 
-  // Every message the service wrote on the channel since the mark; with a
-  // first byte, only those (1: the mirror LED, 2: Assist).
+  // The channel's messages since the mark; with a first byte, only those
+  // (1: the mirror LED, 2: Assist).
   std::vector<Bytes> channel(int first = -1) {
     std::vector<Bytes> out;
     for (auto& bytes : car.channelMessages(mark))
@@ -245,6 +230,12 @@ struct Scene {
     Strings all = car.emergencyLogMessages();
     return Strings(all.begin() + static_cast<long>(std::min(logMark, all.size())), all.end());
   }
+  // The log since the mark holds parts in this order; if not, it is shown.
+  testing::AssertionResult logInOrder(const Strings& parts) {
+    const Strings all = log();
+    if (containsInOrder(all, parts)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << testing::PrintToString(all);
+  }
   size_t countInLog(const std::string& message) {
     Strings all = log();
     return static_cast<size_t>(std::count(all.begin(), all.end(), message));
@@ -254,14 +245,12 @@ struct Scene {
   }
 
   size_t countInTrace(const std::string& part) { return countOf(car.trace(), part); }
-  // A mirror button ("ecall" or "assist") pressed or released, and seen by
-  // the service: the button object reports changes only, so a press and a
-  // release in quick succession could otherwise pass unseen.
+  // A mirror button ("ecall" or "assist") pressed or released, and seen: a
+  // press and release in quick succession could otherwise pass unseen.
   void button(const std::string& which, bool pressed) {
     simUntilTraced("button " + which + (pressed ? " press" : " release"),
                    std::string(which == "ecall" ? "ecallBtn" : "UcallBtn") + " pps value " + (pressed ? "1" : "0"));
   }
-  // A command to the car, and the service's trace of what it saw of it.
   void simUntilTraced(const std::string& command, const std::string& seen) {
     const size_t before = countInTrace(seen);
     sim(command);

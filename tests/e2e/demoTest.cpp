@@ -1,7 +1,5 @@
-// The README's main job, run as CI runs it (standard input not a terminal,
-// the binaries already built): it plays the crash scene to its end, prints
-// its timeline and the emergency log, leaves the timeline page, and nothing
-// else behind.
+// The README's demo, run as CI runs it: the crash scene to its end, its
+// timeline and log printed, the timeline page left and nothing else.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -13,7 +11,6 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-// True when a process on the machine has text in its command line.
 bool processMentions(const std::string& text) {
   bool found = false;
   if (DIR* proc = opendir("/proc")) {
@@ -26,8 +23,6 @@ bool processMentions(const std::string& text) {
   return found;
 }
 
-// The messages of the emergency log printed after the scene: each entry
-// without its time stamp and odometer field.
 Strings printedLogMessages(const std::string& output) {
   const size_t from = output.find("\ndemo: the emergency log (");
   if (from == std::string::npos) return {};
@@ -56,7 +51,6 @@ TEST(Demo, CrashSceneRunsToItsEndPrintsTheWholeCallAndCleansUp) {
   EXPECT_EQ(out.find("gave up waiting"), std::string::npos) << out;
 
   EXPECT_NE(out.find("ecallService is on the bus"), std::string::npos) << out;
-  // The status line of a healthy car.
   std::smatch statusLine;
   ASSERT_TRUE(std::regex_search(out, statusLine, std::regex("ok .*phone=on antenna=normal number=911.*"))) << out;
   for (const char* part : {"variant=YES", "channel=connected"}) EXPECT_NE(statusLine.str().find(part), std::string::npos);
@@ -67,13 +61,10 @@ TEST(Demo, CrashSceneRunsToItsEndPrintsTheWholeCallAndCleansUp) {
             "Call Active.  Delay 6000 ms for PSAP TTS", "Call ended", "End emergency mode"}))
       << testing::PrintToString(log);
 
-  // The timeline, in car seconds from the crash: the call, then the
-  // call-back period before the emergency mode ends.
   double on = timelineSeconds(out, "ECALL on  type=acn event=CAN_IMPACT_C modeActive=yes number=911");
   double ended = timelineSeconds(out, "ECALL off type=none event=NONE modeActive=yes");
   double idle = timelineSeconds(out, "ECALL off type=none event=NONE modeActive=no");
-  // The period begins as the service hears the centre hang up: the phone's
-  // report is stamped before it is sent, the service's signals on receipt.
+  // The phone's report is stamped before it is sent, the signals on receipt.
   double hungUp = timelineSeconds(out, "phone: call 911 TERMINATED");
   EXPECT_GE(on, 0.0) << out;
   EXPECT_GT(ended, on) << out;
@@ -81,7 +72,6 @@ TEST(Demo, CrashSceneRunsToItsEndPrintsTheWholeCallAndCleansUp) {
   EXPECT_GE(idle - hungUp, 0.8 * 30) << "the call-back period, in car seconds\n" << out;
   EXPECT_GE(timelineSeconds(out, "say (ECALL): A crash has occurred in a Corvane vehicle:"), 0.0) << out;
 
-  // The whole call, left as a page to open, with the record in it.
   std::smatch page;
   ASSERT_TRUE(std::regex_search(out, page, std::regex("timeline, to open in a browser: (\\S+)"))) << out;
   EXPECT_NE(testSupport::readFile(page[1].str()).find("\"method\":\"ecallDial\""), std::string::npos);

@@ -1,6 +1,4 @@
-// ecallctl against the real service and the simulated car on a private bus:
-// every subcommand, the monitor through a whole call, and the exit codes a
-// script relies on.
+// ecallctl against the service: every subcommand, the monitor, the exit codes.
 #include <signal.h>
 
 #include <regex>
@@ -13,7 +11,6 @@ using testSupport::Outcome;
 
 namespace {
 
-// Runs a command that must succeed and returns what it printed.
 std::string ctlOk(const E2eHarness& car, const Strings& args) {
   Outcome outcome = ctl(car, args);
   EXPECT_EQ(outcome.exitCode, 0) << args[0] << ": " << outcome.err;
@@ -29,69 +26,94 @@ void waitUntilMonitoring(Child& monitor) {
 
 }  // namespace
 
-// The answers have fixed member names; the operator's language is English
-// whatever the head unit speaks; a method the service does not know gets no
-// reply; a logged string is one entry, stamped in UTC with the odometer in tens.
-TEST(Ecallctl, QueriesAndRequestsReachTheService) {
+// Fixed answers; the operator's language is English; an unknown method gets no
+// reply; a logged entry in UTC; the GPS reset resets the module three times at
+// most. Scripts tell a bad command line, an absent service and a silent one apart.
+TEST(Ecallctl, QueriesAndRequestsReachTheServiceAndFailuresHaveExitCodesOfTheirOwn) {
   Scene s(carOptions(0.01, {"set language fr_CA", "odo 7654321"}));
-  E2eHarness& car = s.car;
 
-  EXPECT_EQ(ctlOk(car, {"status"}), "emergency in progress: no\n");
-  EXPECT_EQ(ctlOk(car, {"mode"}), "emergency mode active: no\n");
-  EXPECT_EQ(ctlOk(car, {"language"}), "en_US\n");
-  EXPECT_EQ(ctlOk(car, {"--json", "status"}), "{\"ecallInProgress\":false}\n");
-  EXPECT_EQ(ctlOk(car, {"--json", "mode"}), "{\"eCallModeActive\":false}\n");
+  EXPECT_EQ(ctlOk(s.car, {"status"}), "emergency in progress: no\n");
+  EXPECT_EQ(ctlOk(s.car, {"mode"}), "emergency mode active: no\n");
+  EXPECT_EQ(ctlOk(s.car, {"language"}), "en_US\n");
+  EXPECT_EQ(ctlOk(s.car, {"--json", "status"}), "{\"ecallInProgress\":false}\n");
+  EXPECT_EQ(ctlOk(s.car, {"--json", "mode"}), "{\"eCallModeActive\":false}\n");
 
-  // State 1 asks for prompt 6, "retry with cancel".
-  EXPECT_EQ(ctlOk(car, {"retry-state", "1"}), "OK\n");
+  EXPECT_EQ(ctlOk(s.car, {"retry-state", "1"}), "OK\n");
   EXPECT_TRUE(s.waitForLogCount("TTS rqst 6", 1));
 
-  // The service never answers "log": a client that waited would run into
-  // its 2 s limit and fail; the words become one entry of their own.
-  Outcome logged = ctl(car, {"--timeout", "2", "log", "driver", "reports", "smoke"});
+  // "log" is never answered: a client that waited would fail at its limit.
+  Outcome logged = ctl(s.car, {"--timeout", "2", "log", "driver", "reports", "smoke"});
   EXPECT_EQ(logged.exitCode, 0) << logged.err;
   EXPECT_TRUE(s.waitForLogCount("driver reports smoke", 1));
-  EXPECT_TRUE(std::regex_search(car.emergencyLog(),
-                                std::regex(R"((^|\n)\d{2}:\d{2}:\d{2} [A-Z][a-z]+ \d{2}, \d{4} GMT:0765432:driver reports smoke\n)")))
-      << car.emergencyLog();
+  EXPECT_TRUE(std::regex_search(
+      s.car.emergencyLog(),
+      std::regex(R"((^|\n)\d{2}:\d{2}:\d{2} [A-Z][a-z]+ \d{2}, \d{4} GMT:0765432:driver reports smoke\n)")))
+      << s.car.emergencyLog();
   std::string reply;
-  const SVCIPC_tError rc = car.invoke("ecallService", "startecall", "{}", 500, &reply);
+  const SVCIPC_tError rc = s.car.invoke("ecallService", "startecall", "{}", 500, &reply);
   EXPECT_TRUE(testSupport::isNoReply(rc)) << "the caller runs into its own time-out, rc 0x" << std::hex << rc;
-  EXPECT_TRUE(car.waitForTrace("ecallRequest: startecall, params: {}"));
-  EXPECT_EQ(ctlOk(car, {"log", "a second entry"}), "");
-  EXPECT_TRUE(s.waitForLogCount("a second entry", 1));
+  EXPECT_TRUE(s.car.waitForTrace("ecallRequest: startecall, params: {}"));
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(ctlOk(s.car, {"reset-gps"}), "OK\n");
+  // Requests are served in order: this entry follows the fourth reset.
+  EXPECT_EQ(ctlOk(s.car, {"log", "a second entry"}), "");
+  EXPECT_TRUE(s.car.waitForEmergencyLog("a second entry"));
+  EXPECT_TRUE(s.waitForChannel({{3}, {3}, {3}})) << testing::PrintToString(s.channel());
+  const std::string log = s.car.emergencyLog();
+  EXPECT_EQ(countOf(log, "Calling v850ResetSierra from an external dbus call"), 4u);
+  for (const char* nth : {"1th", "2th", "3th"})
+    EXPECT_EQ(countOf(log, std::string("Sent IPC message to V850 to reset Sierra ") + nth + " time\n"), 1u) << nth;
+  EXPECT_EQ(countOf(log, "Sent IPC message to V850"), 3u);
+  EXPECT_TRUE(testSupport::fileExists(s.car.path("/tmp/resetSierraInprogress")));
 
-  EXPECT_EQ(ctlOk(car, {"reset-gps"}), "OK\n");
-  EXPECT_TRUE(car.waitForEmergencyLog("Calling v850ResetSierra from an external dbus call"));
-
-  EXPECT_EQ(ctlOk(car, {"--json", "export-log"}), kOk);
-  EXPECT_TRUE(testSupport::waitUntil([&] { return !exportedLog(car).empty(); }, kLong)) << "no log was exported to the stick";
+  EXPECT_EQ(ctlOk(s.car, {"--json", "export-log"}), kOk);
+  EXPECT_TRUE(testSupport::waitUntil([&] { return !exportedLog(s.car).empty(); }, kLong))
+      << "no log was exported to the stick";
   EXPECT_TRUE(s.signals().empty());
+
+  for (const Strings& bad : {Strings{"dial"}, Strings{"retry-state", "one"}, Strings{"retry-state"},
+                             Strings{"status", "extra"}, Strings{"log"}, Strings{"--timeout", "0", "status"}}) {
+    Outcome outcome = ctl(s.car, bad);
+    EXPECT_EQ(outcome.exitCode, 2) << bad[0] << ": " << outcome.err;
+    EXPECT_NE(outcome.err.find("usage: ecallctl"), std::string::npos);
+  }
+
+  ASSERT_EQ(kill(s.car.servicePid(), SIGSTOP), 0);
+  Outcome silent = ctl(s.car, {"--timeout", "0.3", "mode"});
+  kill(s.car.servicePid(), SIGCONT);
+  EXPECT_EQ(silent.exitCode, 4) << silent.err;
+  EXPECT_NE(silent.err.find("no reply within 0.3 s"), std::string::npos) << silent.err;
+
+  Child monitor(ctlArgs(s.car, {"monitor"}));
+  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(monitor));
+  s.car.stopService();
+  EXPECT_TRUE(monitor.waitForOutput([&] { return monitor.out().find("ecallService left the bus") != std::string::npos; },
+                                    kLong));
+  for (const Strings& args : {Strings{"status"}, Strings{"start"}, Strings{"log", "lost"}}) {
+    Outcome absent = ctl(s.car, args);
+    EXPECT_EQ(absent.exitCode, 3) << args[0];
+    EXPECT_NE(absent.err.find("ecallService is not on the bus"), std::string::npos) << absent.err;
+    EXPECT_EQ(absent.out, "");
+  }
 }
 
-// Two monitors, one readable and one for scripts, follow a call that ecallctl
-// starts, from the button delay to the end of the call-back period.
+// Both monitors, readable and for scripts, follow a whole call.
 TEST(Ecallctl, MonitorSeesAWholeCall) {
-  // A call's steps need more room than the plain queries: 10 s of the car in 0.5 s.
-  Scene s(carOptions(0.05));
-  E2eHarness& car = s.car;
-  Child readable(ctlArgs(car, {"monitor"}));
-  Child json(ctlArgs(car, {"--json", "monitor"}));
+  Scene s(carOptions(kScale));
+  Child readable(ctlArgs(s.car, {"monitor"}));
+  Child json(ctlArgs(s.car, {"--json", "monitor"}));
   ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(readable));
   ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(json));
 
-  EXPECT_EQ(ctlOk(car, {"start"}), "OK\n");
+  EXPECT_EQ(ctlOk(s.car, {"start"}), "OK\n");
   ASSERT_TRUE(s.waitForEmergency());
-  EXPECT_EQ(ctlOk(car, {"status"}), "emergency in progress: yes\n");
+  EXPECT_EQ(ctlOk(s.car, {"status"}), "emergency in progress: yes\n");
   ASSERT_TRUE(s.waitForLogCount("Call Active.  Delay 6000 ms for PSAP TTS", 1));
-  // The microphones open again once the emergency centre has heard the car.
   ASSERT_TRUE(s.waitForLogCount("Request unmute mic inputs", 1));
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
 
-  // What the car heard, in order, is what the script monitor must print.
   std::string expected;
-  for (const auto& r : car.recordsSince(s.mark)) {
+  for (const auto& r : s.car.recordsSince(s.mark)) {
     const std::string kind = r["kind"].asString();
     if (kind == "ecall" || kind == "ecallProgress") expected += kind + " " + r["data"].asString();
   }
@@ -114,41 +136,8 @@ TEST(Ecallctl, MonitorSeesAWholeCall) {
   const size_t idle = out.rfind(" ecall emergency=no mode-active=no type=none event=NONE");
   EXPECT_TRUE(started < muted && muted < unmuted && unmuted < idle && idle != std::string::npos) << out;
 
-  // An interrupt ends a monitor cleanly.
   readable.signal(SIGINT);
   json.signal(SIGTERM);
   EXPECT_EQ(readable.wait(), 0);
   EXPECT_EQ(json.wait(), 0);
-}
-
-// Scripts tell a bad command line, an absent service and a silent one apart.
-TEST(Ecallctl, FailuresHaveExitCodesOfTheirOwn) {
-  Scene s(carOptions(0.01), false);
-  E2eHarness& car = s.car;
-
-  for (const Strings& bad : {Strings{"dial"}, Strings{"retry-state", "one"}, Strings{"retry-state"},
-                             Strings{"status", "extra"}, Strings{"log"}, Strings{"--timeout", "0", "status"}}) {
-    Outcome outcome = ctl(car, bad);
-    EXPECT_EQ(outcome.exitCode, 2) << bad[0] << ": " << outcome.err;
-    EXPECT_NE(outcome.err.find("usage: ecallctl"), std::string::npos);
-  }
-
-  // A service that hangs (stopped) gives no reply within the limit.
-  ASSERT_EQ(kill(car.servicePid(), SIGSTOP), 0);
-  Outcome silent = ctl(car, {"--timeout", "0.3", "mode"});
-  kill(car.servicePid(), SIGCONT);
-  EXPECT_EQ(silent.exitCode, 4) << silent.err;
-  EXPECT_NE(silent.err.find("no reply within 0.3 s"), std::string::npos) << silent.err;
-
-  Child monitor(ctlArgs(car, {"monitor"}));
-  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(monitor));
-  car.stopService();
-  EXPECT_TRUE(monitor.waitForOutput([&] { return monitor.out().find("ecallService left the bus") != std::string::npos; },
-                                    kLong));
-  for (const Strings& args : {Strings{"status"}, Strings{"start"}, Strings{"log", "lost"}}) {
-    Outcome absent = ctl(car, args);
-    EXPECT_EQ(absent.exitCode, 3) << args[0];
-    EXPECT_NE(absent.err.find("ecallService is not on the bus"), std::string::npos) << absent.err;
-    EXPECT_EQ(absent.out, "");
-  }
 }

@@ -1,7 +1,5 @@
-// The European market end to end: the call to 112 carries the minimum set
-// of data (MSD) of the car, the centre reads it and may ask for a fresh
-// one, nothing is spoken into the call; the occupants keep their prompts.
-// The North American call is the rest of the suite, unchanged.
+// The European call: 112 with the car's minimum set of data (MSD), a fresh
+// one on the centre's request, nothing spoken into the call.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -37,13 +35,9 @@ bool logHas(Scene& s, const std::string& part) {
 
 }  // namespace
 
-// A crash of a van driving north-east at 72 km/h: 112 is dialled (though
-// the phone lists 911 first) with an automatic MSD of the car's
-// configuration, its position on the drive, its heading and its positions
-// 2 s and 4 s before; no announcement and no position readout on the
-// centre's key, the microphones open at once. The centre's request gets
-// message 2 with the trigger's time and a newer position, which ecallctl
-// prints.
+// A van's crash at 72 km/h dials 112 with an automatic MSD of its
+// configuration, position, heading and two earlier positions, and nothing is
+// spoken into the call; the centre's request gets message 2, newer.
 TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoTheCall) {
   Scene s(carOptions(kScale, {"set market EU", "set number 911", "set language fr_CA", "set vin KRN4A2ZX6P1000231",
                               "set category N1", "set propulsion diesel,electric", "set belts 2", "set drive 30 72"}));
@@ -104,10 +98,8 @@ TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoThe
   EXPECT_TRUE(logHas(s, "MSD 2 sent on the centre's request: 38 octets, position 42.3"));
 }
 
-// The button gives a manual MSD, a test call one marked as a test, to the
-// test number. A configuration the MSD cannot carry as it is (a VIN with
-// I, O and Q, a category it does not know, no propulsion, no belts known)
-// and a car without a fix still place the call, the warnings in the log.
+// The button gives a manual MSD, a test call a test one; a configuration the
+// MSD cannot carry and no fix still place the call, with warnings logged.
 TEST(EuropeanCall, ButtonAndTestCallMsdsAndBadConfigurationStillCalls) {
   Scene s(carOptions(kScale, {"set market EU", "set vin CRV1E23C4N5OIQ017", "set category M9", "set propulsion none",
                               "set belts unknown", "set gps none"}));

@@ -1,18 +1,13 @@
-// The service frame end to end: how the real ecallService starts in the
-// simulated car, and how it takes the signals that ask a process to end.
+// How the service starts in the car, and takes the signals that ask it to end.
 #include <signal.h>
 
 #include "carScene.h"
 
 using namespace carScene;
 
-// The start-up as the car sees it: the service is on the bus before it asks
-// anything, then the software version, the variant, the phone's status and
-// the volumes, and only then it reads the airbag channel. A variant answer
-// without the phone's entry, or a refused query, is asked again after a
-// pause, five times in all; then the phone counts as present. The answer is
-// never asked again. A request to end (SIGTERM, SIGINT) is noted, not
-// obeyed: the service still places the crash that follows.
+// On the bus first, the start-up queries in order, then the airbag channel; a
+// variant missing or refused is asked five times with pauses, then the phone
+// counts as present. SIGTERM and SIGINT do not stop the next crash.
 TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
   const struct {
     const char* command;
@@ -26,16 +21,14 @@ TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
     Scene s(carOptions(kScale, {c.command}));
-    E2eHarness& car = s.car;
-    EXPECT_TRUE(car.waitForTrace(c.decided));
+    EXPECT_TRUE(s.car.waitForTrace(c.decided));
     Strings steps;
     std::vector<double> variant;
     double phoneAsked = -1, volumesAsked = -1, channelOpened = -1;
-    for (const auto& r : car.records()) {
+    for (const auto& r : s.car.records()) {
       const std::string kind = r["kind"].asString();
       if (kind == "peer" && r["service"] == "ecallService") steps.push_back("on the bus");
-      // Stamped when it happened: a request's record may be written after
-      // what followed its answer.
+      // Stamped when it happened: a request may be recorded after its answer's effects.
       if (kind == "vehicle" && r["event"] == "connected" && channelOpened < 0) channelOpened = at(r);
       if (kind != "request") continue;
       steps.push_back(r["service"].asString() + " " + r["method"].asString());
@@ -52,11 +45,11 @@ TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
     if (c.pauseAfterLast) {
       EXPECT_GE(phoneAsked - variant.back(), atLeast(1000));
     }
-    ASSERT_EQ(kill(car.servicePid(), SIGTERM), 0);
-    ASSERT_EQ(kill(car.servicePid(), SIGINT), 0);
+    ASSERT_EQ(kill(s.car.servicePid(), SIGTERM), 0);
+    ASSERT_EQ(kill(s.car.servicePid(), SIGINT), 0);
     s.sim("crash B can");
     EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the phone does not count as present";
-    EXPECT_TRUE(car.serviceRunning());
-    EXPECT_EQ(car.requestsSince(0, "platform", "get_variantinfo").size(), 5u);
+    EXPECT_TRUE(s.car.serviceRunning());
+    EXPECT_EQ(s.car.requestsSince(0, "platform", "get_variantinfo").size(), 5u);
   }
 }

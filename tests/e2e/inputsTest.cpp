@@ -1,15 +1,13 @@
 // The emergency inputs end to end: the airbag controller's channel, the
-// mirror buttons, the mirror LED and the Assist application. Tests whose next
-// step must come within one of the service's periods run the car slower.
+// mirror buttons, the mirror LED and the Assist application.
 #include <unistd.h>
 
 #include "carScene.h"
 
 using namespace carScene;
 
-// Only some impact kinds call, one message starts one emergency at most, and
-// the serial path is believed before the CAN path; a message too short for
-// its kind is dropped unseen.
+// Only some impact kinds call, one message starts one emergency at most, the
+// serial path wins over CAN, and a message too short is dropped unseen.
 TEST(ImpactChannel, SerialTriggerWinsAndOtherKindsAreOnlyLogged) {
   Scene s(carOptions(kScale));
   s.sim("impact 00 01 00 02 00 00");     // six bytes: CAN kind I, but too short
@@ -31,9 +29,8 @@ TEST(ImpactChannel, SerialTriggerWinsAndOtherKindsAreOnlyLogged) {
   EXPECT_EQ(out.find("Ecall - CAN Emergency"), std::string::npos) << out;
 }
 
-// Each link-loss message states all three links. The LED turns red with the
-// first failure, stays red while any link is lost, and goes off with the
-// last; the user is told of the system error once.
+// Each link-loss message states all three links; the LED is red while any
+// is lost, and the user is told of the system error once.
 TEST(ImpactChannel, LinkLossSetsAndClearsItsThreeSourcesAndTheLedFollows) {
   Scene s(carOptions(kScale));
   s.sim("loc 1 0 0");
@@ -55,10 +52,8 @@ TEST(ImpactChannel, LinkLossSetsAndClearsItsThreeSourcesAndTheLedFollows) {
   EXPECT_NE(s.car.serviceStdout().find("Ecall - IPC /dev/ipc/ch12 Read LOC: 01 01 00 00\n"), std::string::npos);
 }
 
-// Assist outside an emergency: the button lights the LED; the application's
-// reports keep the marker file, the controller's Assist status and the LED
-// in step, and its end gives Bluetooth back. During an emergency Assist is
-// stopped as soon as it runs, and the LED blinks, then is green again.
+// The Assist application's reports drive the marker, the Assist status and the
+// LED, its end gives Bluetooth back; in an emergency it is stopped at once.
 TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   Scene s(carOptions(kScale));
   const std::string marker = s.car.path("/tmp/embeddedCallActive");
@@ -68,12 +63,10 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   s.button("assist", false);
 
   s.sim("appmgr start");
-  // Button; "initializing"; "appStarted".
   ASSERT_TRUE(s.waitForChannel({{1, 1}, {2, 1}, {1, 1}, {2, 1}, {1, 1}})) << testing::PrintToString(s.channel());
   EXPECT_TRUE(testSupport::fileExists(marker));
   s.sim("appmgr stop");
   ASSERT_TRUE(s.waitForRequestCount("BluetoothService", "setBluetoothStatus", 2));
-  // Then "stopped" and "appStopped".
   EXPECT_TRUE(s.waitForChannel({{1, 1}, {2, 1}, {1, 1}, {2, 1}, {1, 1}, {2, 0}, {1, 0}, {2, 0}, {1, 0}}))
       << testing::PrintToString(s.channel());
   EXPECT_FALSE(testSupport::fileExists(marker));
@@ -81,14 +74,12 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
             Strings(2, "setBluetoothStatus {\"enable\":true}\n"));
   EXPECT_TRUE(s.requests("AppManager").empty());
 
-  // The emergency stops Assist once when it starts; the rest is Assist's own.
   s.markNow();
   s.sim("crash B can");
   ASSERT_TRUE(s.waitForEmergency());
   ASSERT_TRUE(s.waitForRequestCount("AppManager", "stopApp", 1));
   s.sim("appmgr start");
   ASSERT_FALSE(s.waitForRecord([](const Json::Value& r) { return isSignal(r, "AppManager", "appStopped"); }).isNull());
-  // Blinking from "initializing", green again when the blink time is over.
   EXPECT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
   EXPECT_SOON_EQ(s.channel(2), (std::vector<Bytes>{{2, 1}, {2, 1}, {2, 0}, {2, 0}}));
   // The application manager may report the stop before it records the request.
@@ -97,19 +88,29 @@ TEST(Assist, ApplicationDrivesMarkerLedAndBluetoothAndIsStoppedInAnEmergency) {
   EXPECT_EQ(s.signals(), Strings{kCrashB});
 }
 
-// The blink timer ends a blink with the LED the moment asks for: green while
-// the emergency mode is on, off once it has ended, and red instead of off
-// while a system error stands (a red request during a call is refused).
-// The emergency is ended by hand ("exitEcall") at moments when no run of the
-// state machine is pending, and its callback period is cut short the same
-// way, within one blink; the car runs slower to keep that order.
-TEST(MirrorLed, BlinkEndsGreenInAnEmergencyAndOffOrRedOutsideIt) {
-  Scene s(carOptions(0.1));
+// An Assist application that never runs turns the LED off after its time-out.
+// A blink lasts its time and ends green in the emergency mode, off after it,
+// red while a system error stands (the mode is ended when no run is pending).
+TEST(MirrorLed, AssistTimesOutAndABlinkLastsItsTimeAndEndsGreenOffOrRed) {
+  constexpr double scale = 0.1;
+  Scene s(carOptions(scale));
+  auto ledAt = [&](const Bytes& message, size_t nth) {
+    for (const auto& r : s.car.recordsSince(s.mark, "channel"))
+      if (r["bytes"].size() == 2 && r["bytes"][0] == message[0] && r["bytes"][1] == message[1] && nth-- == 0) return at(r);
+    return -1.0;
+  };
   auto endedWithModeActive = [&] {
     return !s.waitForSignal([](const Json::Value& sig) {
                 return !sig["ecall"].asBool() && sig["ecallModeActive"].asBool();
               }).isNull();
   };
+  s.button("assist", true);
+  s.button("assist", false);
+  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 0}})) << testing::PrintToString(s.led());
+  EXPECT_TRUE(s.car.waitForTrace("Turning off mirror LED since the assist xlet never went active"));
+  EXPECT_GE(ledAt({1, 0}, 0) - ledAt({1, 1}, 0), atLeast(40000, scale)) << "the Assist time-out";
+
+  s.markNow();
   s.sim("crash B can");
   ASSERT_TRUE(s.car.waitForEmergencyLog(kCallActive + "\n", kLong));
   ASSERT_EQ(s.car.call("exitEcall"), kOk);
@@ -128,9 +129,11 @@ TEST(MirrorLed, BlinkEndsGreenInAnEmergencyAndOffOrRedOutsideIt) {
   ASSERT_TRUE(s.car.waitForEmergencyLog("System error ORC Serial LOC OCCURRED\n", kLong));
   s.button("assist", true);
   ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
+  const double blink = ledAt({1, 1}, 1) - ledAt({1, 2}, 0);
+  EXPECT_GE(blink, atLeast(5000, scale)) << "the blink time";
+  EXPECT_LT(blink, atMost(5000, scale)) << "the blink time";
   s.button("assist", false);
-  // The second announcement is played by the command thread: the state
-  // machine has nothing pending.
+  // Played by the command thread: the state machine has nothing pending.
   ASSERT_TRUE(s.car.waitForEmergencyLog("TTS rqst 11\n", kLong));
   ASSERT_EQ(s.car.call("exitEcall"), kOk);
   ASSERT_TRUE(endedWithModeActive());
@@ -143,59 +146,28 @@ TEST(MirrorLed, BlinkEndsGreenInAnEmergencyAndOffOrRedOutsideIt) {
   EXPECT_EQ(s.countInLog("Assist button pressed. ECall in progress. Blink LED green"), 2u);
 }
 
-// The Assist button lights the LED for an application that is to start;
-// if it never becomes active, the LED goes off after the Assist time-out.
-// Pressed in an emergency, the LED blinks for the blink time, then is green.
-TEST(MirrorLed, AssistThatNeverRunsTimesOutAndABlinkLastsItsTime) {
-  Scene s(carOptions(kScale));
-  auto ledAt = [&](const Bytes& message, size_t nth) {
-    for (const auto& r : s.car.recordsSince(s.mark, "channel"))
-      if (r["bytes"].size() == 2 && r["bytes"][0] == message[0] && r["bytes"][1] == message[1] && nth-- == 0) return at(r);
-    return -1.0;
-  };
-  s.button("assist", true);
-  s.button("assist", false);
-  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 0}})) << testing::PrintToString(s.led());
-  EXPECT_TRUE(s.car.waitForTrace("Turning off mirror LED since the assist xlet never went active"));
-  EXPECT_GE(ledAt({1, 0}, 0) - ledAt({1, 1}, 0), atLeast(40000)) << "the Assist time-out";
-
-  s.sim("crash B can");
-  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 0}, {1, 1}}));
-  s.button("assist", true);
-  ASSERT_TRUE(s.waitForLed({{1, 1}, {1, 0}, {1, 1}, {1, 2}, {1, 1}})) << testing::PrintToString(s.led());
-  const double blink = ledAt({1, 1}, 2) - ledAt({1, 2}, 0);
-  EXPECT_GE(blink, atLeast(5000)) << "the blink time";
-  EXPECT_LT(blink, atMost(5000)) << "the blink time";
-}
-
-// Without the airbag controller's channel the service still starts, the
-// mirror buttons still work (a button held at the start is a press: the first
-// read reports the values the object holds) and the service stays up; once
-// the micro is up, the channel is opened.
+// Without the airbag controller's channel the mirror buttons still work (one
+// held at the start is a press); the channel is opened once the micro is up.
 TEST(ImpactChannel, MissingChannelLeavesTheButtonsWorkingUntilTheMicroIsUp) {
   Scene s(carOptions(kScale, {"button ecall press"}, false));
-  E2eHarness& car = s.car;
-  ASSERT_EQ(unlink(car.path("/dev/ipc/ch12").c_str()), 0);
-  car.startService();
-  ASSERT_TRUE(car.waitForSlog("cannot open ORC IPC channel /dev/ipc/ch12"));
-  EXPECT_TRUE(car.waitForTrace("cannot open ORC IPC channel /dev/ipc/ch12"));
-  ASSERT_TRUE(car.waitForEmergencyLog("ecallBtn = 1\n"));
+  ASSERT_EQ(unlink(s.car.path("/dev/ipc/ch12").c_str()), 0);
+  s.car.startService();
+  ASSERT_TRUE(s.car.waitForSlog("cannot open ORC IPC channel /dev/ipc/ch12"));
+  EXPECT_TRUE(s.car.waitForTrace("cannot open ORC IPC channel /dev/ipc/ch12"));
+  ASSERT_TRUE(s.car.waitForEmergencyLog("ecallBtn = 1\n"));
   ASSERT_TRUE(s.waitForEmergency());
   EXPECT_EQ(s.signals(), Strings{buttonSignal("ecallDelay")});
-  EXPECT_EQ(car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
-  EXPECT_TRUE(car.serviceRunning());
-  EXPECT_FALSE(car.waitForChannelConnected(ms(0)));
+  EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":true}\n");
+  EXPECT_TRUE(s.car.serviceRunning());
+  EXPECT_FALSE(s.car.waitForChannelConnected(ms(0)));
 
   s.sim("micro restart");
-  EXPECT_TRUE(car.waitForChannelConnected(kLong));
-  EXPECT_TRUE(car.waitForEmergencyLog("ORC IPC channel /dev/ipc/ch12 is open again\n", kLong));
+  EXPECT_TRUE(s.car.waitForChannelConnected(kLong));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("ORC IPC channel /dev/ipc/ch12 is open again\n", kLong));
 }
 
-// The vehicle micro restarts and stays away a while: the service opens the
-// channel again, gives the micro back the LED and Assist states it lost,
-// and hears the next messages; the emergency's LED goes on the new
-// connection. The loss and the return are logged once each, also when the
-// micro then takes every connection and drops it at once.
+// A restarted micro gets the channel, the LED and Assist states back; a loss
+// and a return are logged once each, also when it drops every connection.
 TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   Scene s(carOptions(kScale));
   s.sim("loc 0 0 1");
@@ -218,8 +190,6 @@ TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   EXPECT_EQ(countOf(log, "ORC IPC channel /dev/ipc/ch12 lost."), 1u) << log;
   EXPECT_EQ(countOf(log, "ORC IPC channel /dev/ipc/ch12 is open again"), 1u) << log;
 
-  // A micro that takes each connection and drops it at once is one loss and
-  // one return too, however many times the channel opens meanwhile.
   s.markNow();
   s.sim("micro drop");
   ASSERT_TRUE(testSupport::waitUntil([&] {
@@ -231,8 +201,7 @@ TEST(ImpactChannel, ChannelIsOpenedAgainWhenTheMicroRestarts) {
   EXPECT_EQ(countOf(s.car.emergencyLog(), "ORC IPC channel /dev/ipc/ch12 lost."), 2u);
 }
 
-// A micro that stops reading what it is sent never stops the impacts: the
-// messages it cannot take are lost, the crash is read.
+// A micro that stops reading never stops the impacts.
 TEST(ImpactChannel, MicroThatStopsReadingDoesNotStopTheImpacts) {
   Scene s(carOptions(kScale));
   s.sim("micro deaf");

@@ -1,5 +1,5 @@
-// Deployment: what cmake --install puts where, whether systemd accepts the
-// unit and the boot-time folder, and the readiness the unit waits for.
+// Deployment: what cmake --install puts where, whether systemd accepts it,
+// and the readiness the unit waits for.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -16,7 +16,6 @@ namespace {
 
 const std::string kBusName = "com.nordak.service.ecallService";
 
-// A scratch folder, removed at the end.
 using Stage = testSupport::TempRoot;
 
 Outcome install(const std::string& prefix, const std::string& destdir) {
@@ -37,7 +36,6 @@ bool hasLine(const std::string& text, const std::string& line) {
   return false;
 }
 
-// The path of a program on the machine, or "" when it is not installed.
 std::string findProgram(const std::string& name) {
   for (const char* dir : {"/usr/bin", "/bin", "/usr/local/bin"})
     if (isExecutable(std::string(dir) + "/" + name)) return std::string(dir) + "/" + name;
@@ -62,12 +60,10 @@ TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
 
   for (const char* program : {"ecallService", "ecallctl", "vehicle-sim"})
     EXPECT_TRUE(isExecutable(usr + "/bin/" + program)) << program;
-  // The installed binary runs (no dependence on the build tree).
   const Outcome version = testSupport::run({usr + "/bin/ecallService", "--version"});
   EXPECT_EQ(version.out, "1.2.1r\n");
 
-  // The unit and the activation file name the binary where it is installed,
-  // not where the build was configured to go.
+  // The units name the installed binary, not the build's configured one.
   const std::string unit = readFile(usr + "/lib/systemd/system/ecallService.service");
   EXPECT_TRUE(hasLine(unit, "ExecStart=/usr/bin/ecallService --bus system")) << unit;
   EXPECT_TRUE(hasLine(unit, "Type=notify"));
@@ -80,14 +76,11 @@ TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
             readFile(std::string(ECALL_SOURCE_DIR) + "/data/dbus/" + kBusName + ".conf"));
   EXPECT_NE(readFile(usr + "/lib/tmpfiles.d/ecallService.conf").find("/fs/etfs/usr/var/ecall"), std::string::npos);
 
-  // Nothing lands outside the prefix inside the staging folder.
   for (const auto& entry : fs::recursive_directory_iterator(stage.dir()))
     EXPECT_EQ(entry.path().string().rfind(usr, 0), 0u) << entry.path();
 }
 
-// Installed to a folder of its own (so the units' binaries exist), the units
-// and the drop-ins for the daemons the call waits on pass systemd's checks,
-// and the boot-time entry makes the log folder.
+// The units and drop-ins pass systemd's checks; tmpfiles makes the log folder.
 TEST(Install, SystemdAcceptsTheUnitsAndDropInsAndMakesTheLogFolder) {
   const std::string analyze = findProgram("systemd-analyze");
   const std::string tmpfiles = findProgram("systemd-tmpfiles");
@@ -122,8 +115,7 @@ TEST(Install, SystemdAcceptsTheUnitsAndDropInsAndMakesTheLogFolder) {
   EXPECT_TRUE(fs::is_directory(root + "/fs/etfs/usr/var/ecall"));
 }
 
-// Under Type=notify, systemd starts what depends on the service once it says
-// it is ready: by then its name must be on the bus.
+// Under Type=notify, the service's name is on the bus once it says ready.
 TEST(Install, ServiceIsReadyOnlyOnceItsNameIsOnTheBus) {
   testSupport::E2eOptions options;
   options.startService = false;
@@ -134,7 +126,6 @@ TEST(Install, ServiceIsReadyOnlyOnceItsNameIsOnTheBus) {
   SVCIPC_tConnection conn = nullptr;
   ASSERT_EQ(SVCIPC_getConnectionByAddress(car.busAddress().c_str(), &conn), SVCIPC_ERROR_NONE);
 
-  // Plays systemd: takes the first notification and looks at the bus at once.
   std::string message;
   int ownedWhenReady = -1;
   std::thread reader([&] {

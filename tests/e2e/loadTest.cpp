@@ -1,6 +1,5 @@
-// Eight head-unit clients ask "IsECallInProgess" as fast as they can while
-// the airbag controller reports a crash: the crash still reaches the phone
-// and every query is answered rightly (bench/busMethods gives the figures).
+// Eight clients querying as fast as they can neither stop a crash nor get a
+// wrong answer (bench/busMethods gives the figures).
 #include <atomic>
 #include <thread>
 

@@ -1,7 +1,5 @@
-// The emergency survives the service: killed (as by a crash, the kernel's
-// out-of-memory killer, or the service manager's watchdog) and started
-// again on the same root, the service resumes from its journal what it had
-// in hand, and a hung thread stops the watchdog's feeding.
+// The emergency survives the service: killed and started again on the same
+// root, it resumes from its journal what it had in hand.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,7 +17,7 @@ std::string firstCallType(Scene& s) {
   return s.waitForSignal([](const Json::Value& m) { return m["ecall"].asBool(); })["type"].asString();
 }
 
-// The first log entry since the mark that starts with prefix ("" for none).
+// The first log entry since the mark starting with prefix ("" for none).
 std::string waitForLogStarting(Scene& s, const std::string& prefix) {
   std::string found;
   testSupport::waitUntil([&] {
@@ -32,16 +30,11 @@ std::string waitForLogStarting(Scene& s, const std::string& prefix) {
 
 }  // namespace
 
-// Killed with a crash ringing, the service raises it again as a crash call,
-// says so, and ends the call left on the phone before it dials; killed once
-// the call was connected, it does not dial but keeps the emergency mode for
-// the call-back period; a cancelled emergency killed in its call-back period
-// resumes the period's rest; an unreadable journal is set aside, logged, and
-// calls nobody.
+// A ringing crash is raised again as a crash after hanging up the old call;
+// a connected one resumes its call-back period, a cancelled one the rest of
+// it; an unreadable journal is set aside and calls nobody.
 TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
-  // 1/5 of real time: a restart takes a small part of the 30 s call-back period.
   Scene s(carOptions(0.2, {"set answer manual"}));
-  E2eHarness& car = s.car;
   s.sim("crash B can");
   ASSERT_FALSE(waitForDial(s).isNull());
   s.restart();
@@ -60,40 +53,35 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty()) << "a connected emergency was dialled again";
 
   s.markNow();
-  ASSERT_EQ(car.call("startEcall"), kOk);
+  ASSERT_EQ(s.car.call("startEcall"), kOk);
   ASSERT_TRUE(s.waitForSignalType("ecallDelay"));
-  ASSERT_EQ(car.call("exitEcall"), kOk);
+  ASSERT_EQ(s.car.call("exitEcall"), kOk);
   ASSERT_FALSE(s.waitForSignal([](const Json::Value& m) { return !m["ecall"].asBool(); }).isNull());
   s.restart();
   const std::string resumed = waitForLogStarting(s, "Call-back period resumed after a restart: E_CALL_BtnStat, ");
   const long long left = atoll(resumed.c_str() + std::min(resumed.size(), resumed.find(", ") + 2));
   EXPECT_TRUE(left > 0 && left < 30000) << resumed;
 
-  car.stopService();
-  testSupport::writeFile(car.path("/fs/etfs/usr/var/ecall/ecall_journal"), "not a journal");
+  s.car.stopService();
+  testSupport::writeFile(s.car.path("/fs/etfs/usr/var/ecall/ecall_journal"), "not a journal");
   s.restart();
   EXPECT_TRUE(s.waitForLogCount("Emergency journal is torn or corrupt: set aside as "
                                 "/fs/etfs/usr/var/ecall/ecall_journal.bad, nothing resumed from it", 1));
-  EXPECT_EQ(testSupport::readFile(car.path("/fs/etfs/usr/var/ecall/ecall_journal.bad")), "not a journal");
+  EXPECT_EQ(testSupport::readFile(s.car.path("/fs/etfs/usr/var/ecall/ecall_journal.bad")), "not a journal");
   ASSERT_TRUE(s.car.waitForServiceStarted(kLong, s.mark));
   s.sim("wait 5000");
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
-  // Killed in its call-back period, the run before left the emergency mode's
-  // marker; with nothing resumed the mode is off, and so is the marker.
-  EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
+  // The marker left by the run killed in its call-back period is gone.
+  EXPECT_FALSE(testSupport::fileExists(s.car.path("/tmp/embeddedCallActive")));
 }
 
-// Killed at random moments of many emergencies (seeded; ECALL_KILL_SEED
-// replays a run), and started again on the same root each time: every
-// emergency that was not cancelled is dialled once the service is back (a
-// crash as a crash call, a press after a new delay), and a cancelled one
-// never is. The phone takes each dial and never answers.
+// Killed at random moments (ECALL_KILL_SEED replays a run), every emergency
+// not cancelled is dialled once the service is back, a cancelled one never.
 TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
   const char* replay = getenv("ECALL_KILL_SEED");
   const unsigned long long seed = replay != nullptr ? strtoull(replay, nullptr, 10) : std::random_device{}();
   printf("kill test seed %llu (ECALL_KILL_SEED=%llu replays it)\n", seed, seed);
   std::mt19937_64 random(seed);
-  // 1/100 of real time: the delay takes 100 ms, the retry period 600 ms.
   Scene s(carOptions(0.01, {"set answer manual"}));
   const std::pair<const char*, int> crashes[] = {{"crash B can", 3}, {"crash C serial", 17}, {"crash X can", 14}};
   enum Kind { kCrash, kPress, kCancelled, kPhoneAway, kKinds };
@@ -121,8 +109,7 @@ TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
     // The moment of the kill is the test's input, not a wait for an event.
     std::this_thread::sleep_for(killAfter);
     s.restart();
-    // The phone may come back while the restarted service still asks for
-    // its status: the phone's report must win over the older answer.
+    // The phone's report must win over an older status answer.
     if (kind == kPhoneAway) s.sim("phone on");
     ASSERT_TRUE(s.car.waitForServiceStarted(kLong, s.mark));  // the next crash needs the channel
     if (kind == kCancelled) {
@@ -139,38 +126,34 @@ TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), dialled, kills - dialled);
 }
 
-// Under a service manager's watchdog the service is fed while its threads
-// show progress. When the vehicle status object's server hangs (a FIFO
-// nobody writes), every odometer read for a log entry blocks, and the
-// restraint controller's reader hangs in one: the feeding stops. Killed and
-// started again, as the manager then does, the service resumes its crash.
+// The watchdog is fed only while the threads progress: a reader hung on the
+// vehicle status object (a FIFO nobody writes) stops it, and the restart
+// resumes the crash.
 TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   const std::string socketPath = "/tmp/ecall-watchdog-" + std::to_string(getpid());
   testSupport::NotifySocket manager(socketPath);
   E2eOptions options = carOptions(kScale, {"set answer manual"});
   options.serviceEnv = {"NOTIFY_SOCKET=" + socketPath, "WATCHDOG_USEC=400000"};
   Scene s(options);
-  E2eHarness& car = s.car;
   EXPECT_EQ(manager.next(kLong), "READY=1");
   for (int fed = 0; fed < 3; ++fed) ASSERT_EQ(manager.next(kLong), "WATCHDOG=1");
   s.sim("crash B can");
   ASSERT_FALSE(waitForDial(s).isNull());
 
-  const std::string vehicleObject = car.path("/pps/can/vehstat");
+  const std::string vehicleObject = s.car.path("/pps/can/vehstat");
   const std::string healthy = testSupport::readFile(vehicleObject);
   ASSERT_EQ(mkfifo((vehicleObject + ".hung").c_str(), 0644), 0);
   ASSERT_EQ(rename((vehicleObject + ".hung").c_str(), vehicleObject.c_str()), 0);
   s.sim("loc 0 0 0");
   ASSERT_TRUE(testSupport::waitUntil([&] {
     manager.drain();
-    return countOf(car.serviceStderr(), "Watchdog: no progress of the restraint controller reader") > 0;
+    return countOf(s.car.serviceStderr(), "Watchdog: no progress of the restraint controller reader") > 0;
   }));
-  // What was sent before the service said so is queued already.
   manager.drain();
   EXPECT_EQ(manager.next(ms(1000)), "") << "fed while a thread hangs";
 
-  car.stopService();
-  replaceVehicleObject(car, healthy);
+  s.car.stopService();
+  replaceVehicleObject(s.car, healthy);
   s.restart();
   ASSERT_FALSE(waitForDial(s).isNull()) << "the crash was lost to the watchdog's restart";
   EXPECT_EQ(firstCallType(s), "acn");

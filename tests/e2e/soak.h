@@ -1,8 +1,5 @@
-// A long run of one service: emergencies one after the other, each from its
-// request through the call, the emergency centre's hang-up and the period in
-// which the centre may call back, to idle; and what the service holds
-// meanwhile (descriptors, threads, resident memory). Shared by the soak test
-// (tests/e2e/soakTest.cpp) and the soak benchmark (bench/soak.cpp).
+// Emergencies one after the other on one service, and what it holds
+// meanwhile; shared by the soak test and bench/soak.cpp.
 #pragma once
 
 #include <dirent.h>
@@ -16,7 +13,6 @@ namespace soak {
 // The pace of a soak: the 30 s callback period in 0.15 s.
 inline constexpr double kSoakScale = 0.005;
 
-// What a process holds: open descriptors, threads, resident memory.
 struct Held {
   int descriptors = 0, threads = 0;
   long rssKiB = 0;
@@ -36,10 +32,8 @@ inline Held heldBy(pid_t pid) {
   return held;
 }
 
-// The car of a soak: the service without its trace, as in a car (a trace
-// would only grow). Under the address checker the service reuses freed
-// memory at once, as without it, instead of holding it aside to catch late
-// uses: its resident memory then tells of leaks.
+// The service without its trace (it would only grow); under the address
+// checker freed memory is reused at once, so that resident memory tells of leaks.
 inline carScene::E2eOptions soakCar() {
   carScene::E2eOptions options = carScene::carOptions(kSoakScale);
   options.trace = false;
@@ -50,9 +44,8 @@ inline carScene::E2eOptions soakCar() {
   return options;
 }
 
-// The n-th emergency of a soak, from its request to idle: by turns a request
-// of the head unit, a crash and the mirror button, so that every input's path
-// is run. False (with a failure reported) when a step did not come.
+// The n-th emergency, from a request, a crash or the button by turns, to
+// idle; false (with a failure) when a step did not come.
 inline bool oneEmergency(carScene::Scene& s, int n) {
   s.mark = s.car.recordMark();
   switch (n % 3) {
@@ -73,7 +66,6 @@ inline bool oneEmergency(carScene::Scene& s, int n) {
   }
   s.sim("psap hangup");
   auto idle = [](const Json::Value& signal) { return !signal["ecall"].asBool() && !signal["ecallModeActive"].asBool(); };
-  // Idle once the end of the emergency mode is logged, the last step.
   const bool ended = !s.waitForSignal(idle).isNull() && testSupport::waitUntil([&] {
     return s.car.emergencyLog().ends_with(":End emergency mode\n");
   }, carScene::kLong);

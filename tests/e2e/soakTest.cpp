@@ -1,18 +1,13 @@
-// A hundred emergencies one after the other on one service leave nothing
-// behind (scripts/bench soak runs a thousand and prints the figures); then a
-// crash, and the service killed the moment its "ecall" signal is out: the
-// log entry written before the signal is in the log all the same.
+// A hundred emergencies leave nothing behind (scripts/bench soak runs a
+// thousand); a kill at a crash's signal keeps the entry logged before it.
 #include "soak.h"
 
 namespace {
 
 constexpr int kWarmUp = 10;
-// The bus layer keeps one more connection after two threads once made a
-// synchronous request at the same moment; a descriptor lost per emergency of
-// one kind adds thirty.
+// The bus layer may keep one more connection; a leak per emergency adds thirty.
 constexpr int kDescriptorMargin = 3;
-// Measured growth after the warm-up: 16 KiB in the plain build; the checkers'
-// own books add 2.4 MiB (address) and 2.9 MiB (thread).
+// Measured growth: 16 KiB plain; the checkers' books add 2.4 MiB and 2.9 MiB.
 #ifdef ECALL_E2E_SLOWDOWN
 constexpr long kRssMarginKiB = 8192;
 #else

@@ -1,7 +1,5 @@
-// The test call end to end: the whole call to the vehicle's test number,
-// never to an emergency number, marked as a test wherever it shows; refused
-// without a usable test number and while an emergency is in hand; ended at
-// once by a crash; given up after three attempts; forgotten by a restart.
+// The test call end to end: to the vehicle's test number only, marked as a
+// test wherever it shows, never journaled.
 #include "carScene.h"
 
 using namespace carScene;
@@ -23,12 +21,10 @@ Json::Value phoneSays(Scene& s, const std::string& part) {
 
 }  // namespace
 
-// Asked for with ecallctl, the test call runs as an emergency call does,
-// without the cancel window: its own prompts, the dial to the test number
-// as a test, the operator's announcement saying it is a test, the end
-// period. The signal and the log say "test"; no emergency number is dialled
-// and the journal is never written.
-TEST(TestCall, WholeCallToTheTestNumberMarkedAsATestAndNeverJournaled) {
+// The test call runs as an emergency call without the cancel window, with
+// its own prompts and announcement, marked "test"; an unreachable line is
+// tried three times; it is never journaled, and a restart forgets it.
+TEST(TestCall, WholeCallMarkedAsATestGivenUpAfterThreeAttemptsAndNeverResumed) {
   Scene s(carOptions(kScale, {"set brand 9", "set gps 12345678 -98765432", "set pace 2000"}));
   const testSupport::Outcome started = ctl(s.car, {"test"});
   EXPECT_EQ(started.exitCode, 0) << started.err;
@@ -43,16 +39,38 @@ TEST(TestCall, WholeCallToTheTestNumberMarkedAsATestAndNeverJournaled) {
   EXPECT_SOON_EQ(s.spoken(), (Strings{"PMSG: Starting a test call. This is not a 9-1-1 call.", vetta + kOperatorKeys,
                                       vetta + "Latitude... 12.34567. Longitude... -98.76543. " + kOperatorKeys,
                                       "PMSG: Test call ended."}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Test call requested, test number 5550100", "Test call started",
-                                        "Test call: calling 5550100", kCallActive, "Call ended", "Test call ended"}));
+  EXPECT_TRUE(s.logInOrder({"Test call requested, test number 5550100", "Test call started",
+                            "Test call: calling 5550100", kCallActive, "Call ended", "Test call ended"}));
   for (const std::string& entry : s.log()) EXPECT_EQ(entry.find("911"), std::string::npos) << entry;
+  EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
+
+  s.markNow();
+  s.sim("set dial fail");
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
+  ASSERT_TRUE(s.waitForIdle());
+  const std::string failed = activeSignal("failed", "TEST_CALL", "Test call to the vehicle's test number", "5550100");
+  EXPECT_SOON_EQ(s.signals(), (Strings{kTestSignal, failed, failed, failed, endedSignal(true), endedSignal(false)}));
+  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), (Strings{kTestDial, kTestDial, kTestDial}));
+  EXPECT_TRUE(s.logInOrder({"Test call failed after 3 attempts", "Test call ended"}));
+
+  s.sim("set dial ok");
+  s.sim("set answer manual");
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
+  ASSERT_FALSE(phoneSays(s, "ALERTING").isNull());
+  s.car.stopService();
+  s.sim("psap hangup");
+  s.markNow();
+  s.car.startService();
+  ASSERT_TRUE(s.waitForRequest("AudioMixerManager", "getProperties"));  // the last of its start
+  ASSERT_EQ(s.car.call("startTestEcall"), kOk) << "something was resumed";
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
+  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").front(), kTestDial);
+  for (const std::string& entry : s.car.emergencyLogMessages()) EXPECT_EQ(entry.find("resumed"), std::string::npos);
   EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
 }
 
-// No call without a test number the car may dial (missing, empty, not a
-// number, one every phone takes for an emergency, one of this phone's
-// emergency numbers), nor while an emergency waits for the phone, is in
-// progress or in its call-back period.
+// Refused without a test number the car may dial, and while an emergency
+// waits, is in progress or in its call-back period.
 TEST(TestCall, RefusedWithoutAUsableTestNumberAndWhileAnEmergencyIsInHand) {
   Scene s(carOptions(kScale, {"set number 911 5550123"}));
   const std::pair<std::string, std::string> numbers[] = {
@@ -85,11 +103,8 @@ TEST(TestCall, RefusedWithoutAUsableTestNumberAndWhileAnEmergencyIsInHand) {
   EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), Strings{kCrashDial});
 }
 
-// A crash while the operator hears the test announcement: the test call is
-// hung up and the crash dialled to 911 as soon as the phone (slow to let a
-// call go, as a real one) has let it go, well within the shortest wait a
-// test call or a press could put before it (10 s). The crash call then runs
-// its own course.
+// A crash hangs up the test call and is dialled as soon as the phone (slow
+// to let go, as a real one) has let it go, well within the 10 s delay.
 TEST(TestCall, ACrashEndsTheTestCallAtOnceAndIsDialledWithoutDelay) {
   constexpr double scale = 0.1;
   Scene s(carOptions(scale, {"set hangup 1000"}));
@@ -108,34 +123,7 @@ TEST(TestCall, ACrashEndsTheTestCallAtOnceAndIsDialledWithoutDelay) {
                   return isReadout(r, "ECALL: A crash has occurred in a Corvane vehicle: " + kOperatorKeys);
                 }).isNull());
   EXPECT_TRUE(containsInOrder(s.signals(), {kTestSignal, kCrashB}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Test call: calling 5550100", "Test call ended: CAN_IMPACT_B takes over",
-                                        "ACR triggered on CAN - More severe rear event", "Calling 911"}));
+  EXPECT_TRUE(s.logInOrder({"Test call: calling 5550100", "Test call ended: CAN_IMPACT_B takes over",
+                            "ACR triggered on CAN - More severe rear event", "Calling 911"}));
 }
 
-// A test line that cannot be reached is tried three times, then the test
-// call ends, saying so. A test call killed with the service is forgotten:
-// after the restart a new test call is taken and its dial is the first.
-TEST(TestCall, GivesUpAfterThreeAttemptsAndIsForgottenByARestart) {
-  Scene s(carOptions(kScale, {"set dial fail"}));
-  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
-  ASSERT_TRUE(s.waitForIdle());
-  const std::string failed = activeSignal("failed", "TEST_CALL", "Test call to the vehicle's test number", "5550100");
-  EXPECT_SOON_EQ(s.signals(), (Strings{kTestSignal, failed, failed, failed, endedSignal(true), endedSignal(false)}));
-  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), (Strings{kTestDial, kTestDial, kTestDial}));
-  EXPECT_TRUE(containsInOrder(s.log(), {"Test call failed after 3 attempts", "Test call ended"}));
-
-  s.sim("set dial ok");
-  s.sim("set answer manual");
-  ASSERT_EQ(s.car.call("startTestEcall"), kOk);
-  ASSERT_FALSE(phoneSays(s, "ALERTING").isNull());
-  s.car.stopService();
-  s.sim("psap hangup");
-  s.markNow();
-  s.car.startService();
-  ASSERT_TRUE(s.waitForRequest("AudioMixerManager", "getProperties"));  // the last of its start
-  ASSERT_EQ(s.car.call("startTestEcall"), kOk) << "something was resumed";
-  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
-  EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial").front(), kTestDial);
-  for (const std::string& entry : s.car.emergencyLogMessages()) EXPECT_EQ(entry.find("resumed"), std::string::npos);
-  EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
-}
