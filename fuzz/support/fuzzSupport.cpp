@@ -1,12 +1,12 @@
 #include "support/fuzzSupport.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <utility>
 
@@ -192,9 +192,14 @@ void writeServiceFile(const std::string& absolutePath, const std::string& conten
 void writeWatchedObject(const std::string& absolutePath, const std::string& content) {
   writeServiceFile(absolutePath, content);
   const std::string path = platform::rootPath(absolutePath);
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
+  const int flags = O_WRONLY | O_CREAT | O_CLOEXEC;
+  int fd = open(path.c_str(), flags, 0644);
+  if (fd < 0) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    fd = open(path.c_str(), flags, 0644);
+  }
+  expect(fd >= 0, "a watched object cannot be written");
+  close(fd);
 }
 
 std::vector<std::string> splitFields(const uint8_t* data, size_t size, size_t count) {

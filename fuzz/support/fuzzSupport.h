@@ -31,7 +31,8 @@ void endInput();
 
 // Writes a file of the service ("/pps/can/vehstat", ...) under the root.
 void writeServiceFile(const std::string& absolutePath, const std::string& content);
-// Also on disk, where a PPS delta descriptor watches it.
+// And wakes the PPS delta descriptors that watch it on disk as a writer
+// does, opening it for writing and closing it (they read the text in memory).
 void writeWatchedObject(const std::string& absolutePath, const std::string& content);
 
 // Splits data into at most count fields at NUL bytes; the last field takes

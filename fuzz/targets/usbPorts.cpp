@@ -1,5 +1,11 @@
 // The embedded phone's answer to "getUsbPorts", parsed directly and through
 // the asynchronous reply that writes the ports to the emergency log.
+//
+// The real answer names the few USB ports of the cellular module
+// ({"ports":["SWIUSB0","SWIUSB2"]}, 31 bytes). Inputs are bounded at 512
+// bytes: room for the answer with an error code, a dozen ports, spacing,
+// escapes and nesting to parse.
+// libFuzzer options: -max_len=512
 #include <cstddef>
 #include <cstdint>
 #include <string>

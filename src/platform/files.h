@@ -4,7 +4,8 @@
 // has put a file system of its own in their place: the fuzz targets keep
 // these files in memory, so that an input costs no system call.
 //
-// PPS delta descriptors and the emergency journal stay on the kernel's
+// A PPS delta descriptor reads its object through these calls; its watch
+// and change journal, and the emergency journal, stay on the kernel's
 // files: they need inotify and fdatasync.
 #pragma once
 

@@ -123,19 +123,21 @@ bool wanted(const DeltaObject& object, const std::string& name) {
   return false;
 }
 
-// The whole file, or false when it cannot be read (absent).
+// The whole file, or false when it cannot be read (absent). The object's
+// text is one of the service's files (platform/files.h); its change journal
+// and the watch stay on the kernel's.
 bool readWholeFile(const std::string& path, std::string& text) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = fileOpen(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   text.clear();
   char chunk[65536];
   for (;;) {
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    const ssize_t n = fileRead(fd, chunk, sizeof chunk);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     text.append(chunk, static_cast<size_t>(n));
   }
-  ::close(fd);
+  fileClose(fd);
   return true;
 }
 
