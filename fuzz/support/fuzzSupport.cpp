@@ -15,7 +15,7 @@
 #include "ecallProcessor/ecallProcessor.h"
 #include "externalServiceHandling/externalServiceHandling.h"
 #include "fake/fakeBus.h"
-#include "fake/memoryFiles.h"
+#include "support/memoryFiles.h"
 #include "fake/processProbe.h"
 #include "orcImpact/CANImpactECallHandler.h"
 #include "platform/files.h"

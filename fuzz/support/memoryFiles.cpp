@@ -1,4 +1,4 @@
-#include "fake/memoryFiles.h"
+#include "support/memoryFiles.h"
 
 #include <errno.h>
 #include <fcntl.h>
