@@ -172,13 +172,13 @@ def main():
         sel.register(getattr(modem, port), selectors.EVENT_READ, port)
 
     def read(port, take):
-        try:
+        try:  # answering too: ofonod may end without reading all it was sent
             chunk = getattr(modem, port).recv(4096)
-        except OSError:  # ofonod ended without reading all it was sent
+            if chunk:
+                buffers[port] = lines(buffers[port], chunk, take)
+        except OSError:
             chunk = b""
-        if chunk:
-            buffers[port] = lines(buffers[port], chunk, take)
-        else:
+        if not chunk:
             drop(port)
 
     # Bound but not listening, the AT port refuses connections.

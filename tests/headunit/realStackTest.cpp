@@ -157,7 +157,7 @@ TEST(RealStack, CrashIsPlacedWhateverStateTheModemComesUpIn) {
   EXPECT_NE(reply.find("{\"status\":false}"), std::string::npos) << reply;
   car.network("state nosim");
   for (const std::string next : {"pin", "limited", ""}) {
-    ASSERT_TRUE(car.waitForModem("at ATD911;", mark, ms(40000))) << car.bridgeLog();
+    ASSERT_TRUE(car.waitForModem("at ATD911;", mark, ms(40000))) << car.bridgeLog() << car.modem->err();
     if (next.empty()) break;
     car.network("state " + next);
     mark = car.modemMark();
