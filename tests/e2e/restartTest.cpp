@@ -13,6 +13,9 @@
 #include <thread>
 
 #include "carScene.h"
+#include "common/ecallTypes.h"
+#include "emergencyJournal/journalRecord.h"
+#include "platform/clocks.h"
 
 using namespace carScene;
 
@@ -124,6 +127,17 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   // Killed in its call-back period, the run before left the emergency mode's
   // marker; with nothing resumed the mode is off, and so is the marker.
   EXPECT_FALSE(testSupport::fileExists(car.path("/tmp/embeddedCallActive")));
+
+  // A crash requested 65 car minutes ago (13 real ones at this pace) is over the hour: never raised.
+  car.stopService();
+  const journal::journalSlot old = journal::encodeSlot(
+      {journal::journalKind::requested, ecallMain::CAN_IMPACT_B, ecallMain::CALL_ACN, {},
+       platform::wallClockMs() - 13 * 60000, 0, 0, 0}, 1);
+  testSupport::writeFile(car.path("/fs/etfs/usr/var/ecall/ecall_journal"),
+                         std::string(journal::SLOT_SIZE, '\0') + std::string(old.begin(), old.end()));
+  s.markNow();
+  car.startService();
+  EXPECT_NE(waitForLogStarting(s, "Emergency not resumed after a restart: CAN_IMPACT_B, mode acn, "), "");
 }
 
 // Killed at random moments of many emergencies (seeded; ECALL_KILL_SEED
@@ -196,6 +210,7 @@ TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   E2eHarness& car = s.car;
   EXPECT_EQ(manager.next(kLong), "READY=1");
   for (int fed = 0; fed < 3; ++fed) ASSERT_EQ(manager.next(kLong), "WATCHDOG=1");
+  EXPECT_NE(car.serviceStderr().find("fed every 200 ms"), std::string::npos) << "not fed twice a period";
   s.sim("crash B can");
   ASSERT_FALSE(waitForDial(s).isNull());
 
