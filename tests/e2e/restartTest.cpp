@@ -7,6 +7,9 @@
 #include <thread>
 
 #include "carScene.h"
+#include "common/ecallTypes.h"
+#include "emergencyJournal/journalRecord.h"
+#include "platform/clocks.h"
 
 using namespace carScene;
 
@@ -73,6 +76,16 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   EXPECT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty());
   // The marker left by the run killed in its call-back period is gone.
   EXPECT_FALSE(testSupport::fileExists(s.car.path("/tmp/embeddedCallActive")));
+
+  // A crash requested 65 car minutes ago (13 real ones at this pace) is over the hour: never raised.
+  s.car.stopService();
+  const journal::journalSlot old = journal::encodeSlot(
+      {journal::journalKind::requested, ecallMain::CAN_IMPACT_B, ecallMain::CALL_ACN, {},
+       platform::wallClockMs() - 13 * 60000, 0, 0, 0}, 1);
+  testSupport::writeFile(s.car.path("/fs/etfs/usr/var/ecall/ecall_journal"),
+                         std::string(journal::SLOT_SIZE, '\0') + std::string(old.begin(), old.end()));
+  s.restart();
+  EXPECT_NE(waitForLogStarting(s, "Emergency not resumed after a restart: CAN_IMPACT_B, mode acn, "), "");
 }
 
 // Killed at random moments (ECALL_KILL_SEED replays a run), every emergency
@@ -137,6 +150,7 @@ TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   Scene s(options);
   EXPECT_EQ(manager.next(kLong), "READY=1");
   for (int fed = 0; fed < 3; ++fed) ASSERT_EQ(manager.next(kLong), "WATCHDOG=1");
+  EXPECT_NE(s.car.serviceStderr().find("fed every 200 ms"), std::string::npos) << "not fed twice a period";
   s.sim("crash B can");
   ASSERT_FALSE(waitForDial(s).isNull());
 
