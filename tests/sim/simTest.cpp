@@ -1,5 +1,4 @@
-// vehicle-sim alone on a private bus, driven through its console and asked
-// over the bus as the service would: the car itself.
+// vehicle-sim alone on a private bus, driven through its console and asked as the service would.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,9 +17,10 @@ using testSupport::E2eOptions;
 
 namespace {
 
-E2eOptions simOnly() {
+E2eOptions simOnly(std::vector<std::string> simArgs = {}) {
   E2eOptions options;
   options.startService = false;
+  options.simArgs = std::move(simArgs);
   return options;
 }
 
@@ -108,9 +108,7 @@ TEST(VehicleSim, ChannelCarriesExactImpactBytesAndRecordsWhatTheServiceWrites) {
 TEST(VehicleSim, ScriptRunsFirstAndButtonsReplaceTheStatusObjectWhole) {
   testSupport::TempRoot dir;
   testSupport::writeFile(dir.path("/script"), "# a car with a tired phone\nset brand 9\n\nphone off\n");
-  E2eOptions options = simOnly();
-  options.simArgs = {"--script", dir.path("/script")};
-  E2eHarness car(options);
+  E2eHarness car(simOnly({"--script", dir.path("/script")}));
   const std::string status = car.sim("status");
   EXPECT_NE(status.find("brand=9"), std::string::npos) << status;
   EXPECT_NE(status.find("phone=off"), std::string::npos) << status;
