@@ -1,8 +1,5 @@
-// What the processor reads from every form of its peers' replies and signals;
-// what the state machine makes of it is proved end to end.
+// What the processor reads from every form of its peers' replies and signals.
 #include "unit/unitFixture.h"
-
-namespace {
 
 using PeerReplies = UnitFixture;
 
@@ -24,8 +21,7 @@ TEST_F(PeerReplies, EmergencyNumberEveryReplyFormAndTheFetchsRetries) {
   EXPECT_EQ(0u, processProbe::systemError().load());
   EXPECT_EQ(1u, log.countTrace("ecall number does not exist!  Please set it."));
 
-  // Three failures, with pauses, give up; a reply without a number is asked
-  // again without counting.
+  // Three failures, with pauses, give up; a reply without a number is asked again uncounted.
   platform::setTimeScale(0.01);  // 5 ms pauses
   fakeBus::setReplies(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers", {refused(), answer(R"({"code":3})"), refused(), answer("{}")});
   const auto start = std::chrono::steady_clock::now();
@@ -53,10 +49,9 @@ TEST(PeerReplyTexts, UsbPortsAndPhoneNumbers) {
   for (const char* number : {"#7771", "#77", "abc"}) EXPECT_TRUE(ecallProcessor::isPhoneNumberValid(number)) << number;
 }
 
-// Which entry of a report is the emergency call, when a ringing call is the
-// centre calling back; an end without an emergency only resets the state,
-// and every reason of the list ends the call, given as a number only.
-TEST_F(PeerReplies, CallStatesAndEndReasons) {
+// Which entry of a report is the emergency call, when a ringing call is the centre
+// calling back; every end reason of the list ends the call, given as a number only.
+TEST_F(PeerReplies, CallStatesEndReasonsAndAntenna) {
   PulseProbe probe;
   auto report = [](const std::string& entries) { ecallHandler.processEmdPhCallState(("{\"callStateInfo\":" + entries + "}").c_str()); };
   for (const char* ignored : {R"([{"callState":"CALL_STATE_RINGING","number":"#777","callType":1}])",
@@ -94,12 +89,8 @@ TEST_F(PeerReplies, CallStatesAndEndReasons) {
     EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_IDLE") << reason;
     EXPECT_FALSE(ecallHandler.getCallConnected() || processProbe::btCallActive()) << reason;
   }
-}
 
-// A lasting fault is proved end to end; a normal status without a
-// successful reading clears nothing.
-TEST_F(PeerReplies, AntennaNormalWithoutSuccessClearsNothing) {
-  PulseProbe probe;
+  // A normal antenna status without a successful reading clears nothing.
   ecallHandler.processAntennaStatusSignal(R"({"description":"success","status":"PHONE_DIAG_ANTENNA_OPEN"})");
   ecallHandler.processAntennaStatusSignal(R"({"description":"failure","status":"PHONE_DIAG_ANTENNA_NORMAL"})");
   ecallHandler.processAntennaStatusSignal(R"({"status":"PHONE_DIAG_ANTENNA_NORMAL"})");
@@ -125,8 +116,7 @@ TEST_F(PeerReplies, AssistIdentifierIsTakenFromTheFirstConfigurationLineHoldingT
   }
 }
 
-// Any Bluetooth call not exactly "idle" is active; a signal of another name
-// or an unreadable one leaves the flag.
+// Any Bluetooth call not exactly "idle" is active; another or unreadable signal leaves the flag.
 TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
   const struct {
     const char* sigName;
@@ -148,8 +138,7 @@ TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
     EXPECT_EQ(c.after, processProbe::btCallActive().load()) << c.sigName << " " << (c.data ? c.data : "null");
   }
 
-  // The phone volume from the mixer's answer, 15 when there is none; the
-  // prompt volume is never read from it.
+  // The phone volume from the mixer's answer, 15 when there is none; never the prompt volume.
   const std::pair<fakeBus::Reply, int> volumes[] = {
       {refused(), 15}, {answer("not json"), 15},
       {answer(R"({"volumeLevel":{"FRONT_L_SPKR":{"PHONE":22,"PROMPT":30}}})"), 22}, {answer(R"({"other":1})"), 0}};
@@ -161,5 +150,3 @@ TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
   }
   EXPECT_EQ("{\"props\":[\"volumeLevel\"]}\n", fakeBus::requests(AUDIO_MIXER_SERVICE, "getProperties").at(0).params);
 }
-
-}  // namespace

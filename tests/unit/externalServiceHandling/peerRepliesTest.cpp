@@ -16,10 +16,11 @@ void setPosition(const std::string& latitude, const std::string& longitude) {
 const std::string kUnavailable = "Vehicle location currently not available.";
 const std::string kKeys = "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
 
-// The occupants hear their language; the operator hears English with the
-// brand (the empty row leaves two blanks) and, in the second announcement,
-// the position. A language or brand out of range is taken as none.
-TEST_F(ExternalServices, PromptTextPerLanguageAndBrand) {
+// The occupants hear their language; the operator hears English with the brand (the
+// empty row leaves two blanks) and, in the second announcement, the position as
+// degrees with five decimals, the sixth cut; no fix (0) or anything but two integers is
+// no position. A language or brand out of range is taken as none.
+TEST_F(ExternalServices, PromptTextPerLanguageAndBrandAndPositionSentence) {
   setPosition("12345678", "0");
   const struct {
     int language, brand;
@@ -41,14 +42,10 @@ TEST_F(ExternalServices, PromptTextPerLanguageAndBrand) {
     processProbe::mVehicleBrandIndex() = c.brand;
     EXPECT_EQ(c.text, extServHandle.composeTtsText(c.prompt)) << c.language << " " << c.brand << " " << c.prompt;
   }
-}
 
-// Degrees with five decimals, the sixth cut; no fix (0) or anything but
-// two integers is no position.
-TEST_F(ExternalServices, PositionSentence) {
   const struct {
     std::string latitude, longitude, expected;
-  } cases[] = {
+  } positions[] = {
       {"0", "-98765432", kUnavailable},              {"12.5", "-98765432", kUnavailable},
       {"\"12345678\"", "-98765432", kUnavailable}, {"12345678", "null", kUnavailable},
       {"12345678", "0", "Latitude... 12.34567. Longitude... 0.00000. "},
@@ -56,7 +53,7 @@ TEST_F(ExternalServices, PositionSentence) {
       {"-98765432", "98765439", "Latitude... -98.76543. Longitude... 98.76543. "},
       {std::to_string(INT_MIN), std::to_string(INT_MAX), "Latitude... -2147.48364. Longitude... 2147.48364. "},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : positions) {
     setPosition(c.latitude, c.longitude);
     EXPECT_EQ(c.expected, extServHandle.getGPSResponseString()) << c.latitude << " " << c.longitude;
   }
@@ -67,8 +64,8 @@ TEST_F(ExternalServices, PositionSentence) {
   EXPECT_EQ("{\"inprop\":[\"POS_Position\"]}\n", fakeBus::requests(NDR_SERVICE, "JSON_GetProperties").at(0).params);
 }
 
-// Only an exact "NO" disables; a reply without the member is asked five
-// times, a refused one too, and then the phone is taken as fitted.
+// Only an exact "NO" disables; a reply without the member or refused is asked five times,
+// and then the phone is taken as fitted.
 TEST_F(ExternalServices, VariantOnlyAnExactNoDisables) {
   const struct {
     fakeBus::Reply reply;
@@ -89,8 +86,8 @@ TEST_F(ExternalServices, VariantOnlyAnExactNoDisables) {
   EXPECT_TRUE(extServHandle.getEmebeddedPhoneEnabledInVariant()) << "the answer is kept";
 }
 
-// A brand is 1 to 12, as a number or as text; a language is told by a part
-// of its code. Anything else keeps the last good one.
+// A brand is 1 to 12, as a number or text; a language is told by a part of its code.
+// Anything else keeps the last good one.
 TEST_F(ExternalServices, BrandAndLanguageKeepTheLastGoodAnswer) {
   const std::pair<const char*, int> brands[] = {
       {R"({"vehicleBrand":"7"})", 7}, {R"({"vehicleBrand":12})", 12}, {R"({"vehicleBrand":7})", 7},
@@ -112,8 +109,7 @@ TEST_F(ExternalServices, BrandAndLanguageKeepTheLastGoodAnswer) {
   }
 }
 
-// No scenario or one of the embedded phone's own is left running; any
-// other is stopped.
+// No scenario or one of the embedded phone's own is left running; any other is stopped.
 TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStopped) {
   for (const char* own : {"Embedded_255_1", "XEmbeddedY", ""}) {
     fakeBus::setReply(PSSE_SERVICE, "getSHF_Scenario", answer(std::string("{\"scenario\":\"") + own + "\"}"));
@@ -127,8 +123,7 @@ TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStopped) {
   EXPECT_EQ("{\"mode\":\"STOP\",\"scenario\":\"BT_HFP\"}\n", stops[0].params);
 }
 
-// The mute requests carry the id the mixer gave; a microphone that cannot
-// be muted leaves the second alone.
+// The mute requests carry the mixer's id; a microphone that cannot be muted leaves the second alone.
 TEST_F(ExternalServices, MuteUsesTheRegisteredIdAndStopsAtAFailedMicrophone) {
   fakeBus::setReply(AUDIO_MIXER_SERVICE, "registerMuteClient", answer("{\"id\":42}"));
   extServHandle.registerMuteClient();

@@ -1,5 +1,4 @@
-// The MSD codec against messages computed by hand from the bit map, and the
-// rules that build the content from the car's raw inputs.
+// The MSD codec against messages computed by hand from the bit map; the content built from raw inputs.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -92,10 +91,8 @@ TEST(Msd, EncoderRefusesWhatItsTypesCannotHoldAndAnythingOver140Octets) {
 }
 
 TEST(Msd, DecoderReadsOtherSendersFormsAndNamesWhatIsBroken) {
-  // Zero fill up to the 140-octet block, and an extension addition of a
-  // later format, are skipped; a vehicle type of a later format is read;
-  // propulsion flags sent with their values, FALSE ones included, are read
-  // in version 2 and in version 1 (six flags, no length).
+  // Zero fill to 140 octets and a later format's extension are skipped, its vehicle type
+  // read; flags sent with their values (FALSE ones too) read in versions 2 and 1.
   Bytes padded = octets(kSmallest);
   padded.resize(140, 0);
   Content laterType = smallest(), withData = smallest(), gasoline = smallest();
@@ -166,26 +163,22 @@ TEST(Msd, BuilderTurnsRawInputsIntoContent) {
   for (auto [heading, index] : {std::pair{0.0, 0}, {0.9, 0}, {1.0, 1}, {3.0, 2}, {358.9, 179}, {359.0, 0}, {-90.0, 135}, {724.0, 2}})
     EXPECT_EQ(index, build(1, crash, car, {.heading = heading}, {}).content.direction.value_or(255)) << heading;
 
-  // N2 counts from where N1 puts the car, not from the true point, so the
-  // centre's N2 stays within half a step: here -1, where the true N1 gives -2.
+  // N2 counts from where N1 puts the car, not the true point: -1, where the true N1 gives -2.
   b = build(1, crash, car, {.current = near(0, 0), .earlier1 = near(-150, 50), .earlier2 = near(-300, 100)}, {});
   EXPECT_EQ((Delta{-2, 1}), b.content.n1);
   EXPECT_EQ((Delta{-1, 0}), b.content.n2);
   // The edge of the range; the shorter way across 180 degrees.
-  b = build(1, crash, car, {.current = near(0, 0), .earlier1 = near(51100, -51200)}, {});
-  EXPECT_EQ((Delta{511, -512}), b.content.n1);
-  b = build(1, crash, car, {.current = GeoPoint{0, 179.99999}, .earlier1 = GeoPoint{0, -179.99999}}, {});
-  EXPECT_EQ((Delta{0, 1}), b.content.n1);
-  b = build(1, crash, car, {.current = GeoPoint{0, -179.99999}, .earlier1 = GeoPoint{0, 179.99999}}, {});
-  EXPECT_EQ((Delta{0, -1}), b.content.n1);
+  for (const auto& [current, earlier, n1] : {std::tuple{near(0, 0), near(51100, -51200), Delta{511, -512}},
+                                             {GeoPoint{0, 179.99999}, GeoPoint{0, -179.99999}, Delta{0, 1}},
+                                             {GeoPoint{0, -179.99999}, GeoPoint{0, 179.99999}, Delta{0, -1}}})
+    EXPECT_EQ(n1, build(1, crash, car, {.current = current, .earlier1 = earlier}, {}).content.n1) << earlier.longitude;
 
   // No fix: position unknown and not trusted, no recent positions.
   b = build(1, crash, car, {.trusted = true, .earlier1 = near(0, 0)}, {});
   EXPECT_FALSE(b.content.latitude || b.content.longitude || b.content.n1 || b.content.positionCanBeTrusted);
   EXPECT_TRUE(b.warnings.empty());
 
-  // The MSDs the centre asks for again: the next identifier, the trigger's
-  // time kept, the fresh position; past 255 the identifier stays there.
+  // Asked again: the next identifier, the trigger's time, the fresh position; 255 at most.
   Session session(crash, car);
   const Built first = session.next({.current = near(0, 0)}, {});
   const Built again = session.next({.current = near(900, 0)}, {});
