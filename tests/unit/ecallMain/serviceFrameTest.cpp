@@ -3,12 +3,9 @@
 #include "platform/slog.h"
 #include "unit/unitFixture.h"
 
-namespace {
-
 using ServiceFrame = UnitFixture;
 
-// The type member remembers every mode but the system error, which shows
-// once; a signal without a new mode shows what was shown before.
+// The type member remembers every mode but the system error, shown once; no new mode shows the last.
 TEST_F(ServiceFrame, SignalModeTextRemembersEveryModeButSystemError) {
   const std::pair<ecallMain::eCallModeType, const char*> steps[] = {
       {ecallMain::CALL_NOCHANGE, "none"},  // nothing remembered yet
@@ -39,5 +36,3 @@ TEST(SystemLog, DieWritesTheMessageAsGivenAndAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(die("Failed to register service: 0x%0X", 0x80000005u), "Failed to register service: 0x80000005");
 }
-
-}  // namespace
