@@ -153,12 +153,7 @@ TEST(PpsParse, LineKindsInPlaceAndNeverPastTheTextEnd) {
   char text[] =
       "@vehstat\n\nODO::1234567\nPOS:json:{\"a\":1}\r\n-U_CALL_BtnStat\n#@other\n"
       "no separator\none:colon\nE_CALL_BtnStat::1";  // the last line has no line end
-  struct Expected {
-    pps_status_t status;
-    const char* name;  // object or attribute name
-    const char* encoding;
-    const char* value;
-  } expected[] = {
+  const std::tuple<pps_status_t, const char*, const char*, const char*> lines[] = {  // status, name, encoding, value
       {PPS_OBJECT, "vehstat", nullptr, nullptr},
       {PPS_ATTRIBUTE, "ODO", "", "1234567"},
       {PPS_ATTRIBUTE, "POS", "json", "{\"a\":1}"},
@@ -172,16 +167,15 @@ TEST(PpsParse, LineKindsInPlaceAndNeverPastTheTextEnd) {
   };
   char* cursor = text;
   pps_attrib_t info{};
-  for (const Expected& e : expected) {
-    const pps_status_t status = ppsparse(&cursor, nullptr, nullptr, &info, 0);
-    ASSERT_EQ(e.status, status) << (e.name ? e.name : "?");
+  for (const auto& [status, name, encoding, value] : lines) {
+    ASSERT_EQ(status, ppsparse(&cursor, nullptr, nullptr, &info, 0)) << (name ? name : "?");
     const bool isObject = status == PPS_OBJECT || status == PPS_OBJECT_CREATED;
-    if (e.name) {
-      EXPECT_STREQ(e.name, isObject ? info.obj_name : info.attr_name);
+    if (name) {
+      EXPECT_STREQ(name, isObject ? info.obj_name : info.attr_name);
     }
-    if (e.value) {
-      EXPECT_STREQ(e.encoding, info.encoding);
-      EXPECT_STREQ(e.value, info.value);
+    if (value) {
+      EXPECT_STREQ(encoding, info.encoding);
+      EXPECT_STREQ(value, info.value);
     }
   }
   EXPECT_EQ(text + sizeof text - 1, cursor);

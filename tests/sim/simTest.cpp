@@ -75,20 +75,17 @@ TEST(VehicleSim, ChannelCarriesExactImpactBytesAndRecordsWhatTheServiceWrites) {
   ASSERT_TRUE(car.waitForChannelConnected());
 
   // Kind B on CAN, raw impacts and link loss are read by the service end to end.
-  struct Case {
-    const char* command;
-    std::vector<int> bytes;
-  } cases[] = {
+  const std::pair<const char*, std::vector<int>> cases[] = {
       {"crash Tgl can", {0, 1, 0x80, 0, 0, 0, 0}},
       {"crash X", {0, 1, 0, 0x80, 0, 0, 0}},
       {"crash I serial", {0, 0, 0, 0, 1, 0, 0x02}},
       {"crash O serial", {0, 0, 0, 0, 1, 0, 0x40}},
   };
-  for (const auto& c : cases) {
-    ASSERT_TRUE(ok(car.sim(c.command))) << c.command;
+  for (const auto& [command, bytes] : cases) {
+    ASSERT_TRUE(ok(car.sim(command))) << command;
     unsigned char buffer[512];
     const ssize_t n = read(fd, buffer, sizeof buffer);
-    EXPECT_EQ(std::vector<int>(buffer, buffer + (n > 0 ? n : 0)), c.bytes) << c.command;
+    EXPECT_EQ(std::vector<int>(buffer, buffer + (n > 0 ? n : 0)), bytes) << command;
   }
   EXPECT_EQ(car.sim("crash E").rfind("error", 0), 0u) << "E is not an impact kind";
 

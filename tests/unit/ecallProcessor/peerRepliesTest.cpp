@@ -5,18 +5,15 @@ using PeerReplies = UnitFixture;
 
 TEST_F(PeerReplies, EmergencyNumberEveryReplyFormAndTheFetchsRetries) {
   ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, true);
-  const struct {
-    const char* reply;
-    int result;
-    const char* numberAfter;
-  } cases[] = {  // the count is looked at before the list; an error keeps the number
+  // The count is looked at before the list; an error keeps the number.
+  const std::tuple<const char*, int, const char*> cases[] = {
       {R"({"code":0,"count":2,"numberList":["","911"]})", 1, "911"}, {R"({"count":2,"numberList":["112","911"]})", 1, "112"},
       {R"({"count":3,"numberList":[null,7,"999"]})", 1, "999"},      {R"({"count":0,"numberList":["911"]})", -1, "999"},
       {R"({"code":5,"count":1,"numberList":["911"]})", -1, "999"},   {"not json", -1, "999"},
       {R"({"count":1,"numberList":[]})", 0, "999"},                  {R"({"count":1,"numberList":[""]})", 0, "999"}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.result, ecallHandler.parseEcallNumber(c.reply)) << c.reply;
-    EXPECT_EQ(c.numberAfter, ecallHandler.getLocalEcallNumber()) << c.reply;
+  for (const auto& [reply, result, numberAfter] : cases) {
+    EXPECT_EQ(result, ecallHandler.parseEcallNumber(reply)) << reply;
+    EXPECT_EQ(numberAfter, ecallHandler.getLocalEcallNumber()) << reply;
   }
   EXPECT_EQ(0u, processProbe::systemError().load());
   EXPECT_EQ(1u, log.countTrace("ecall number does not exist!  Please set it."));
@@ -97,7 +94,8 @@ TEST_F(PeerReplies, CallStatesEndReasonsAndAntenna) {
   EXPECT_EQ(probe.next(), ECALL_PULSE_ANTENNA_FAULT);
 }
 
-TEST_F(PeerReplies, AssistIdentifierIsTakenFromTheFirstConfigurationLineHoldingTheKey) {
+// The Assist identifier comes from the first configuration line holding the key.
+TEST_F(PeerReplies, AssistIdentifierBluetoothCallStateAndDefaultVolumes) {
   const std::string defaultId = ecallMain::defaultAssistAppUUID;
   const std::pair<const char*, std::string> cases[] = {
       {"{\n\"name\":\"x\",\n\"uuidAssistApp\":\"ABC\",\"other\":\"y\"\n}\n", "ABC"},
@@ -114,15 +112,9 @@ TEST_F(PeerReplies, AssistIdentifierIsTakenFromTheFirstConfigurationLineHoldingT
     ecallHandler.getAssistAppUUID();
     EXPECT_EQ(expected, processProbe::assistAppUUID().get()) << (content ? content : "no file");
   }
-}
 
-// Any Bluetooth call not exactly "idle" is active; another or unreadable signal leaves the flag.
-TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
-  const struct {
-    const char* sigName;
-    const char* data;
-    bool before, after;
-  } bt[] = {
+  // Any Bluetooth call not exactly "idle" is active; another or unreadable signal leaves the flag.
+  const std::tuple<const char*, const char*, bool, bool> bt[] = {  // signal, data, flag before, after
       {"callState", R"({"callStateInfo":[{"callState":"idle"},{"callState":"active"}]})", false, true},
       {"callState", R"({"callStateInfo":[{"callState":"Idle"}]})", false, true},
       {"callState", R"({"callStateInfo":[{"other":1},{"callState":""}]})", false, true},
@@ -132,10 +124,10 @@ TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
       {"callState", "{not json", true, true},
       {"callState", nullptr, false, false},
   };
-  for (const auto& c : bt) {
-    processProbe::btCallActive() = c.before;
-    ecallProcessor::onSubcribedBTSignal(c.sigName, c.data, &ecallHandler);
-    EXPECT_EQ(c.after, processProbe::btCallActive().load()) << c.sigName << " " << (c.data ? c.data : "null");
+  for (const auto& [sigName, data, before, after] : bt) {
+    processProbe::btCallActive() = before;
+    ecallProcessor::onSubcribedBTSignal(sigName, data, &ecallHandler);
+    EXPECT_EQ(after, processProbe::btCallActive().load()) << sigName << " " << (data ? data : "null");
   }
 
   // The phone volume from the mixer's answer, 15 when there is none; never the prompt volume.

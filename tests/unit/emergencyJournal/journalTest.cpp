@@ -71,13 +71,8 @@ TEST(EmergencyJournal, ACutAtAnyByteLeavesTheChangeBeforeAndBadBytesRaiseNothing
 // (a clock set back); a period goes on for its rest, never longer than a whole period.
 TEST(EmergencyJournal, AgeAndPeriodFollowTheClocksOfARestartedHeadUnit) {
   const int64_t t = 1000000;  // the wall clock of the records' start
-  const struct {
-    journalKind kind;
-    int64_t wall, boot;
-    platform::bootIdentity id;
-    resumeAction action;
-    int64_t periodMs;
-  } cases[] = {
+  // The record's kind; the clocks of the restart: wall, boot, boot identity; what is resumed.
+  const std::tuple<journalKind, int64_t, int64_t, platform::bootIdentity, resumeAction, int64_t> cases[] = {
       {journalKind::requested, t + 2 * kHour, 6000, kBootA, resumeAction::raise, 0},
       {journalKind::requested, t, 5000 + kHour, kBootA, resumeAction::tooOld, 0},
       {journalKind::requested, t + kHour - 1, 100, kBootB, resumeAction::raise, 0},
@@ -92,9 +87,9 @@ TEST(EmergencyJournal, AgeAndPeriodFollowTheClocksOfARestartedHeadUnit) {
       {journalKind::callbackPeriod, t + kPeriod, 100, kBootB, resumeAction::nothing, 0},
       {journalKind::cancelled, t, 5000, kBootA, resumeAction::nothing, 0},
   };
-  for (const auto& c : cases) {
-    const journalResume resume = decideResume(recordOf(c.kind), journalClock{c.wall, c.boot, c.id}, kHour, kPeriod);
-    EXPECT_TRUE(resume.action == c.action && resume.periodMs == c.periodMs) << kindName(c.kind) << " at " << c.wall;
+  for (const auto& [kind, wall, boot, id, action, periodMs] : cases) {
+    const journalResume resume = decideResume(recordOf(kind), journalClock{wall, boot, id}, kHour, kPeriod);
+    EXPECT_TRUE(resume.action == action && resume.periodMs == periodMs) << kindName(kind) << " at " << wall;
   }
 }
 

@@ -22,11 +22,7 @@ const std::string kKeys = "At any time press '1' for location information. Press
 // no position. A language or brand out of range is taken as none.
 TEST_F(ExternalServices, PromptTextPerLanguageAndBrandAndPositionSentence) {
   setPosition("12345678", "0");
-  const struct {
-    int language, brand;
-    eECallTtsPrompt prompt;
-    std::string text;
-  } cases[] = {
+  const std::tuple<int, int, eECallTtsPrompt, std::string> cases[] = {  // language, brand, prompt, text
       {0, VEHICLE_BRAND_NONE, TTS_PROMPT_ECALL_PSAP1, "Emergency call from a  vehicle: " + kKeys},
       {1, 7, TTS_PROMPT_ACN_PSAP1, "A crash has occurred in a Roadmast vehicle: " + kKeys},
       {2, 2, TTS_PROMPT_ECALL_PSAP2,
@@ -37,15 +33,13 @@ TEST_F(ExternalServices, PromptTextPerLanguageAndBrandAndPositionSentence) {
       {-1, -1, TTS_PROMPT_ACN_PSAP1, "A crash has occurred in a  vehicle: " + kKeys},
       {0, 1, TTS_PROMPT_COUNT, ""},
   };
-  for (const auto& c : cases) {
-    processProbe::mTtsLanguage() = c.language;
-    processProbe::mVehicleBrandIndex() = c.brand;
-    EXPECT_EQ(c.text, extServHandle.composeTtsText(c.prompt)) << c.language << " " << c.brand << " " << c.prompt;
+  for (const auto& [language, brand, prompt, text] : cases) {
+    processProbe::mTtsLanguage() = language;
+    processProbe::mVehicleBrandIndex() = brand;
+    EXPECT_EQ(text, extServHandle.composeTtsText(prompt)) << language << " " << brand << " " << prompt;
   }
 
-  const struct {
-    std::string latitude, longitude, expected;
-  } positions[] = {
+  const std::tuple<std::string, std::string, std::string> positions[] = {  // latitude, longitude, sentence
       {"0", "-98765432", kUnavailable},              {"12.5", "-98765432", kUnavailable},
       {"\"12345678\"", "-98765432", kUnavailable}, {"12345678", "null", kUnavailable},
       {"12345678", "0", "Latitude... 12.34567. Longitude... 0.00000. "},
@@ -53,9 +47,9 @@ TEST_F(ExternalServices, PromptTextPerLanguageAndBrandAndPositionSentence) {
       {"-98765432", "98765439", "Latitude... -98.76543. Longitude... 98.76543. "},
       {std::to_string(INT_MIN), std::to_string(INT_MAX), "Latitude... -2147.48364. Longitude... 2147.48364. "},
   };
-  for (const auto& c : positions) {
-    setPosition(c.latitude, c.longitude);
-    EXPECT_EQ(c.expected, extServHandle.getGPSResponseString()) << c.latitude << " " << c.longitude;
+  for (const auto& [latitude, longitude, expected] : positions) {
+    setPosition(latitude, longitude);
+    EXPECT_EQ(expected, extServHandle.getGPSResponseString()) << latitude << " " << longitude;
   }
   for (const char* reply : {"not json", "[1]", "{\"outprop\":{\"POS_Position\":\"x\"}}"}) {
     fakeBus::setReply(NDR_SERVICE, "JSON_GetProperties", answer(reply));
@@ -67,19 +61,16 @@ TEST_F(ExternalServices, PromptTextPerLanguageAndBrandAndPositionSentence) {
 // Only an exact "NO" disables; a reply without the member or refused is asked five times,
 // and then the phone is taken as fitted.
 TEST_F(ExternalServices, VariantOnlyAnExactNoDisables) {
-  const struct {
-    fakeBus::Reply reply;
-    bool enabled;
-    size_t queries;
-  } cases[] = {{answer(R"({"VARIANT_ECELL":"no"})"), true, 1}, {answer(R"({"VARIANT_ECELL":"YES"})"), true, 1},
-               {answer(R"({"VARIANT_ECELL":""})"), true, 1},   {answer(R"({"VARIANT_ECELL":"NO"})"), false, 1},
-               {answer(R"({"OTHER":"NO"})"), true, 5},         {refused(), true, 5}};
-  for (const auto& c : cases) {
+  const std::tuple<fakeBus::Reply, bool, size_t> cases[] = {  // reply, enabled, queries
+      {answer(R"({"VARIANT_ECELL":"no"})"), true, 1}, {answer(R"({"VARIANT_ECELL":"YES"})"), true, 1},
+      {answer(R"({"VARIANT_ECELL":""})"), true, 1},   {answer(R"({"VARIANT_ECELL":"NO"})"), false, 1},
+      {answer(R"({"OTHER":"NO"})"), true, 5},         {refused(), true, 5}};
+  for (const auto& [reply, enabled, queries] : cases) {
     processProbe::mVariantInfoKnown() = false;
     fakeBus::reset();
-    fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", c.reply);
-    EXPECT_EQ(c.enabled, extServHandle.getEmebeddedPhoneEnabledInVariant()) << c.reply.result;
-    EXPECT_EQ(c.queries, requestCount(PLATFORM_SERVICE, "get_variantinfo")) << c.reply.result;
+    fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", reply);
+    EXPECT_EQ(enabled, extServHandle.getEmebeddedPhoneEnabledInVariant()) << reply.result;
+    EXPECT_EQ(queries, requestCount(PLATFORM_SERVICE, "get_variantinfo")) << reply.result;
   }
   EXPECT_EQ(1u, log.countTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts"));
   fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", answer(R"({"VARIANT_ECELL":"NO"})"));

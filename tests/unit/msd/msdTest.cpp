@@ -26,11 +26,7 @@ Bytes octets(const std::string& hex) { return fromHex(hex).value(); }
 
 TEST(Msd, EncodesHandComputedMessagesAndDecodesThemBack) {
   const Propulsion all{true, true, true, true, true, true, true};
-  const struct {
-    const char* what;
-    Content content;
-    std::string hex;
-  } cases[] = {
+  const std::tuple<const char*, Content, std::string> cases[] = {  // what, content, its message
       {"smallest", smallest(), kSmallest},
       {"every optional field and every upper bound",
        Content{.messageIdentifier = 255, .automaticActivation = true, .testCall = true,
@@ -54,21 +50,18 @@ TEST(Msd, EncodesHandComputedMessagesAndDecodesThemBack) {
        }(),
        "02808940068202914965d80094d90420c4146006553f1008b45029d82e05b2a2d0301040166" + std::string(204, '5') + "0"},
   };
-  for (const auto& c : cases) {
-    const Encoded encoded = encode(c.content);
-    EXPECT_EQ("", encoded.error) << c.what;
-    EXPECT_EQ(c.hex, toHex(encoded.octets)) << c.what;
+  for (const auto& [what, content, hex] : cases) {
+    const Encoded encoded = encode(content);
+    EXPECT_EQ("", encoded.error) << what;
+    EXPECT_EQ(hex, toHex(encoded.octets)) << what;
     const Decoded decoded = decode(encoded.octets);
-    EXPECT_EQ("", decoded.error) << c.what;
-    EXPECT_TRUE(decoded.content == c.content) << c.what << "\n" << render(decoded.content);
+    EXPECT_EQ("", decoded.error) << what;
+    EXPECT_TRUE(decoded.content == content) << what << "\n" << render(decoded.content);
   }
 }
 
 TEST(Msd, EncoderRefusesWhatItsTypesCannotHoldAndAnythingOver140Octets) {
-  const struct {
-    const char* error;
-    void (*change)(Content&);
-  } cases[] = {
+  const std::pair<const char*, void (*)(Content&)> cases[] = {  // the error, the change
       {"character 12 outside the VIN alphabet", [](Content& c) { c.vin[11] = 'I'; }},
       {"character 1 outside the VIN alphabet", [](Content& c) { c.vin[0] = 'z'; }},
       {"16 characters, not 17", [](Content& c) { c.vin.pop_back(); }},
@@ -81,12 +74,12 @@ TEST(Msd, EncoderRefusesWhatItsTypesCannotHoldAndAnythingOver140Octets) {
       {"141 octets, more than 140", [](Content& c) { c.additionalData = AdditionalData{{1, 4, 1}, Bytes(103, 0)}; }},
       {"cannot fit", [](Content& c) { c.additionalData = AdditionalData{{1}, Bytes(100000, 0)}; }},
   };
-  for (const auto& c : cases) {
+  for (const auto& [error, change] : cases) {
     Content content = smallest();
-    c.change(content);
+    change(content);
     const Encoded encoded = encode(content);
-    EXPECT_NE(std::string::npos, encoded.error.find(c.error)) << c.error << ": " << encoded.error;
-    EXPECT_TRUE(encoded.octets.empty()) << c.error;
+    EXPECT_NE(std::string::npos, encoded.error.find(error)) << error << ": " << encoded.error;
+    EXPECT_TRUE(encoded.octets.empty()) << error;
   }
 }
 
