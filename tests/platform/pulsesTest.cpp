@@ -75,7 +75,7 @@ TEST(Pulses, ArriveInOrderFromEverySenderAndNoneIsLost) {
   EXPECT_EQ(EBADF, errno);
 }
 
-TEST(Timers, DisarmedTimerStaysSilentButAFiredPulseIsNotRecalled) {
+TEST(Timers, DisarmedStaysSilentFiredIsNotRecalledAndTimeLeftReadsUnscaled) {
   Channel ch;
   const qnx::timer_t stopped = makeTimer(ch, 1);
   const qnx::timer_t witness = makeTimer(ch, 2);
@@ -95,11 +95,8 @@ TEST(Timers, DisarmedTimerStaysSilentButAFiredPulseIsNotRecalled) {
   EXPECT_EQ(1, receiveWithin(ch));
   EXPECT_EQ(0, qnx::timer_delete(stopped));
   EXPECT_EQ(-1, arm(stopped, 10));
-}
 
-// A scaled timer fires early in real time, yet its time left reads as the service armed it.
-TEST(Timers, TimeScaleShortensWaitsButTimeLeftReadsUnscaled) {
-  Channel ch;
+  // A scaled timer fires early in real time, yet its time left reads as the service armed it.
   const qnx::timer_t timer = makeTimer(ch, 6);
   EXPECT_EQ(0, leftMs(timer));
   ASSERT_EQ(0, arm(timer, 10'000));

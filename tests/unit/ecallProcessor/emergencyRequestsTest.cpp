@@ -4,7 +4,7 @@
 using EmergencyRequests = UnitFixture;
 
 // A crash while the phone's return is taken (the number being read) is placed as a crash.
-TEST_F(EmergencyRequests, CrashWhileTheWaitingPressIsHandedOverIsPlacedAsACrash) {
+TEST_F(EmergencyRequests, AWaitingCrashStaysACrashAndTheCentresCallIsTaken) {
   PulseProbe probe;
   processProbe::emdPhOn() = 0;
   ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
@@ -17,12 +17,9 @@ TEST_F(EmergencyRequests, CrashWhileTheWaitingPressIsHandedOverIsPlacedAsACrash)
   EXPECT_EQ(ecallHandler.getCurECallType(), ecallMain::CAN_IMPACT_B);
   EXPECT_EQ(ecallHandler.getCurCallModeType(), ecallMain::CALL_ACN);
   EXPECT_EQ(probe.next(), ECALL_PULSE_START_CALL);
-}
 
-// A crash that waits for the phone or its number stays a crash when the button is
-// pressed; the emergency centre's call is still taken while a number is awaited.
-TEST_F(EmergencyRequests, WaitingCrashKeepsItsKindAndTheCentresCallIsTaken) {
-  PulseProbe probe;
+  // A crash that waits for the phone or its number stays a crash when the button is
+  // pressed; the emergency centre's call is still taken while a number is awaited.
   for (const bool phoneAway : {true, false}) {
     processProbe::emdPhOn() = phoneAway ? 0 : 1;
     processProbe::curECallType() = ecallMain::CAN_IMPACT_B;
