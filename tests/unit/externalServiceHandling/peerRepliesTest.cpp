@@ -100,8 +100,9 @@ TEST_F(ExternalServices, BrandAndLanguageKeepTheLastGoodAnswer) {
   }
 }
 
-// No scenario or one of the embedded phone's own is left running; any other is stopped.
-TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStopped) {
+// No scenario or one of the embedded phone's own is left running, any other is stopped; the
+// mute requests carry the mixer's id, a microphone that cannot be muted leaves the second alone.
+TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStoppedAndMuteUsesTheRegisteredId) {
   for (const char* own : {"Embedded_255_1", "XEmbeddedY", ""}) {
     fakeBus::setReply(PSSE_SERVICE, "getSHF_Scenario", answer(std::string("{\"scenario\":\"") + own + "\"}"));
     extServHandle.stopAnyNonEmbeddedPsseSource();
@@ -112,10 +113,7 @@ TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStopped) {
   const auto stops = fakeBus::requests(PSSE_SERVICE, "setSHF_Scenario");
   ASSERT_EQ(1u, stops.size());
   EXPECT_EQ("{\"mode\":\"STOP\",\"scenario\":\"BT_HFP\"}\n", stops[0].params);
-}
 
-// The mute requests carry the mixer's id; a microphone that cannot be muted leaves the second alone.
-TEST_F(ExternalServices, MuteUsesTheRegisteredIdAndStopsAtAFailedMicrophone) {
   fakeBus::setReply(AUDIO_MIXER_SERVICE, "registerMuteClient", answer("{\"id\":42}"));
   extServHandle.registerMuteClient();
   fakeBus::setReply(AUDIO_CTRL_SERVICE, "setMux", refused());
