@@ -1,5 +1,4 @@
-// The file syncer: every append asked to be synced is covered by a sync made
-// after it, on the file that is there at the time.
+// The file syncer: every append asked to be synced is covered by a later sync.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,9 +10,8 @@
 #include "platform/fileSyncer.h"
 #include "support/testSupport.h"
 
-// Appends of many threads, each followed by a request: once the syncer says
-// so, a sync has seen the file whole. A file replaced meanwhile (the log
-// reset or exported) is the one synced.
+// Appends of many threads, each followed by a request: once the syncer says so, a sync
+// has seen the file whole. A file replaced meanwhile (log reset, export) is the one synced.
 TEST(FileSyncer, EveryAskedAppendIsCoveredByALaterSyncOfTheFileOfTheMoment) {
   testSupport::TempRoot dir;
   const std::string path = dir.path("/log.txt");

@@ -1,5 +1,4 @@
-// The restraint controller channel opened on a device file; the socket the
-// simulated micro listens on is used end to end.
+// The restraint controller channel on a device file (the simulated micro's socket: end to end).
 #include <gtest/gtest.h>
 
 #include <fcntl.h>

@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <cstring>
 #include <future>
-#include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/pps.h"
 #include "support/testSupport.h"
@@ -20,8 +20,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* kButtons = "/pps/can/vehstat?wait,delta,f=E_CALL_BtnStat+U_CALL_BtnStat";
 
-// How long a read is watched to show that it stays blocked. A read that
-// wrongly returns does so at once, so a short bounded wait is enough.
+// How long a read is watched to stay blocked: a wrong return comes at once.
 constexpr auto kStaysBlocked = 150ms;
 
 class Pps : public ::testing::Test {
@@ -46,8 +45,7 @@ class Pps : public ::testing::Test {
   std::future<std::string> readAsync() {
     return std::async(std::launch::async, [this] { return readNow(); });
   }
-  // The next delta once publish(attributes) is done, checking the read was
-  // blocked until then.
+  // The next delta once publish(attributes) is done, the read blocked until then.
   std::string nextAfter(const std::string& attributes) {
     auto next = readAsync();
     EXPECT_EQ(std::future_status::timeout, next.wait_for(kStaysBlocked));
@@ -79,8 +77,7 @@ TEST_F(Pps, DeltaReadsOnlyNamedChanges) {
   EXPECT_EQ("@vehstat\nE_CALL_BtnStat::1\n", next.get());
 }
 
-// The object may come after the reader, lose attributes, and its folder be
-// renamed away (removed and recreated: Faults.VehicleObjectReplacedRemovedAndRecreated).
+// The object may come after the reader, lose attributes, and its folder be renamed away.
 TEST_F(Pps, ObjectThatComesLateLosesAttributesAndIsRecreated) {
   EXPECT_EQ(-1, platform::ppsOpen("/pps/none/vehstat?wait,delta,f=A", O_RDONLY));
   EXPECT_EQ(ENOENT, errno);
@@ -92,8 +89,7 @@ TEST_F(Pps, ObjectThatComesLateLosesAttributesAndIsRecreated) {
   publish("E_CALL_BtnStat::0\n");
   EXPECT_EQ("@vehstat\n-U_CALL_BtnStat\n", readNow());
 
-  // A folder renamed away ends the read; the reader then follows the path,
-  // not the renamed folder.
+  // A folder renamed away ends the read; the reader then follows the path.
   auto blocked = readAsync();
   ASSERT_EQ(0, std::rename(root.path("/pps/can").c_str(), root.path("/pps/can.old").c_str()));
   ASSERT_EQ(std::future_status::ready, blocked.wait_for(5s));
@@ -103,9 +99,8 @@ TEST_F(Pps, ObjectThatComesLateLosesAttributesAndIsRecreated) {
   EXPECT_EQ("@vehstat\nE_CALL_BtnStat::1\n", nextAfter("E_CALL_BtnStat::1\n"));
 }
 
-// Presses and releases written before the reader reads reach it in order,
-// before its first read (a press while the service starts) or while it is
-// busy: a thousand of them, across the renewal of the writer's journal.
+// Presses and releases written before the reader reads (at start-up or while
+// it is busy) reach it in order: a thousand, across the writer's journal renewal.
 TEST_F(Pps, ChangesUndoneBeforeTheReadStillReachTheReaderInOrder) {
   auto write = [](int pressed) {
     const std::string text = "@vehstat\nE_CALL_BtnStat::" + std::to_string(pressed) + "\nU_CALL_BtnStat::0\n";
@@ -152,19 +147,13 @@ TEST_F(Pps, ShortBuffersGetWholeLinesAndClosingEndsABlockedRead) {
   EXPECT_EQ(0u, next.get().find("error"));
 }
 
-// Every line kind in place, and odd fragments at the very end of a buffer:
-// a parse stops at the terminator (the address checker build reports any
-// read past it).
+// Every line kind in place, and odd fragments at the very end of a buffer: a
+// parse stops at the terminator (the address checker reports any read past it).
 TEST(PpsParse, LineKindsInPlaceAndNeverPastTheTextEnd) {
   char text[] =
       "@vehstat\n\nODO::1234567\nPOS:json:{\"a\":1}\r\n-U_CALL_BtnStat\n#@other\n"
       "no separator\none:colon\nE_CALL_BtnStat::1";  // the last line has no line end
-  struct Expected {
-    pps_status_t status;
-    const char* name;  // object or attribute name
-    const char* encoding;
-    const char* value;
-  } expected[] = {
+  const std::tuple<pps_status_t, const char*, const char*, const char*> lines[] = {  // status, name, encoding, value
       {PPS_OBJECT, "vehstat", nullptr, nullptr},
       {PPS_ATTRIBUTE, "ODO", "", "1234567"},
       {PPS_ATTRIBUTE, "POS", "json", "{\"a\":1}"},
@@ -178,27 +167,25 @@ TEST(PpsParse, LineKindsInPlaceAndNeverPastTheTextEnd) {
   };
   char* cursor = text;
   pps_attrib_t info{};
-  for (const Expected& e : expected) {
-    const pps_status_t status = ppsparse(&cursor, nullptr, nullptr, &info, 0);
-    ASSERT_EQ(e.status, status) << (e.name ? e.name : "?");
+  for (const auto& [status, name, encoding, value] : lines) {
+    ASSERT_EQ(status, ppsparse(&cursor, nullptr, nullptr, &info, 0)) << (name ? name : "?");
     const bool isObject = status == PPS_OBJECT || status == PPS_OBJECT_CREATED;
-    if (e.name) {
-      EXPECT_STREQ(e.name, isObject ? info.obj_name : info.attr_name);
+    if (name) {
+      EXPECT_STREQ(name, isObject ? info.obj_name : info.attr_name);
     }
-    if (e.value) {
-      EXPECT_STREQ(e.encoding, info.encoding);
-      EXPECT_STREQ(e.value, info.value);
+    if (value) {
+      EXPECT_STREQ(encoding, info.encoding);
+      EXPECT_STREQ(value, info.value);
     }
   }
   EXPECT_EQ(text + sizeof text - 1, cursor);
 
   for (const char* fragment : {"", "\n", "@", "-", "#@", ":", "a:", "a::", "-@", "\r", "x\r\n\n"}) {
     const size_t n = std::strlen(fragment);
-    std::unique_ptr<char[]> copy(new char[n + 1]);  // exactly as long as the fragment
-    std::memcpy(copy.get(), fragment, n + 1);
-    char* at = copy.get();
+    std::vector<char> copy(fragment, fragment + n + 1);  // exactly as long as the fragment
+    char* at = copy.data();
     int lines = 0;
     while (ppsparse(&at, nullptr, nullptr, &info, 0) != PPS_END) ASSERT_LT(++lines, 5) << fragment;
-    EXPECT_EQ(copy.get() + n, at) << fragment;
+    EXPECT_EQ(copy.data() + n, at) << fragment;
   }
 }

@@ -43,14 +43,12 @@ int64_t leftMs(qnx::timer_t id) {
   return setting.it_value.tv_sec * 1000 + (setting.it_value.tv_nsec + 999999) / 1000000;
 }
 
-// A timer replaced or disarmed before its expiry; one that a slow machine
-// let fire first has queued its pulse, which is then expected too.
+// Stopped before its expiry (a slow machine may have let it fire and queue its pulse).
 bool wasPending(const struct itimerspec& old) { return old.it_value.tv_sec != 0 || old.it_value.tv_nsec != 0; }
 
 }  // namespace
 
-// Several threads, each on a connection of its own, send while the owner
-// receives: per sender the values come in order, and all of them come.
+// Threads on connections of their own send while the owner receives: all come, in order per sender.
 TEST(Pulses, ArriveInOrderFromEverySenderAndNoneIsLost) {
   Channel ch;
   ASSERT_GT(ch.chid, 0);
@@ -77,7 +75,7 @@ TEST(Pulses, ArriveInOrderFromEverySenderAndNoneIsLost) {
   EXPECT_EQ(EBADF, errno);
 }
 
-TEST(Timers, DisarmedTimerStaysSilentButAFiredPulseIsNotRecalled) {
+TEST(Timers, DisarmedStaysSilentFiredIsNotRecalledAndTimeLeftReadsUnscaled) {
   Channel ch;
   const qnx::timer_t stopped = makeTimer(ch, 1);
   const qnx::timer_t witness = makeTimer(ch, 2);
@@ -97,12 +95,8 @@ TEST(Timers, DisarmedTimerStaysSilentButAFiredPulseIsNotRecalled) {
   EXPECT_EQ(1, receiveWithin(ch));
   EXPECT_EQ(0, qnx::timer_delete(stopped));
   EXPECT_EQ(-1, arm(stopped, 10));
-}
 
-// Under a time scale a timer fires early in real time, yet the time left
-// reads in the caller's own time, as the service armed it.
-TEST(Timers, TimeScaleShortensWaitsButTimeLeftReadsUnscaled) {
-  Channel ch;
+  // A scaled timer fires early in real time, yet its time left reads as the service armed it.
   const qnx::timer_t timer = makeTimer(ch, 6);
   EXPECT_EQ(0, leftMs(timer));
   ASSERT_EQ(0, arm(timer, 10'000));

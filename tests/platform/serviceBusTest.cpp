@@ -1,5 +1,4 @@
-// The service bus against a private dbus-daemon, with several connections of
-// one process playing the service, its peers and its callers.
+// The service bus on a private dbus-daemon, one process's connections playing every side.
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
@@ -47,9 +46,8 @@ bool isStatus(SVCIPC_tError rc, uint32_t domain, uint32_t code) {
 std::string busName(const std::string& name) { return "com.nordak.service." + name; }
 std::string objectPath(const std::string& name) { return "/com/nordak/service/" + name; }
 
-// A service for the tests. "echo" answers its parameters, "ask" what the
-// service "Helper" echoes to a request made via askVia (a synchronous request
-// from inside a callback), anything else is freed unanswered.
+// "echo" answers its parameters, "ask" what "Helper" echoes to a request made
+// via askVia from inside the callback; anything else is freed unanswered.
 struct TestService {
   Inbox<std::string> requests;
   SVCIPC_tConnection askVia = nullptr;
@@ -94,8 +92,7 @@ class ServiceBusTest : public ::testing::Test {
     return reg;
   }
 
-  // Objects the callbacks write to, kept beyond TearDown, which closes the
-  // connections that call into them.
+  // Objects the callbacks write to, kept beyond TearDown, which closes their connections.
   template <class T>
   T& make() {
     auto object = std::make_shared<T>();
@@ -142,36 +139,29 @@ TEST_F(ServiceBusTest, UnansweredRequestEndsInTheCallersTimeoutOrOnClosing) {
 TEST_F(ServiceBusTest, SynchronousInvokeWorksInsideCallbacks) {
   SVCIPC_tSvcRegHnd helperReg = serve(connect(), "Helper", make<TestService>());
   TestService& front = make<TestService>();
-  SVCIPC_tConnection frontConn = connect();
-  front.askVia = frontConn;
-  serve(frontConn, "Front", front);
+  front.askVia = connect();
+  serve(front.askVia, "Front", front);
 
   std::string result;
   EXPECT_EQ(invokeOn(connect(), "Front", "ask", "{\"q\":7}", 5000, &result), SVCIPC_ERROR_NONE);
   EXPECT_EQ(result, "{\"q\":7}");
 
-  struct Asker {
-    SVCIPC_tConnection conn = nullptr;
-    Inbox<std::string> answers;
-  };
-  Asker& asker = make<Asker>();
-  asker.conn = frontConn;
+  // The signal's echo joins the front's inbox, after "ask" (one thread runs both).
   auto onStatus = [](const char*, const char* data, void* context) {
-    auto* self = static_cast<Asker*>(context);
+    auto* self = static_cast<TestService*>(context);
     std::string answer;
-    invokeOn(self->conn, "Helper", "echo", data, 5000, &answer);
-    self->answers.push(answer);
+    invokeOn(self->askVia, "Helper", "echo", data, 5000, &answer);
+    self->requests.push(answer);
   };
   SVCIPC_tSigSubHnd sub = nullptr;
-  ASSERT_EQ(SVCIPC_subscribe(frontConn, "/com/nordak/service/Helper", "status", onStatus, &asker, &sub), 0);
+  ASSERT_EQ(SVCIPC_subscribe(front.askVia, "/com/nordak/service/Helper", "status", onStatus, &front, &sub), 0);
   ASSERT_EQ(SVCIPC_asyncEmit(helperReg, "status", "{\"s\":1}", nullptr, nullptr), SVCIPC_ERROR_NONE);
-  ASSERT_TRUE(asker.answers.waitFor(1));
-  EXPECT_EQ(asker.answers.items()[0], "{\"s\":1}");
+  ASSERT_TRUE(front.requests.waitFor(2));
+  EXPECT_EQ(front.requests.items(), (std::vector<std::string>{"ask", "{\"s\":1}"}));
 }
 
-// An asynchronous request to a name without an owner is refused at once, on
-// the caller's thread and with no callback after, also once the name's owner
-// left after an earlier request; a new owner of the name gets the requests.
+// A request to a name without an owner is refused at once with no callback,
+// also once an earlier owner left; a new owner of the name gets the requests.
 TEST_F(ServiceBusTest, AsyncRequestsFollowTheOwnerOfThePeersName) {
   SVCIPC_tConnection client = connect();
   Inbox<std::string>& owners = make<Inbox<std::string>>();
@@ -204,8 +194,7 @@ TEST_F(ServiceBusTest, AsyncRequestsFollowTheOwnerOfThePeersName) {
   EXPECT_EQ(results.items().size(), 2u);
 }
 
-// A second owner of a taken name, a bus that is not there, and a peer that
-// speaks plain D-Bus (other members, wrong arguments).
+// A second owner of a taken name, a missing bus, and a plain D-Bus peer's odd calls.
 TEST_F(ServiceBusTest, RefusesWhatItCannotDoAndForeignCallsDoNoHarm) {
   TestService& service = make<TestService>();
   serve(connect(), "Echo", service);

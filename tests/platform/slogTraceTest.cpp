@@ -18,24 +18,19 @@ CQVTraceScopeDef testScope("ecallService_ecallMain", "all");
 
 // A trace line split into its parts: "<sec>.<usec> <scope> <kind> <function>: <text>".
 struct TraceLine {
-  bool wellFormed = false;
   std::string scope, kind, function, text;
 };
 
-TraceLine parseTraceLine(const std::string& line) {
-  const size_t colon = line.find(": ");
-  std::smatch m;
-  const std::string head = line.substr(0, colon);
-  if (colon == std::string::npos || !std::regex_match(head, m, std::regex(R"(\d+\.\d{6} (\S+) (\S+) (\S+))")))
-    return {};
-  return {true, m[1], m[2], m[3], line.substr(colon + 2)};
-}
-
 std::vector<TraceLine> traceFile(const std::string& file) {
+  const std::regex head(R"(\d+\.\d{6} (\S+) (\S+) (\S+))");
   std::vector<TraceLine> lines;
   for (const std::string& line : testSupport::splitLines(testSupport::readFile(file))) {
-    lines.push_back(parseTraceLine(line));
-    EXPECT_TRUE(lines.back().wellFormed) << line.substr(0, 100);
+    const size_t colon = line.find(": ");
+    std::smatch m;
+    const std::string before = line.substr(0, colon);
+    const bool wellFormed = colon != std::string::npos && std::regex_match(before, m, head);
+    EXPECT_TRUE(wellFormed) << line.substr(0, 100);
+    lines.push_back(wellFormed ? TraceLine{m[1], m[2], m[3], line.substr(colon + 2)} : TraceLine{});
   }
   return lines;
 }

@@ -1,5 +1,4 @@
-// vehicle-sim alone on a private bus, driven through its console and asked
-// over the bus as the service would: the car itself.
+// vehicle-sim alone on a private bus, driven through its console and asked as the service would.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,9 +17,10 @@ using testSupport::E2eOptions;
 
 namespace {
 
-E2eOptions simOnly() {
+E2eOptions simOnly(std::vector<std::string> simArgs = {}) {
   E2eOptions options;
   options.startService = false;
+  options.simArgs = std::move(simArgs);
   return options;
 }
 
@@ -34,9 +34,9 @@ bool ok(const std::string& reply) { return reply.rfind("ok", 0) == 0; }
 
 }  // namespace
 
-// A dropped call and a second dial during a call, the simulated phone's own
-// (what every end-to-end call hears is checked there).
-TEST(VehicleSim, DialCanDropOrBeRefusedDuringACall) {
+// A dropped call and a second dial during a call, the simulated phone's own (what every
+// end-to-end call hears is checked there); the restraint controller's channel both ways.
+TEST(VehicleSim, DialCanDropOrBeRefusedAndTheChannelCarriesExactBytesBothWays) {
   E2eHarness car(simOnly());
   const std::string dial = "{\"address\":\"911\",\"callType\":\"MVA\",\"vehicleType\":\"Corvane\"}";
   auto callStates = [&](size_t count) {
@@ -61,10 +61,7 @@ TEST(VehicleSim, DialCanDropOrBeRefusedDuringACall) {
   ASSERT_GE(states.size(), 5u);
   EXPECT_EQ(states[4], "CALL_STATE_ACTIVE");
   EXPECT_TRUE(SVCIPC_IS_ERROR(car.invoke("EmbeddedPhone", "ecallDial", dial, 3000, &reply)));
-}
 
-TEST(VehicleSim, ChannelCarriesExactImpactBytesAndRecordsWhatTheServiceWrites) {
-  E2eHarness car(simOnly());
   EXPECT_EQ(car.sim("crash B can").rfind("error", 0), 0u) << "nobody is connected yet";
 
   int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
@@ -75,20 +72,17 @@ TEST(VehicleSim, ChannelCarriesExactImpactBytesAndRecordsWhatTheServiceWrites) {
   ASSERT_TRUE(car.waitForChannelConnected());
 
   // Kind B on CAN, raw impacts and link loss are read by the service end to end.
-  struct Case {
-    const char* command;
-    std::vector<int> bytes;
-  } cases[] = {
+  const std::pair<const char*, std::vector<int>> cases[] = {
       {"crash Tgl can", {0, 1, 0x80, 0, 0, 0, 0}},
       {"crash X", {0, 1, 0, 0x80, 0, 0, 0}},
       {"crash I serial", {0, 0, 0, 0, 1, 0, 0x02}},
       {"crash O serial", {0, 0, 0, 0, 1, 0, 0x40}},
   };
-  for (const auto& c : cases) {
-    ASSERT_TRUE(ok(car.sim(c.command))) << c.command;
+  for (const auto& [command, bytes] : cases) {
+    ASSERT_TRUE(ok(car.sim(command))) << command;
     unsigned char buffer[512];
     const ssize_t n = read(fd, buffer, sizeof buffer);
-    EXPECT_EQ(std::vector<int>(buffer, buffer + (n > 0 ? n : 0)), c.bytes) << c.command;
+    EXPECT_EQ(std::vector<int>(buffer, buffer + (n > 0 ? n : 0)), bytes) << command;
   }
   EXPECT_EQ(car.sim("crash E").rfind("error", 0), 0u) << "E is not an impact kind";
 
@@ -108,9 +102,7 @@ TEST(VehicleSim, ChannelCarriesExactImpactBytesAndRecordsWhatTheServiceWrites) {
 TEST(VehicleSim, ScriptRunsFirstAndButtonsReplaceTheStatusObjectWhole) {
   testSupport::TempRoot dir;
   testSupport::writeFile(dir.path("/script"), "# a car with a tired phone\nset brand 9\n\nphone off\n");
-  E2eOptions options = simOnly();
-  options.simArgs = {"--script", dir.path("/script")};
-  E2eHarness car(options);
+  E2eHarness car(simOnly({"--script", dir.path("/script")}));
   const std::string status = car.sim("status");
   EXPECT_NE(status.find("brand=9"), std::string::npos) << status;
   EXPECT_NE(status.find("phone=off"), std::string::npos) << status;

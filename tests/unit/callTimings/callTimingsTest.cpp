@@ -1,5 +1,4 @@
-// A call opened again keeps its trigger, a redial replaces the dial's stages,
-// the log line keeps whole stages within its room.
+// A call opened again keeps its trigger, a redial replaces the dial's stages, the log line keeps whole stages.
 #include <gtest/gtest.h>
 
 #include "callTimings/callTimings.h"

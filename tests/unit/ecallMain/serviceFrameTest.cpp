@@ -3,12 +3,9 @@
 #include "platform/slog.h"
 #include "unit/unitFixture.h"
 
-namespace {
-
 using ServiceFrame = UnitFixture;
 
-// The type member remembers every mode but the system error, which shows
-// once; a signal without a new mode shows what was shown before.
+// The type member remembers every mode but the system error, shown once; no new mode shows the last.
 TEST_F(ServiceFrame, SignalModeTextRemembersEveryModeButSystemError) {
   const std::pair<ecallMain::eCallModeType, const char*> steps[] = {
       {ecallMain::CALL_NOCHANGE, "none"},  // nothing remembered yet
@@ -26,18 +23,14 @@ TEST_F(ServiceFrame, SignalModeTextRemembersEveryModeButSystemError) {
   }
 }
 
-TEST(SystemLog, TextBeyondTheLineBufferIsCutNotOverflowed) {
+TEST(SystemLog, TextBeyondTheLineBufferIsCutAndDieAbortsWithTheMessage) {
   testSupport::LogCapture log;
   sendtoSlog(_SLOG_WARNING, "%s", std::string(10000, 'x').c_str());
   const auto entries = log.slogEntries();
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].kind, "3");
   EXPECT_EQ(entries[0].text, "ecallService: " + std::string(499, 'x'));
-}
 
-TEST(SystemLog, DieWritesTheMessageAsGivenAndAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(die("Failed to register service: 0x%0X", 0x80000005u), "Failed to register service: 0x80000005");
 }
-
-}  // namespace

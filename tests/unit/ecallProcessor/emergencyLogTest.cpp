@@ -1,6 +1,4 @@
 // The emergency log file.
-#include <pthread.h>
-
 #include <filesystem>
 #include <regex>
 #include <thread>
@@ -30,9 +28,8 @@ class EmergencyLog : public UnitFixture {
   void writeOdometer(const std::string& ppsText) { testSupport::writeFile(root.path(vehicleStatusPPSPath), ppsText); }
 };
 
-// The first entry makes the folder and the header; entries follow as given
-// (no line end: the next runs on), the odometer in tens or marked missing;
-// an entry too long for its buffer is cut and still ends its line.
+// The first entry makes the folder and header; entries follow as given (no line end: the next
+// runs on), the odometer in tens or missing; an entry too long is cut and still ends its line.
 TEST_F(EmergencyLog, EntriesFollowTheHeaderWithStampAndOdometerAndAreCutToSize) {
   ecallHandler.addEntryToEmergencyLog("first");  // no status object yet
   writeOdometer("@vehstat\nE_CALL_BtnStat::1\n");
@@ -63,8 +60,7 @@ TEST_F(EmergencyLog, LogAtItsSizeLimitStartsAgainWithTheResetLines) {
       << entries();
 }
 
-// Entries from many threads at once, before and after the log lock exists:
-// each lands whole, on its own line, exactly once, under one header.
+// Entries of many threads, with and without the log lock: each whole, on its own line, once.
 TEST_F(EmergencyLog, ConcurrentEntriesLandWholeAndExactlyOnce) {
   constexpr int THREADS = 6, ENTRIES = 40;
   auto appendAll = [](const char* phase) {
@@ -95,8 +91,7 @@ TEST_F(EmergencyLog, ConcurrentEntriesLandWholeAndExactlyOnce) {
   for (size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(seen[i], 1) << "entry " << i;
 }
 
-// The GPS reset log goes along, whole though it takes more than one copy
-// chunk, and is removed; the next entry starts a new log.
+// The GPS reset log goes along whole (over one copy chunk) and is removed; a new log follows.
 TEST_F(EmergencyLog, ExportCopiesBothLogsWholeThenRemovesThem) {
   ecallHandler.addEntryToEmergencyLog("before export\n");
   const std::string original = emergencyLog();

@@ -1,14 +1,10 @@
-// A requested emergency that waits (for the phone or for a number) is never
-// swallowed by what comes meanwhile, nor weakened into a lesser call.
+// A requested emergency that waits (for the phone or a number) is never swallowed or weakened.
 #include "unit/unitFixture.h"
-
-namespace {
 
 using EmergencyRequests = UnitFixture;
 
-// A crash while the phone's return is taken (ON, the number being read) is
-// placed as a crash, not dropped as an emergency already in hand.
-TEST_F(EmergencyRequests, CrashWhileTheWaitingPressIsHandedOverIsPlacedAsACrash) {
+// A crash while the phone's return is taken (the number being read) is placed as a crash.
+TEST_F(EmergencyRequests, AWaitingCrashStaysACrashAndTheCentresCallIsTaken) {
   PulseProbe probe;
   processProbe::emdPhOn() = 0;
   ecallHandler.emergencyHappened(ecallMain::E_CALL_BtnStat);
@@ -21,13 +17,9 @@ TEST_F(EmergencyRequests, CrashWhileTheWaitingPressIsHandedOverIsPlacedAsACrash)
   EXPECT_EQ(ecallHandler.getCurECallType(), ecallMain::CAN_IMPACT_B);
   EXPECT_EQ(ecallHandler.getCurCallModeType(), ecallMain::CALL_ACN);
   EXPECT_EQ(probe.next(), ECALL_PULSE_START_CALL);
-}
 
-// A crash that waits for the phone or for its number stays a crash when the
-// button is pressed (the operator hears the crash's announcement), and the
-// emergency centre's call is still taken while a number is awaited.
-TEST_F(EmergencyRequests, WaitingCrashKeepsItsKindAndTheCentresCallIsTaken) {
-  PulseProbe probe;
+  // A crash that waits for the phone or its number stays a crash when the button is
+  // pressed; the emergency centre's call is still taken while a number is awaited.
   for (const bool phoneAway : {true, false}) {
     processProbe::emdPhOn() = phoneAway ? 0 : 1;
     processProbe::curECallType() = ecallMain::CAN_IMPACT_B;
@@ -40,5 +32,3 @@ TEST_F(EmergencyRequests, WaitingCrashKeepsItsKindAndTheCentresCallIsTaken) {
   ecallHandler.processEmdPhCallState(R"({"callStateInfo":[{"callState":"CALL_STATE_RINGING","number":"911","callType":2}]})");
   EXPECT_EQ(probe.next(), ECALL_PULSE_EMERGENCY_INCOMING_CALL);
 }
-
-}  // namespace

@@ -1,31 +1,24 @@
-// What the processor reads from every form of its peers' replies and signals;
-// what the state machine makes of it is proved end to end.
+// What the processor reads from every form of its peers' replies and signals.
 #include "unit/unitFixture.h"
-
-namespace {
 
 using PeerReplies = UnitFixture;
 
 TEST_F(PeerReplies, EmergencyNumberEveryReplyFormAndTheFetchsRetries) {
   ecallHandler.setEcallSystemFailureState(ecallSystemFailure::NO_ECALL_NUMBER, true);
-  const struct {
-    const char* reply;
-    int result;
-    const char* numberAfter;
-  } cases[] = {  // the count is looked at before the list; an error keeps the number
+  // The count is looked at before the list; an error keeps the number.
+  const std::tuple<const char*, int, const char*> cases[] = {
       {R"({"code":0,"count":2,"numberList":["","911"]})", 1, "911"}, {R"({"count":2,"numberList":["112","911"]})", 1, "112"},
       {R"({"count":3,"numberList":[null,7,"999"]})", 1, "999"},      {R"({"count":0,"numberList":["911"]})", -1, "999"},
       {R"({"code":5,"count":1,"numberList":["911"]})", -1, "999"},   {"not json", -1, "999"},
       {R"({"count":1,"numberList":[]})", 0, "999"},                  {R"({"count":1,"numberList":[""]})", 0, "999"}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.result, ecallHandler.parseEcallNumber(c.reply)) << c.reply;
-    EXPECT_EQ(c.numberAfter, ecallHandler.getLocalEcallNumber()) << c.reply;
+  for (const auto& [reply, result, numberAfter] : cases) {
+    EXPECT_EQ(result, ecallHandler.parseEcallNumber(reply)) << reply;
+    EXPECT_EQ(numberAfter, ecallHandler.getLocalEcallNumber()) << reply;
   }
   EXPECT_EQ(0u, processProbe::systemError().load());
   EXPECT_EQ(1u, log.countTrace("ecall number does not exist!  Please set it."));
 
-  // Three failures, with pauses, give up; a reply without a number is asked
-  // again without counting.
+  // Three failures, with pauses, give up; a reply without a number is asked again uncounted.
   platform::setTimeScale(0.01);  // 5 ms pauses
   fakeBus::setReplies(EMBEDDED_PHONE_SERVICE, "getEmergencyNumbers", {refused(), answer(R"({"code":3})"), refused(), answer("{}")});
   const auto start = std::chrono::steady_clock::now();
@@ -53,10 +46,9 @@ TEST(PeerReplyTexts, UsbPortsAndPhoneNumbers) {
   for (const char* number : {"#7771", "#77", "abc"}) EXPECT_TRUE(ecallProcessor::isPhoneNumberValid(number)) << number;
 }
 
-// Which entry of a report is the emergency call, when a ringing call is the
-// centre calling back; an end without an emergency only resets the state,
-// and every reason of the list ends the call, given as a number only.
-TEST_F(PeerReplies, CallStatesAndEndReasons) {
+// Which entry of a report is the emergency call, when a ringing call is the centre
+// calling back; every end reason of the list ends the call, given as a number only.
+TEST_F(PeerReplies, CallStatesEndReasonsAndAntenna) {
   PulseProbe probe;
   auto report = [](const std::string& entries) { ecallHandler.processEmdPhCallState(("{\"callStateInfo\":" + entries + "}").c_str()); };
   for (const char* ignored : {R"([{"callState":"CALL_STATE_RINGING","number":"#777","callType":1}])",
@@ -94,19 +86,16 @@ TEST_F(PeerReplies, CallStatesAndEndReasons) {
     EXPECT_EQ(ecallHandler.getCurCallState(), "CALL_STATE_IDLE") << reason;
     EXPECT_FALSE(ecallHandler.getCallConnected() || processProbe::btCallActive()) << reason;
   }
-}
 
-// A lasting fault is proved end to end; a normal status without a
-// successful reading clears nothing.
-TEST_F(PeerReplies, AntennaNormalWithoutSuccessClearsNothing) {
-  PulseProbe probe;
+  // A normal antenna status without a successful reading clears nothing.
   ecallHandler.processAntennaStatusSignal(R"({"description":"success","status":"PHONE_DIAG_ANTENNA_OPEN"})");
   ecallHandler.processAntennaStatusSignal(R"({"description":"failure","status":"PHONE_DIAG_ANTENNA_NORMAL"})");
   ecallHandler.processAntennaStatusSignal(R"({"status":"PHONE_DIAG_ANTENNA_NORMAL"})");
   EXPECT_EQ(probe.next(), ECALL_PULSE_ANTENNA_FAULT);
 }
 
-TEST_F(PeerReplies, AssistIdentifierIsTakenFromTheFirstConfigurationLineHoldingTheKey) {
+// The Assist identifier comes from the first configuration line holding the key.
+TEST_F(PeerReplies, AssistIdentifierBluetoothCallStateAndDefaultVolumes) {
   const std::string defaultId = ecallMain::defaultAssistAppUUID;
   const std::pair<const char*, std::string> cases[] = {
       {"{\n\"name\":\"x\",\n\"uuidAssistApp\":\"ABC\",\"other\":\"y\"\n}\n", "ABC"},
@@ -123,16 +112,9 @@ TEST_F(PeerReplies, AssistIdentifierIsTakenFromTheFirstConfigurationLineHoldingT
     ecallHandler.getAssistAppUUID();
     EXPECT_EQ(expected, processProbe::assistAppUUID().get()) << (content ? content : "no file");
   }
-}
 
-// Any Bluetooth call not exactly "idle" is active; a signal of another name
-// or an unreadable one leaves the flag.
-TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
-  const struct {
-    const char* sigName;
-    const char* data;
-    bool before, after;
-  } bt[] = {
+  // Any Bluetooth call not exactly "idle" is active; another or unreadable signal leaves the flag.
+  const std::tuple<const char*, const char*, bool, bool> bt[] = {  // signal, data, flag before, after
       {"callState", R"({"callStateInfo":[{"callState":"idle"},{"callState":"active"}]})", false, true},
       {"callState", R"({"callStateInfo":[{"callState":"Idle"}]})", false, true},
       {"callState", R"({"callStateInfo":[{"other":1},{"callState":""}]})", false, true},
@@ -142,14 +124,13 @@ TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
       {"callState", "{not json", true, true},
       {"callState", nullptr, false, false},
   };
-  for (const auto& c : bt) {
-    processProbe::btCallActive() = c.before;
-    ecallProcessor::onSubcribedBTSignal(c.sigName, c.data, &ecallHandler);
-    EXPECT_EQ(c.after, processProbe::btCallActive().load()) << c.sigName << " " << (c.data ? c.data : "null");
+  for (const auto& [sigName, data, before, after] : bt) {
+    processProbe::btCallActive() = before;
+    ecallProcessor::onSubcribedBTSignal(sigName, data, &ecallHandler);
+    EXPECT_EQ(after, processProbe::btCallActive().load()) << sigName << " " << (data ? data : "null");
   }
 
-  // The phone volume from the mixer's answer, 15 when there is none; the
-  // prompt volume is never read from it.
+  // The phone volume from the mixer's answer, 15 when there is none; never the prompt volume.
   const std::pair<fakeBus::Reply, int> volumes[] = {
       {refused(), 15}, {answer("not json"), 15},
       {answer(R"({"volumeLevel":{"FRONT_L_SPKR":{"PHONE":22,"PROMPT":30}}})"), 22}, {answer(R"({"other":1})"), 0}};
@@ -161,5 +142,3 @@ TEST_F(PeerReplies, BluetoothCallStateAndDefaultVolumes) {
   }
   EXPECT_EQ("{\"props\":[\"volumeLevel\"]}\n", fakeBus::requests(AUDIO_MIXER_SERVICE, "getProperties").at(0).params);
 }
-
-}  // namespace

@@ -1,10 +1,7 @@
 // The processor timers on a real channel of the platform.
 #include "unit/unitFixture.h"
 
-namespace {
-
-// The state machine's own timer takes milliseconds and 0 disarms it; a stop
-// after expiry leaves the pulse already queued.
+// The state machine's timer takes milliseconds, 0 disarms it; a stop after expiry keeps the pulse.
 TEST(ProcessorTimers, MillisecondsZeroDisarmsAndStopAfterExpiryKeepsThePulse) {
   platform::setTimeScale(1.0);
   processorTimers timers;
@@ -27,5 +24,3 @@ TEST(ProcessorTimers, MillisecondsZeroDisarmsAndStopAfterExpiryKeepsThePulse) {
   EXPECT_EQ(probe.next(), ECALL_PULSE_START_CALL);
   EXPECT_TRUE(probe.nothingQueued());
 }
-
-}  // namespace

@@ -1,5 +1,4 @@
-// The emergency journal: torn and bad bytes, the clocks of a restart, and
-// an emergency's start across restarts.
+// The emergency journal: torn and bad bytes, the clocks of a restart, a start kept across restarts.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -23,14 +22,12 @@ journalLoad decode(const std::string& bytes) {
   return decodeJournal(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
 }
 bool sameRecord(const journalRecord& a, const journalRecord& b) { return encodeSlot(a, 1) == encodeSlot(b, 1); }
-journalClock clockAt(int64_t wall, int64_t boot, const platform::bootIdentity& id) { return {wall, boot, id}; }
 
 }  // namespace
 
-// A life of changes written alternately into the two slots; every write is
-// cut after each of its bytes, the rest left as it was or as erased flash:
-// the reader gets the change before, or the whole new one, never anything
-// else. A changed bit, a foreign format and a file too long are unreadable.
+// Changes written alternately into the two slots, each cut after every byte (the rest as it
+// was or erased): the reader gets the change before or the whole new one. A changed bit,
+// a foreign format and a file too long are unreadable.
 TEST(EmergencyJournal, ACutAtAnyByteLeavesTheChangeBeforeAndBadBytesRaiseNothing) {
   const journalRecord life[] = {recordOf(journalKind::requested), recordOf(journalKind::placed),
                                 recordOf(journalKind::callbackPeriod), recordOf(journalKind::ended),
@@ -70,18 +67,12 @@ TEST(EmergencyJournal, ACutAtAnyByteLeavesTheChangeBeforeAndBadBytesRaiseNothing
   EXPECT_EQ(decode(blank + std::string(noType.begin(), noType.end())).status, loadStatus::unreadable);
 }
 
-// Within one boot the boot clock rules, whatever the wall clock did; across
-// boots the wall clock, with an hour either way (a clock set back); a period
-// goes on for its rest, never longer than a whole period.
+// Within one boot the boot clock rules; across boots the wall clock, an hour either way
+// (a clock set back); a period goes on for its rest, never longer than a whole period.
 TEST(EmergencyJournal, AgeAndPeriodFollowTheClocksOfARestartedHeadUnit) {
   const int64_t t = 1000000;  // the wall clock of the records' start
-  const struct {
-    journalKind kind;
-    int64_t wall, boot;
-    platform::bootIdentity id;
-    resumeAction action;
-    int64_t periodMs;
-  } cases[] = {
+  // The record's kind; the clocks of the restart: wall, boot, boot identity; what is resumed.
+  const std::tuple<journalKind, int64_t, int64_t, platform::bootIdentity, resumeAction, int64_t> cases[] = {
       {journalKind::requested, t + 2 * kHour, 6000, kBootA, resumeAction::raise, 0},
       {journalKind::requested, t, 5000 + kHour, kBootA, resumeAction::tooOld, 0},
       {journalKind::requested, t + kHour - 1, 100, kBootB, resumeAction::raise, 0},
@@ -96,14 +87,13 @@ TEST(EmergencyJournal, AgeAndPeriodFollowTheClocksOfARestartedHeadUnit) {
       {journalKind::callbackPeriod, t + kPeriod, 100, kBootB, resumeAction::nothing, 0},
       {journalKind::cancelled, t, 5000, kBootA, resumeAction::nothing, 0},
   };
-  for (const auto& c : cases) {
-    const journalResume resume = decideResume(recordOf(c.kind), clockAt(c.wall, c.boot, c.id), kHour, kPeriod);
-    EXPECT_TRUE(resume.action == c.action && resume.periodMs == c.periodMs) << kindName(c.kind) << " at " << c.wall;
+  for (const auto& [kind, wall, boot, id, action, periodMs] : cases) {
+    const journalResume resume = decideResume(recordOf(kind), journalClock{wall, boot, id}, kHour, kPeriod);
+    EXPECT_TRUE(resume.action == action && resume.periodMs == periodMs) << kindName(kind) << " at " << wall;
   }
 }
 
-// On a real file, an emergency raised again after a restart keeps its start:
-// its age counts from the first request however often the service restarts.
+// On a real file, a raised emergency's age counts from its first request across restarts.
 TEST(EmergencyJournal, ARaisedEmergencyKeepsItsStartAcrossRestarts) {
   testSupport::TempRoot root;
   auto restart = [](bool request) {

@@ -16,16 +16,13 @@ void setPosition(const std::string& latitude, const std::string& longitude) {
 const std::string kUnavailable = "Vehicle location currently not available.";
 const std::string kKeys = "At any time press '1' for location information. Press '0' to speak with the vehicle occupants.";
 
-// The occupants hear their language; the operator hears English with the
-// brand (the empty row leaves two blanks) and, in the second announcement,
-// the position. A language or brand out of range is taken as none.
-TEST_F(ExternalServices, PromptTextPerLanguageAndBrand) {
+// The occupants hear their language; the operator hears English with the brand (the
+// empty row leaves two blanks) and, in the second announcement, the position as
+// degrees with five decimals, the sixth cut; no fix (0) or anything but two integers is
+// no position. A language or brand out of range is taken as none.
+TEST_F(ExternalServices, PromptTextPerLanguageAndBrandAndPositionSentence) {
   setPosition("12345678", "0");
-  const struct {
-    int language, brand;
-    eECallTtsPrompt prompt;
-    std::string text;
-  } cases[] = {
+  const std::tuple<int, int, eECallTtsPrompt, std::string> cases[] = {  // language, brand, prompt, text
       {0, VEHICLE_BRAND_NONE, TTS_PROMPT_ECALL_PSAP1, "Emergency call from a  vehicle: " + kKeys},
       {1, 7, TTS_PROMPT_ACN_PSAP1, "A crash has occurred in a Roadmast vehicle: " + kKeys},
       {2, 2, TTS_PROMPT_ECALL_PSAP2,
@@ -36,19 +33,13 @@ TEST_F(ExternalServices, PromptTextPerLanguageAndBrand) {
       {-1, -1, TTS_PROMPT_ACN_PSAP1, "A crash has occurred in a  vehicle: " + kKeys},
       {0, 1, TTS_PROMPT_COUNT, ""},
   };
-  for (const auto& c : cases) {
-    processProbe::mTtsLanguage() = c.language;
-    processProbe::mVehicleBrandIndex() = c.brand;
-    EXPECT_EQ(c.text, extServHandle.composeTtsText(c.prompt)) << c.language << " " << c.brand << " " << c.prompt;
+  for (const auto& [language, brand, prompt, text] : cases) {
+    processProbe::mTtsLanguage() = language;
+    processProbe::mVehicleBrandIndex() = brand;
+    EXPECT_EQ(text, extServHandle.composeTtsText(prompt)) << language << " " << brand << " " << prompt;
   }
-}
 
-// Degrees with five decimals, the sixth cut; no fix (0) or anything but
-// two integers is no position.
-TEST_F(ExternalServices, PositionSentence) {
-  const struct {
-    std::string latitude, longitude, expected;
-  } cases[] = {
+  const std::tuple<std::string, std::string, std::string> positions[] = {  // latitude, longitude, sentence
       {"0", "-98765432", kUnavailable},              {"12.5", "-98765432", kUnavailable},
       {"\"12345678\"", "-98765432", kUnavailable}, {"12345678", "null", kUnavailable},
       {"12345678", "0", "Latitude... 12.34567. Longitude... 0.00000. "},
@@ -56,9 +47,9 @@ TEST_F(ExternalServices, PositionSentence) {
       {"-98765432", "98765439", "Latitude... -98.76543. Longitude... 98.76543. "},
       {std::to_string(INT_MIN), std::to_string(INT_MAX), "Latitude... -2147.48364. Longitude... 2147.48364. "},
   };
-  for (const auto& c : cases) {
-    setPosition(c.latitude, c.longitude);
-    EXPECT_EQ(c.expected, extServHandle.getGPSResponseString()) << c.latitude << " " << c.longitude;
+  for (const auto& [latitude, longitude, expected] : positions) {
+    setPosition(latitude, longitude);
+    EXPECT_EQ(expected, extServHandle.getGPSResponseString()) << latitude << " " << longitude;
   }
   for (const char* reply : {"not json", "[1]", "{\"outprop\":{\"POS_Position\":\"x\"}}"}) {
     fakeBus::setReply(NDR_SERVICE, "JSON_GetProperties", answer(reply));
@@ -67,30 +58,27 @@ TEST_F(ExternalServices, PositionSentence) {
   EXPECT_EQ("{\"inprop\":[\"POS_Position\"]}\n", fakeBus::requests(NDR_SERVICE, "JSON_GetProperties").at(0).params);
 }
 
-// Only an exact "NO" disables; a reply without the member is asked five
-// times, a refused one too, and then the phone is taken as fitted.
+// Only an exact "NO" disables; a reply without the member or refused is asked five times,
+// and then the phone is taken as fitted.
 TEST_F(ExternalServices, VariantOnlyAnExactNoDisables) {
-  const struct {
-    fakeBus::Reply reply;
-    bool enabled;
-    size_t queries;
-  } cases[] = {{answer(R"({"VARIANT_ECELL":"no"})"), true, 1}, {answer(R"({"VARIANT_ECELL":"YES"})"), true, 1},
-               {answer(R"({"VARIANT_ECELL":""})"), true, 1},   {answer(R"({"VARIANT_ECELL":"NO"})"), false, 1},
-               {answer(R"({"OTHER":"NO"})"), true, 5},         {refused(), true, 5}};
-  for (const auto& c : cases) {
+  const std::tuple<fakeBus::Reply, bool, size_t> cases[] = {  // reply, enabled, queries
+      {answer(R"({"VARIANT_ECELL":"no"})"), true, 1}, {answer(R"({"VARIANT_ECELL":"YES"})"), true, 1},
+      {answer(R"({"VARIANT_ECELL":""})"), true, 1},   {answer(R"({"VARIANT_ECELL":"NO"})"), false, 1},
+      {answer(R"({"OTHER":"NO"})"), true, 5},         {refused(), true, 5}};
+  for (const auto& [reply, enabled, queries] : cases) {
     processProbe::mVariantInfoKnown() = false;
     fakeBus::reset();
-    fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", c.reply);
-    EXPECT_EQ(c.enabled, extServHandle.getEmebeddedPhoneEnabledInVariant()) << c.reply.result;
-    EXPECT_EQ(c.queries, requestCount(PLATFORM_SERVICE, "get_variantinfo")) << c.reply.result;
+    fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", reply);
+    EXPECT_EQ(enabled, extServHandle.getEmebeddedPhoneEnabledInVariant()) << reply.result;
+    EXPECT_EQ(queries, requestCount(PLATFORM_SERVICE, "get_variantinfo")) << reply.result;
   }
   EXPECT_EQ(1u, log.countTrace("ERROR Obtaining VARIANT_ECELL!!!!  5 attempts"));
   fakeBus::setReply(PLATFORM_SERVICE, "get_variantinfo", answer(R"({"VARIANT_ECELL":"NO"})"));
   EXPECT_TRUE(extServHandle.getEmebeddedPhoneEnabledInVariant()) << "the answer is kept";
 }
 
-// A brand is 1 to 12, as a number or as text; a language is told by a part
-// of its code. Anything else keeps the last good one.
+// A brand is 1 to 12, as a number or text; a language is told by a part of its code.
+// Anything else keeps the last good one.
 TEST_F(ExternalServices, BrandAndLanguageKeepTheLastGoodAnswer) {
   const std::pair<const char*, int> brands[] = {
       {R"({"vehicleBrand":"7"})", 7}, {R"({"vehicleBrand":12})", 12}, {R"({"vehicleBrand":7})", 7},
@@ -112,9 +100,9 @@ TEST_F(ExternalServices, BrandAndLanguageKeepTheLastGoodAnswer) {
   }
 }
 
-// No scenario or one of the embedded phone's own is left running; any
-// other is stopped.
-TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStopped) {
+// No scenario or one of the embedded phone's own is left running, any other is stopped; the
+// mute requests carry the mixer's id, a microphone that cannot be muted leaves the second alone.
+TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStoppedAndMuteUsesTheRegisteredId) {
   for (const char* own : {"Embedded_255_1", "XEmbeddedY", ""}) {
     fakeBus::setReply(PSSE_SERVICE, "getSHF_Scenario", answer(std::string("{\"scenario\":\"") + own + "\"}"));
     extServHandle.stopAnyNonEmbeddedPsseSource();
@@ -125,11 +113,7 @@ TEST_F(ExternalServices, OnlyAForeignHandsFreeScenarioIsStopped) {
   const auto stops = fakeBus::requests(PSSE_SERVICE, "setSHF_Scenario");
   ASSERT_EQ(1u, stops.size());
   EXPECT_EQ("{\"mode\":\"STOP\",\"scenario\":\"BT_HFP\"}\n", stops[0].params);
-}
 
-// The mute requests carry the id the mixer gave; a microphone that cannot
-// be muted leaves the second alone.
-TEST_F(ExternalServices, MuteUsesTheRegisteredIdAndStopsAtAFailedMicrophone) {
   fakeBus::setReply(AUDIO_MIXER_SERVICE, "registerMuteClient", answer("{\"id\":42}"));
   extServHandle.registerMuteClient();
   fakeBus::setReply(AUDIO_CTRL_SERVICE, "setMux", refused());

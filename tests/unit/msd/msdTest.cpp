@@ -1,5 +1,4 @@
-// The MSD codec against messages computed by hand from the bit map, and the
-// rules that build the content from the car's raw inputs.
+// The MSD codec against messages computed by hand from the bit map; the content built from raw inputs.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -27,11 +26,7 @@ Bytes octets(const std::string& hex) { return fromHex(hex).value(); }
 
 TEST(Msd, EncodesHandComputedMessagesAndDecodesThemBack) {
   const Propulsion all{true, true, true, true, true, true, true};
-  const struct {
-    const char* what;
-    Content content;
-    std::string hex;
-  } cases[] = {
+  const std::tuple<const char*, Content, std::string> cases[] = {  // what, content, its message
       {"smallest", smallest(), kSmallest},
       {"every optional field and every upper bound",
        Content{.messageIdentifier = 255, .automaticActivation = true, .testCall = true,
@@ -55,21 +50,18 @@ TEST(Msd, EncodesHandComputedMessagesAndDecodesThemBack) {
        }(),
        "02808940068202914965d80094d90420c4146006553f1008b45029d82e05b2a2d0301040166" + std::string(204, '5') + "0"},
   };
-  for (const auto& c : cases) {
-    const Encoded encoded = encode(c.content);
-    EXPECT_EQ("", encoded.error) << c.what;
-    EXPECT_EQ(c.hex, toHex(encoded.octets)) << c.what;
+  for (const auto& [what, content, hex] : cases) {
+    const Encoded encoded = encode(content);
+    EXPECT_EQ("", encoded.error) << what;
+    EXPECT_EQ(hex, toHex(encoded.octets)) << what;
     const Decoded decoded = decode(encoded.octets);
-    EXPECT_EQ("", decoded.error) << c.what;
-    EXPECT_TRUE(decoded.content == c.content) << c.what << "\n" << render(decoded.content);
+    EXPECT_EQ("", decoded.error) << what;
+    EXPECT_TRUE(decoded.content == content) << what << "\n" << render(decoded.content);
   }
 }
 
 TEST(Msd, EncoderRefusesWhatItsTypesCannotHoldAndAnythingOver140Octets) {
-  const struct {
-    const char* error;
-    void (*change)(Content&);
-  } cases[] = {
+  const std::pair<const char*, void (*)(Content&)> cases[] = {  // the error, the change
       {"character 12 outside the VIN alphabet", [](Content& c) { c.vin[11] = 'I'; }},
       {"character 1 outside the VIN alphabet", [](Content& c) { c.vin[0] = 'z'; }},
       {"16 characters, not 17", [](Content& c) { c.vin.pop_back(); }},
@@ -82,20 +74,18 @@ TEST(Msd, EncoderRefusesWhatItsTypesCannotHoldAndAnythingOver140Octets) {
       {"141 octets, more than 140", [](Content& c) { c.additionalData = AdditionalData{{1, 4, 1}, Bytes(103, 0)}; }},
       {"cannot fit", [](Content& c) { c.additionalData = AdditionalData{{1}, Bytes(100000, 0)}; }},
   };
-  for (const auto& c : cases) {
+  for (const auto& [error, change] : cases) {
     Content content = smallest();
-    c.change(content);
+    change(content);
     const Encoded encoded = encode(content);
-    EXPECT_NE(std::string::npos, encoded.error.find(c.error)) << c.error << ": " << encoded.error;
-    EXPECT_TRUE(encoded.octets.empty()) << c.error;
+    EXPECT_NE(std::string::npos, encoded.error.find(error)) << error << ": " << encoded.error;
+    EXPECT_TRUE(encoded.octets.empty()) << error;
   }
 }
 
 TEST(Msd, DecoderReadsOtherSendersFormsAndNamesWhatIsBroken) {
-  // Zero fill up to the 140-octet block, and an extension addition of a
-  // later format, are skipped; a vehicle type of a later format is read;
-  // propulsion flags sent with their values, FALSE ones included, are read
-  // in version 2 and in version 1 (six flags, no length).
+  // Zero fill to 140 octets and a later format's extension are skipped, its vehicle type
+  // read; flags sent with their values (FALSE ones too) read in versions 2 and 1.
   Bytes padded = octets(kSmallest);
   padded.resize(140, 0);
   Content laterType = smallest(), withData = smallest(), gasoline = smallest();
@@ -166,26 +156,22 @@ TEST(Msd, BuilderTurnsRawInputsIntoContent) {
   for (auto [heading, index] : {std::pair{0.0, 0}, {0.9, 0}, {1.0, 1}, {3.0, 2}, {358.9, 179}, {359.0, 0}, {-90.0, 135}, {724.0, 2}})
     EXPECT_EQ(index, build(1, crash, car, {.heading = heading}, {}).content.direction.value_or(255)) << heading;
 
-  // N2 counts from where N1 puts the car, not from the true point, so the
-  // centre's N2 stays within half a step: here -1, where the true N1 gives -2.
+  // N2 counts from where N1 puts the car, not the true point: -1, where the true N1 gives -2.
   b = build(1, crash, car, {.current = near(0, 0), .earlier1 = near(-150, 50), .earlier2 = near(-300, 100)}, {});
   EXPECT_EQ((Delta{-2, 1}), b.content.n1);
   EXPECT_EQ((Delta{-1, 0}), b.content.n2);
   // The edge of the range; the shorter way across 180 degrees.
-  b = build(1, crash, car, {.current = near(0, 0), .earlier1 = near(51100, -51200)}, {});
-  EXPECT_EQ((Delta{511, -512}), b.content.n1);
-  b = build(1, crash, car, {.current = GeoPoint{0, 179.99999}, .earlier1 = GeoPoint{0, -179.99999}}, {});
-  EXPECT_EQ((Delta{0, 1}), b.content.n1);
-  b = build(1, crash, car, {.current = GeoPoint{0, -179.99999}, .earlier1 = GeoPoint{0, 179.99999}}, {});
-  EXPECT_EQ((Delta{0, -1}), b.content.n1);
+  for (const auto& [current, earlier, n1] : {std::tuple{near(0, 0), near(51100, -51200), Delta{511, -512}},
+                                             {GeoPoint{0, 179.99999}, GeoPoint{0, -179.99999}, Delta{0, 1}},
+                                             {GeoPoint{0, -179.99999}, GeoPoint{0, 179.99999}, Delta{0, -1}}})
+    EXPECT_EQ(n1, build(1, crash, car, {.current = current, .earlier1 = earlier}, {}).content.n1) << earlier.longitude;
 
   // No fix: position unknown and not trusted, no recent positions.
   b = build(1, crash, car, {.trusted = true, .earlier1 = near(0, 0)}, {});
   EXPECT_FALSE(b.content.latitude || b.content.longitude || b.content.n1 || b.content.positionCanBeTrusted);
   EXPECT_TRUE(b.warnings.empty());
 
-  // The MSDs the centre asks for again: the next identifier, the trigger's
-  // time kept, the fresh position; past 255 the identifier stays there.
+  // Asked again: the next identifier, the trigger's time, the fresh position; 255 at most.
   Session session(crash, car);
   const Built first = session.next({.current = near(0, 0)}, {});
   const Built again = session.next({.current = near(900, 0)}, {});

@@ -1,5 +1,4 @@
-// What the restraint controller and the vehicle status object send, and the
-// mirror LED's blink timers.
+// What the restraint controller and the vehicle status object send; the mirror LED's blink timers.
 #include <algorithm>
 
 #include "unit/unitFixture.h"
@@ -23,9 +22,24 @@ class ControllerInputs : public UnitFixture {
   std::string mDiscarded;
 };
 
-// Per path, the emergency each of the 16 bits (byte 0 bit 0 first) starts
-// alone, by name: the kinds not listed are only logged.
-TEST_F(ControllerInputs, EachImpactBitAloneStartsOnlyTheEmergencyOfItsPathsTriggerList) {
+// A path counts only when its valid byte is exactly 1; a short message or unknown kind
+// leaves no trace; per path, the emergency each of the 16 bits (byte 0 bit 0 first)
+// starts alone, others only log; a link counts as lost only for the value 1.
+TEST_F(ControllerInputs, ValidPathsMalformedMessagesImpactBitsAndLinkLoss) {
+  EXPECT_EQ(NONE, handle({0x00, 0x02, 0x02, 0x00, 0x00, 0x00, 0x00}));
+  EXPECT_EQ(NONE, handle({0x00, 0x00, 0x00, 0x00, 0x02, 0x02, 0x00}));
+  EXPECT_FALSE(logCount("Rx ORC CAN 0x0200") || logCount("Rx ORC serial 0x"));
+
+  log.clear();
+  for (const Bytes& msg : {Bytes{0x00, 0x01, 0x02, 0x00, 0x01, 0x00}, Bytes{0x01, 0x01, 0x01},
+                           Bytes{0x02, 0x01, 0x02, 0x00, 0x01, 0x00, 0x02}}) {
+    std::string printed;
+    EXPECT_EQ(NONE, handle(msg, &printed));
+    EXPECT_EQ("", printed);
+  }
+  EXPECT_FALSE(log.hasTrace("Rx") || log.hasTrace("Start add entry"));
+  EXPECT_EQ(0u, processProbe::systemError().load());
+
   const char* const serial[16] = {"", "SERIAL_IMPACT_B", "SERIAL_IMPACT_C", "", "", "SERIAL_IMPACT_F", "", "",
                                   "SERIAL_IMPACT_H", "SERIAL_IMPACT_I", "", "SERIAL_IMPACT_L", "", "", "", ""};
   const char* const can[16] = {"", "CAN_IMPACT_B", "CAN_IMPACT_C", "", "", "CAN_IMPACT_F", "", "CAN_IMPACT_Tgl",
@@ -43,25 +57,6 @@ TEST_F(ControllerInputs, EachImpactBitAloneStartsOnlyTheEmergencyOfItsPathsTrigg
       EXPECT_EQ(!expected.empty(), printed.find(announced) != std::string::npos) << printed;
     }
   }
-}
-
-// A path counts only when its valid byte is exactly 1; a short impact or
-// link-loss message and an unknown kind leave no trace at all; a link counts
-// as lost only for the value 1.
-TEST_F(ControllerInputs, InvalidPathsMalformedMessagesAndLinkLossValues) {
-  EXPECT_EQ(NONE, handle({0x00, 0x02, 0x02, 0x00, 0x00, 0x00, 0x00}));
-  EXPECT_EQ(NONE, handle({0x00, 0x00, 0x00, 0x00, 0x02, 0x02, 0x00}));
-  EXPECT_FALSE(logCount("Rx ORC CAN 0x0200") || logCount("Rx ORC serial 0x"));
-
-  log.clear();
-  for (const Bytes& msg : {Bytes{0x00, 0x01, 0x02, 0x00, 0x01, 0x00}, Bytes{0x01, 0x01, 0x01},
-                           Bytes{0x02, 0x01, 0x02, 0x00, 0x01, 0x00, 0x02}}) {
-    std::string printed;
-    EXPECT_EQ(NONE, handle(msg, &printed));
-    EXPECT_EQ("", printed);
-  }
-  EXPECT_FALSE(log.hasTrace("Rx") || log.hasTrace("Start add entry"));
-  EXPECT_EQ(0u, processProbe::systemError().load());
 
   using namespace ecallSystemFailure;
   processProbe::systemError() = bitMask[ORC_SERIAL_LOC];
@@ -84,8 +79,7 @@ TEST_F(ControllerInputs, EmergencyButtonStartsOneEmergencyPerPress) {
   EXPECT_EQ(2u, logCount("ecallBtn = 2"));
 }
 
-// The blink timer threads are detached but use the process objects when
-// they end; the process waits for them before it destroys those objects.
+// The detached blink threads use the process objects: the process waits for them first.
 TEST_F(ControllerInputs, BlinkTimerWaitEndsOnlyAfterEveryBlinkHasSetTheLedBack) {
   canIpcEmergencyHandler.setLedStatus(LED_BLINKING_GREEN);
   canIpcEmergencyHandler.startBlinkTimer();
