@@ -1,5 +1,4 @@
-// The installed bus policy on a private bus that denies by default, as the
-// system bus does; the car runs under an account of its own.
+// The installed bus policy on a private bus denying by default; the car has its own account.
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -21,9 +20,10 @@ Outcome run(const std::string& command) { return testSupport::run({"/bin/sh", "-
 class Accounts {
  public:
   Accounts() {
-    make(kCallerGroup, getgrnam(kCallerGroup) != nullptr, "groupadd --system ", "groupdel ");
-    make(kCarUser, getpwnam(kCarUser) != nullptr, kUserAdd, "userdel ");
-    make(kMemberUser, getpwnam(kMemberUser) != nullptr, kUserAdd + "--groups " + kCallerGroup + " ", "userdel ");
+    const std::string userAdd = "useradd --system --no-create-home --shell /usr/sbin/nologin --user-group ";
+    if (!getgrnam(kCallerGroup)) make(kCallerGroup, "groupadd --system ", "groupdel ");
+    if (!getpwnam(kCarUser)) make(kCarUser, userAdd, "userdel ");
+    if (!getpwnam(kMemberUser)) make(kMemberUser, userAdd + "--groups " + kCallerGroup + " ", "userdel ");
   }
   ~Accounts() {
     for (auto removal = mRemovals.rbegin(); removal != mRemovals.rend(); ++removal) run(*removal);
@@ -33,9 +33,7 @@ class Accounts {
   }
 
  private:
-  inline static const std::string kUserAdd = "useradd --system --no-create-home --shell /usr/sbin/nologin --user-group ";
-  void make(const std::string& name, bool exists, const std::string& add, const std::string& remove) {
-    if (exists) return;
+  void make(const std::string& name, const std::string& add, const std::string& remove) {
     const Outcome outcome = run(add + name);
     EXPECT_EQ(outcome.exitCode, 0) << add << name << ": " << outcome.out;
     if (outcome.exitCode == 0) mRemovals.push_back(remove + name);
@@ -138,18 +136,16 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   EXPECT_NE(outcome.out.find("uint32 "), std::string::npos) << outcome.out;
   EXPECT_TRUE(s.signals().empty()) << "a refused call started an emergency";
 
-  // The bus drops the member's forgery and passes root's (the monitor shows
-  // it), which the s.car ignores: it believes the name's owner only.
+  // The bus drops the member's forgery, passes root's, which the service ignores.
   testSupport::Child monitor({"/usr/bin/dbus-monitor", "--address", s.car.busAddress(),
                               "type='signal',path='/com/nordak/service/ecallService'"});
   const auto monitorSaw = [&](const char* text) { return monitor.out().find(text) != std::string::npos; };
-  ASSERT_TRUE(monitor.waitForOutput([&] { return monitorSaw("NameAcquired"); }, kLong))
-      << monitor.err();
+  ASSERT_TRUE(monitor.waitForOutput([&] { return monitorSaw("NameAcquired"); }, kLong)) << monitor.err();
   EXPECT_EQ(member.forgeEcallSignal("{\"forgedBy\":\"member\"}").exitCode, 0);
   EXPECT_EQ(root.forgeEcallSignal("{\"forgedBy\":\"root\"}").exitCode, 0);
   ASSERT_TRUE(monitor.waitForOutput([&] { return monitorSaw("forgedBy\":\"root"); }, kLong));
   EXPECT_FALSE(monitorSaw("forgedBy\":\"member")) << "the bus let the member's forgery through";
-  EXPECT_TRUE(s.signals().empty()) << "the s.car believed a forged signal";
+  EXPECT_TRUE(s.signals().empty()) << "the service believed a forged signal";
   s.markNow();
 
   EXPECT_EQ(s.car.call("startEcall"), kOk);
@@ -157,5 +153,5 @@ TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallIt
   EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
   EXPECT_FALSE(s.waitForRecord([](const Json::Value& r) { return r["kind"] == "ecallProgress"; }).isNull());
   for (const Json::Value& record : s.car.recordsSince(0))
-    EXPECT_EQ(record["data"].asString().find("forgedBy"), std::string::npos) << "the s.car believed a forged signal";
+    EXPECT_EQ(record["data"].asString().find("forgedBy"), std::string::npos) << "the service believed a forged signal";
 }

@@ -1,6 +1,5 @@
-// Faults end to end: the log's file system refusing writes, no USB stick,
-// the vehicle status object replaced and removed. After each fault the
-// service still places an emergency call when asked.
+// The log's file system refusing writes, no USB stick, the vehicle object
+// replaced and removed: after each the service still places a call.
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -40,8 +39,7 @@ struct SmallFileSystem {
 
 }  // namespace
 
-// Past a file size limit log entries are lost whole, the service unharmed
-// (no signal ends it); with room again the log goes on.
+// Past a file size limit entries are lost whole, the service unharmed; then the log goes on.
 TEST(Faults, FileSizeLimitOnTheLog) {
   Scene s(carOptions(kScale));
   const std::string before = s.car.emergencyLog();
@@ -63,9 +61,8 @@ TEST(Faults, FileSizeLimitOnTheLog) {
     EXPECT_EQ(countOf(line, " GMT:"), 1u) << "not one entry: " << line;
 }
 
-// A log folder read-only, then full: the call is placed all the same,
-// entries that do not fit are lost whole, and once the folder is writable,
-// or the export to USB has made room, the log starts afresh.
+// A log folder read-only, then full: the call is placed, entries that do not fit
+// are lost whole; writable again or emptied by the export, the log starts afresh.
 TEST(Faults, LogFolderNotWritableOrFull) {
   E2eHarness car(carOptions(kScale, {}, false));
   if (!privateMounts()) GTEST_SKIP() << "mounting needs root (CAP_SYS_ADMIN): " << strerror(errno);
@@ -115,8 +112,7 @@ TEST(Faults, LogFolderNotWritableOrFull) {
   EXPECT_EQ(car.emergencyLog().rfind("Ecall Log File\n", 0), 0u);
 }
 
-// No USB stick: the export fails and the local log stays whole; with the
-// stick the export takes it all.
+// No USB stick: the export fails, the local log stays whole; with one it takes it all.
 TEST(Faults, UsbFolderMissing) {
   Scene s(carOptions(kScale));
   std::error_code ec;
@@ -134,8 +130,7 @@ TEST(Faults, UsbFolderMissing) {
   EXPECT_EQ(exportedLog(s.car).rfind(before, 0), 0u) << "the export lacks entries of the kept log";
 }
 
-// The vehicle status object replaced, removed and recreated, its folder too:
-// the odometer follows, and a press in the recreated object still calls.
+// The vehicle object and its folder replaced, removed, recreated: the odometer follows.
 TEST(Faults, VehicleObjectReplacedRemovedAndRecreated) {
   Scene s(carOptions(kScale));
   replaceVehicleObject(s.car, "@vehstat\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::4200\nSPEED::0\n");

@@ -1,5 +1,4 @@
-// The emergency survives the service: killed and started again on the same
-// root, it resumes from its journal what it had in hand.
+// Killed and started again, the service resumes from its journal what it had in hand.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,9 +33,8 @@ std::string waitForLogStarting(Scene& s, const std::string& prefix) {
 
 }  // namespace
 
-// A ringing crash is raised again as a crash after hanging up the old call;
-// a connected one resumes its call-back period, a cancelled one the rest of
-// it; an unreadable journal is set aside and calls nobody.
+// A ringing crash is raised again after a hang-up; a connected or cancelled one
+// resumes its call-back period; an unreadable journal is set aside.
 TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   Scene s(carOptions(0.2, {"set answer manual"}));
   s.sim("crash B can");
@@ -90,8 +88,7 @@ TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   EXPECT_NE(waitForLogStarting(s, "Emergency not resumed after a restart: CAN_IMPACT_B, mode acn, "), "");
 }
 
-// Killed at random moments (ECALL_KILL_SEED replays a run), every emergency
-// not cancelled is dialled once the service is back, a cancelled one never.
+// Killed at random moments (ECALL_KILL_SEED replays): all but cancelled ones are dialled.
 TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
   const char* replay = getenv("ECALL_KILL_SEED");
   const unsigned long long seed = replay != nullptr ? strtoull(replay, nullptr, 10) : std::random_device{}();
@@ -141,9 +138,7 @@ TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), dialled, kills - dialled);
 }
 
-// The watchdog is fed only while the threads progress: a reader hung on the
-// vehicle status object (a FIFO nobody writes) stops it, and the restart
-// resumes the crash.
+// A reader hung on the vehicle object (a FIFO) stops the watchdog; the restart resumes.
 TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   const std::string socketPath = "/tmp/ecall-watchdog-" + std::to_string(getpid());
   testSupport::NotifySocket manager(socketPath);

@@ -1,5 +1,4 @@
-// The vehicle around the service: variant, brand and language, the cellular
-// module's resets and USB ports, Bluetooth.
+// Variant, brand and language, the cellular module's resets and USB ports, Bluetooth.
 #include "carScene.h"
 
 using namespace carScene;
@@ -22,8 +21,7 @@ Strings containing(const Strings& lines, const Strings& parts) {
 
 }  // namespace
 
-// Without the embedded phone no input starts an emergency, the state machine
-// takes no step, and a failure reaches neither the user nor the LED.
+// Without the embedded phone nothing starts, and no failure reaches the user or LED.
 TEST(Variant, WithoutEmbeddedPhoneNoEmergencyIsActedOn) {
   Scene s(carOptions(kScale, {"set variant NO"}), false);
   s.sim("button ecall press");
@@ -47,9 +45,8 @@ TEST(Variant, WithoutEmbeddedPhoneNoEmergencyIsActedOn) {
   EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
 }
 
-// The occupants hear their language, the operator English with the brand;
-// an unknown brand or language keeps the last good one. A crash call has no
-// delay and its own announcements.
+// Occupants hear their language, the operator English with the brand (an unknown
+// one keeps the last); a crash call has no delay and its own announcements.
 TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInEnglish) {
   Scene s(carOptions(kScale, {"set brand 7", "set language fr_CA"}));
   const std::string dialling = "PMSG: Appel du 9-1-1.";
@@ -80,8 +77,7 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   EXPECT_NE(out.find("Ecall - CAN Emergency CAN_IMPACT_B\n"), std::string::npos) << out;
 }
 
-// A silent phone's module is reset three times, five minutes apart, then the
-// phone counts as not present; its return clears that and the resets.
+// A silent phone's module is reset thrice, 5 min apart, then it is not present till it returns.
 TEST(ModuleReset, SilentPhoneIsResetThreeTimesThenReportedAndItsReturnStartsAfresh) {
   constexpr double scale = 0.01;
   Scene s(carOptions(scale));
@@ -121,8 +117,7 @@ TEST(ModuleReset, SilentPhoneIsResetThreeTimesThenReportedAndItsReturnStartsAfre
   EXPECT_TRUE(testSupport::fileExists(marker));
 }
 
-// A Bluetooth call up at a crash is reported; Bluetooth is off for the
-// emergency (its dropped call not believed) and on again after it.
+// A Bluetooth call at a crash is reported; Bluetooth is off for the emergency.
 TEST(Bluetooth, CallAtTheCrashIsReportedAndBluetoothIsOffForTheEmergency) {
   Scene s(carOptions(kScale));
   s.sim("bt callstate active");
