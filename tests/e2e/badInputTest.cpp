@@ -1,6 +1,5 @@
 // Bad input from clients, the airbag controller and the vehicle object: nothing
 // overflows, and the next request still calls.
-#include <atomic>
 #include <cctype>
 #include <map>
 
@@ -159,10 +158,6 @@ void refuseRequest(SVCIPC_tReqContext context, const char*, const char*, int, SV
   SVCIPC_freeReqContext(context);
 }
 
-void onAnswer(const SVCIPC_tCallbackStatus*, const char*, void* context) {
-  static_cast<std::atomic<bool>*>(context)->store(true);
-}
-
 class SignalForger {
  public:
   explicit SignalForger(const std::string& address) {
@@ -184,12 +179,7 @@ class SignalForger {
   }
   // Answered once the service has had every signal sent before it.
   bool roundTrip() {
-    std::atomic<bool> answered{false};
-    if (SVCIPC_IS_ERROR(SVCIPC_asyncInvoke(mConnection, "com.nordak.service.ecallService",
-                                           "/com/nordak/service/ecallService", "IsECallInProgess", "{}", 0, 10000,
-                                           onAnswer, &answered)))
-      return false;
-    return testSupport::waitUntil([&] { return answered.load(); }, kLong);
+    return !SVCIPC_IS_ERROR(testSupport::invokeOn(mConnection, "ecallService", "IsECallInProgess", "{}", 10000, nullptr));
   }
 
  private:

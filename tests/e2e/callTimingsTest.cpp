@@ -1,5 +1,4 @@
-// A call's stage timings: the bus method, `ecallctl timings` and the log
-// agree, each stage falls between what the car saw, and missing ones are absent.
+// Stage timings: bus method, `ecallctl timings` and log agree, and match what the car saw.
 #include <cmath>
 #include <regex>
 
@@ -13,8 +12,7 @@ namespace {
 
 using Pred = std::function<bool(const Json::Value&)>;
 
-// A stage came no earlier than a record made before the service saw it, or
-// no later than one made after.
+// A stage came no earlier than a record made before the service saw it, or no later than one after.
 struct bound {
   const char* stage;
   bool notBefore;

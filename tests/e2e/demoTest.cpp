@@ -1,5 +1,4 @@
-// The README's demo, run as CI runs it: the crash scene to its end, its
-// timeline and log printed, the timeline page left and nothing else.
+// The README's demo as CI runs it: the crash scene, its timeline and log; nothing left but the page.
 #include <dirent.h>
 #include <gtest/gtest.h>
 

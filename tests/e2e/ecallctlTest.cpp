@@ -19,16 +19,14 @@ std::string ctlOk(const E2eHarness& car, const Strings& args) {
 
 // A monitor that has subscribed: from here on it misses no signal.
 void waitUntilMonitoring(Child& monitor) {
-  ASSERT_TRUE(monitor.waitForOutput([&] { return monitor.err().find("monitoring ecallService") != std::string::npos; },
-                                    kLong))
-      << monitor.err();
+  const auto subscribed = [&] { return monitor.err().find("monitoring ecallService") != std::string::npos; };
+  ASSERT_TRUE(monitor.waitForOutput(subscribed, kLong)) << monitor.err();
 }
 
 }  // namespace
 
-// Fixed answers; the operator's language is English; an unknown method gets no
-// reply; a logged entry in UTC; the GPS reset resets the module three times at
-// most. Scripts tell a bad command line, an absent service and a silent one apart.
+// Answers, requests, a log entry in UTC, three module resets at most; exit codes tell
+// a bad command line, an absent service and a silent one apart.
 TEST(Ecallctl, QueriesAndRequestsReachTheServiceAndFailuresHaveExitCodesOfTheirOwn) {
   Scene s(carOptions(0.01, {"set language fr_CA", "odo 7654321"}));
 

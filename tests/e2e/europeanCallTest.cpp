@@ -1,7 +1,4 @@
-// The European call: 112 with the car's minimum set of data (MSD), a fresh
-// one on the centre's request, nothing spoken into the call.
-#include <gtest/gtest.h>
-
+// The European call: 112 with the car's minimum set of data (MSD), nothing spoken into it.
 #include <cmath>
 #include <ctime>
 
@@ -35,9 +32,8 @@ bool logHas(Scene& s, const std::string& part) {
 
 }  // namespace
 
-// A van's crash at 72 km/h dials 112 with an automatic MSD of its
-// configuration, position, heading and two earlier positions, and nothing is
-// spoken into the call; the centre's request gets message 2, newer.
+// A van's crash at 72 km/h dials 112 with an automatic MSD (configuration, position,
+// heading, two earlier positions); the centre's request gets message 2.
 TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoTheCall) {
   Scene s(carOptions(kScale, {"set market EU", "set number 911", "set language fr_CA", "set vin KRN4A2ZX6P1000231",
                               "set category N1", "set propulsion diesel,electric", "set belts 2", "set drive 30 72"}));
@@ -98,8 +94,7 @@ TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoThe
   EXPECT_TRUE(logHas(s, "MSD 2 sent on the centre's request: 38 octets, position 42.3"));
 }
 
-// The button gives a manual MSD, a test call a test one; a configuration the
-// MSD cannot carry and no fix still place the call, with warnings logged.
+// Manual and test MSDs; a configuration the MSD cannot carry and no fix still call.
 TEST(EuropeanCall, ButtonAndTestCallMsdsAndBadConfigurationStillCalls) {
   Scene s(carOptions(kScale, {"set market EU", "set vin CRV1E23C4N5OIQ017", "set category M9", "set propulsion none",
                               "set belts unknown", "set gps none"}));

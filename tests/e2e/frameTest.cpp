@@ -5,10 +5,8 @@
 
 using namespace carScene;
 
-// The start-up queries in order (the simulator sees the service take its name
-// on another connection: no order with them), then the airbag channel; a
-// variant missing or refused is asked five times with pauses, then the phone
-// counts as present. SIGTERM and SIGINT do not stop the next crash.
+// Start-up queries in order, then the airbag channel; a variant missing or refused is
+// asked five times with pauses (the phone then present); SIGTERM and SIGINT do not stop it.
 TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
   const struct {
     const char* command;
