@@ -26,9 +26,6 @@ Json::Value nextRequest(Scene& s, const std::string& method) {
   s.markNow();
   return request;
 }
-bool logHas(Scene& s, const std::string& part) {
-  return testSupport::waitUntil([&] { return s.car.emergencyLog().find(part) != std::string::npos; }, kLong);
-}
 
 }  // namespace
 
@@ -90,8 +87,8 @@ TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoThe
   EXPECT_TRUE(containsInOrder(s.car.emergencyLogMessages(),
                               {"Vehicle market EU", "Calling 112", "Call Active.  The centre reads the MSD, no PSAP TTS",
                                "Rx DTMF: 1"}));
-  EXPECT_TRUE(logHas(s, "MSD 1 sent with the dial: 38 octets, position 42.3"));
-  EXPECT_TRUE(logHas(s, "MSD 2 sent on the centre's request: 38 octets, position 42.3"));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("MSD 1 sent with the dial: 38 octets, position 42.3", kLong));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("MSD 2 sent on the centre's request: 38 octets, position 42.3", kLong));
 }
 
 // Manual and test MSDs; a configuration the MSD cannot carry and no fix still call.
@@ -105,9 +102,9 @@ TEST(EuropeanCall, ButtonAndTestCallMsdsAndBadConfigurationStillCalls) {
   expected.vin = "CRV1E23C4N5000017";
   expected.timestamp = decoded(dial).timestamp;
   EXPECT_EQ(decoded(dial), expected);
-  EXPECT_TRUE(logHas(s, "MSD: vehicle category \"M9\" unknown, sent as M1"));
-  EXPECT_TRUE(logHas(s, "characters 12, 13, 14 outside the VIN alphabet sent as 0"));
-  EXPECT_TRUE(logHas(s, "MSD 1 sent with the dial: 32 octets, position unknown"));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("MSD: vehicle category \"M9\" unknown, sent as M1", kLong));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("characters 12, 13, 14 outside the VIN alphabet sent as 0", kLong));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("MSD 1 sent with the dial: 32 octets, position unknown", kLong));
   ASSERT_TRUE(s.waitForLogCount("Call Active.  The centre reads the MSD, no PSAP TTS", 1));
   ASSERT_EQ(s.car.call("exitEcall"), kOk);
   ASSERT_TRUE(s.waitForIdle());

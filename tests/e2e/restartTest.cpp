@@ -15,7 +15,6 @@ using namespace carScene;
 
 namespace {
 
-Json::Value waitForDial(Scene& s) { return s.car.waitForRequestSince(s.mark, "EmbeddedPhone", "ecallDial", kLong); }
 std::string firstCallType(Scene& s) {
   return s.waitForSignal([](const Json::Value& m) { return m["ecall"].asBool(); })["type"].asString();
 }
@@ -38,10 +37,10 @@ std::string waitForLogStarting(Scene& s, const std::string& prefix) {
 TEST(Restart, WhatTheServiceMustNotForgetIsResumedAfterAKill) {
   Scene s(carOptions(0.2, {"set answer manual"}));
   s.sim("crash B can");
-  ASSERT_FALSE(waitForDial(s).isNull());
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
   s.restart();
   EXPECT_NE(waitForLogStarting(s, "Emergency resumed after a restart: CAN_IMPACT_B, mode acn, requested "), "");
-  ASSERT_FALSE(waitForDial(s).isNull()) << "the crash was not dialled after the restart";
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the crash was not dialled after the restart";
   EXPECT_EQ(firstCallType(s), "acn");
   const Strings phone = s.requests("EmbeddedPhone");
   EXPECT_TRUE(containsInOrder(phone, {"endActiveCall ", s.requests("EmbeddedPhone", "ecallDial")[0]}));
@@ -129,7 +128,7 @@ TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
       ASSERT_TRUE(s.requests("EmbeddedPhone", "ecallDial").empty()) << "a cancelled emergency was dialled";
       continue;
     }
-    ASSERT_FALSE(waitForDial(s).isNull()) << "an emergency was lost";
+    ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "an emergency was lost";
     EXPECT_EQ(firstCallType(s), kind == kPress ? "ecallDelay" : "acn");
     ++dialled;
     ASSERT_EQ(s.car.call("exitEcall"), kOk);
@@ -149,7 +148,7 @@ TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   for (int fed = 0; fed < 3; ++fed) ASSERT_EQ(manager.next(kLong), "WATCHDOG=1");
   EXPECT_NE(s.car.serviceStderr().find("fed every 200 ms"), std::string::npos) << "not fed twice a period";
   s.sim("crash B can");
-  ASSERT_FALSE(waitForDial(s).isNull());
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"));
 
   const std::string vehicleObject = s.car.path("/pps/can/vehstat");
   const std::string healthy = testSupport::readFile(vehicleObject);
@@ -166,7 +165,7 @@ TEST(Restart, AHungThreadStopsTheWatchdogAndTheRestartResumesTheEmergency) {
   s.car.stopService();
   replaceVehicleObject(s.car, healthy);
   s.restart();
-  ASSERT_FALSE(waitForDial(s).isNull()) << "the crash was lost to the watchdog's restart";
+  ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "the crash was lost to the watchdog's restart";
   EXPECT_EQ(firstCallType(s), "acn");
   unlink(socketPath.c_str());
 }
