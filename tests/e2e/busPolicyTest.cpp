@@ -28,9 +28,6 @@ class Accounts {
   ~Accounts() {
     for (auto removal = mRemovals.rbegin(); removal != mRemovals.rend(); ++removal) run(*removal);
   }
-  bool ready() const {
-    return getgrnam(kCallerGroup) != nullptr && getpwnam(kCarUser) != nullptr && getpwnam(kMemberUser) != nullptr;
-  }
 
  private:
   void make(const std::string& name, const std::string& add, const std::string& remove) {
@@ -112,7 +109,7 @@ bool deniedAccess(const Outcome& outcome) {
 TEST(BusPolicy, OnlyRootOwnsAndSpeaksForTheServiceOnlyRootAndTheEcallGroupCallItEveryoneHearsIt) {
   if (geteuid() != 0) GTEST_SKIP() << "the bus policy test runs processes under other accounts: run it as root";
   Accounts accounts;
-  ASSERT_TRUE(accounts.ready()) << "the test accounts could not be made";
+  ASSERT_TRUE(getgrnam(kCallerGroup) && getpwnam(kCarUser) && getpwnam(kMemberUser)) << "the test accounts are missing";
 
   E2eOptions options = carOptions(kScale);
   options.busPolicy = systemLikePolicy();

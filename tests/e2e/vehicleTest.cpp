@@ -10,12 +10,9 @@ const std::string kNoPhoneVariant =
 
 Strings containing(const Strings& lines, const Strings& parts) {
   Strings out;
-  for (const auto& line : lines)
-    for (const auto& part : parts)
-      if (line.find(part) != std::string::npos) {
-        out.push_back(line);
-        break;
-      }
+  std::copy_if(lines.begin(), lines.end(), std::back_inserter(out), [&](const std::string& line) {
+    return std::any_of(parts.begin(), parts.end(), [&](const auto& part) { return line.find(part) != std::string::npos; });
+  });
   return out;
 }
 
