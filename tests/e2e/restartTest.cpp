@@ -107,11 +107,10 @@ TEST(Restart, KilledAtRandomMomentsEveryEmergencyIsDialledAndNoCancelledOne) {
     if (kind == kPhoneAway) s.simUntilTraced("phone off", "embedded phone status signal: change from ON to OFF");
     const std::string recorded = "Emergency happened. type " + std::to_string(kind == kPress ? 1 : type) + ". mode";
     const size_t before = s.countInTrace(recorded);
-    if (kind == kPress) {
+    if (kind == kPress)
       EXPECT_EQ(s.car.call("startEcall"), kOk);
-    } else {
+    else
       s.sim(crash);
-    }
     ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace(recorded) > before; }));
     if (kind == kCancelled) {
       ASSERT_EQ(s.car.call("exitEcall"), kOk);
