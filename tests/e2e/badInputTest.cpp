@@ -112,14 +112,12 @@ TEST(BadInput, GarbageOnTheAirbagChannelAndInTheVehicleObject) {
   // Traced before it is logged: wait for the entry behind the cut one.
   std::string log;
   size_t at = std::string::npos;
-  ASSERT_TRUE(testSupport::waitUntil(
-      [&] {
-        log = s.car.emergencyLog();
-        at = log.find(odd);
-        return at != std::string::npos && log.find("ecallBtn = 0\n", at) != std::string::npos;
-      },
-      kLong))
-      << log;
+  const auto cutEntryAndNext = [&] {
+    log = s.car.emergencyLog();
+    at = log.find(odd);
+    return at != std::string::npos && log.find("ecallBtn = 0\n", at) != std::string::npos;
+  };
+  ASSERT_TRUE(testSupport::waitUntil(cutEntryAndNext, kLong)) << log;
   const size_t lineStart = log.rfind('\n', at) + 1;
   const size_t end = log.find_first_not_of("\xfe\xff", at + 11);
   expectCutEntryEndsItsLine(log, lineStart, end);
@@ -188,8 +186,7 @@ TEST(BadInput, BusParametersNamesLoggedStringsAndSignalsOfAnySizeDepthOrContent)
       {"BluetoothService", "callState"},       {"AppManager", "operStatus"},     {"AppManager", "appStarted"},
       {"AppManager", "appPaused"},             {"AppManager", "appStopped"}};
   for (const auto& [service, signal] : signals)
-    for (const auto& payload : payloads)
-      s.sim("signal " + service + " " + signal + " " + payload);
+    for (const auto& payload : payloads) s.sim("signal " + service + " " + signal + " " + payload);
   // Signals of one sender keep their order: its last one seen, all were.
   const std::vector<std::pair<std::string, std::string>> lastOnes = {
       {"signal EmbeddedPhone wendReason {\"last\":1}", "received embedded wendReason {\"last\":1}"},

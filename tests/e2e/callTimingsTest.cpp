@@ -80,15 +80,11 @@ TEST(CallTimings, CrashCallTheCentresCallBackAndAButtonCall) {
   s.sim("psap hangup");
   checkCall(s, kDialled, 1,
             {{"trigger", true, [](const Json::Value& r) { return r["kind"] == "vehicle" && r.isMember("bytes"); }},
-             {"numberRead", true, request("getEmergencyNumbers")},
-             {"dialSent", false, request("ecallDial")},
-             {"dialling", true, phone("DIALING")},
-             {"alerting", true, phone("ALERTING")},
-             {"active", true, phone("ACTIVE")},
-             {"announcementStarted", false, request("ttsReadout", "\"ECALL\"")},
+             {"numberRead", true, request("getEmergencyNumbers")}, {"dialSent", false, request("ecallDial")},
+             {"dialling", true, phone("DIALING")}, {"alerting", true, phone("ALERTING")},
+             {"active", true, phone("ACTIVE")}, {"announcementStarted", false, request("ttsReadout", "\"ECALL\"")},
              {"announcementFinished", false, isMicrophoneOpened},
-             {"end", true, phone("TERMINATED")},
-             {"end", false, kEnded}});
+             {"end", true, phone("TERMINATED")}, {"end", false, kEnded}});
 
   ASSERT_FALSE(s.waitForRecord(kEnded).isNull());
   s.markNow();
@@ -96,11 +92,8 @@ TEST(CallTimings, CrashCallTheCentresCallBackAndAButtonCall) {
   ASSERT_TRUE(s.car.waitForEmergencyLog("Incoming Call - Active\n", kLong));
   s.sim("psap hangup");
   checkCall(s, {"callbackAnswered", "active", "end"}, 0,
-            {{"trigger", true, phone("RINGING")},
-             {"callbackAnswered", false, request("acceptIncomingCall")},
-             {"active", true, phone("ACTIVE")},
-             {"end", true, phone("TERMINATED")},
-             {"end", false, kEnded}});
+            {{"trigger", true, phone("RINGING")}, {"callbackAnswered", false, request("acceptIncomingCall")},
+             {"active", true, phone("ACTIVE")}, {"end", true, phone("TERMINATED")}, {"end", false, kEnded}});
 
   ASSERT_TRUE(s.waitForIdle());
   s.markNow();
@@ -110,8 +103,7 @@ TEST(CallTimings, CrashCallTheCentresCallBackAndAButtonCall) {
   const Json::Value button = checkCall(
       s, kDialled, 1,
       {{"trigger", true, [](const Json::Value& r) { return r["kind"] == "vehicle" && r["value"] == 1; }},
-       {"numberRead", true, request("getEmergencyNumbers")},
-       {"dialSent", false, request("ecallDial")},
+       {"numberRead", true, request("getEmergencyNumbers")}, {"dialSent", false, request("ecallDial")},
        {"end", false, kEnded}});
   EXPECT_GE(button["stages"]["dialSent"].asInt64() - button["stages"]["numberRead"].asInt64(), atLeast(10000) * 1000)
       << "the delay before the dial";

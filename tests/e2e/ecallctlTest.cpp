@@ -59,13 +59,10 @@ TEST(Ecallctl, MonitorsFollowACallQueriesAndRequestsReachTheServiceFailuresHaveE
 
   const size_t ecallLines = countOf(expected, "ecall {");
   const size_t progressLines = countOf(expected, "ecallProgress {");
-  EXPECT_TRUE(readable.waitForOutput(
-      [&] {
-        return countOf(readable.out(), " ecall ") == ecallLines &&
-               countOf(readable.out(), " ecallProgress ") == progressLines;
-      },
-      kLong))
-      << readable.out();
+  const auto allShown = [&] {
+    return countOf(readable.out(), " ecall ") == ecallLines && countOf(readable.out(), " ecallProgress ") == progressLines;
+  };
+  EXPECT_TRUE(readable.waitForOutput(allShown, kLong)) << readable.out();
   const std::string& out = readable.out();
   const size_t started = out.find(" ecall emergency=yes mode-active=yes type=ecallDelay event=E_CALL_BtnStat");
   const size_t muted = out.find(" ecallProgress 55936 microphones muted\n");

@@ -414,8 +414,8 @@ TEST(PhoneStatus, PhoneServiceLeavingTheBusAndComingBack) {
   EXPECT_GE(at(told) - at(left), atLeast(30000)) << "the phone-not-present time";
   ASSERT_TRUE(s.waitForChannel({{1, 3}, {3}})) << testing::PrintToString(s.channel());
   EXPECT_TRUE(s.logInOrder({"System error embedded phone service not running OCCURRED",
-                            "First System error message generated due to embedded phone service not "
-                            "running, current SystemError = 4",
+                            "First System error message generated due to embedded phone service not running, current "
+                            "SystemError = 4",
                             "Sent IPC message to V850 to reset Sierra 1th time"}));
 
   s.sim("peer EmbeddedPhone back");

@@ -75,14 +75,12 @@ TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoThe
   EXPECT_GT(*second.longitude, *first.longitude);
   const testSupport::Outcome shown = testSupport::run({ECALLCTL_BIN, "--bus", s.car.busAddress(), "msd"});
   EXPECT_EQ(shown.out, msd::render(second));
-  EXPECT_FALSE(s.car.waitForRecord([](const Json::Value& r) { return r["kind"] == "msd" && r["messageIdentifier"] == 2; })
-                   .isNull())
-      << "the centre did not read the MSD";
+  const auto secondRead = [](const Json::Value& r) { return r["kind"] == "msd" && r["messageIdentifier"] == 2; };
+  EXPECT_FALSE(s.car.waitForRecord(secondRead).isNull()) << "the centre did not read the MSD";
 
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
-  EXPECT_EQ(testSupport::spokenTexts(s.car.requestsSince(0, "TextToSpeechService")),
-            (Strings{"PMSG: Appel du 1-1-2.",
+  EXPECT_EQ(testSupport::spokenTexts(s.car.requestsSince(0, "TextToSpeechService")), (Strings{"PMSG: Appel du 1-1-2.",
                      "PMSG: Fin de l'appel au 1-1-2. Pour rappeler, appuyez sur le bouton 1-1-2 sur le retroviseur."}));
   EXPECT_TRUE(containsInOrder(s.car.emergencyLogMessages(),
                               {"Vehicle market EU", "Calling 112", "Call Active.  The centre reads the MSD, no PSAP TTS",

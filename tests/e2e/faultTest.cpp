@@ -145,6 +145,5 @@ TEST(Faults, UsbStickMissingAndVehicleObjectReplacedRemovedAndRecreated) {
   testSupport::makeDirs(folder);
   s.markNow();
   s.sim("button ecall press");
-  EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial"))
-      << "a press in the recreated object did not call";
+  EXPECT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "a press in the recreated object did not call";
 }

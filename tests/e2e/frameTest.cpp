@@ -15,8 +15,7 @@ TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
   } cases[] = {
       {"set variant none", "ECELL state in variant determined to be, NOT PRESENT, setting EmbeddedPhoneEnabled flag to 1",
        false},
-      {"peer platform refuse", "ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", true},
-  };
+      {"peer platform refuse", "ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", true}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
     Scene s(carOptions(kScale, {c.command}));

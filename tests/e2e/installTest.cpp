@@ -59,13 +59,11 @@ TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
   const std::string unit = readFile(usr + "/lib/systemd/system/ecallService.service");
   EXPECT_TRUE(testSupport::containsInOrder(testSupport::splitLines(unit),
                                            {"Type=notify", "ExecStart=/usr/bin/ecallService --bus system",
-                                            "WatchdogSec=10s"}))
-      << unit;
+                                            "WatchdogSec=10s"})) << unit;
   const std::string activation = readFile(usr + "/share/dbus-1/system-services/" + kBusName + ".service");
   EXPECT_TRUE(testSupport::containsInOrder(testSupport::splitLines(activation),
                                            {"Name=" + kBusName, "Exec=/usr/bin/ecallService --bus system",
-                                            "SystemdService=ecallService.service"}))
-      << activation;
+                                            "SystemdService=ecallService.service"})) << activation;
   EXPECT_EQ(readFile(usr + "/share/dbus-1/system.d/" + kBusName + ".conf"),
             readFile(std::string(ECALL_SOURCE_DIR) + "/data/dbus/" + kBusName + ".conf"));
   EXPECT_NE(readFile(usr + "/lib/tmpfiles.d/ecallService.conf").find("/fs/etfs/usr/var/ecall"), std::string::npos);

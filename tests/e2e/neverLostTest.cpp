@@ -153,8 +153,7 @@ TEST(NeverLost, HungPeersDoNotHoldTheCall) {
   cancelAndWaitForIdle(s);
 
   for (const char* hang : {"peer VehicleConfig hang getProperties", "peer VehicleStatus hang getProperties",
-                           "peer AudioMixerManager hang", "peer NDR hang JSON_GetProperties"})
-    s.sim(hang);
+                           "peer AudioMixerManager hang", "peer NDR hang JSON_GetProperties"}) s.sim(hang);
   s.sim("crash B can");
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "a hung peer held the dial";
   EXPECT_TRUE(s.car.waitForSlog("The vehicle brand query timed out after"));

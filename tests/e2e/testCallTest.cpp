@@ -7,8 +7,7 @@ namespace {
 
 const std::string kTestSignal =
     activeSignal("testCall", "TEST_CALL", "Test call to the vehicle's test number", "5550100");
-const std::string kTestDial =
-    "ecallDial {\"address\":\"5550100\",\"callType\":\"TEST\",\"vehicleType\":\"Corvane\"}\n";
+const std::string kTestDial = "ecallDial {\"address\":\"5550100\",\"callType\":\"TEST\",\"vehicleType\":\"Corvane\"}\n";
 const std::string kTestAnnouncement = "ECALL: This is a test call, not an emergency. Test call from a ";
 const std::string kJournal = "/fs/etfs/usr/var/ecall/ecall_journal";
 
@@ -74,8 +73,7 @@ TEST(TestCall, RefusedWithoutAUsableTestNumberAndWhileAnEmergencyIsInHand) {
       {"none", "no test number is configured in the vehicle configuration"},
       {"empty", "the test number of the vehicle configuration is empty"},
       {"112", "the test number 112 is an emergency number"},
-      {"5550123", "the test number 5550123 is an emergency number"},
-  };
+      {"5550123", "the test number 5550123 is an emergency number"}};
   for (const auto& [number, reason] : numbers) {
     s.sim("set testnumber " + number);
     EXPECT_EQ(s.car.call("startTestEcall"), refused(reason)) << number;

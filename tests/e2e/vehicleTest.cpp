@@ -5,8 +5,7 @@ using namespace carScene;
 
 namespace {
 
-const std::string kNoPhoneVariant =
-    "but since the VARIANT_ECELL indicates no embedded phone, do not act on the event";
+const std::string kNoPhoneVariant = "but since the VARIANT_ECELL indicates no embedded phone, do not act on the event";
 
 Strings containing(const Strings& lines, const Strings& parts) {
   Strings out;
@@ -133,8 +132,7 @@ TEST(Bluetooth, CallAtTheCrashIsReportedAndBluetoothIsOffForTheEmergency) {
                                  ecallSignalText(true, "ecall_button_repeat", true, "", "CAN_IMPACT_B", crash, true),
                                  endedSignal(true), endedSignal(false)}));
   ASSERT_TRUE(s.waitForRequestCount("BluetoothService", "setBluetoothStatus", 1));
-  EXPECT_EQ(s.requests("BluetoothService"),
-            (Strings{"switchBluetoothOff ", "setBluetoothStatus {\"enable\":true}\n"}));
+  EXPECT_EQ(s.requests("BluetoothService"), (Strings{"switchBluetoothOff ", "setBluetoothStatus {\"enable\":true}\n"}));
 
   // Bluetooth's next call is taken: the Assist button blinks for it.
   s.markNow();

@@ -128,8 +128,7 @@ TEST(RealStack, TestCallDialsTheTestNumberThroughOfono) {
   // Every number the modem was asked to dial is the test number.
   const std::string modem = car.modem->out();
   static const std::regex dial("at ATD(\\S*)");
-  for (std::sregex_iterator it(modem.begin(), modem.end(), dial), end; it != end; ++it)
-    EXPECT_EQ((*it)[1], "5550100;");
+  for (std::sregex_iterator it(modem.begin(), modem.end(), dial), end; it != end; ++it) EXPECT_EQ((*it)[1], "5550100;");
 }
 
 // A module refusing its power-up is retried (logged once); the crash is dialled
