@@ -1,6 +1,5 @@
-// Bad input from clients, the airbag controller and the vehicle status object:
-// answered or ignored, nothing overflows, and the next request still calls.
-#include <atomic>
+// Bad input from clients, the airbag controller and the vehicle object: nothing
+// overflows, and the next request still calls.
 #include <cctype>
 #include <map>
 
@@ -44,11 +43,96 @@ std::string hexBytes(const std::vector<int>& bytes) {
   return text;
 }
 
+void refuseRequest(SVCIPC_tReqContext context, const char*, const char*, int, SVCIPC_tUserToken) {
+  SVCIPC_freeReqContext(context);
+}
+
+class SignalForger {
+ public:
+  explicit SignalForger(const std::string& address) {
+    EXPECT_FALSE(SVCIPC_IS_ERROR(SVCIPC_getConnectionByAddress(address.c_str(), &mConnection)));
+  }
+  ~SignalForger() {
+    if (mConnection) SVCIPC_closeConnection(mConnection);
+  }
+  bool emit(const std::string& service, const std::string& signal, const std::string& data) {
+    SVCIPC_tSvcRegHnd& registration = mRegistrations[service];
+    if (registration == nullptr) {
+      const std::string name = "com.nordak.test.Forger" + std::to_string(mRegistrations.size());
+      const std::string path = "/com/nordak/service/" + service;
+      if (SVCIPC_IS_ERROR(SVCIPC_registerService(mConnection, name.c_str(), path.c_str(), 0, refuseRequest, nullptr,
+                                                 &registration)))
+        return false;
+    }
+    return !SVCIPC_IS_ERROR(SVCIPC_asyncEmit(registration, signal.c_str(), data.c_str(), nullptr, nullptr));
+  }
+  // Answered once the service has had every signal sent before it.
+  bool roundTrip() {
+    return !SVCIPC_IS_ERROR(testSupport::invokeOn(mConnection, "ecallService", "IsECallInProgess", "{}", 10000, nullptr));
+  }
+
+ private:
+  SVCIPC_tConnection mConnection = nullptr;
+  std::map<std::string, SVCIPC_tSvcRegHnd> mRegistrations;
+};
+
 }  // namespace
 
-// Parameters of 1 MiB, 100,000 deep or with a NUL, a logged string of 10 kB
-// and a method name of 64 kB: answered, read as far as they can be, cut.
-TEST(BadInput, BusParametersNamesAndLoggedStringsOfAnySizeDepthOrContent) {
+// Airbag messages of 0xFF or too long, a vehicle object of 1 MiB, not UTF-8 or with a NUL.
+TEST(BadInput, GarbageOnTheAirbagChannelAndInTheVehicleObject) {
+  Scene s(carOptions(kScale));
+
+  std::string allFf = "impact";
+  for (int i = 0; i < 254; ++i) allFf += " ff";
+  s.sim(allFf);
+  // Kind A only (logged, never called), padded to 300 bytes: a read takes 254.
+  std::vector<int> longMessage = {0, 1, 1, 0, 0, 0, 0};
+  longMessage.resize(300, 0xff);
+  s.sim("impact" + hexBytes(longMessage));
+  const std::string dump = "Read Impact: 00" + hexBytes(std::vector<int>(longMessage.begin() + 1, longMessage.begin() + 253));
+  ASSERT_TRUE(
+      testSupport::waitUntil([&] { return s.car.serviceStdout().find(dump + "\n") != std::string::npos; }, kLong))
+      << s.car.serviceStdout();
+  ASSERT_TRUE(s.car.waitForEmergencyLog("Rx ORC CAN 0x0100\n", kLong));
+  EXPECT_EQ(s.car.serviceStdout().find("Read Impact: ff"), std::string::npos) << "a message of kind 0xFF was taken";
+  EXPECT_EQ(s.countInLog("Rx ORC CAN 0x0100"), 1u);
+
+  // 1 MiB in front of the buttons and the odometer, beyond what is read.
+  replaceVehicleObject(s.car, "@vehstat\nAAA_JUNK::" + std::string(kMiB, 'j') +
+                                  "\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::1234567\n");
+  ASSERT_TRUE(logThrough(s.car, "with the big object", "ODO N/A:with the big object"));
+  // A button value of 1 MiB not UTF-8, then one cut by a NUL.
+  std::string notUtf8;
+  for (size_t i = 0; i < kMiB / 2; ++i) notUtf8 += "\xfe\xff";
+  replaceVehicleObject(s.car, "@vehstat\nE_CALL_BtnStat::" + notUtf8 + "\nU_CALL_BtnStat::0\nODO::1234567\n");
+  const std::string odd = "ecallBtn = \xfe\xff\xfe\xff";
+  ASSERT_TRUE(s.car.waitForEmergencyLog(odd, kLong));
+  replaceVehicleObject(s.car, std::string("@vehstat\nE_CALL_BtnStat::0\0\nU_CALL_BtnStat::1\n", 46));
+  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace("ecallBtn pps value 0") == 2; }, kLong));
+  // Traced before it is logged: wait for the entry behind the cut one.
+  std::string log;
+  size_t at = std::string::npos;
+  const auto cutEntryAndNext = [&] {
+    log = s.car.emergencyLog();
+    at = log.find(odd);
+    return at != std::string::npos && log.find("ecallBtn = 0\n", at) != std::string::npos;
+  };
+  ASSERT_TRUE(testSupport::waitUntil(cutEntryAndNext, kLong)) << log;
+  const size_t lineStart = log.rfind('\n', at) + 1;
+  const size_t end = log.find_first_not_of("\xfe\xff", at + 11);
+  expectCutEntryEndsItsLine(log, lineStart, end);
+  EXPECT_TRUE(s.signals().empty()) << "the garbage started an emergency";
+  EXPECT_EQ(s.countInTrace("UcallBtn pps value 1"), 0u) << "a line behind a NUL was read";
+
+  const size_t before = s.car.recordMark();
+  s.button("ecall", true);
+  EXPECT_FALSE(s.car.waitForRequestSince(before, "EmbeddedPhone", "ecallDial", kLong).isNull());
+  EXPECT_TRUE(s.car.serviceRunning());
+}
+
+// Parameters of 1 MiB, 100,000 deep or with a NUL, a 10 kB log entry, a 64 kB name,
+// garbage signals change nothing; forged by another client, they are not heard.
+TEST(BadInput, BusParametersNamesLoggedStringsAndSignalsOfAnySizeDepthOrContent) {
   Scene s(carOptions(kScale));
 
   const std::string padding(kMiB, 'p');
@@ -91,129 +175,10 @@ TEST(BadInput, BusParametersNamesAndLoggedStringsOfAnySizeDepthOrContent) {
   ASSERT_TRUE(s.car.notify(name));
   EXPECT_EQ(s.car.call(name, "{}", 1000), E2eHarness::kNoReply);
   ASSERT_TRUE(s.car.waitForTrace("ecallRequest: startEcallnnnn", kLong));
-  EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
   EXPECT_TRUE(s.signals().empty()) << "a long name was taken for startEcall";
-  EXPECT_LE(longestLine(s.car.serviceStderr()), kSlogLineMax);
-  expectStartEcallDials(s.car);
-  // Only the first call asked for the retry prompt.
-  ASSERT_TRUE(s.waitForLogCount("TTS rqst 7", 1));
-  EXPECT_EQ(s.countInLog("TTS rqst 5"), 1u) << testing::PrintToString(s.log());
-}
 
-// Airbag messages of 0xFF and longer than a read, a vehicle status object of
-// 1 MiB, not UTF-8 or with a NUL: nothing starts, each read is cut safely.
-TEST(BadInput, GarbageOnTheAirbagChannelAndInTheVehicleObject) {
-  Scene s(carOptions(kScale));
-
-  std::string allFf = "impact";
-  for (int i = 0; i < 254; ++i) allFf += " ff";
-  s.sim(allFf);
-  // Kind A only (logged, never called), padded to 300 bytes: a read takes 254.
-  std::vector<int> longMessage = {0, 1, 1, 0, 0, 0, 0};
-  longMessage.resize(300, 0xff);
-  s.sim("impact" + hexBytes(longMessage));
-  const std::string dump = "Read Impact: 00" + hexBytes(std::vector<int>(longMessage.begin() + 1, longMessage.begin() + 253));
-  ASSERT_TRUE(
-      testSupport::waitUntil([&] { return s.car.serviceStdout().find(dump + "\n") != std::string::npos; }, kLong))
-      << s.car.serviceStdout();
-  ASSERT_TRUE(s.car.waitForEmergencyLog("Rx ORC CAN 0x0100\n", kLong));
-  EXPECT_EQ(s.car.serviceStdout().find("Read Impact: ff"), std::string::npos) << "a message of kind 0xFF was taken";
-  EXPECT_EQ(s.countInLog("Rx ORC CAN 0x0100"), 1u);
-
-  // 1 MiB in front of the buttons and the odometer, beyond what is read.
-  replaceVehicleObject(s.car, "@vehstat\nAAA_JUNK::" + std::string(kMiB, 'j') +
-                                  "\nE_CALL_BtnStat::0\nU_CALL_BtnStat::0\nODO::1234567\n");
-  ASSERT_TRUE(logThrough(s.car, "with the big object", "ODO N/A:with the big object"));
-  // A button value of 1 MiB not UTF-8, then one cut by a NUL.
-  std::string notUtf8;
-  for (size_t i = 0; i < kMiB / 2; ++i) notUtf8 += "\xfe\xff";
-  replaceVehicleObject(s.car, "@vehstat\nE_CALL_BtnStat::" + notUtf8 + "\nU_CALL_BtnStat::0\nODO::1234567\n");
-  const std::string odd = "ecallBtn = \xfe\xff\xfe\xff";
-  ASSERT_TRUE(s.car.waitForEmergencyLog(odd, kLong));
-  replaceVehicleObject(s.car, std::string("@vehstat\nE_CALL_BtnStat::0\0\nU_CALL_BtnStat::1\n", 46));
-  ASSERT_TRUE(testSupport::waitUntil([&] { return s.countInTrace("ecallBtn pps value 0") == 2; }, kLong));
-  // Traced before it is logged: wait for the entry behind the cut one.
-  std::string log;
-  size_t at = std::string::npos;
-  ASSERT_TRUE(testSupport::waitUntil(
-      [&] {
-        log = s.car.emergencyLog();
-        at = log.find(odd);
-        return at != std::string::npos && log.find("ecallBtn = 0\n", at) != std::string::npos;
-      },
-      kLong))
-      << log;
-  const size_t lineStart = log.rfind('\n', at) + 1;
-  const size_t end = log.find_first_not_of("\xfe\xff", at + 11);
-  expectCutEntryEndsItsLine(log, lineStart, end);
-  EXPECT_TRUE(s.signals().empty()) << "the garbage started an emergency";
-  EXPECT_EQ(s.countInTrace("UcallBtn pps value 1"), 0u) << "a line behind a NUL was read";
-
-  const size_t before = s.car.recordMark();
-  s.button("ecall", true);
-  EXPECT_FALSE(s.car.waitForRequestSince(before, "EmbeddedPhone", "ecallDial", kLong).isNull());
-  EXPECT_TRUE(s.car.serviceRunning());
-}
-
-namespace {
-
-void refuseRequest(SVCIPC_tReqContext context, const char*, const char*, int, SVCIPC_tUserToken) {
-  SVCIPC_freeReqContext(context);
-}
-
-void onAnswer(const SVCIPC_tCallbackStatus*, const char*, void* context) {
-  static_cast<std::atomic<bool>*>(context)->store(true);
-}
-
-class SignalForger {
- public:
-  explicit SignalForger(const std::string& address) {
-    EXPECT_FALSE(SVCIPC_IS_ERROR(SVCIPC_getConnectionByAddress(address.c_str(), &mConnection)));
-  }
-  ~SignalForger() {
-    if (mConnection) SVCIPC_closeConnection(mConnection);
-  }
-  bool emit(const std::string& service, const std::string& signal, const std::string& data) {
-    SVCIPC_tSvcRegHnd& registration = mRegistrations[service];
-    if (registration == nullptr) {
-      const std::string name = "com.nordak.test.Forger" + std::to_string(mRegistrations.size());
-      const std::string path = "/com/nordak/service/" + service;
-      if (SVCIPC_IS_ERROR(SVCIPC_registerService(mConnection, name.c_str(), path.c_str(), 0, refuseRequest, nullptr,
-                                                 &registration)))
-        return false;
-    }
-    return !SVCIPC_IS_ERROR(SVCIPC_asyncEmit(registration, signal.c_str(), data.c_str(), nullptr, nullptr));
-  }
-  // Answered once the service has had every signal sent before it.
-  bool roundTrip() {
-    std::atomic<bool> answered{false};
-    if (SVCIPC_IS_ERROR(SVCIPC_asyncInvoke(mConnection, "com.nordak.service.ecallService",
-                                           "/com/nordak/service/ecallService", "IsECallInProgess", "{}", 0, 10000,
-                                           onAnswer, &answered)))
-      return false;
-    return testSupport::waitUntil([&] { return answered.load(); }, kLong);
-  }
-
- private:
-  SVCIPC_tConnection mConnection = nullptr;
-  std::map<std::string, SVCIPC_tSvcRegHnd> mRegistrations;
-};
-
-}  // namespace
-
-// Signals with payloads huge, too deep, not JSON or without their members
-// change nothing; forged by another client, they are not even heard.
-TEST(BadInput, GarbageSignalsAndForgedStates) {
-  Scene s(carOptions(kScale));
-  const std::string deep(100000, '[');
-  const Strings payloads = {"\"" + std::string(kMiB, 'g') + "\"",
-                            deep + std::string(100000, ']'),
-                            "{\"state\":" + deep + "}",
-                            "not JSON at all",
-                            "",
-                            "null",
-                            "[]",
-                            "42",
+  const Strings payloads = {"\"" + std::string(kMiB, 'g') + "\"", deep + std::string(100000, ']'),
+                            "{\"state\":" + deep + "}", "not JSON at all", "", "null", "[]", "42",
                             "{\"x\":\"\\u0000\\u00ff\",\"y\":[{}]}"};
   const std::vector<std::pair<std::string, std::string>> signals = {
       {"TextToSpeechService", "ttsPlayState"}, {"EmbeddedPhone", "callState"},  {"EmbeddedPhone", "embeddedPhoneStatus"},
@@ -221,8 +186,7 @@ TEST(BadInput, GarbageSignalsAndForgedStates) {
       {"BluetoothService", "callState"},       {"AppManager", "operStatus"},     {"AppManager", "appStarted"},
       {"AppManager", "appPaused"},             {"AppManager", "appStopped"}};
   for (const auto& [service, signal] : signals)
-    for (const auto& payload : payloads)
-      s.sim("signal " + service + " " + signal + " " + payload);
+    for (const auto& payload : payloads) s.sim("signal " + service + " " + signal + " " + payload);
   // Signals of one sender keep their order: its last one seen, all were.
   const std::vector<std::pair<std::string, std::string>> lastOnes = {
       {"signal EmbeddedPhone wendReason {\"last\":1}", "received embedded wendReason {\"last\":1}"},
@@ -250,4 +214,8 @@ TEST(BadInput, GarbageSignalsAndForgedStates) {
   EXPECT_EQ(s.countInTrace("Get Embedded Phone Status: OFF") + countOf(s.car.emergencyLog(), "to OFF"), 0u)
       << "a forged status turned the phone off";
   expectStartEcallDials(s.car);
+  // Only the first call asked for the retry prompt.
+  ASSERT_TRUE(s.waitForLogCount("TTS rqst 7", 1));
+  EXPECT_EQ(s.countInLog("TTS rqst 5"), 1u) << testing::PrintToString(s.log());
 }
+

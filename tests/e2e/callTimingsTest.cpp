@@ -1,5 +1,4 @@
-// A call's stage timings: the bus method, `ecallctl timings` and the log
-// agree, each stage falls between what the car saw, and missing ones are absent.
+// Stage timings: bus method, `ecallctl timings` and log agree, and match what the car saw.
 #include <cmath>
 #include <regex>
 
@@ -13,8 +12,7 @@ namespace {
 
 using Pred = std::function<bool(const Json::Value&)>;
 
-// A stage came no earlier than a record made before the service saw it, or
-// no later than one made after.
+// A stage came no earlier than a record made before the service saw it, or no later than one after.
 struct bound {
   const char* stage;
   bool notBefore;
@@ -82,15 +80,11 @@ TEST(CallTimings, CrashCallTheCentresCallBackAndAButtonCall) {
   s.sim("psap hangup");
   checkCall(s, kDialled, 1,
             {{"trigger", true, [](const Json::Value& r) { return r["kind"] == "vehicle" && r.isMember("bytes"); }},
-             {"numberRead", true, request("getEmergencyNumbers")},
-             {"dialSent", false, request("ecallDial")},
-             {"dialling", true, phone("DIALING")},
-             {"alerting", true, phone("ALERTING")},
-             {"active", true, phone("ACTIVE")},
-             {"announcementStarted", false, request("ttsReadout", "\"ECALL\"")},
+             {"numberRead", true, request("getEmergencyNumbers")}, {"dialSent", false, request("ecallDial")},
+             {"dialling", true, phone("DIALING")}, {"alerting", true, phone("ALERTING")},
+             {"active", true, phone("ACTIVE")}, {"announcementStarted", false, request("ttsReadout", "\"ECALL\"")},
              {"announcementFinished", false, isMicrophoneOpened},
-             {"end", true, phone("TERMINATED")},
-             {"end", false, kEnded}});
+             {"end", true, phone("TERMINATED")}, {"end", false, kEnded}});
 
   ASSERT_FALSE(s.waitForRecord(kEnded).isNull());
   s.markNow();
@@ -98,11 +92,8 @@ TEST(CallTimings, CrashCallTheCentresCallBackAndAButtonCall) {
   ASSERT_TRUE(s.car.waitForEmergencyLog("Incoming Call - Active\n", kLong));
   s.sim("psap hangup");
   checkCall(s, {"callbackAnswered", "active", "end"}, 0,
-            {{"trigger", true, phone("RINGING")},
-             {"callbackAnswered", false, request("acceptIncomingCall")},
-             {"active", true, phone("ACTIVE")},
-             {"end", true, phone("TERMINATED")},
-             {"end", false, kEnded}});
+            {{"trigger", true, phone("RINGING")}, {"callbackAnswered", false, request("acceptIncomingCall")},
+             {"active", true, phone("ACTIVE")}, {"end", true, phone("TERMINATED")}, {"end", false, kEnded}});
 
   ASSERT_TRUE(s.waitForIdle());
   s.markNow();
@@ -112,8 +103,7 @@ TEST(CallTimings, CrashCallTheCentresCallBackAndAButtonCall) {
   const Json::Value button = checkCall(
       s, kDialled, 1,
       {{"trigger", true, [](const Json::Value& r) { return r["kind"] == "vehicle" && r["value"] == 1; }},
-       {"numberRead", true, request("getEmergencyNumbers")},
-       {"dialSent", false, request("ecallDial")},
+       {"numberRead", true, request("getEmergencyNumbers")}, {"dialSent", false, request("ecallDial")},
        {"end", false, kEnded}});
   EXPECT_GE(button["stages"]["dialSent"].asInt64() - button["stages"]["numberRead"].asInt64(), atLeast(10000) * 1000)
       << "the delay before the dial";

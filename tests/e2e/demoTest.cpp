@@ -1,8 +1,7 @@
-// The README's demo, run as CI runs it: the crash scene to its end, its
-// timeline and log printed, the timeline page left and nothing else.
-#include <dirent.h>
+// The README's demo as CI runs it: the crash scene, its timeline and log; nothing left but the page.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <regex>
 
 #include "support/e2eHarness.h"
@@ -12,15 +11,12 @@ namespace {
 using Strings = std::vector<std::string>;
 
 bool processMentions(const std::string& text) {
-  bool found = false;
-  if (DIR* proc = opendir("/proc")) {
-    while (dirent* entry = readdir(proc))
-      if (isdigit(static_cast<unsigned char>(entry->d_name[0])))
-        found = found || testSupport::readFile(std::string("/proc/") + entry->d_name + "/cmdline").find(text) !=
-                             std::string::npos;
-    closedir(proc);
-  }
-  return found;
+  std::error_code ec;
+  for (const auto& process : std::filesystem::directory_iterator("/proc", ec))
+    if (isdigit(static_cast<unsigned char>(process.path().filename().string()[0])) &&
+        testSupport::readFile(process.path() / "cmdline").find(text) != std::string::npos)
+      return true;
+  return false;
 }
 
 Strings printedLogMessages(const std::string& output) {

@@ -19,24 +19,57 @@ std::string ctlOk(const E2eHarness& car, const Strings& args) {
 
 // A monitor that has subscribed: from here on it misses no signal.
 void waitUntilMonitoring(Child& monitor) {
-  ASSERT_TRUE(monitor.waitForOutput([&] { return monitor.err().find("monitoring ecallService") != std::string::npos; },
-                                    kLong))
-      << monitor.err();
+  const auto subscribed = [&] { return monitor.err().find("monitoring ecallService") != std::string::npos; };
+  ASSERT_TRUE(monitor.waitForOutput(subscribed, kLong)) << monitor.err();
 }
 
 }  // namespace
 
-// Fixed answers; the operator's language is English; an unknown method gets no
-// reply; a logged entry in UTC; the GPS reset resets the module three times at
-// most. Scripts tell a bad command line, an absent service and a silent one apart.
-TEST(Ecallctl, QueriesAndRequestsReachTheServiceAndFailuresHaveExitCodesOfTheirOwn) {
-  Scene s(carOptions(0.01, {"set language fr_CA", "odo 7654321"}));
+// Both monitors, readable and for scripts, follow a whole call; answers, requests, a log
+// entry in UTC, three module resets at most; exit codes tell failures apart.
+TEST(Ecallctl, MonitorsFollowACallQueriesAndRequestsReachTheServiceFailuresHaveExitCodes) {
+  Scene s(carOptions(kScale, {"set language fr_CA", "odo 7654321"}));
 
   EXPECT_EQ(ctlOk(s.car, {"status"}), "emergency in progress: no\n");
   EXPECT_EQ(ctlOk(s.car, {"mode"}), "emergency mode active: no\n");
   EXPECT_EQ(ctlOk(s.car, {"language"}), "en_US\n");
   EXPECT_EQ(ctlOk(s.car, {"--json", "status"}), "{\"ecallInProgress\":false}\n");
   EXPECT_EQ(ctlOk(s.car, {"--json", "mode"}), "{\"eCallModeActive\":false}\n");
+
+  Child readable(ctlArgs(s.car, {"monitor"}));
+  Child json(ctlArgs(s.car, {"--json", "monitor"}));
+  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(readable));
+  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(json));
+
+  EXPECT_EQ(ctlOk(s.car, {"start"}), "OK\n");
+  ASSERT_TRUE(s.waitForEmergency());
+  EXPECT_EQ(ctlOk(s.car, {"status"}), "emergency in progress: yes\n");
+  ASSERT_TRUE(s.waitForLogCount("Call Active.  Delay 6000 ms for PSAP TTS", 1));
+  ASSERT_TRUE(s.waitForLogCount("Request unmute mic inputs", 1));
+  s.sim("psap hangup");
+  ASSERT_TRUE(s.waitForIdle());
+
+  std::string expected;
+  for (const auto& r : s.car.recordsSince(s.mark)) {
+    const std::string kind = r["kind"].asString();
+    if (kind == "ecall" || kind == "ecallProgress") expected += kind + " " + r["data"].asString();
+  }
+  ASSERT_NE(expected, "");
+  EXPECT_TRUE(json.waitForOutput([&] { return json.out() == expected; }, kLong)) << json.out();
+
+  const size_t ecallLines = countOf(expected, "ecall {");
+  const size_t progressLines = countOf(expected, "ecallProgress {");
+  const auto allShown = [&] {
+    return countOf(readable.out(), " ecall ") == ecallLines && countOf(readable.out(), " ecallProgress ") == progressLines;
+  };
+  EXPECT_TRUE(readable.waitForOutput(allShown, kLong)) << readable.out();
+  const std::string& out = readable.out();
+  const size_t started = out.find(" ecall emergency=yes mode-active=yes type=ecallDelay event=E_CALL_BtnStat");
+  const size_t muted = out.find(" ecallProgress 55936 microphones muted\n");
+  const size_t unmuted = out.find(" ecallProgress 55915 microphones unmuted\n");
+  const size_t idle = out.rfind(" ecall emergency=no mode-active=no type=none event=NONE");
+  EXPECT_TRUE(started < muted && muted < unmuted && unmuted < idle && idle != std::string::npos) << out;
+  s.markNow();
 
   EXPECT_EQ(ctlOk(s.car, {"retry-state", "1"}), "OK\n");
   EXPECT_TRUE(s.waitForLogCount("TTS rqst 6", 1));
@@ -83,59 +116,15 @@ TEST(Ecallctl, QueriesAndRequestsReachTheServiceAndFailuresHaveExitCodesOfTheirO
   EXPECT_EQ(silent.exitCode, 4) << silent.err;
   EXPECT_NE(silent.err.find("no reply within 0.3 s"), std::string::npos) << silent.err;
 
-  Child monitor(ctlArgs(s.car, {"monitor"}));
-  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(monitor));
   s.car.stopService();
-  EXPECT_TRUE(monitor.waitForOutput([&] { return monitor.out().find("ecallService left the bus") != std::string::npos; },
-                                    kLong));
+  EXPECT_TRUE(readable.waitForOutput(
+      [&] { return readable.out().find("ecallService left the bus") != std::string::npos; }, kLong));
   for (const Strings& args : {Strings{"status"}, Strings{"start"}, Strings{"log", "lost"}}) {
     Outcome absent = ctl(s.car, args);
     EXPECT_EQ(absent.exitCode, 3) << args[0];
     EXPECT_NE(absent.err.find("ecallService is not on the bus"), std::string::npos) << absent.err;
     EXPECT_EQ(absent.out, "");
   }
-}
-
-// Both monitors, readable and for scripts, follow a whole call.
-TEST(Ecallctl, MonitorSeesAWholeCall) {
-  Scene s(carOptions(kScale));
-  Child readable(ctlArgs(s.car, {"monitor"}));
-  Child json(ctlArgs(s.car, {"--json", "monitor"}));
-  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(readable));
-  ASSERT_NO_FATAL_FAILURE(waitUntilMonitoring(json));
-
-  EXPECT_EQ(ctlOk(s.car, {"start"}), "OK\n");
-  ASSERT_TRUE(s.waitForEmergency());
-  EXPECT_EQ(ctlOk(s.car, {"status"}), "emergency in progress: yes\n");
-  ASSERT_TRUE(s.waitForLogCount("Call Active.  Delay 6000 ms for PSAP TTS", 1));
-  ASSERT_TRUE(s.waitForLogCount("Request unmute mic inputs", 1));
-  s.sim("psap hangup");
-  ASSERT_TRUE(s.waitForIdle());
-
-  std::string expected;
-  for (const auto& r : s.car.recordsSince(s.mark)) {
-    const std::string kind = r["kind"].asString();
-    if (kind == "ecall" || kind == "ecallProgress") expected += kind + " " + r["data"].asString();
-  }
-  ASSERT_NE(expected, "");
-  EXPECT_TRUE(json.waitForOutput([&] { return json.out() == expected; }, kLong)) << json.out();
-
-  const size_t ecallLines = countOf(expected, "ecall {");
-  const size_t progressLines = countOf(expected, "ecallProgress {");
-  EXPECT_TRUE(readable.waitForOutput(
-      [&] {
-        return countOf(readable.out(), " ecall ") == ecallLines &&
-               countOf(readable.out(), " ecallProgress ") == progressLines;
-      },
-      kLong))
-      << readable.out();
-  const std::string& out = readable.out();
-  const size_t started = out.find(" ecall emergency=yes mode-active=yes type=ecallDelay event=E_CALL_BtnStat");
-  const size_t muted = out.find(" ecallProgress 55936 microphones muted\n");
-  const size_t unmuted = out.find(" ecallProgress 55915 microphones unmuted\n");
-  const size_t idle = out.rfind(" ecall emergency=no mode-active=no type=none event=NONE");
-  EXPECT_TRUE(started < muted && muted < unmuted && unmuted < idle && idle != std::string::npos) << out;
-
   readable.signal(SIGINT);
   json.signal(SIGTERM);
   EXPECT_EQ(readable.wait(), 0);

@@ -1,7 +1,4 @@
-// The European call: 112 with the car's minimum set of data (MSD), a fresh
-// one on the centre's request, nothing spoken into the call.
-#include <gtest/gtest.h>
-
+// The European call: 112 with the car's minimum set of data (MSD), nothing spoken into it.
 #include <cmath>
 #include <ctime>
 
@@ -29,15 +26,11 @@ Json::Value nextRequest(Scene& s, const std::string& method) {
   s.markNow();
   return request;
 }
-bool logHas(Scene& s, const std::string& part) {
-  return testSupport::waitUntil([&] { return s.car.emergencyLog().find(part) != std::string::npos; }, kLong);
-}
 
 }  // namespace
 
-// A van's crash at 72 km/h dials 112 with an automatic MSD of its
-// configuration, position, heading and two earlier positions, and nothing is
-// spoken into the call; the centre's request gets message 2, newer.
+// A van's crash at 72 km/h dials 112 with an automatic MSD (configuration, position,
+// heading, two earlier positions); the centre's request gets message 2.
 TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoTheCall) {
   Scene s(carOptions(kScale, {"set market EU", "set number 911", "set language fr_CA", "set vin KRN4A2ZX6P1000231",
                               "set category N1", "set propulsion diesel,electric", "set belts 2", "set drive 30 72"}));
@@ -82,24 +75,21 @@ TEST(EuropeanCall, CrashDials112WithTheCarsAutomaticMsdAndNothingIsSpokenIntoThe
   EXPECT_GT(*second.longitude, *first.longitude);
   const testSupport::Outcome shown = testSupport::run({ECALLCTL_BIN, "--bus", s.car.busAddress(), "msd"});
   EXPECT_EQ(shown.out, msd::render(second));
-  EXPECT_FALSE(s.car.waitForRecord([](const Json::Value& r) { return r["kind"] == "msd" && r["messageIdentifier"] == 2; })
-                   .isNull())
-      << "the centre did not read the MSD";
+  const auto secondRead = [](const Json::Value& r) { return r["kind"] == "msd" && r["messageIdentifier"] == 2; };
+  EXPECT_FALSE(s.car.waitForRecord(secondRead).isNull()) << "the centre did not read the MSD";
 
   s.sim("psap hangup");
   ASSERT_TRUE(s.waitForIdle());
-  EXPECT_EQ(testSupport::spokenTexts(s.car.requestsSince(0, "TextToSpeechService")),
-            (Strings{"PMSG: Appel du 1-1-2.",
+  EXPECT_EQ(testSupport::spokenTexts(s.car.requestsSince(0, "TextToSpeechService")), (Strings{"PMSG: Appel du 1-1-2.",
                      "PMSG: Fin de l'appel au 1-1-2. Pour rappeler, appuyez sur le bouton 1-1-2 sur le retroviseur."}));
   EXPECT_TRUE(containsInOrder(s.car.emergencyLogMessages(),
                               {"Vehicle market EU", "Calling 112", "Call Active.  The centre reads the MSD, no PSAP TTS",
                                "Rx DTMF: 1"}));
-  EXPECT_TRUE(logHas(s, "MSD 1 sent with the dial: 38 octets, position 42.3"));
-  EXPECT_TRUE(logHas(s, "MSD 2 sent on the centre's request: 38 octets, position 42.3"));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("MSD 1 sent with the dial: 38 octets, position 42.3", kLong));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("MSD 2 sent on the centre's request: 38 octets, position 42.3", kLong));
 }
 
-// The button gives a manual MSD, a test call a test one; a configuration the
-// MSD cannot carry and no fix still place the call, with warnings logged.
+// Manual and test MSDs; a configuration the MSD cannot carry and no fix still call.
 TEST(EuropeanCall, ButtonAndTestCallMsdsAndBadConfigurationStillCalls) {
   Scene s(carOptions(kScale, {"set market EU", "set vin CRV1E23C4N5OIQ017", "set category M9", "set propulsion none",
                               "set belts unknown", "set gps none"}));
@@ -110,9 +100,9 @@ TEST(EuropeanCall, ButtonAndTestCallMsdsAndBadConfigurationStillCalls) {
   expected.vin = "CRV1E23C4N5000017";
   expected.timestamp = decoded(dial).timestamp;
   EXPECT_EQ(decoded(dial), expected);
-  EXPECT_TRUE(logHas(s, "MSD: vehicle category \"M9\" unknown, sent as M1"));
-  EXPECT_TRUE(logHas(s, "characters 12, 13, 14 outside the VIN alphabet sent as 0"));
-  EXPECT_TRUE(logHas(s, "MSD 1 sent with the dial: 32 octets, position unknown"));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("MSD: vehicle category \"M9\" unknown, sent as M1", kLong));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("characters 12, 13, 14 outside the VIN alphabet sent as 0", kLong));
+  EXPECT_TRUE(s.car.waitForEmergencyLog("MSD 1 sent with the dial: 32 octets, position unknown", kLong));
   ASSERT_TRUE(s.waitForLogCount("Call Active.  The centre reads the MSD, no PSAP TTS", 1));
   ASSERT_EQ(s.car.call("exitEcall"), kOk);
   ASSERT_TRUE(s.waitForIdle());

@@ -5,10 +5,8 @@
 
 using namespace carScene;
 
-// The start-up queries in order (the simulator sees the service take its name
-// on another connection: no order with them), then the airbag channel; a
-// variant missing or refused is asked five times with pauses, then the phone
-// counts as present. SIGTERM and SIGINT do not stop the next crash.
+// Start-up queries in order, then the airbag channel; a variant missing or refused is
+// asked five times with pauses (the phone then present); SIGTERM and SIGINT do not stop it.
 TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
   const struct {
     const char* command;
@@ -17,8 +15,7 @@ TEST(ServiceFrame, StartsInOrderAndAsksTheVariantWithPausesBetweenAttempts) {
   } cases[] = {
       {"set variant none", "ECELL state in variant determined to be, NOT PRESENT, setting EmbeddedPhoneEnabled flag to 1",
        false},
-      {"peer platform refuse", "ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", true},
-  };
+      {"peer platform refuse", "ERROR Obtaining VARIANT_ECELL!!!!  5 attempts were made", true}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
     Scene s(carOptions(kScale, {c.command}));

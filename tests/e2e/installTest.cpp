@@ -1,5 +1,4 @@
-// Deployment: what cmake --install puts where, whether systemd accepts it,
-// and the readiness the unit waits for.
+// What cmake --install puts where, whether systemd accepts it, the readiness it waits for.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -30,20 +29,13 @@ bool isExecutable(const std::string& path) {
   return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & S_IXUSR) != 0;
 }
 
-bool hasLine(const std::string& text, const std::string& line) {
-  for (const auto& l : testSupport::splitLines(text))
-    if (l == line) return true;
-  return false;
-}
-
 std::string findProgram(const std::string& name) {
   for (const char* dir : {"/usr/bin", "/bin", "/usr/local/bin"})
     if (isExecutable(std::string(dir) + "/" + name)) return std::string(dir) + "/" + name;
   return "";
 }
 
-// systemd-analyze verify passes unit and says nothing of file (unknown keys
-// and bad values are only warnings, and name the file).
+// systemd-analyze verify passes unit and says nothing of file (warnings name the file).
 void expectAccepted(const std::string& analyze, const std::string& unit, const std::string& file) {
   const Outcome verify = testSupport::run({analyze, "verify", unit});
   EXPECT_EQ(verify.exitCode, 0) << unit << "\n" << verify.out << verify.err;
@@ -65,13 +57,13 @@ TEST(Install, PutsEveryFileInPlaceUnderTheStagingFolder) {
 
   // The units name the installed binary, not the build's configured one.
   const std::string unit = readFile(usr + "/lib/systemd/system/ecallService.service");
-  EXPECT_TRUE(hasLine(unit, "ExecStart=/usr/bin/ecallService --bus system")) << unit;
-  EXPECT_TRUE(hasLine(unit, "Type=notify"));
-  EXPECT_TRUE(hasLine(unit, "WatchdogSec=10s"));
+  EXPECT_TRUE(testSupport::containsInOrder(testSupport::splitLines(unit),
+                                           {"Type=notify", "ExecStart=/usr/bin/ecallService --bus system",
+                                            "WatchdogSec=10s"})) << unit;
   const std::string activation = readFile(usr + "/share/dbus-1/system-services/" + kBusName + ".service");
-  EXPECT_TRUE(hasLine(activation, "Name=" + kBusName)) << activation;
-  EXPECT_TRUE(hasLine(activation, "Exec=/usr/bin/ecallService --bus system"));
-  EXPECT_TRUE(hasLine(activation, "SystemdService=ecallService.service"));
+  EXPECT_TRUE(testSupport::containsInOrder(testSupport::splitLines(activation),
+                                           {"Name=" + kBusName, "Exec=/usr/bin/ecallService --bus system",
+                                            "SystemdService=ecallService.service"})) << activation;
   EXPECT_EQ(readFile(usr + "/share/dbus-1/system.d/" + kBusName + ".conf"),
             readFile(std::string(ECALL_SOURCE_DIR) + "/data/dbus/" + kBusName + ".conf"));
   EXPECT_NE(readFile(usr + "/lib/tmpfiles.d/ecallService.conf").find("/fs/etfs/usr/var/ecall"), std::string::npos);

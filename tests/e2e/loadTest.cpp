@@ -1,5 +1,4 @@
-// Eight clients querying as fast as they can neither stop a crash nor get a
-// wrong answer (bench/busMethods gives the figures).
+// Eight clients querying flat out neither stop a crash nor get a wrong answer.
 #include <atomic>
 #include <thread>
 

@@ -1,5 +1,4 @@
-// A requested emergency is never lost: not to an absent phone, a failed
-// dial, a missing number or a peer that never answers.
+// A requested emergency is never lost: to an absent phone, a failed dial, no number, a hung peer.
 #include "carScene.h"
 
 using namespace carScene;
@@ -21,7 +20,6 @@ bool isAnnouncementWithPosition(const Json::Value& r) {
   return isReadout(r, "ECALL: A crash has occurred in a Vetta vehicle: " + kCarPosition + kOperatorKeys);
 }
 
-const char* const kPhoneOff = "embedded phone status signal: change from ON to OFF";
 // The crash recorded while the phone cannot call.
 const char* const kCrashRecorded = "Emergency happened. type 3. mode";
 
@@ -29,8 +27,8 @@ std::vector<Json::Value> dials(Scene& s) { return s.car.requestsSince(s.mark, "E
 
 }  // namespace
 
-// An emergency waiting for the phone is placed once it is back: every service
-// absent at start-up and back, or the phone ON after OFF; a cancel drops it.
+// Waiting for the phone (every service away at start-up, or OFF) it is placed on
+// its return; a cancel drops it.
 TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   Scene s(carOptions(kRetryScale, {}, false));
   for (const auto& service : kCarServices) s.sim("peer " + service + " gone");
@@ -46,7 +44,7 @@ TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   EXPECT_TRUE(s.waitForSignalType("acn"));
   cancelAndWaitForIdle(s);
 
-  s.simUntilTraced("phone off", kPhoneOff);
+  s.simUntilTraced("phone off", "embedded phone status signal: change from ON to OFF");
   s.simUntilTraced("crash B can", kCrashRecorded);
   EXPECT_EQ(s.car.call("exitEcall"), kOk);
   s.simUntilTraced("phone on", "Ecall caching status not handled");
@@ -54,9 +52,8 @@ TEST(NeverLost, EmergencyWhileThePhoneIsAwayIsPlacedWhenItReturns) {
   EXPECT_TRUE(dials(s).empty()) << "a cancelled emergency was placed";
 }
 
-// Failed dials are redialled after the retry period without limit: refused,
-// taken but idle, unanswered on the bus, retried while another call rings, or
-// ended unanswered with only an idle report.
+// Redialled after the retry period without limit: refused, idle, unanswered on
+// the bus, while another call rings, or ended with only an idle report.
 TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
   Scene s(carOptions(kRetryScale, {"set dial fail"}));
   s.sim("crash B can");
@@ -109,8 +106,7 @@ TEST(NeverLost, FailedDialsAreRedialledAfterTheRetryPeriod) {
   ASSERT_TRUE(s.waitForRequestCount("EmbeddedPhone", "ecallDial", 2)) << "an idle end left nothing armed";
 }
 
-// Without a number the emergency is kept, the number asked again each retry
-// period, and the call placed once a number comes; a cancel drops it.
+// Without a number it is kept and placed once one comes; a cancel drops it.
 TEST(NeverLost, EmergencyWithoutNumberIsPlacedOnceANumberComes) {
   Scene s(carOptions(kRetryScale, {"set number none"}));
   s.sim("crash B can");
@@ -146,8 +142,7 @@ TEST(NeverLost, EmergencyWithoutNumberIsPlacedOnceANumberComes) {
   EXPECT_TRUE(dials(s).empty()) << "a cancelled emergency was placed";
 }
 
-// Hung peers cost the call one bounded wait each, and what they would have
-// refined (variant, brand, language, position) keeps its last value.
+// Hung peers cost one bounded wait each; what they refine keeps its last value.
 TEST(NeverLost, HungPeersDoNotHoldTheCall) {
   Scene s(carOptions(kScale, {"peer platform hang", "set brand 9"}));
   EXPECT_TRUE(s.car.waitForTrace("The variant query timed out", kLong));
@@ -158,8 +153,7 @@ TEST(NeverLost, HungPeersDoNotHoldTheCall) {
   cancelAndWaitForIdle(s);
 
   for (const char* hang : {"peer VehicleConfig hang getProperties", "peer VehicleStatus hang getProperties",
-                           "peer AudioMixerManager hang", "peer NDR hang JSON_GetProperties"})
-    s.sim(hang);
+                           "peer AudioMixerManager hang", "peer NDR hang JSON_GetProperties"}) s.sim(hang);
   s.sim("crash B can");
   ASSERT_TRUE(s.waitForRequest("EmbeddedPhone", "ecallDial")) << "a hung peer held the dial";
   EXPECT_TRUE(s.car.waitForSlog("The vehicle brand query timed out after"));
@@ -170,8 +164,7 @@ TEST(NeverLost, HungPeersDoNotHoldTheCall) {
   EXPECT_TRUE(s.car.waitForSlog("The position query timed out after"));
 }
 
-// A silent phone service costs the start-up one bounded wait, not the bus's
-// 25 s, and a press during the start-up is placed once the phone answers.
+// A silent phone costs the start-up one bounded wait; a press meanwhile is kept.
 TEST(NeverLost, SilentPhoneAtStartUpNeitherDelaysTheInputsNorLosesAPress) {
   constexpr double scale = 0.1;
   Scene s(carOptions(scale, {"peer EmbeddedPhone hang"}, false));

@@ -1,5 +1,4 @@
-// A hundred emergencies leave nothing behind (scripts/bench soak runs a
-// thousand); a kill at a crash's signal keeps the entry logged before it.
+// A hundred emergencies leave nothing behind; a kill at a crash keeps its log entry.
 #include "soak.h"
 
 namespace {

@@ -1,5 +1,4 @@
-// The test call end to end: to the vehicle's test number only, marked as a
-// test wherever it shows, never journaled.
+// The test call: to the vehicle's test number only, marked as a test, never journaled.
 #include "carScene.h"
 
 using namespace carScene;
@@ -8,8 +7,7 @@ namespace {
 
 const std::string kTestSignal =
     activeSignal("testCall", "TEST_CALL", "Test call to the vehicle's test number", "5550100");
-const std::string kTestDial =
-    "ecallDial {\"address\":\"5550100\",\"callType\":\"TEST\",\"vehicleType\":\"Corvane\"}\n";
+const std::string kTestDial = "ecallDial {\"address\":\"5550100\",\"callType\":\"TEST\",\"vehicleType\":\"Corvane\"}\n";
 const std::string kTestAnnouncement = "ECALL: This is a test call, not an emergency. Test call from a ";
 const std::string kJournal = "/fs/etfs/usr/var/ecall/ecall_journal";
 
@@ -21,9 +19,8 @@ Json::Value phoneSays(Scene& s, const std::string& part) {
 
 }  // namespace
 
-// The test call runs as an emergency call without the cancel window, with
-// its own prompts and announcement, marked "test"; an unreachable line is
-// tried three times; it is never journaled, and a restart forgets it.
+// An emergency call without the cancel window, its own prompts, marked "test"; an
+// unreachable line is tried three times; a restart forgets it.
 TEST(TestCall, WholeCallMarkedAsATestGivenUpAfterThreeAttemptsAndNeverResumed) {
   Scene s(carOptions(kScale, {"set brand 9", "set gps 12345678 -98765432", "set pace 2000"}));
   const testSupport::Outcome started = ctl(s.car, {"test"});
@@ -69,16 +66,14 @@ TEST(TestCall, WholeCallMarkedAsATestGivenUpAfterThreeAttemptsAndNeverResumed) {
   EXPECT_EQ(testSupport::readFile(s.car.path(kJournal)), "");
 }
 
-// Refused without a test number the car may dial, and while an emergency
-// waits, is in progress or in its call-back period.
+// Refused without a usable test number and while an emergency is in hand.
 TEST(TestCall, RefusedWithoutAUsableTestNumberAndWhileAnEmergencyIsInHand) {
   Scene s(carOptions(kScale, {"set number 911 5550123"}));
   const std::pair<std::string, std::string> numbers[] = {
       {"none", "no test number is configured in the vehicle configuration"},
       {"empty", "the test number of the vehicle configuration is empty"},
       {"112", "the test number 112 is an emergency number"},
-      {"5550123", "the test number 5550123 is an emergency number"},
-  };
+      {"5550123", "the test number 5550123 is an emergency number"}};
   for (const auto& [number, reason] : numbers) {
     s.sim("set testnumber " + number);
     EXPECT_EQ(s.car.call("startTestEcall"), refused(reason)) << number;
@@ -103,8 +98,7 @@ TEST(TestCall, RefusedWithoutAUsableTestNumberAndWhileAnEmergencyIsInHand) {
   EXPECT_EQ(s.requests("EmbeddedPhone", "ecallDial"), Strings{kCrashDial});
 }
 
-// A crash hangs up the test call and is dialled as soon as the phone (slow
-// to let go, as a real one) has let it go, well within the 10 s delay.
+// A crash hangs up the test call and is dialled once the (slow) phone let it go.
 TEST(TestCall, ACrashEndsTheTestCallAtOnceAndIsDialledWithoutDelay) {
   constexpr double scale = 0.1;
   Scene s(carOptions(scale, {"set hangup 1000"}));

@@ -1,29 +1,23 @@
-// The vehicle around the service: variant, brand and language, the cellular
-// module's resets and USB ports, Bluetooth.
+// Variant, brand and language, the cellular module's resets and USB ports, Bluetooth.
 #include "carScene.h"
 
 using namespace carScene;
 
 namespace {
 
-const std::string kNoPhoneVariant =
-    "but since the VARIANT_ECELL indicates no embedded phone, do not act on the event";
+const std::string kNoPhoneVariant = "but since the VARIANT_ECELL indicates no embedded phone, do not act on the event";
 
 Strings containing(const Strings& lines, const Strings& parts) {
   Strings out;
-  for (const auto& line : lines)
-    for (const auto& part : parts)
-      if (line.find(part) != std::string::npos) {
-        out.push_back(line);
-        break;
-      }
+  std::copy_if(lines.begin(), lines.end(), std::back_inserter(out), [&](const std::string& line) {
+    return std::any_of(parts.begin(), parts.end(), [&](const auto& part) { return line.find(part) != std::string::npos; });
+  });
   return out;
 }
 
 }  // namespace
 
-// Without the embedded phone no input starts an emergency, the state machine
-// takes no step, and a failure reaches neither the user nor the LED.
+// Without the embedded phone nothing starts, and no failure reaches the user or LED.
 TEST(Variant, WithoutEmbeddedPhoneNoEmergencyIsActedOn) {
   Scene s(carOptions(kScale, {"set variant NO"}), false);
   s.sim("button ecall press");
@@ -47,9 +41,8 @@ TEST(Variant, WithoutEmbeddedPhoneNoEmergencyIsActedOn) {
   EXPECT_EQ(s.car.call("IsECallModeActive"), "{\"eCallModeActive\":false}\n");
 }
 
-// The occupants hear their language, the operator English with the brand;
-// an unknown brand or language keeps the last good one. A crash call has no
-// delay and its own announcements.
+// Occupants hear their language, the operator English with the brand (an unknown
+// one keeps the last); a crash call has no delay and its own announcements.
 TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInEnglish) {
   Scene s(carOptions(kScale, {"set brand 7", "set language fr_CA"}));
   const std::string dialling = "PMSG: Appel du 9-1-1.";
@@ -80,8 +73,7 @@ TEST(VehicleConfiguration, OccupantsHearTheirLanguageTheOperatorHearsTheBrandInE
   EXPECT_NE(out.find("Ecall - CAN Emergency CAN_IMPACT_B\n"), std::string::npos) << out;
 }
 
-// A silent phone's module is reset three times, five minutes apart, then the
-// phone counts as not present; its return clears that and the resets.
+// A silent phone's module is reset thrice, 5 min apart, then it is not present till it returns.
 TEST(ModuleReset, SilentPhoneIsResetThreeTimesThenReportedAndItsReturnStartsAfresh) {
   constexpr double scale = 0.01;
   Scene s(carOptions(scale));
@@ -121,8 +113,7 @@ TEST(ModuleReset, SilentPhoneIsResetThreeTimesThenReportedAndItsReturnStartsAfre
   EXPECT_TRUE(testSupport::fileExists(marker));
 }
 
-// A Bluetooth call up at a crash is reported; Bluetooth is off for the
-// emergency (its dropped call not believed) and on again after it.
+// A Bluetooth call at a crash is reported; Bluetooth is off for the emergency.
 TEST(Bluetooth, CallAtTheCrashIsReportedAndBluetoothIsOffForTheEmergency) {
   Scene s(carOptions(kScale));
   s.sim("bt callstate active");
@@ -141,8 +132,7 @@ TEST(Bluetooth, CallAtTheCrashIsReportedAndBluetoothIsOffForTheEmergency) {
                                  ecallSignalText(true, "ecall_button_repeat", true, "", "CAN_IMPACT_B", crash, true),
                                  endedSignal(true), endedSignal(false)}));
   ASSERT_TRUE(s.waitForRequestCount("BluetoothService", "setBluetoothStatus", 1));
-  EXPECT_EQ(s.requests("BluetoothService"),
-            (Strings{"switchBluetoothOff ", "setBluetoothStatus {\"enable\":true}\n"}));
+  EXPECT_EQ(s.requests("BluetoothService"), (Strings{"switchBluetoothOff ", "setBluetoothStatus {\"enable\":true}\n"}));
 
   // Bluetooth's next call is taken: the Assist button blinks for it.
   s.markNow();

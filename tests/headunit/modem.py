@@ -1,19 +1,10 @@
 #!/usr/bin/env python3
-"""A cellular modem for ofonod's phonesim plugin: speaks 27.007 AT commands on a
-TCP port and plays the network and the emergency centre.
-
-Usage: modem.py [STATE] [ECALLCTL]. STATE: ready (default), off (the port refuses
-connections; first state only), silent (answers once it leaves the state), pin,
-nosim or limited (not registered). Prints "port N" and "ecall port M", then "at CMD"
-per command received ("ecall at CMD" on the eCall port). Standard input drives it,
-each line acknowledged "ok WORD": state STATE; answer (the call becomes active);
-hangup (NO CARRIER); ring NUMBER (RING, +CLIP); drop (the line to ofonod breaks);
-msdrequest (the centre asks for a fresh MSD: +MSDREQ); ecalloff (the eCall port
-breaks and refuses connections from then on).
-The eCall port is a second AT channel: a command carrying a hex MSD loads it
-(printed "msd HEX", then "msd| FIELD: VALUE" lines by ECALLCTL msd --decode; one
-that does not decode is refused); AT+CECALL=<3|2|0> places the call, shown in +CLCC
-on the first port after a RING (oFono reads the call list on it: see the README).
+"""A cellular modem for ofonod's phonesim plugin (27.007 AT on a TCP port) that plays
+the network and the emergency centre. Usage: modem.py [ready|off|silent|pin|nosim|limited]
+[ECALLCTL]. Prints "port N", "ecall port M", then "at CMD" per command ("ecall at CMD" on
+the eCall port). Stdin lines, each acknowledged "ok WORD": state S, answer, hangup,
+ring NUMBER, drop, msdrequest, ecalloff. On the eCall port a hex MSD is decoded by
+ECALLCTL ("msd| FIELD: VALUE" lines) and AT+CECALL=<3|2|0> places the call (see the README).
 """
 import re
 import selectors

@@ -27,8 +27,7 @@ double wavSeconds(const std::string& path) {
   return rate ? (data.size() - 44) / 2.0 / rate : 0;
 }
 
-// The texts the bridge was asked to speak, in order: the Nth is written to
-// NNN-TYPE.wav once spoken.
+// The texts the bridge was asked to speak; the Nth is spoken to NNN-TYPE.wav.
 std::vector<std::string> readouts(const std::string& log) {
   static const std::regex readout(R"re(ttsReadout \{"data":"([^"]*)")re");
   std::vector<std::string> texts;
@@ -36,8 +35,7 @@ std::vector<std::string> readouts(const std::string& log) {
   return texts;
 }
 
-// Every prompt spoken is a file of speech as long as its text takes to say
-// (a synthetic voice says 4 to 40 characters a second).
+// Each prompt's file lasts as its text takes to say (4 to 40 characters a second).
 void expectSpokenFiles(const std::string& log) {
   static const std::regex spoken(R"re(spoken to (\S+/([0-9]{3})-[A-Z]+\.wav))re");
   const auto texts = readouts(log);
@@ -58,9 +56,8 @@ std::string ask(RealHeadUnit& car, const std::string& service, const std::string
   return SVCIPC_IS_ERROR(car.harness.invoke(service, method, params, 20000, &reply)) ? "error" : reply;
 }
 
-// NDR's answer once the bridge has both earlier positions (4 s into the
-// drive, which starts again every 20 s); null if never. Each query's log
-// line paces the next.
+// NDR's answer once it has both earlier positions (4 s into the 20 s drive),
+// else null; each query's log line paces the next.
 Json::Value ndrWithEarlierPositions(RealHeadUnit& car) {
   Json::Value ndr;
   const bool full = car.bridge->waitForOutput([&] {
@@ -78,8 +75,7 @@ std::string dial(const std::string& kind, const std::string& msd) {
 
 }  // namespace
 
-// A crash: the micro's impact becomes ATD911 on the modem, the operator
-// hears where gpsd put the car, hangs up and calls back, and the car answers.
+// A crash dials ATD911; the operator hears gpsd's position and calls back.
 TEST(RealStack, CrashCallsTheOperatorWithGpsdsPositionAndTakesTheCallBack) {
   RealHeadUnit car;
   const auto crashAt = std::chrono::steady_clock::now();
@@ -111,9 +107,7 @@ TEST(RealStack, CrashCallsTheOperatorWithGpsdsPositionAndTakesTheCallBack) {
   expectSpokenFiles(car.bridgeLog());
 }
 
-// A test call through oFono: the modem dials the test number, never an
-// emergency number; the operator hears that it is a test, and so do the
-// occupants at its end.
+// A test call dials the test number only; operator and occupants hear it is a test.
 TEST(RealStack, TestCallDialsTheTestNumberThroughOfono) {
   RealHeadUnit car;
   const auto askedAt = std::chrono::steady_clock::now();
@@ -134,16 +128,12 @@ TEST(RealStack, TestCallDialsTheTestNumberThroughOfono) {
   // Every number the modem was asked to dial is the test number.
   const std::string modem = car.modem->out();
   static const std::regex dial("at ATD(\\S*)");
-  for (std::sregex_iterator it(modem.begin(), modem.end(), dial), end; it != end; ++it)
-    EXPECT_EQ((*it)[1], "5550100;");
+  for (std::sregex_iterator it(modem.begin(), modem.end(), dial), end; it != end; ++it) EXPECT_EQ((*it)[1], "5550100;");
 }
 
-// A module refusing its power-up, then answering late: the bridge retries,
-// logs the refusal once, and the crash raised while the phone was OFF is
-// dialled once it is ON without a SIM, and after each restart of oFono with
-// a SIM asking for its PIN, then without a network of the car's own (the
-// antenna never reported working). A broken modem line ends in a module
-// reset; the bridge ends cleanly on SIGTERM.
+// A module refusing its power-up is retried (logged once); the crash is dialled
+// without a SIM, with a PIN, on a network not its own (antenna never reported
+// working); a broken line resets the module; SIGTERM ends the bridge cleanly.
 TEST(RealStack, CrashIsPlacedWhateverStateTheModemComesUpIn) {
   RealHeadUnit car("off");
   ASSERT_TRUE(car.waitForBridge("cannot power the modem: Operation failed")) << car.bridgeLog();
@@ -178,10 +168,8 @@ TEST(RealStack, CrashIsPlacedWhateverStateTheModemComesUpIn) {
   EXPECT_EQ(car.bridge->wait(ms(10000)), 0) << car.bridge->err();
 }
 
-// A European crash: the MSD built from the bridge's configuration and gpsd's
-// drive (position, direction, two earlier positions) is loaded on the eCall
-// port before AT+CECALL=3 and decodes there; oFono follows the call to
-// active; the centre's request for a fresh MSD brings message 2.
+// A European crash loads an MSD of gpsd's drive before AT+CECALL=3; the
+// centre's request for a fresh one brings message 2.
 TEST(RealStack, EuropeanCrashSendsGpsdsDriveInTheMsdThroughTheModem) {
   RealHeadUnit car({.europe = true});
   ASSERT_FALSE(ndrWithEarlierPositions(car).isNull()) << car.bridgeLog();
@@ -208,9 +196,7 @@ TEST(RealStack, EuropeanCrashSendsGpsdsDriveInTheMsdThroughTheModem) {
   EXPECT_TRUE(car.waitForModem("msd| message identifier: 2", mark)) << car.bridgeLog();
 }
 
-// A European dial after the modem's eCall port broke (a module re-enumerated,
-// a wrong configuration): the bridge dials the emergency number through oFono
-// without the MSD rather than not at all, and logs why.
+// Without its eCall port, a European call is dialled plain (no MSD), and logged.
 TEST(RealStack, EuropeanCallWithoutItsEcallPortIsDialledPlain) {
   RealHeadUnit car({.europe = true, .service = false});
   msd::Session session({true, false, time(nullptr)}, {msd::VehicleType::passengerM1, "NRD1ECALL0T000042", {}});
