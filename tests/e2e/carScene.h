@@ -61,14 +61,8 @@ inline std::string systemErrorSignal() { return ecallSignalText(false, "systemEr
 inline double at(const Json::Value& record) { return record["t"].asDouble(); }
 // A service duration (its ms) on the car's clock at a pace, as a lower bound.
 inline double atLeast(double carMs, double scale = kScale) { return 0.8 * carMs * scale / 1000.0; }
-// A service duration in real ms at the pace the car really runs (slower
-// under the checkers).
-inline double realMs(double carMs, double scale = kScale) {
-#ifdef ECALL_E2E_SLOWDOWN
-  scale *= ECALL_E2E_SLOWDOWN;
-#endif
-  return carMs * std::min(1.0, scale);
-}
+// A service duration in real ms at the pace the car really runs.
+inline double realMs(double carMs, double scale = kScale) { return carMs * testSupport::carScale(scale); }
 // A bound above: ten times the duration at the pace the car really runs.
 inline double atMost(double carMs, double scale = kScale) { return 10 * realMs(carMs, scale) / 1000.0; }
 
@@ -215,14 +209,8 @@ struct Scene {
     ASSERT_EQ(car.call("exitEcall"), kOk);
   }
 
-  // The channel's messages since the mark; with a first byte, only those
-  // (1: the mirror LED, 2: Assist).
-  std::vector<Bytes> channel(int first = -1) {
-    std::vector<Bytes> out;
-    for (auto& bytes : car.channelMessages(mark))
-      if (first < 0 || (!bytes.empty() && bytes[0] == first)) out.push_back(bytes);
-    return out;
-  }
+  // The channel's messages since the mark; first byte 1: the mirror LED, 2: Assist.
+  std::vector<Bytes> channel(int first = -1) { return car.channelMessages(mark, first); }
   std::vector<Bytes> led() { return channel(1); }
   bool waitForChannel(const std::vector<Bytes>& wanted, int first = -1) {
     return testSupport::waitUntil([&] { return channel(first) == wanted; }, kLong);

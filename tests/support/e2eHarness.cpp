@@ -27,22 +27,14 @@ namespace testSupport {
 
 namespace {
 
-#ifndef ECALL_E2E_SLOWDOWN
-#define ECALL_E2E_SLOWDOWN 1
-#endif
-
-// The --time-scale of both processes for a test's pace (see tests/CMakeLists.txt).
-double carScale(double testScale) { return std::min(1.0, testScale * ECALL_E2E_SLOWDOWN); }
-
 std::string fixed(double value) {
   char text[32];
   snprintf(text, sizeof text, "%g", value);
   return text;
 }
 
-// Starts a program on the given standard streams, env's entries replacing
-// the test's own. The child dies with the creating thread (a crash, a
-// time-out kill), so that no service or car outlives its test.
+// Starts a program on the given streams, env's entries replacing the test's.
+// It dies with the creating thread, so that nothing outlives its test.
 pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, const std::vector<std::string>& env = {},
             const std::function<void()>& beforeExec = {}) {
   std::vector<std::string> environment(env);
@@ -65,7 +57,7 @@ pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, cons
     if (getppid() != parent) _exit(127);  // the test died already
     if (dup2(in, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0) _exit(127);
     if (beforeExec) beforeExec();
-    execve(argv[0], argv.data(), envp.data());
+    execvpe(argv[0], argv.data(), envp.data());
     _exit(127);
   }
   return pid;
@@ -87,8 +79,6 @@ std::string tail(const std::string& text, size_t lines) {
   for (size_t i = all.size() > lines ? all.size() - lines : 0; i < all.size(); ++i) out += "    " + all[i] + "\n";
   return out;
 }
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 }  // namespace
 
@@ -349,14 +339,8 @@ bool E2eHarness::waitForService(ms deadline) {
 void E2eHarness::stopService() { killAndReap(mServicePid); }
 
 bool E2eHarness::serviceRunning() {
-  if (mServicePid <= 0) return false;
-  int status = 0;
-  pid_t rc = waitpid(mServicePid, &status, WNOHANG);
-  if (rc == mServicePid) {
-    mServicePid = -1;
-    return false;
-  }
-  return true;
+  if (mServicePid > 0 && waitpid(mServicePid, nullptr, WNOHANG) == mServicePid) mServicePid = -1;
+  return mServicePid > 0;
 }
 
 SVCIPC_tError invokeOn(SVCIPC_tConnection connection, const std::string& service, const std::string& method,
@@ -401,8 +385,6 @@ void E2eHarness::refreshRecords() {
     mRecordPartial.erase(0, end + 1);
   }
 }
-
-size_t E2eHarness::recordMark() { return records().size(); }
 
 std::vector<Json::Value> E2eHarness::recordsSince(size_t mark, const std::string& kind) {
   std::lock_guard<std::mutex> lock(mRecordMutex);
@@ -449,36 +431,26 @@ std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark, const st
 }
 
 Json::Value E2eHarness::waitForEcallSignalSince(size_t mark, const Pred& pred, ms deadline) {
-  Json::Value found;
-  waitForRecordSince(
-      mark,
-      [&](const Json::Value& r) {
-        Json::Value data;
-        if (r["kind"] != "ecall" || !jsonParse(r["data"].asString().c_str(), data) || !pred(data)) return false;
-        found = data;
-        return true;
-      },
-      deadline);
-  return found;
+  Json::Value data;
+  auto matches = [&](const Json::Value& r) {
+    return r["kind"] == "ecall" && jsonParse(r["data"].asString().c_str(), data) && pred(data);
+  };
+  return waitForRecordSince(mark, matches, deadline).isNull() ? Json::Value() : data;
 }
 
-std::vector<std::vector<int>> E2eHarness::channelMessages(size_t mark) {
+std::vector<std::vector<int>> E2eHarness::channelMessages(size_t mark, int first) {
   std::vector<std::vector<int>> out;
   for (const auto& r : recordsSince(mark, "channel")) {
     std::vector<int> bytes;
     for (const auto& b : r["bytes"]) bytes.push_back(b.asInt());
-    out.push_back(bytes);
+    if (first < 0 || (!bytes.empty() && bytes[0] == first)) out.push_back(bytes);
   }
   return out;
 }
 
 bool E2eHarness::waitForChannelMessage(const std::vector<int>& bytes, ms deadline) {
-  return waitUntil(
-      [&] {
-        auto all = channelMessages();
-        return std::find(all.begin(), all.end(), bytes) != all.end();
-      },
-      deadline);
+  auto sent = [&] { return std::ranges::count(channelMessages(), bytes) > 0; };
+  return waitUntil(sent, deadline);
 }
 
 bool E2eHarness::waitForChannelConnected(ms deadline, size_t mark) {
@@ -491,8 +463,6 @@ bool E2eHarness::waitForServiceStarted(ms deadline, size_t mark) {
          waitForChannelConnected(deadline, mark);
 }
 
-std::string E2eHarness::emergencyLog() const { return readFile(path("/fs/etfs/usr/var/ecall/ecall_log.txt")); }
-
 std::vector<std::string> logEntryMessages(const std::string& text) {
   // An entry: "HH:MM:SS Month DD, YYYY GMT:" then "NNNNNNN:" or "ODO N/A:".
   static const std::regex entry(R"(^\d\d:\d\d:\d\d [A-Za-z]+ \d\d, \d{4} GMT:(?:\d{7}|ODO N/A):(.*)$)");
@@ -502,24 +472,6 @@ std::vector<std::string> logEntryMessages(const std::string& text) {
     if (std::regex_match(line, match, entry)) out.push_back(match[1].str());
   return out;
 }
-
-bool E2eHarness::waitForEmergencyLog(const std::string& part, ms deadline) const {
-  return waitUntil([&] { return contains(emergencyLog(), part); }, deadline);
-}
-
-std::string E2eHarness::trace() const { return readFile(mTraceFile); }
-
-bool E2eHarness::waitForTrace(const std::string& part, ms deadline) const {
-  return waitUntil([&] { return contains(trace(), part); }, deadline);
-}
-
-std::string E2eHarness::serviceStderr() const { return readFile(mServiceErr); }
-
-bool E2eHarness::waitForSlog(const std::string& part, ms deadline) const {
-  return waitUntil([&] { return contains(serviceStderr(), part); }, deadline);
-}
-
-std::string E2eHarness::serviceStdout() const { return readFile(mServiceOut); }
 
 void E2eHarness::dumpOnFailure() {
   std::string record;

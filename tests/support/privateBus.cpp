@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 
 #include "support/e2eHarness.h"
@@ -16,17 +15,6 @@
 namespace testSupport {
 
 namespace {
-
-std::string findDaemon() {
-  const char* path = getenv("PATH");
-  std::stringstream folders(path != nullptr ? path : "/usr/bin:/bin");
-  std::string folder;
-  while (std::getline(folders, folder, ':')) {
-    const std::string candidate = (folder.empty() ? "." : folder) + "/dbus-daemon";
-    if (access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return "/usr/bin/dbus-daemon";
-}
 
 // A session bus policy: no limits on who owns or sends what.
 const char* const kSessionPolicy =
@@ -59,7 +47,7 @@ PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds star
   const bool opened = policy.empty() || chmod(mDir.c_str(), 0755) == 0;
   const std::string config = mDir + "/bus.conf";
   writeFile(config, configText(mDir, policy));
-  mDaemon = std::make_unique<Child>(std::vector<std::string>{findDaemon(), "--config-file=" + config,
+  mDaemon = std::make_unique<Child>(std::vector<std::string>{"dbus-daemon", "--config-file=" + config,
                                                              "--print-address", "--nofork", "--nopidfile", "--nosyslog"},
                                      std::vector<std::string>{}, false, beforeExec);
   const std::string& out = mDaemon->out();
