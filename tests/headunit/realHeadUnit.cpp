@@ -38,7 +38,7 @@ std::string freePort() {
 }  // namespace
 
 RealHeadUnit::RealHeadUnit(const Setup& setup)
-    : harnessPtr(std::make_unique<testSupport::E2eHarness>(vehicleOnly())), harness(*harnessPtr) {
+    : harness(vehicleOnly()) {
   char folder[] = "/tmp/ecall-headunit-XXXXXX";
   dir = mkdtemp(folder);
   const std::string systemBus = "DBUS_SYSTEM_BUS_ADDRESS=" + harness.busAddress();
@@ -86,8 +86,7 @@ RealHeadUnit::RealHeadUnit(const Setup& setup)
 }
 
 RealHeadUnit::~RealHeadUnit() {
-  // The service first, so that it sees no peer go away.
-  harnessPtr.reset();
+  harness.stopService();  // first, so that it sees no peer go away
   for (auto* child : {&bridge, &gps, &ofono, &modem}) {
     if (!*child) continue;
     // unshare ignores SIGTERM while its child runs; killed, it kills gpsfake,
