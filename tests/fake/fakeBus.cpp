@@ -38,7 +38,7 @@ struct State {
   uint64_t posted = 0, done = 0;
   std::thread::id busThreadId;
   bool inWaitingThread = false;  // no bus thread: the waiter runs the jobs
-  bool delivering = false;       // a waiter runs them now
+  bool delivering = false;       // a thread runs them now
 };
 
 State& state() {
@@ -46,13 +46,23 @@ State& state() {
   return *s;
 }
 
-std::function<void()> takeJob(State& s) {
-  std::function<void()> job = std::move(s.queue[s.next++]);
-  if (s.next == s.queue.size()) {
-    s.queue.clear();
-    s.next = 0;
+// Runs the queued jobs in the calling thread, those they queue included.
+void deliverQueued(State& s, std::unique_lock<std::mutex>& lock) {
+  if (s.delivering) return;  // called from a callback: its own waiter goes on
+  s.delivering = true;
+  while (s.next < s.queue.size()) {
+    std::function<void()> job = std::move(s.queue[s.next++]);
+    if (s.next == s.queue.size()) {
+      s.queue.clear();
+      s.next = 0;
+    }
+    lock.unlock();
+    job();
+    lock.lock();
+    ++s.done;
+    s.changed.notify_all();
   }
-  return job;
+  s.delivering = false;
 }
 
 void busThreadBody() {
@@ -60,12 +70,7 @@ void busThreadBody() {
   std::unique_lock<std::mutex> lock(s.mutex);
   for (;;) {
     s.changed.wait(lock, [&] { return s.next < s.queue.size(); });
-    std::function<void()> job = takeJob(s);
-    lock.unlock();
-    job();
-    lock.lock();
-    ++s.done;
-    s.changed.notify_all();
+    deliverQueued(s, lock);
   }
 }
 
@@ -81,20 +86,6 @@ uint64_t post(std::function<void()> job) {
   s.queue.push_back(std::move(job));
   s.changed.notify_all();
   return ++s.posted;
-}
-
-// Runs the queued jobs in the calling thread, those they queue included.
-void deliverQueued(State& s, std::unique_lock<std::mutex>& lock) {
-  if (s.delivering) return;  // called from a callback: its own waiter goes on
-  s.delivering = true;
-  while (s.next < s.queue.size()) {
-    std::function<void()> job = takeJob(s);
-    lock.unlock();
-    job();
-    lock.lock();
-    ++s.done;
-  }
-  s.delivering = false;
 }
 
 void waitDone(uint64_t seq) {

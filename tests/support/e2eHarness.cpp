@@ -249,9 +249,9 @@ E2eHarness::~E2eHarness() {
   if (mConnection) SVCIPC_closeConnection(mConnection);
   SVCIPC_shutdown();
   mBus.reset();
-  bool failed = ::testing::Test::HasFailure();
-  if (failed) dumpOnFailure();
-  if (!failed && !getenv("ECALL_E2E_KEEP")) {
+  if (::testing::Test::HasFailure()) {
+    dumpOnFailure();
+  } else if (!getenv("ECALL_E2E_KEEP")) {
     std::error_code ec;
     std::filesystem::remove_all(mWorkDir, ec);
   }
@@ -325,15 +325,11 @@ void E2eHarness::startService() {
 }
 
 bool E2eHarness::waitForService(ms deadline) {
-  return waitUntil(
-      [this] {
-        if (!serviceRunning()) return true;  // ended: no point waiting
-        int has = 0;
-        return !SVCIPC_IS_ERROR(SVCIPC_nameHasOwner(mConnection, "com.nordak.service.ecallService", &has)) &&
-               has != 0;
-      },
-      deadline) &&
-         serviceRunning();
+  auto registered = [this] {
+    int has = 0;
+    return !SVCIPC_IS_ERROR(SVCIPC_nameHasOwner(mConnection, "com.nordak.service.ecallService", &has)) && has != 0;
+  };
+  return waitUntil([&] { return !serviceRunning() || registered(); }, deadline) && serviceRunning();
 }
 
 void E2eHarness::stopService() { killAndReap(mServicePid); }
@@ -397,16 +393,13 @@ std::vector<Json::Value> E2eHarness::recordsSince(size_t mark, const std::string
 
 Json::Value E2eHarness::waitForRecordSince(size_t mark, const Pred& pred, ms deadline) {
   Json::Value found;
-  waitUntil(
-      [&] {
-        for (const auto& r : recordsSince(mark))
-          if (pred(r)) {
-            found = r;
-            return true;
-          }
-        return false;
-      },
-      deadline);
+  auto came = [&] {
+    const auto all = recordsSince(mark);
+    const auto it = std::ranges::find_if(all, pred);
+    if (it != all.end()) found = *it;
+    return it != all.end();
+  };
+  waitUntil(came, deadline);
   return found;
 }
 

@@ -17,23 +17,21 @@ namespace testSupport {
 namespace {
 
 // A session bus policy: no limits on who owns or sends what.
-const char* const kSessionPolicy =
-    "  <policy context=\"default\">\n"
-    "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-    "    <allow eavesdrop=\"true\"/>\n"
-    "    <allow own=\"*\"/>\n"
-    "  </policy>\n";
+const char* const kSessionPolicy = R"(  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+)";
 
 std::string configText(const std::string& dir, const std::string& policy) {
-  return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-         "<busconfig>\n"
-         "  <type>session</type>\n"
-         "  <listen>unix:dir=" +
-         dir +
-         "</listen>\n"
-         "  <auth>EXTERNAL</auth>\n" +
-         (policy.empty() ? std::string(kSessionPolicy) : policy) + "</busconfig>\n";
+  return R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:dir=)" + dir + R"(</listen>
+  <auth>EXTERNAL</auth>
+)" + (policy.empty() ? std::string(kSessionPolicy) : policy) + "</busconfig>\n";
 }
 
 }  // namespace

@@ -9,13 +9,9 @@
 #include <vector>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "externalServiceHandling/externalServiceHandling.h"
 #include "fake/fakeBus.h"
 #include "fake/processProbe.h"
-#include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pulses.h"
 #include "platform/runtime.h"
 #include "support/testSupport.h"
