@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "support/e2eHarness.h"
-#include "support/testSupport.h"
 
 namespace carScene {
 
@@ -113,9 +112,7 @@ inline Strings ctlArgs(const E2eHarness& car, const Strings& args) {
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
-inline testSupport::Outcome ctl(const E2eHarness& car, const Strings& args) {
-  return testSupport::run(ctlArgs(car, args));
-}
+inline testSupport::Outcome ctl(const E2eHarness& car, const Strings& args) { return testSupport::run(ctlArgs(car, args)); }
 #endif
 
 // The service still places a call: a request reaches the phone as a dial.
@@ -168,15 +165,13 @@ struct Scene {
   }
   Strings signals() { return car.ecallSignalTextsSince(mark); }
   Json::Value waitForSignal(const E2eHarness::Pred& pred) { return car.waitForEcallSignalSince(mark, pred, kLong); }
-  bool waitForEmergency() {
-    return !waitForSignal([](const Json::Value& s) { return s["ecall"].asBool(); }).isNull();
-  }
+  bool waitForEmergency() { return !waitForSignal([](const Json::Value& s) { return s["ecall"].asBool(); }).isNull(); }
   bool waitForSignalType(const std::string& type) {
     return !waitForSignal([&](const Json::Value& s) { return s["type"].asString() == type; }).isNull();
   }
+  static bool idle(const Json::Value& signal) { return !signal["ecall"].asBool() && !signal["ecallModeActive"].asBool(); }
   // The signal that closes the emergency mode, and the log line after it.
   bool waitForIdle() {
-    auto idle = [](const Json::Value& s) { return !s["ecall"].asBool() && !s["ecallModeActive"].asBool(); };
     if (waitForSignal(idle).isNull()) return false;
     const Strings all = signals();
     return waitForLogCount("End emergency mode", std::count(all.begin(), all.end(), endedSignal(false)));

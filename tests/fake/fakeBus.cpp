@@ -30,8 +30,7 @@ struct State {
   SvcIpcSubscription subscription{};
   SvcIpcRegistration* registration = nullptr;
   SvcIpcConnection connection{};
-  // The bus thread: jobs run in order, outside the lock. The queue keeps
-  // its storage when it empties, so that a steady run allocates nothing.
+  // The bus thread's jobs, run in order outside the lock; kept storage: a steady run allocates nothing.
   std::condition_variable changed;
   std::vector<std::function<void()>> queue;
   size_t next = 0;  // the first job not taken
@@ -98,8 +97,7 @@ void waitDone(uint64_t seq) {
 
 std::string text(const char* p) { return p ? std::string(p) : std::string(); }
 
-// Records a call; for an invoke, finds the peer's answer, which fails at
-// once when its rc is negative.
+// Records a call; for an invoke, finds the peer's answer (a negative rc fails at once).
 SVCIPC_tError record(const fakeBus::Call& call, fakeBus::Reply* reply = nullptr) {
   std::lock_guard<std::mutex> lock(state().mutex);
   state().calls.push_back(call);

@@ -8,14 +8,12 @@
 
 #include <filesystem>
 
-#include "support/testSupport.h"
 
 namespace {
 
 testSupport::E2eOptions vehicleOnly() {
   testSupport::E2eOptions options;
-  // Slow enough that the real modem's pace (oFono polls the calls every
-  // half second) fits in every time-out of the service.
+  // Slow enough for the real modem's pace (oFono polls the calls every 0.5 s).
   options.timeScale = 0.1;
   options.startService = false;
   options.simArgs = {"--vehicle-only"};
@@ -53,9 +51,8 @@ RealHeadUnit::RealHeadUnit(const Setup& setup)
                          "[phonesim]\nAddress=127.0.0.1\nPort=" + said.substr(5, said.find('\n') - 5) + "\n");
   startOfono();
 
-  // gpsfake in a PID namespace of its own: whatever ends it (or this test)
-  // ends the gpsd it started too, which drops its privileges and with them
-  // any parent-death signal.
+  // gpsfake in a PID namespace of its own: whatever ends it ends its gpsd too,
+  // which drops its privileges and with them any parent-death signal.
   const std::string gpsPort = freePort();
   gps = std::make_unique<testSupport::Child>(std::vector<std::string>{
       UNSHARE, "--pid", "--fork", "--kill-child", GPSFAKE, "-q", "-c", "0.1", "-P", gpsPort, DRIVE_NMEA},

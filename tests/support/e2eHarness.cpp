@@ -341,8 +341,7 @@ bool E2eHarness::serviceRunning() {
 
 SVCIPC_tError invokeOn(SVCIPC_tConnection connection, const std::string& service, const std::string& method,
                        const std::string& params, int timeoutMs, std::string* reply) {
-  std::string name = "com.nordak.service." + service;
-  std::string objectPath = "/com/nordak/service/" + service;
+  const std::string name = "com.nordak.service." + service, objectPath = "/com/nordak/service/" + service;
   SVCIPC_tResponse* response = nullptr;
   SVCIPC_tError rc = SVCIPC_invoke(connection, name.c_str(), objectPath.c_str(), method.c_str(), params.c_str(),
                                    timeoutMs, &response);
@@ -353,8 +352,7 @@ SVCIPC_tError invokeOn(SVCIPC_tConnection connection, const std::string& service
 
 std::string E2eHarness::call(const std::string& method, const std::string& params, int timeoutMs) {
   std::string reply;
-  SVCIPC_tError rc = invoke("ecallService", method, params, timeoutMs, &reply);
-  return SVCIPC_IS_ERROR(rc) ? kNoReply : reply;
+  return SVCIPC_IS_ERROR(invoke("ecallService", method, params, timeoutMs, &reply)) ? kNoReply : reply;
 }
 
 bool E2eHarness::notify(const std::string& method, const std::string& params) {
@@ -467,21 +465,12 @@ std::vector<std::string> logEntryMessages(const std::string& text) {
 }
 
 void E2eHarness::dumpOnFailure() {
-  std::string record;
-  {
-    std::lock_guard<std::mutex> lock(mRecordMutex);
-    refreshRecords();
-    size_t from = mRecords.size() > 40 ? mRecords.size() - 40 : 0;
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    for (size_t i = from; i < mRecords.size(); ++i) record += "    " + Json::writeString(builder, mRecords[i]) + "\n";
-  }
   fprintf(stderr,
           "--- end-to-end files kept in %s\n--- ecallService standard error (last lines):\n%s"
           "--- ecallService trace (last lines):\n%s--- vehicle-sim standard error:\n%s"
           "--- vehicle-sim record (last entries):\n%s",
           mWorkDir.c_str(), tail(serviceStderr(), 30).c_str(), tail(trace(), 40).c_str(),
-          tail(mSim ? mSim->err() : "", 20).c_str(), record.c_str());
+          tail(mSim ? mSim->err() : "", 20).c_str(), tail(readFile(mRecordFile), 40).c_str());
 }
 
 }  // namespace testSupport

@@ -10,7 +10,6 @@
 #include <stdexcept>
 
 #include "support/e2eHarness.h"
-#include "support/testSupport.h"
 
 namespace testSupport {
 
