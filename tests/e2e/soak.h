@@ -31,8 +31,7 @@ inline Held heldBy(pid_t pid) {
   return held;
 }
 
-// The service without its trace (it would only grow); under the address
-// checker freed memory is reused at once, so that resident memory tells of leaks.
+// No trace (it would only grow); ASan reuses freed memory at once, so that resident memory tells of leaks.
 inline carScene::E2eOptions soakCar() {
   carScene::E2eOptions options = carScene::carOptions(kSoakScale);
   options.trace = false;

@@ -246,11 +246,10 @@ std::vector<std::string> emittedData(const std::string& sigName) {
 }
 
 MethodResult callMethod(const std::string& method, const char* params, int noReplyExpected) {
-  SvcIpcRegistration* reg;
-  {
+  SvcIpcRegistration* reg = [] {
     std::lock_guard<std::mutex> lock(state().mutex);
-    reg = state().registration;
-  }
+    return state().registration;
+  }();
   if (!reg || !reg->handler) return MethodResult{};
   SvcIpcRequest request;
   waitDone(post([&] { reg->handler(&request, method.c_str(), params, noReplyExpected, reg->userData); }));

@@ -23,9 +23,7 @@ testSupport::E2eOptions vehicleOnly() {
 // A TCP port nobody listens on now, for gpsd.
 std::string freePort() {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t length = sizeof address;
   bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
   getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
@@ -41,9 +39,8 @@ RealHeadUnit::RealHeadUnit(const Setup& setup)
   dir = mkdtemp(folder);
   const std::string systemBus = "DBUS_SYSTEM_BUS_ADDRESS=" + harness.busAddress();
 
-  const std::string& modemState = setup.modemState;
   modem = std::make_unique<testSupport::Child>(
-      std::vector<std::string>{PYTHON3, MODEM_EMULATOR, modemState, ECALLCTL_BIN}, std::vector<std::string>{}, true);
+      std::vector<std::string>{PYTHON3, MODEM_EMULATOR, setup.modemState, ECALLCTL_BIN}, std::vector<std::string>{}, true);
   const std::string& said = modem->out();
   if (!waitForModem("ecall port ", 0, ms(10000)))
     throw std::runtime_error("the modem emulator did not start: " + modem->err());
@@ -74,7 +71,7 @@ RealHeadUnit::RealHeadUnit(const Setup& setup)
       std::vector<std::string>{HEADUNIT_BIN, "--config", dir + "/ecall-headunit.conf", "--bus", harness.busAddress(),
                                "--speech-out", speechFolder()},
       std::vector<std::string>{systemBus});
-  if (!waitForBridge(modemState == "off" ? "ecall-headunit: ready" : "\"embeddedPhoneStatus\":{\"status\":true}") ||
+  if (!waitForBridge(setup.modemState == "off" ? "ecall-headunit: ready" : "\"embeddedPhoneStatus\":{\"status\":true}") ||
       !waitForBridge("NDR: position fixed"))
     throw std::runtime_error("the head unit did not come up; it said:\n" + bridge->out() + bridge->err());
   if (!setup.service) return;

@@ -38,12 +38,11 @@ std::string fixed(double value) {
 pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, const std::vector<std::string>& env = {},
             const std::function<void()>& beforeExec = {}) {
   std::vector<std::string> environment(env);
-  auto given = [&env](const std::string& entry) {
-    const std::string name = entry.substr(0, entry.find('=') + 1);
-    return std::any_of(env.begin(), env.end(), [&](const std::string& e) { return e.rfind(name, 0) == 0; });
-  };
-  for (char** e = environ; *e != nullptr; ++e)
-    if (!given(*e)) environment.emplace_back(*e);
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string_view name(*e, strcspn(*e, "=") + 1);
+    auto replaced = [&](const std::string& given) { return given.starts_with(name); };
+    if (std::ranges::none_of(env, replaced)) environment.emplace_back(*e);
+  }
   std::vector<char*> argv, envp;
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
@@ -89,19 +88,16 @@ Child::Child(const std::vector<std::string>& argv, const std::vector<std::string
       pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
     return;
   mPid = spawn(argv, in[0], out[1], err[1], env, beforeExec);
-  close(in[0]);
+  for (int fd : {in[0], out[1], err[1]}) close(fd);
   mIn = in[1];
-  close(out[1]);
-  close(err[1]);
   mOut = out[0];
   mErr = err[0];
 }
 
 Child::~Child() {
   killAndReap(mPid);
-  if (mIn >= 0) close(mIn);
-  if (mOut >= 0) close(mOut);
-  if (mErr >= 0) close(mErr);
+  for (int fd : {mIn, mOut, mErr})
+    if (fd >= 0) close(fd);
 }
 
 void Child::signal(int sig) {
@@ -315,9 +311,7 @@ void E2eHarness::startService() {
                                    "--time-scale", fixed(carScale(mOptions.timeScale))};
   if (mOptions.trace) args.insert(args.end(), {"--trace", mTraceFile});
   mServicePid = spawn(args, in, out, err, mOptions.serviceEnv, mOptions.beforeServiceExec);
-  close(in);
-  close(out);
-  close(err);
+  for (int fd : {in, out, err}) close(fd);
   ASSERT_GT(mServicePid, 0) << "cannot start " << binary;
   ASSERT_TRUE(waitForService(mOptions.startDeadline))
       << "ecallService did not register on the bus; its standard error:\n"
@@ -410,9 +404,10 @@ std::vector<Json::Value> E2eHarness::requestsSince(size_t mark, const std::strin
 
 Json::Value E2eHarness::waitForRequestSince(size_t mark, const std::string& service, const std::string& method,
                                             ms deadline) {
-  return waitForRecordSince(
-      mark, [&](const Json::Value& r) { return r["kind"] == "request" && r["service"] == service && r["method"] == method; },
-      deadline);
+  auto asked = [&](const Json::Value& r) {
+    return r["kind"] == "request" && r["service"] == service && r["method"] == method;
+  };
+  return waitForRecordSince(mark, asked, deadline);
 }
 
 std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark, const std::string& name) {
