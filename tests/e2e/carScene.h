@@ -6,12 +6,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "support/e2eHarness.h"
-#include "support/testSupport.h"
 
 namespace carScene {
 
@@ -23,9 +21,7 @@ using testSupport::E2eHarness;
 using testSupport::E2eOptions;
 using testSupport::ecallSignalText;
 
-// The usual pace of the car: the 10 s delay takes 0.5 s.
-inline constexpr double kScale = 0.05;
-// Every wait's deadline, enough for a loaded machine under the sanitizers.
+inline constexpr double kScale = 0.05;  // the usual pace: the 10 s delay takes 0.5 s
 inline const ms kLong = testSupport::kWaitDeadline;
 inline const std::string kOk = "{\"result\":\"OK\"}\n";
 inline const std::string kAssistApp = "3305261F-B524-4E27-8048-C5778A672389";
@@ -61,15 +57,9 @@ inline std::string systemErrorSignal() { return ecallSignalText(false, "systemEr
 inline double at(const Json::Value& record) { return record["t"].asDouble(); }
 // A service duration (its ms) on the car's clock at a pace, as a lower bound.
 inline double atLeast(double carMs, double scale = kScale) { return 0.8 * carMs * scale / 1000.0; }
-// A service duration in real ms at the pace the car really runs (slower
-// under the checkers).
-inline double realMs(double carMs, double scale = kScale) {
-#ifdef ECALL_E2E_SLOWDOWN
-  scale *= ECALL_E2E_SLOWDOWN;
-#endif
-  return carMs * std::min(1.0, scale);
-}
-// A bound above: ten times the duration at the pace the car really runs.
+// A service duration in real ms at the pace the car really runs.
+inline double realMs(double carMs, double scale = kScale) { return carMs * testSupport::carScale(scale); }
+// A bound above: ten times the duration at the car's real pace.
 inline double atMost(double carMs, double scale = kScale) { return 10 * realMs(carMs, scale) / 1000.0; }
 
 inline size_t countOf(const std::string& text, const std::string& part) {
@@ -122,9 +112,7 @@ inline Strings ctlArgs(const E2eHarness& car, const Strings& args) {
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
-inline testSupport::Outcome ctl(const E2eHarness& car, const Strings& args) {
-  return testSupport::run(ctlArgs(car, args));
-}
+inline testSupport::Outcome ctl(const E2eHarness& car, const Strings& args) { return testSupport::run(ctlArgs(car, args)); }
 #endif
 
 // The service still places a call: a request reaches the phone as a dial.
@@ -136,16 +124,15 @@ inline void expectStartEcallDials(E2eHarness& car) {
   EXPECT_TRUE(car.serviceRunning());
 }
 
-// The car records what it receives a little later: a list is compared once
-// it had the time to be whole.
+// The car records what it receives a little later: compared once it can be whole.
 #define EXPECT_SOON_EQ(actual, expected)                                              \
   if (testSupport::waitUntil([&] { return (actual) == (expected); }, kLong); false) { \
   } else                                                                              \
     EXPECT_EQ(actual, expected)
 
 struct Scene {
-  // buttonsRead: also wait for the mirror buttons' first read (a car with
-  // the embedded phone). A car whose service is not started waits for nothing.
+  // buttonsRead: also wait for the mirror buttons' first read (a car with the
+  // embedded phone). Without the service started it waits for nothing.
   explicit Scene(E2eOptions options, bool buttonsRead = true) : car(std::move(options)) {
     if (car.servicePid() <= 0) return;
     EXPECT_TRUE(car.waitForServiceStarted()) << "the service did not finish starting";
@@ -170,59 +157,48 @@ struct Scene {
     EXPECT_EQ(reply.rfind("ok", 0), 0u) << command << ": " << reply;
   }
 
-  Json::Value waitForRecord(const std::function<bool(const Json::Value&)>& pred, ms deadline = kLong) {
+  Json::Value waitForRecord(const E2eHarness::Pred& pred, ms deadline = kLong) {
     return car.waitForRecordSince(mark, pred, deadline);
   }
   bool waitForRequest(const std::string& service, const std::string& method) {
     return !car.waitForRequestSince(mark, service, method, kLong).isNull();
   }
   Strings signals() { return car.ecallSignalTextsSince(mark); }
-  Json::Value waitForSignal(const std::function<bool(const Json::Value&)>& pred) {
-    return car.waitForEcallSignalSince(mark, pred, kLong);
-  }
-  bool waitForEmergency() {
-    return !waitForSignal([](const Json::Value& s) { return s["ecall"].asBool(); }).isNull();
-  }
+  Json::Value waitForSignal(const E2eHarness::Pred& pred) { return car.waitForEcallSignalSince(mark, pred, kLong); }
+  bool waitForEmergency() { return !waitForSignal([](const Json::Value& s) { return s["ecall"].asBool(); }).isNull(); }
   bool waitForSignalType(const std::string& type) {
     return !waitForSignal([&](const Json::Value& s) { return s["type"].asString() == type; }).isNull();
   }
+  static bool idle(const Json::Value& signal) { return !signal["ecall"].asBool() && !signal["ecallModeActive"].asBool(); }
   // The signal that closes the emergency mode, and the log line after it.
   bool waitForIdle() {
-    auto idle = [](const Json::Value& s) { return !s["ecall"].asBool() && !s["ecallModeActive"].asBool(); };
     if (waitForSignal(idle).isNull()) return false;
     const Strings all = signals();
     return waitForLogCount("End emergency mode", std::count(all.begin(), all.end(), endedSignal(false)));
   }
 
-  // The head unit's request, up to the phone reporting the call active.
+  // The head unit's request, up to the phone's call active.
   void startCallUntilActive() {
     ASSERT_EQ(car.call("startEcall"), kOk);
     ASSERT_TRUE(waitForRequest("EmbeddedPhone", "ecallDial"));
     ASSERT_FALSE(waitForRecord([](const Json::Value& r) { return isSignal(r, "EmbeddedPhone", "callState", "ACTIVE"); })
                      .isNull());
   }
-  // The centre has heard the car (the microphones open) and hangs up; the
-  // emergency mode ends.
+  // The centre hears the car (the microphones open) and hangs up: idle again.
   bool hangUpOnceHeard() {
     if (waitForRecord(isMicrophoneOpened).isNull()) return false;
     sim("psap hangup");
     return waitForIdle();
   }
-  // Ends the emergency once the call is active and no run of the state
-  // machine is queued: a leftover run would cut the callback period short.
+  // Ends the emergency once the call is active and no state machine run is
+  // queued: a leftover run would cut the callback period short.
   void exitWhenActive() {
     ASSERT_TRUE(waitForLogCount(kCallActive, 1));
     ASSERT_EQ(car.call("exitEcall"), kOk);
   }
 
-  // The channel's messages since the mark; with a first byte, only those
-  // (1: the mirror LED, 2: Assist).
-  std::vector<Bytes> channel(int first = -1) {
-    std::vector<Bytes> out;
-    for (auto& bytes : car.channelMessages(mark))
-      if (first < 0 || (!bytes.empty() && bytes[0] == first)) out.push_back(bytes);
-    return out;
-  }
+  // The channel's messages since the mark; first byte 1: the mirror LED, 2: Assist.
+  std::vector<Bytes> channel(int first = -1) { return car.channelMessages(mark, first); }
   std::vector<Bytes> led() { return channel(1); }
   bool waitForChannel(const std::vector<Bytes>& wanted, int first = -1) {
     return testSupport::waitUntil([&] { return channel(first) == wanted; }, kLong);
@@ -230,7 +206,7 @@ struct Scene {
   bool waitForLed(const std::vector<Bytes>& wanted) { return waitForChannel(wanted, 1); }
 
   Strings log() {
-    Strings all = car.emergencyLogMessages();
+    const Strings all = car.emergencyLogMessages();
     return Strings(all.begin() + static_cast<long>(std::min(logMark, all.size())), all.end());
   }
   // The log since the mark holds parts in this order; if not, it is shown.
@@ -239,17 +215,14 @@ struct Scene {
     if (containsInOrder(all, parts)) return testing::AssertionSuccess();
     return testing::AssertionFailure() << testing::PrintToString(all);
   }
-  size_t countInLog(const std::string& message) {
-    Strings all = log();
-    return static_cast<size_t>(std::count(all.begin(), all.end(), message));
-  }
+  size_t countInLog(const std::string& message) { return static_cast<size_t>(std::ranges::count(log(), message)); }
   bool waitForLogCount(const std::string& message, size_t count) {
     return testSupport::waitUntil([&] { return countInLog(message) >= count; }, kLong);
   }
 
   size_t countInTrace(const std::string& part) { return countOf(car.trace(), part); }
-  // A mirror button ("ecall" or "assist") pressed or released, and seen: a
-  // press and release in quick succession could otherwise pass unseen.
+  // A mirror button ("ecall" or "assist") pressed or released, and seen: a quick
+  // press and release could otherwise pass unseen.
   void button(const std::string& which, bool pressed) {
     simUntilTraced("button " + which + (pressed ? " press" : " release"),
                    std::string(which == "ecall" ? "ecallBtn" : "UcallBtn") + " pps value " + (pressed ? "1" : "0"));

@@ -1,5 +1,4 @@
-// Emergencies one after the other on one service, and what it holds
-// meanwhile; shared by the soak test and bench/soak.cpp.
+// Emergencies one after another on one service, and what it holds; shared with bench/soak.cpp.
 #pragma once
 
 #include <dirent.h>
@@ -32,8 +31,7 @@ inline Held heldBy(pid_t pid) {
   return held;
 }
 
-// The service without its trace (it would only grow); under the address
-// checker freed memory is reused at once, so that resident memory tells of leaks.
+// No trace (it would only grow); ASan reuses freed memory at once, so that resident memory tells of leaks.
 inline carScene::E2eOptions soakCar() {
   carScene::E2eOptions options = carScene::carOptions(kSoakScale);
   options.trace = false;
@@ -44,8 +42,7 @@ inline carScene::E2eOptions soakCar() {
   return options;
 }
 
-// The n-th emergency, from a request, a crash or the button by turns, to
-// idle; false (with a failure) when a step did not come.
+// The n-th emergency (a request, a crash or the button by turns) to idle; false when a step did not come.
 inline bool oneEmergency(carScene::Scene& s, int n) {
   s.mark = s.car.recordMark();
   switch (n % 3) {
@@ -65,8 +62,7 @@ inline bool oneEmergency(carScene::Scene& s, int n) {
     return false;
   }
   s.sim("psap hangup");
-  auto idle = [](const Json::Value& signal) { return !signal["ecall"].asBool() && !signal["ecallModeActive"].asBool(); };
-  const bool ended = !s.waitForSignal(idle).isNull() && testSupport::waitUntil([&] {
+  const bool ended = !s.waitForSignal(carScene::Scene::idle).isNull() && testSupport::waitUntil([&] {
     return s.car.emergencyLog().ends_with(":End emergency mode\n");
   }, carScene::kLong);
   if (!ended) ADD_FAILURE() << "emergency " << n << " did not end in idle";

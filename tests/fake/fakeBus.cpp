@@ -30,15 +30,14 @@ struct State {
   SvcIpcSubscription subscription{};
   SvcIpcRegistration* registration = nullptr;
   SvcIpcConnection connection{};
-  // The bus thread: jobs run in order, outside the lock. The queue keeps
-  // its storage when it empties, so that a steady run allocates nothing.
+  // The bus thread's jobs, run in order outside the lock; kept storage: a steady run allocates nothing.
   std::condition_variable changed;
   std::vector<std::function<void()>> queue;
   size_t next = 0;  // the first job not taken
   uint64_t posted = 0, done = 0;
   std::thread::id busThreadId;
   bool inWaitingThread = false;  // no bus thread: the waiter runs the jobs
-  bool delivering = false;       // a waiter runs them now
+  bool delivering = false;       // a thread runs them now
 };
 
 State& state() {
@@ -46,13 +45,23 @@ State& state() {
   return *s;
 }
 
-std::function<void()> takeJob(State& s) {
-  std::function<void()> job = std::move(s.queue[s.next++]);
-  if (s.next == s.queue.size()) {
-    s.queue.clear();
-    s.next = 0;
+// Runs the queued jobs in the calling thread, those they queue included.
+void deliverQueued(State& s, std::unique_lock<std::mutex>& lock) {
+  if (s.delivering) return;  // called from a callback: its own waiter goes on
+  s.delivering = true;
+  while (s.next < s.queue.size()) {
+    std::function<void()> job = std::move(s.queue[s.next++]);
+    if (s.next == s.queue.size()) {
+      s.queue.clear();
+      s.next = 0;
+    }
+    lock.unlock();
+    job();
+    lock.lock();
+    ++s.done;
+    s.changed.notify_all();
   }
-  return job;
+  s.delivering = false;
 }
 
 void busThreadBody() {
@@ -60,12 +69,7 @@ void busThreadBody() {
   std::unique_lock<std::mutex> lock(s.mutex);
   for (;;) {
     s.changed.wait(lock, [&] { return s.next < s.queue.size(); });
-    std::function<void()> job = takeJob(s);
-    lock.unlock();
-    job();
-    lock.lock();
-    ++s.done;
-    s.changed.notify_all();
+    deliverQueued(s, lock);
   }
 }
 
@@ -83,20 +87,6 @@ uint64_t post(std::function<void()> job) {
   return ++s.posted;
 }
 
-// Runs the queued jobs in the calling thread, those they queue included.
-void deliverQueued(State& s, std::unique_lock<std::mutex>& lock) {
-  if (s.delivering) return;  // called from a callback: its own waiter goes on
-  s.delivering = true;
-  while (s.next < s.queue.size()) {
-    std::function<void()> job = takeJob(s);
-    lock.unlock();
-    job();
-    lock.lock();
-    ++s.done;
-  }
-  s.delivering = false;
-}
-
 void waitDone(uint64_t seq) {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
@@ -107,8 +97,7 @@ void waitDone(uint64_t seq) {
 
 std::string text(const char* p) { return p ? std::string(p) : std::string(); }
 
-// Records a call; for an invoke, finds the peer's answer, which fails at
-// once when its rc is negative.
+// Records a call; for an invoke, finds the peer's answer (a negative rc fails at once).
 SVCIPC_tError record(const fakeBus::Call& call, fakeBus::Reply* reply = nullptr) {
   std::lock_guard<std::mutex> lock(state().mutex);
   state().calls.push_back(call);
@@ -257,11 +246,10 @@ std::vector<std::string> emittedData(const std::string& sigName) {
 }
 
 MethodResult callMethod(const std::string& method, const char* params, int noReplyExpected) {
-  SvcIpcRegistration* reg;
-  {
+  SvcIpcRegistration* reg = [] {
     std::lock_guard<std::mutex> lock(state().mutex);
-    reg = state().registration;
-  }
+    return state().registration;
+  }();
   if (!reg || !reg->handler) return MethodResult{};
   SvcIpcRequest request;
   waitDone(post([&] { reg->handler(&request, method.c_str(), params, noReplyExpected, reg->userData); }));

@@ -1,8 +1,6 @@
-// A fake service bus for the unit tests and the fuzz targets: the SVCIPC_*
-// functions in-process. Requests and signals are recorded, peers answer as
-// the test says, results and method calls come on a bus thread of its own
-// (the delivering functions wait for the callback). Every name has an
-// owner; subscriptions are never fed.
+// The SVCIPC_* functions in-process, for the unit tests and fuzz targets:
+// requests and signals recorded, peers answering as the test says, results
+// and method calls delivered on a bus thread. Subscriptions are never fed.
 #pragma once
 
 #include <functional>
@@ -30,7 +28,7 @@ struct Reply {
 // Forgets every call and reply.
 void reset();
 
-// Answers of a peer's method: computed from the parameters (under the fake's
+// A peer method's answers: computed from the parameters (under the fake's
 // lock), or given in turn, the last for good. Unset: rc 0 with "{}".
 using Responder = std::function<Reply(const std::string& params)>;
 void setResponder(const std::string& busName, const std::string& method, Responder responder);
@@ -54,10 +52,8 @@ MethodResult callMethod(const std::string& method, const char* params, int noRep
 // Waits until every queued delivery (async results) has run.
 void drain();
 
-// Deliveries run in the thread that waits for them (drain, callMethod,
-// reset) instead of on the bus thread: still after the call that caused
-// them has returned, but without a thread. For programs that drive the
-// service from one thread, the fuzz targets.
+// Deliveries run, still after the call that caused them, in the thread that
+// waits for them (drain, callMethod, reset): for the one-thread fuzz targets.
 void deliverInWaitingThread();
 
 }  // namespace fakeBus

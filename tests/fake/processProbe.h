@@ -1,5 +1,5 @@
-// The unit tests' and fuzz targets' view into the process objects: each
-// function returns the member of that name (a friend of the classes).
+// The tests' view into the process objects: each function returns the
+// member of that name (a friend of the classes).
 #pragma once
 
 #include "ecallMain/processObjects.h"
@@ -48,7 +48,6 @@ struct processProbe {
   PROCESS_PROBE_MEMBER(extServHandle, mVehicleBrandIndex)
   PROCESS_PROBE_MEMBER(extServHandle, mEmbeddedPhoneEnabled)
   PROCESS_PROBE_MEMBER(extServHandle, mVariantInfoKnown)
-  PROCESS_PROBE_MEMBER(extServHandle, mPlatformAvailable)
 
   PROCESS_PROBE_MEMBER(canIpcEmergencyHandler, mLastLedSetStatus)
 };

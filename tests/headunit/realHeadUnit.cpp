@@ -8,14 +8,12 @@
 
 #include <filesystem>
 
-#include "support/testSupport.h"
 
 namespace {
 
 testSupport::E2eOptions vehicleOnly() {
   testSupport::E2eOptions options;
-  // Slow enough that the real modem's pace (oFono polls the calls every
-  // half second) fits in every time-out of the service.
+  // Slow enough for the real modem's pace (oFono polls the calls every 0.5 s).
   options.timeScale = 0.1;
   options.startService = false;
   options.simArgs = {"--vehicle-only"};
@@ -25,9 +23,7 @@ testSupport::E2eOptions vehicleOnly() {
 // A TCP port nobody listens on now, for gpsd.
 std::string freePort() {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t length = sizeof address;
   bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
   getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
@@ -38,14 +34,13 @@ std::string freePort() {
 }  // namespace
 
 RealHeadUnit::RealHeadUnit(const Setup& setup)
-    : harnessPtr(std::make_unique<testSupport::E2eHarness>(vehicleOnly())), harness(*harnessPtr) {
+    : harness(vehicleOnly()) {
   char folder[] = "/tmp/ecall-headunit-XXXXXX";
   dir = mkdtemp(folder);
   const std::string systemBus = "DBUS_SYSTEM_BUS_ADDRESS=" + harness.busAddress();
 
-  const std::string& modemState = setup.modemState;
   modem = std::make_unique<testSupport::Child>(
-      std::vector<std::string>{PYTHON3, MODEM_EMULATOR, modemState, ECALLCTL_BIN}, std::vector<std::string>{}, true);
+      std::vector<std::string>{PYTHON3, MODEM_EMULATOR, setup.modemState, ECALLCTL_BIN}, std::vector<std::string>{}, true);
   const std::string& said = modem->out();
   if (!waitForModem("ecall port ", 0, ms(10000)))
     throw std::runtime_error("the modem emulator did not start: " + modem->err());
@@ -53,9 +48,8 @@ RealHeadUnit::RealHeadUnit(const Setup& setup)
                          "[phonesim]\nAddress=127.0.0.1\nPort=" + said.substr(5, said.find('\n') - 5) + "\n");
   startOfono();
 
-  // gpsfake in a PID namespace of its own: whatever ends it (or this test)
-  // ends the gpsd it started too, which drops its privileges and with them
-  // any parent-death signal.
+  // gpsfake in a PID namespace of its own: whatever ends it ends its gpsd too,
+  // which drops its privileges and with them any parent-death signal.
   const std::string gpsPort = freePort();
   gps = std::make_unique<testSupport::Child>(std::vector<std::string>{
       UNSHARE, "--pid", "--fork", "--kill-child", GPSFAKE, "-q", "-c", "0.1", "-P", gpsPort, DRIVE_NMEA},
@@ -77,7 +71,7 @@ RealHeadUnit::RealHeadUnit(const Setup& setup)
       std::vector<std::string>{HEADUNIT_BIN, "--config", dir + "/ecall-headunit.conf", "--bus", harness.busAddress(),
                                "--speech-out", speechFolder()},
       std::vector<std::string>{systemBus});
-  if (!waitForBridge(modemState == "off" ? "ecall-headunit: ready" : "\"embeddedPhoneStatus\":{\"status\":true}") ||
+  if (!waitForBridge(setup.modemState == "off" ? "ecall-headunit: ready" : "\"embeddedPhoneStatus\":{\"status\":true}") ||
       !waitForBridge("NDR: position fixed"))
     throw std::runtime_error("the head unit did not come up; it said:\n" + bridge->out() + bridge->err());
   if (!setup.service) return;
@@ -86,8 +80,7 @@ RealHeadUnit::RealHeadUnit(const Setup& setup)
 }
 
 RealHeadUnit::~RealHeadUnit() {
-  // The service first, so that it sees no peer go away.
-  harnessPtr.reset();
+  harness.stopService();  // first, so that it sees no peer go away
   for (auto* child : {&bridge, &gps, &ofono, &modem}) {
     if (!*child) continue;
     // unshare ignores SIGTERM while its child runs; killed, it kills gpsfake,

@@ -1,11 +1,7 @@
-// The real stack around ecallService on one private bus (oFono's and the
-// bridge's system bus): the car's micro from vehicle-sim --vehicle-only,
-// ecall-headunit, ofonod with the modem emulator (modem.py) on its phonesim
-// port, gpsd fed by gpsfake with the project's drive.
-//   RealHeadUnit car;        // all up, the phone ON, the service started
-//   RealHeadUnit car("pin"); // the modem in another state ("off": the
-//                            // service starts without waiting for the phone)
-//   RealHeadUnit car({.europe = true});  // the EU market, an eCall port
+// The real stack around ecallService on one private bus: the car's micro
+// (vehicle-sim --vehicle-only), ecall-headunit, ofonod on the modem emulator
+// (modem.py), gpsd fed by gpsfake with the project's drive. A modem state
+// "off" starts the service without waiting for the phone.
 #pragma once
 
 #include <chrono>
@@ -38,8 +34,7 @@ class RealHeadUnit {
   void startOfono();
   std::string speechFolder() const { return dir + "/speech"; }
 
-  std::unique_ptr<testSupport::E2eHarness> harnessPtr;
-  testSupport::E2eHarness& harness;
+  testSupport::E2eHarness harness;
   std::string dir;
   std::unique_ptr<testSupport::Child> modem, ofono, gps, bridge;
 };

@@ -27,31 +27,22 @@ namespace testSupport {
 
 namespace {
 
-#ifndef ECALL_E2E_SLOWDOWN
-#define ECALL_E2E_SLOWDOWN 1
-#endif
-
-// The --time-scale of both processes for a test's pace (see tests/CMakeLists.txt).
-double carScale(double testScale) { return std::min(1.0, testScale * ECALL_E2E_SLOWDOWN); }
-
 std::string fixed(double value) {
   char text[32];
   snprintf(text, sizeof text, "%g", value);
   return text;
 }
 
-// Starts a program on the given standard streams, env's entries replacing
-// the test's own. The child dies with the creating thread (a crash, a
-// time-out kill), so that no service or car outlives its test.
+// Starts a program on the given streams, env's entries replacing the test's.
+// It dies with the creating thread, so that nothing outlives its test.
 pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, const std::vector<std::string>& env = {},
             const std::function<void()>& beforeExec = {}) {
   std::vector<std::string> environment(env);
-  auto given = [&env](const std::string& entry) {
-    const std::string name = entry.substr(0, entry.find('=') + 1);
-    return std::any_of(env.begin(), env.end(), [&](const std::string& e) { return e.rfind(name, 0) == 0; });
-  };
-  for (char** e = environ; *e != nullptr; ++e)
-    if (!given(*e)) environment.emplace_back(*e);
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string_view name(*e, strcspn(*e, "=") + 1);
+    auto replaced = [&](const std::string& given) { return given.starts_with(name); };
+    if (std::ranges::none_of(env, replaced)) environment.emplace_back(*e);
+  }
   std::vector<char*> argv, envp;
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
@@ -65,7 +56,7 @@ pid_t spawn(const std::vector<std::string>& args, int in, int out, int err, cons
     if (getppid() != parent) _exit(127);  // the test died already
     if (dup2(in, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0) _exit(127);
     if (beforeExec) beforeExec();
-    execve(argv[0], argv.data(), envp.data());
+    execvpe(argv[0], argv.data(), envp.data());
     _exit(127);
   }
   return pid;
@@ -88,8 +79,6 @@ std::string tail(const std::string& text, size_t lines) {
   return out;
 }
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 }  // namespace
 
 Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, bool input,
@@ -99,19 +88,16 @@ Child::Child(const std::vector<std::string>& argv, const std::vector<std::string
       pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
     return;
   mPid = spawn(argv, in[0], out[1], err[1], env, beforeExec);
-  close(in[0]);
+  for (int fd : {in[0], out[1], err[1]}) close(fd);
   mIn = in[1];
-  close(out[1]);
-  close(err[1]);
   mOut = out[0];
   mErr = err[0];
 }
 
 Child::~Child() {
   killAndReap(mPid);
-  if (mIn >= 0) close(mIn);
-  if (mOut >= 0) close(mOut);
-  if (mErr >= 0) close(mErr);
+  for (int fd : {mIn, mOut, mErr})
+    if (fd >= 0) close(fd);
 }
 
 void Child::signal(int sig) {
@@ -259,9 +245,9 @@ E2eHarness::~E2eHarness() {
   if (mConnection) SVCIPC_closeConnection(mConnection);
   SVCIPC_shutdown();
   mBus.reset();
-  bool failed = ::testing::Test::HasFailure();
-  if (failed) dumpOnFailure();
-  if (!failed && !getenv("ECALL_E2E_KEEP")) {
+  if (::testing::Test::HasFailure()) {
+    dumpOnFailure();
+  } else if (!getenv("ECALL_E2E_KEEP")) {
     std::error_code ec;
     std::filesystem::remove_all(mWorkDir, ec);
   }
@@ -325,9 +311,7 @@ void E2eHarness::startService() {
                                    "--time-scale", fixed(carScale(mOptions.timeScale))};
   if (mOptions.trace) args.insert(args.end(), {"--trace", mTraceFile});
   mServicePid = spawn(args, in, out, err, mOptions.serviceEnv, mOptions.beforeServiceExec);
-  close(in);
-  close(out);
-  close(err);
+  for (int fd : {in, out, err}) close(fd);
   ASSERT_GT(mServicePid, 0) << "cannot start " << binary;
   ASSERT_TRUE(waitForService(mOptions.startDeadline))
       << "ecallService did not register on the bus; its standard error:\n"
@@ -335,34 +319,23 @@ void E2eHarness::startService() {
 }
 
 bool E2eHarness::waitForService(ms deadline) {
-  return waitUntil(
-      [this] {
-        if (!serviceRunning()) return true;  // ended: no point waiting
-        int has = 0;
-        return !SVCIPC_IS_ERROR(SVCIPC_nameHasOwner(mConnection, "com.nordak.service.ecallService", &has)) &&
-               has != 0;
-      },
-      deadline) &&
-         serviceRunning();
+  auto registered = [this] {
+    int has = 0;
+    return !SVCIPC_IS_ERROR(SVCIPC_nameHasOwner(mConnection, "com.nordak.service.ecallService", &has)) && has != 0;
+  };
+  return waitUntil([&] { return !serviceRunning() || registered(); }, deadline) && serviceRunning();
 }
 
 void E2eHarness::stopService() { killAndReap(mServicePid); }
 
 bool E2eHarness::serviceRunning() {
-  if (mServicePid <= 0) return false;
-  int status = 0;
-  pid_t rc = waitpid(mServicePid, &status, WNOHANG);
-  if (rc == mServicePid) {
-    mServicePid = -1;
-    return false;
-  }
-  return true;
+  if (mServicePid > 0 && waitpid(mServicePid, nullptr, WNOHANG) == mServicePid) mServicePid = -1;
+  return mServicePid > 0;
 }
 
 SVCIPC_tError invokeOn(SVCIPC_tConnection connection, const std::string& service, const std::string& method,
                        const std::string& params, int timeoutMs, std::string* reply) {
-  std::string name = "com.nordak.service." + service;
-  std::string objectPath = "/com/nordak/service/" + service;
+  const std::string name = "com.nordak.service." + service, objectPath = "/com/nordak/service/" + service;
   SVCIPC_tResponse* response = nullptr;
   SVCIPC_tError rc = SVCIPC_invoke(connection, name.c_str(), objectPath.c_str(), method.c_str(), params.c_str(),
                                    timeoutMs, &response);
@@ -373,8 +346,7 @@ SVCIPC_tError invokeOn(SVCIPC_tConnection connection, const std::string& service
 
 std::string E2eHarness::call(const std::string& method, const std::string& params, int timeoutMs) {
   std::string reply;
-  SVCIPC_tError rc = invoke("ecallService", method, params, timeoutMs, &reply);
-  return SVCIPC_IS_ERROR(rc) ? kNoReply : reply;
+  return SVCIPC_IS_ERROR(invoke("ecallService", method, params, timeoutMs, &reply)) ? kNoReply : reply;
 }
 
 bool E2eHarness::notify(const std::string& method, const std::string& params) {
@@ -402,8 +374,6 @@ void E2eHarness::refreshRecords() {
   }
 }
 
-size_t E2eHarness::recordMark() { return records().size(); }
-
 std::vector<Json::Value> E2eHarness::recordsSince(size_t mark, const std::string& kind) {
   std::lock_guard<std::mutex> lock(mRecordMutex);
   refreshRecords();
@@ -415,16 +385,13 @@ std::vector<Json::Value> E2eHarness::recordsSince(size_t mark, const std::string
 
 Json::Value E2eHarness::waitForRecordSince(size_t mark, const Pred& pred, ms deadline) {
   Json::Value found;
-  waitUntil(
-      [&] {
-        for (const auto& r : recordsSince(mark))
-          if (pred(r)) {
-            found = r;
-            return true;
-          }
-        return false;
-      },
-      deadline);
+  auto came = [&] {
+    const auto all = recordsSince(mark);
+    const auto it = std::ranges::find_if(all, pred);
+    if (it != all.end()) found = *it;
+    return it != all.end();
+  };
+  waitUntil(came, deadline);
   return found;
 }
 
@@ -437,9 +404,10 @@ std::vector<Json::Value> E2eHarness::requestsSince(size_t mark, const std::strin
 
 Json::Value E2eHarness::waitForRequestSince(size_t mark, const std::string& service, const std::string& method,
                                             ms deadline) {
-  return waitForRecordSince(
-      mark, [&](const Json::Value& r) { return r["kind"] == "request" && r["service"] == service && r["method"] == method; },
-      deadline);
+  auto asked = [&](const Json::Value& r) {
+    return r["kind"] == "request" && r["service"] == service && r["method"] == method;
+  };
+  return waitForRecordSince(mark, asked, deadline);
 }
 
 std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark, const std::string& name) {
@@ -449,36 +417,26 @@ std::vector<std::string> E2eHarness::ecallSignalTextsSince(size_t mark, const st
 }
 
 Json::Value E2eHarness::waitForEcallSignalSince(size_t mark, const Pred& pred, ms deadline) {
-  Json::Value found;
-  waitForRecordSince(
-      mark,
-      [&](const Json::Value& r) {
-        Json::Value data;
-        if (r["kind"] != "ecall" || !jsonParse(r["data"].asString().c_str(), data) || !pred(data)) return false;
-        found = data;
-        return true;
-      },
-      deadline);
-  return found;
+  Json::Value data;
+  auto matches = [&](const Json::Value& r) {
+    return r["kind"] == "ecall" && jsonParse(r["data"].asString().c_str(), data) && pred(data);
+  };
+  return waitForRecordSince(mark, matches, deadline).isNull() ? Json::Value() : data;
 }
 
-std::vector<std::vector<int>> E2eHarness::channelMessages(size_t mark) {
+std::vector<std::vector<int>> E2eHarness::channelMessages(size_t mark, int first) {
   std::vector<std::vector<int>> out;
   for (const auto& r : recordsSince(mark, "channel")) {
     std::vector<int> bytes;
     for (const auto& b : r["bytes"]) bytes.push_back(b.asInt());
-    out.push_back(bytes);
+    if (first < 0 || (!bytes.empty() && bytes[0] == first)) out.push_back(bytes);
   }
   return out;
 }
 
 bool E2eHarness::waitForChannelMessage(const std::vector<int>& bytes, ms deadline) {
-  return waitUntil(
-      [&] {
-        auto all = channelMessages();
-        return std::find(all.begin(), all.end(), bytes) != all.end();
-      },
-      deadline);
+  auto sent = [&] { return std::ranges::count(channelMessages(), bytes) > 0; };
+  return waitUntil(sent, deadline);
 }
 
 bool E2eHarness::waitForChannelConnected(ms deadline, size_t mark) {
@@ -491,8 +449,6 @@ bool E2eHarness::waitForServiceStarted(ms deadline, size_t mark) {
          waitForChannelConnected(deadline, mark);
 }
 
-std::string E2eHarness::emergencyLog() const { return readFile(path("/fs/etfs/usr/var/ecall/ecall_log.txt")); }
-
 std::vector<std::string> logEntryMessages(const std::string& text) {
   // An entry: "HH:MM:SS Month DD, YYYY GMT:" then "NNNNNNN:" or "ODO N/A:".
   static const std::regex entry(R"(^\d\d:\d\d:\d\d [A-Za-z]+ \d\d, \d{4} GMT:(?:\d{7}|ODO N/A):(.*)$)");
@@ -503,40 +459,13 @@ std::vector<std::string> logEntryMessages(const std::string& text) {
   return out;
 }
 
-bool E2eHarness::waitForEmergencyLog(const std::string& part, ms deadline) const {
-  return waitUntil([&] { return contains(emergencyLog(), part); }, deadline);
-}
-
-std::string E2eHarness::trace() const { return readFile(mTraceFile); }
-
-bool E2eHarness::waitForTrace(const std::string& part, ms deadline) const {
-  return waitUntil([&] { return contains(trace(), part); }, deadline);
-}
-
-std::string E2eHarness::serviceStderr() const { return readFile(mServiceErr); }
-
-bool E2eHarness::waitForSlog(const std::string& part, ms deadline) const {
-  return waitUntil([&] { return contains(serviceStderr(), part); }, deadline);
-}
-
-std::string E2eHarness::serviceStdout() const { return readFile(mServiceOut); }
-
 void E2eHarness::dumpOnFailure() {
-  std::string record;
-  {
-    std::lock_guard<std::mutex> lock(mRecordMutex);
-    refreshRecords();
-    size_t from = mRecords.size() > 40 ? mRecords.size() - 40 : 0;
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    for (size_t i = from; i < mRecords.size(); ++i) record += "    " + Json::writeString(builder, mRecords[i]) + "\n";
-  }
   fprintf(stderr,
           "--- end-to-end files kept in %s\n--- ecallService standard error (last lines):\n%s"
           "--- ecallService trace (last lines):\n%s--- vehicle-sim standard error:\n%s"
           "--- vehicle-sim record (last entries):\n%s",
           mWorkDir.c_str(), tail(serviceStderr(), 30).c_str(), tail(trace(), 40).c_str(),
-          tail(mSim ? mSim->err() : "", 20).c_str(), record.c_str());
+          tail(mSim ? mSim->err() : "", 20).c_str(), tail(readFile(mRecordFile), 40).c_str());
 }
 
 }  // namespace testSupport

@@ -7,45 +7,30 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 
 #include "support/e2eHarness.h"
-#include "support/testSupport.h"
 
 namespace testSupport {
 
 namespace {
 
-std::string findDaemon() {
-  const char* path = getenv("PATH");
-  std::stringstream folders(path != nullptr ? path : "/usr/bin:/bin");
-  std::string folder;
-  while (std::getline(folders, folder, ':')) {
-    const std::string candidate = (folder.empty() ? "." : folder) + "/dbus-daemon";
-    if (access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return "/usr/bin/dbus-daemon";
-}
-
 // A session bus policy: no limits on who owns or sends what.
-const char* const kSessionPolicy =
-    "  <policy context=\"default\">\n"
-    "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-    "    <allow eavesdrop=\"true\"/>\n"
-    "    <allow own=\"*\"/>\n"
-    "  </policy>\n";
+const char* const kSessionPolicy = R"(  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+)";
 
 std::string configText(const std::string& dir, const std::string& policy) {
-  return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-         "<busconfig>\n"
-         "  <type>session</type>\n"
-         "  <listen>unix:dir=" +
-         dir +
-         "</listen>\n"
-         "  <auth>EXTERNAL</auth>\n" +
-         (policy.empty() ? std::string(kSessionPolicy) : policy) + "</busconfig>\n";
+  return R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:dir=)" + dir + R"(</listen>
+  <auth>EXTERNAL</auth>
+)" + (policy.empty() ? std::string(kSessionPolicy) : policy) + "</busconfig>\n";
 }
 
 }  // namespace
@@ -59,7 +44,7 @@ PrivateBus::PrivateBus(const std::string& policy, std::chrono::milliseconds star
   const bool opened = policy.empty() || chmod(mDir.c_str(), 0755) == 0;
   const std::string config = mDir + "/bus.conf";
   writeFile(config, configText(mDir, policy));
-  mDaemon = std::make_unique<Child>(std::vector<std::string>{findDaemon(), "--config-file=" + config,
+  mDaemon = std::make_unique<Child>(std::vector<std::string>{"dbus-daemon", "--config-file=" + config,
                                                              "--print-address", "--nofork", "--nopidfile", "--nosyslog"},
                                      std::vector<std::string>{}, false, beforeExec);
   const std::string& out = mDaemon->out();

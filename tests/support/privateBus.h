@@ -14,10 +14,9 @@ class Child;
 
 class PrivateBus {
  public:
-  // Starts the daemon and waits for its address. A policy replaces the
-  // session-like one: the XML after <listen> and <auth> in <busconfig>; the
-  // folder is then open to other accounts. beforeExec runs in the daemon's
-  // process before its program (system calls only).
+  // Starts the daemon and waits for its address. A policy (the XML after
+  // <auth> in <busconfig>) replaces the session-like one and opens the folder
+  // to other accounts. beforeExec runs before its program (system calls only).
   explicit PrivateBus(const std::string& policy = "",
                       std::chrono::milliseconds startDeadline = std::chrono::seconds(10),
                       const std::function<void()>& beforeExec = {});

@@ -1,5 +1,4 @@
-// Helpers shared by the tests: a temporary root, the logs captured, files,
-// waits, pulses.
+// Helpers shared by the tests: a temporary root, logs, files, waits, pulses.
 #pragma once
 
 #include <chrono>
@@ -53,18 +52,15 @@ bool fileExists(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);  // creates parent folders
 void makeDirs(const std::string& path);
 std::vector<std::string> splitLines(const std::string& text);
-// The deadline of every wait for an event: what a loaded machine running the
-// sanitizer builds may need. Only a failure waits this long.
+// Every wait's deadline: what a loaded machine under the sanitizers may need.
 inline constexpr std::chrono::milliseconds kWaitDeadline{30000};
-// Re-checks pred on a short period until it holds or the deadline passes;
-// pred's last value.
+// Re-checks pred until it holds or the deadline passes; pred's last value.
 bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds deadline = kWaitDeadline);
 
 // A channel of the test and a connection to it, for timers and pulse senders.
 struct PulseChannel {
   PulseChannel();
-  // The code of the next pulse (its value into *value), or -1 when none came
-  // within the deadline (a pulse of the test's own then ends the receive).
+  // The next pulse's code (its value into *value), or -1 when none came in time.
   int next(std::chrono::milliseconds deadline = kWaitDeadline, int* value = nullptr);
   // True when nothing but a pulse of the test's own, sent now, is queued.
   bool nothingQueued();

@@ -4,18 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
-#include <vector>
 
 #include "ecallMain/ecallMain.h"
-#include "ecallMain/processObjects.h"
-#include "ecallProcessor/ecallProcessor.h"
 #include "ecallProcessor/processorTimers.h"
-#include "externalServiceHandling/externalServiceHandling.h"
 #include "fake/fakeBus.h"
 #include "fake/processProbe.h"
-#include "orcImpact/CANImpactECallHandler.h"
 #include "platform/pulses.h"
 #include "platform/runtime.h"
 #include "support/testSupport.h"
@@ -50,9 +44,8 @@ class UnitFixture : public ::testing::Test {
   testSupport::LogCapture log;
 };
 
-// A channel of the test in place of the state machine's: the timers and the
-// pulse senders deliver to it, so a test sees which pulse a request produces
-// without a state machine reacting.
+// The test's channel in place of the state machine's: a test sees which pulse
+// a request produces, without a state machine reacting.
 struct PulseProbe : testSupport::PulseChannel {
   PulseProbe() : PulseProbe(processProbe::timers()) { processProbe::stateMachineSendChannel() = coid; }
   // Only the given timers deliver to the probe (no process objects needed).
